@@ -1,0 +1,86 @@
+#include "common/CDataStream.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "common/UniqueFd.h"
+
+void CDataStream::SetAt(const void* data, size_t length)
+{
+    if (data == nullptr || length == 0) {
+        m_Data.clear();
+        return;
+    }
+    const uint8_t* p = static_cast<const uint8_t*>(data);
+    m_Data.assign(p, p + length);
+}
+
+void CDataStream::Append(const void* data, size_t length)
+{
+    if (data == nullptr || length == 0)
+        return;
+    const uint8_t* p = static_cast<const uint8_t*>(data);
+    m_Data.insert(m_Data.end(), p, p + length);
+}
+
+bool CDataStream::ReadFromFile(const char* path, size_t maxSize)
+{
+    if (path == nullptr || *path == '\0') {
+        m_LastError = "CDataStream::ReadFromFile() : Argument file path is empty!";
+        return false;
+    }
+    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    std::vector<uint8_t> content;
+    bool ok = fd.Valid();
+    if (ok) {
+        uint8_t chunk[16384];
+        while (content.size() < maxSize) {
+            size_t want = sizeof chunk;
+            if (maxSize - content.size() < want)
+                want = maxSize - content.size();
+            ssize_t got = read(fd.Get(), chunk, want);
+            if (got < 0) {
+                if (errno == EINTR)
+                    continue;
+                ok = false;
+                break;
+            }
+            if (got == 0)
+                break;
+            content.insert(content.end(), chunk, chunk + got);
+        }
+    }
+    if (!ok) {
+        m_LastError = std::string("CDataStream::ReadFromFile() : Could not read file : '") + path + "'";
+        return false;
+    }
+    m_Data.swap(content);
+    m_LastError.clear();
+    return true;
+}
+
+std::string CDataStream::DumpHex() const
+{
+    std::string out;
+    char line[128];
+    for (size_t off = 0; off < m_Data.size(); off += 16) {
+        int n = snprintf(line, sizeof line, "%08zX  ", off);
+        std::string text(line, static_cast<size_t>(n));
+        std::string chars;
+        for (size_t i = 0; i < 16; ++i) {
+            if (off + i < m_Data.size()) {
+                uint8_t b = m_Data[off + i];
+                snprintf(line, sizeof line, "%02X ", b);
+                text += line;
+                chars += (b >= 0x20 && b <= 0x7E) ? static_cast<char>(b) : '.';
+            } else {
+                text += "   ";
+            }
+        }
+        out += text + " " + chars + "\n";
+    }
+    return out;
+}

@@ -1,0 +1,140 @@
+#include "common/CStrMap.h"
+
+#include <cstdlib>
+#include <cstring>
+
+CStrMap::~CStrMap()
+{
+    Clear();
+    free(m_Entries);
+}
+
+int CStrMap::compare(const char* a, const char* b)
+{
+    if (a == nullptr)
+        return b == nullptr ? 0 : 1;
+    if (b == nullptr)
+        return -1;
+    return strcmp(a, b);
+}
+
+int CStrMap::Position(const char* name, bool& found) const
+{
+    int lo = 0, hi = m_Count;
+    found = false;
+    while (lo < hi) {
+        int mid = lo + (hi - lo) / 2;
+        int c = compare(m_Entries[mid].name, name);
+        if (c == 0) {
+            found = true;
+            return mid;
+        }
+        if (c < 0)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
+}
+
+int CStrMap::Find(const char* name) const
+{
+    CCriticalSectionLock lock(m_Lock);
+    bool found = false;
+    int pos = Position(name, found);
+    return found ? pos : -1;
+}
+
+CStrMap::Entry* CStrMap::Lookup(const char* name)
+{
+    CCriticalSectionLock lock(m_Lock);
+    bool found = false;
+    int pos = Position(name, found);
+    return found ? &m_Entries[pos] : nullptr;
+}
+
+bool CStrMap::Grow()
+{
+    unsigned newCapacity = static_cast<unsigned>(m_Count) + kGrowth;
+    // realloc keeps large arrays cheap to grow (the allocator can move
+    // pages instead of copying); the new slots are zeroed as a fresh array's
+    // would be.
+    auto* grown = static_cast<Entry*>(realloc(m_Entries, newCapacity * sizeof(Entry)));
+    if (grown == nullptr)
+        return false;
+    memset(grown + m_Capacity, 0, (newCapacity - m_Capacity) * sizeof(Entry));
+    m_Entries = grown;
+    m_Capacity = newCapacity;
+    return true;
+}
+
+void CStrMap::FreeEntry(Entry& e)
+{
+    if (m_Deleter)
+        m_Deleter(e);
+    e.payload.ptr = nullptr;
+}
+
+int CStrMap::Set(const char* name, Entry value, bool* replaced)
+{
+    CCriticalSectionLock lock(m_Lock);
+    bool found = false;
+    int pos = Position(name, found);
+    if (replaced)
+        *replaced = found;
+    if (found) {
+        FreeEntry(m_Entries[pos]);
+        m_Entries[pos].payload = value.payload;
+        m_Entries[pos].type = value.type;
+        return pos;
+    }
+    char* copy = nullptr;
+    if (name != nullptr) {
+        copy = strdup(name);
+        if (copy == nullptr)
+            return -1;
+    }
+    if (static_cast<unsigned>(m_Count) >= m_Capacity && !Grow()) {
+        free(copy);
+        return -1;
+    }
+    memmove(&m_Entries[pos + 1], &m_Entries[pos], static_cast<size_t>(m_Count - pos) * sizeof(Entry));
+    m_Entries[pos].name = copy;
+    m_Entries[pos].payload = value.payload;
+    m_Entries[pos].type = value.type;
+    ++m_Count;
+    return pos;
+}
+
+bool CStrMap::RemoveAt(int index)
+{
+    CCriticalSectionLock lock(m_Lock);
+    if (index < 0 || index >= m_Count)
+        return false;
+    FreeEntry(m_Entries[index]);
+    free(m_Entries[index].name);
+    // The emptied slot moves to the end, as a re-sort would put it there.
+    memmove(&m_Entries[index], &m_Entries[index + 1], static_cast<size_t>(m_Count - index - 1) * sizeof(Entry));
+    --m_Count;
+    memset(&m_Entries[m_Count], 0, sizeof(Entry));
+    return true;
+}
+
+bool CStrMap::Remove(const char* name)
+{
+    CCriticalSectionLock lock(m_Lock);
+    bool found = false;
+    int pos = Position(name, found);
+    return found && RemoveAt(pos);
+}
+
+void CStrMap::Clear()
+{
+    CCriticalSectionLock lock(m_Lock);
+    for (int i = 0; i < m_Count; ++i) {
+        FreeEntry(m_Entries[i]);
+        free(m_Entries[i].name);
+        memset(&m_Entries[i], 0, sizeof(Entry));
+    }
+    m_Count = 0;
+}

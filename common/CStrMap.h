@@ -1,0 +1,99 @@
+// CStrMap: a sorted array map from names to payloads, guarded by a recursive
+// CCriticalSection.  Registry keys and the named-object registries of the
+// synchronisation primitives are built on it.
+//
+// Order: entries are sorted by name with CStrMap::compare (byte-wise strcmp,
+// a missing name sorts after every name).  Look-ups are binary searches; an
+// insertion goes to its binary-search position, which yields exactly the
+// order a full re-sort after every insertion would give, without moving the
+// whole array each time.  When the array is full it grows by 16 entries.
+#pragma once
+
+#include <cstdint>
+
+#include "common/CCriticalSection.h"
+
+class CStrMap {
+public:
+    struct Entry {
+        char* name;          ///< owned copy (malloc), null for an emptied slot
+        union {
+            void* ptr;       ///< owned payload; freed by the map's payload deleter
+            uint32_t number; ///< inline payload (the registry's 32-bit numbers)
+        } payload;
+        uint32_t type;       ///< caller-defined type code, passed to the deleter
+    };
+
+    /// Frees a payload of the given type; null means payloads are not owned.
+    using PayloadDeleter = void (*)(Entry& entry);
+
+    static constexpr unsigned kGrowth = 16;
+
+    explicit CStrMap(PayloadDeleter deleter = nullptr) : m_Deleter(deleter) {}
+    virtual ~CStrMap();
+    CStrMap(const CStrMap&) = delete;
+    CStrMap& operator=(const CStrMap&) = delete;
+
+    /// Byte-wise comparison; a null name sorts after every name and two null
+    /// names are equal.
+    static int compare(const char* a, const char* b);
+
+    /// Index of `name`, or -1.  Takes the lock.
+    int Find(const char* name) const;
+    /// The entry of `name`, or null.  The pointer is valid while the caller
+    /// holds the lock (or no other thread changes the map).
+    Entry* Lookup(const char* name);
+
+    /// Stores `payload` under `name`: an existing entry of that name has its
+    /// payload and type replaced in place (the old payload is freed by the
+    /// deleter first, according to its old type); otherwise a new entry with
+    /// a copy of the name is inserted at its sorted position.  `replaced`
+    /// tells which happened.  Returns the entry's index, or -1 when memory
+    /// ran out (nothing changed then; the caller keeps `payload`).
+    int Set(const char* name, Entry payloadAndType, bool* replaced = nullptr);
+    int SetPointer(const char* name, void* ptr, uint32_t type, bool* replaced = nullptr)
+    {
+        Entry e{};
+        e.payload.ptr = ptr;
+        e.type = type;
+        return Set(name, e, replaced);
+    }
+    int SetNumber(const char* name, uint32_t number, uint32_t type, bool* replaced = nullptr)
+    {
+        Entry e{};
+        e.payload.number = number;
+        e.type = type;
+        return Set(name, e, replaced);
+    }
+
+    /// Removes the entry of `name` (name and payload freed).  False when absent.
+    bool Remove(const char* name);
+    /// Removes the entry at `index`.  False when out of range.
+    bool RemoveAt(int index);
+    /// Removes every entry.
+    void Clear();
+
+    int GetCount() const { return m_Count; }
+    unsigned GetCapacity() const { return m_Capacity; }
+    /// True when the entry array has been allocated (a first insertion happened).
+    bool HasEntries() const { return m_Entries != nullptr; }
+    Entry& At(int index) { return m_Entries[index]; }
+    const Entry& At(int index) const { return m_Entries[index]; }
+
+    CCriticalSection& GetLock() const { return m_Lock; }
+
+protected:
+    void FreeEntry(Entry& e);
+
+private:
+    /// Binary search: index of `name` when found (found = true), else the
+    /// index where it would be inserted.
+    int Position(const char* name, bool& found) const;
+    bool Grow();
+
+    mutable CCriticalSection m_Lock;
+    Entry* m_Entries = nullptr;
+    unsigned m_Capacity = 0;
+    int m_Count = 0;
+    PayloadDeleter m_Deleter;
+};

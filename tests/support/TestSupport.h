@@ -1,0 +1,58 @@
+// Helpers shared by all test programs.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+/// A temporary directory, removed with its contents on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& Path() const { return m_Path; }
+    /// Path() + "/" + name.
+    std::string Sub(const std::string& name) const { return m_Path + "/" + name; }
+
+private:
+    std::string m_Path;
+};
+
+/// Writes `content` to `path` (creating parent directories); true on success.
+bool WriteFile(const std::string& path, const std::string& content);
+/// The whole file; empty when it cannot be read.
+std::string ReadFile(const std::string& path);
+bool FileExists(const std::string& path);
+/// mkdir -p.
+bool MakeDirs(const std::string& path);
+/// Removes a tree (rm -rf).
+void RemoveTree(const std::string& path);
+/// Splits text at '\n' (the final empty piece after a trailing newline is dropped).
+std::vector<std::string> SplitLines(const std::string& text);
+/// The shared firmware fixtures directory.
+std::string FixturesDir();
+
+/// Sets an environment variable for the lifetime of the object and restores
+/// the old value afterwards.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value);  // value null: unset
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string m_Name;
+    std::string m_Old;
+    bool m_HadOld = false;
+};
+
+/// True when the process runs as root and can make a private mount
+/// namespace (for end-to-end tests of the daemon).
+bool CanUseMountNamespace();
+
+} // namespace testsupport

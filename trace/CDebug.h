@@ -1,0 +1,83 @@
+// CDebug: the trace facility.  One global instance, `Debug`, is defined by
+// each program (the daemon's main source file, a tool's, a test program's)
+// and shared by all library code and by every module loaded into the
+// program.  The library only declares it.
+#pragma once
+
+#include <atomic>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+
+/// The interface through which other modules reach the trace.  The order of
+/// the virtual operations is part of the module boundary; do not reorder.
+class CDebugTraceConfig {
+public:
+    virtual ~CDebugTraceConfig() = default;
+    virtual bool IsMaster() const = 0;
+    virtual bool Init(const char* programName) = 0;
+    virtual void Print(unsigned int level, const char* format, ...) __attribute__((format(printf, 3, 4))) = 0;
+    virtual void PrintAlways(const char* format, ...) __attribute__((format(printf, 2, 3))) = 0;
+    virtual void PrintAlways(unsigned int level, const char* format, ...) __attribute__((format(printf, 3, 4))) = 0;
+    virtual void PrintAlwaysV(const char* format, va_list args, const char* name) = 0;
+    virtual void ClientPrintV(const char* format, va_list args, const char* name) = 0;
+};
+
+class CDebug : public CDebugTraceConfig {
+public:
+    /// Trace targets.
+    enum : unsigned { TARGET_NONE = 0, TARGET_LOGFILE = 1, TARGET_RINGBUFFER = 2 };
+
+    /// Tracing is off until Init.
+    CDebug();
+    /// As CDebug(), then Init(programName) when the name is not empty.
+    explicit CDebug(const char* programName);
+    ~CDebug() override;
+    CDebug(const CDebug&) = delete;
+    CDebug& operator=(const CDebug&) = delete;
+
+    bool IsMaster() const override { return true; }
+    /// Reads the configuration, opens the log file and, when tracing is
+    /// enabled, creates the initial ring buffer.
+    bool Init(const char* programName) override;
+
+    void Print(unsigned int level, const char* format, ...) override __attribute__((format(printf, 3, 4)));
+    void PrintV(unsigned int level, const char* format, va_list args);
+    void PrintAlways(const char* format, ...) override __attribute__((format(printf, 2, 3)));
+    void PrintAlways(unsigned int level, const char* format, ...) override __attribute__((format(printf, 3, 4)));
+    void PrintAlwaysV(const char* format, va_list args, const char* name) override;
+    void ClientPrintV(const char* format, va_list args, const char* name) override;
+
+    /// Stores the argument vector (not copied) and writes the command line.
+    void SetMainParams(int argc, char** argv);
+    /// Ends the start-up phase (initial ring buffer → active ring buffer).
+    void SetApplInitDone();
+    /// true: restore the configured level; false: silence tracing.
+    bool ForceMaxDebug(bool on);
+
+    /// The trace configuration directory (default
+    /// "/etc/norvane/TarvisSuite/TraceConfig").  Set it before Init.
+    void SetConfigDirectory(const char* dir);
+
+    /// Callers test this flag before they build a message and call Print.
+    std::atomic<bool> m_bEnabled{false};
+
+    bool IsEnabled() const { return m_bEnabled.load(std::memory_order_relaxed); }
+
+private:
+    struct Impl;
+    Impl* m_Impl;
+};
+
+/// The program's trace object.  Exactly one translation unit of every
+/// program defines it: `CDebug Debug;` (the daemon defines it first among its
+/// static objects; see daemon/kopd).  Modules loaded into a program use the
+/// program's instance.
+extern CDebug Debug;
+
+/// Traces at `level` when tracing is enabled; the arguments are evaluated only then.
+#define DBG_PRINT(level, ...)                                                                     \
+    do {                                                                                          \
+        if (Debug.m_bEnabled.load(std::memory_order_relaxed))                                     \
+            Debug.Print((level), __VA_ARGS__);                                                    \
+    } while (0)
