@@ -174,7 +174,11 @@ void CRegistry::InitClass()
     for (const RootKey& rk : kRootKeys) {
         CStrMap::Entry* e = root.Lookup(rk.name);
         if (e != nullptr && e->type == RegSubKey && e->payload.ptr != nullptr) {
-            *rk.handle = static_cast<CRegistryNode*>(e->payload.ptr);
+            // Written only when it changes: in the steady state handles
+            // built on other threads read these without the lock.
+            auto* node = static_cast<CRegistryNode*>(e->payload.ptr);
+            if (*rk.handle != node)
+                *rk.handle = node;
             continue;
         }
         DBG_PRINT(1, "CRegistry::InitClass() : re-initialize the registry-tree\n");

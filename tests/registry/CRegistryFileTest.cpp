@@ -277,7 +277,7 @@ TEST_F(RegistryTest, DeeplyNestedFileDoesNotExhaustTheStack)
 
 TEST_F(RegistryTest, LargeSortedKeyLoads)
 {
-    constexpr int kValues = 100000;
+    constexpr int kValues = 20000;
     std::string file = "[HKEY_LOCAL_MACHINE]\n[Big]\n";
     file.reserve(kValues * 24);
     char line[64];
@@ -291,8 +291,8 @@ TEST_F(RegistryTest, LargeSortedKeyLoads)
     CRegistryNode* big = Sub(CRegistry::HKEY_LOCAL_MACHINE, "Big");
     ASSERT_NE(big, nullptr);
     ASSERT_EQ(big->GetCount(), kValues);
-    EXPECT_EQ(Text(big, "v0054321"), "value 54321");
-    EXPECT_STREQ(big->At(kValues - 1).name, "v0099999");
+    EXPECT_EQ(Text(big, "v0014321"), "value 14321");
+    EXPECT_STREQ(big->At(kValues - 1).name, "v0019999");
 }
 
 TEST_F(RegistryTest, FailedSaveKeepsTheTreeDirty)
