@@ -1,0 +1,33 @@
+// Fixture of the registry tests: every test gets its own registry directory
+// and a fresh class-wide tree.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "registry/CRegistry.h"
+#include "support/TestSupport.h"
+
+class RegistryTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_FALSE(m_Dir.Path().empty());
+        CRegistry::SetRegistryDirectory(m_Dir.Path().c_str());
+    }
+    void TearDown() override
+    {
+        // Point the class at a directory that does not exist, so that
+        // nothing after this test can reach the machine's registry.
+        CRegistry::SetRegistryDirectory((m_Dir.Path() + "/gone").c_str());
+    }
+    std::string Current() const { return m_Dir.Sub("registry"); }
+    std::string Backup() const { return m_Dir.Sub("registry.old"); }
+    std::string Default() const { return m_Dir.Sub("registry.default"); }
+    std::string New() const { return m_Dir.Sub("registry.new"); }
+    /// Drops the tree so that the next handle loads from the files.
+    static void Reload() { CRegistry::ResetForTests(); }
+
+    testsupport::TempDir m_Dir;
+};

@@ -1,0 +1,537 @@
+#include "trace/CIniFile.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/UniqueFd.h"
+#include "trace/CDebug.h"
+
+namespace {
+
+/// Lines are handled in pieces of at most this many characters (with NUL).
+constexpr size_t kLineSize = 1024;
+/// Mode of a profile file created by a write.
+constexpr mode_t kCreateMode = 0644;
+
+bool IsSpace(char c)
+{
+    return isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+struct FreeDeleter {
+    void operator()(void* p) const { free(p); }
+};
+
+/// Copies `text` cut to `size` - 1 characters; returns the length copied.
+unsigned CopyCut(const char* text, char* buffer, unsigned size)
+{
+    size_t len = strlen(text);
+    if (len > size - 1)
+        len = size - 1;
+    memcpy(buffer, text, len);
+    buffer[len] = '\0';
+    return static_cast<unsigned>(len);
+}
+
+/// Reads one physical line for the writer: the line feed is removed, at most
+/// kLineSize - 1 characters are kept and the rest of a longer line is
+/// consumed, so that every line start seen by the writer is a real one.
+/// False at the end of the file.
+bool ReadWholeLine(FILE* f, char (&line)[kLineSize], long& start)
+{
+    start = ftell(f);
+    size_t n = 0;
+    bool any = false;
+    int c;
+    while ((c = getc(f)) != EOF) {
+        any = true;
+        if (c == '\n')
+            break;
+        if (n < kLineSize - 1)
+            line[n++] = static_cast<char>(c);
+    }
+    line[n] = '\0';
+    return any;
+}
+
+bool WriteAll(FILE* f, const char* data, size_t len)
+{
+    return len == 0 || fwrite(data, 1, len, f) == len;
+}
+
+/// Rewrites the file from `dest` on: an optional newline, then key=value and
+/// a newline when both are given, then everything that stood from `src` to
+/// the end of the file; the file is cut behind it.
+bool WriteLines(FILE* f, long dest, long src, const char* key, const char* value, bool newlineFirst)
+{
+    struct stat st {};
+    if (fstat(fileno(f), &st) != 0)
+        return false;
+    size_t restLen = st.st_size > src ? static_cast<size_t>(st.st_size - src) : 0;
+    std::unique_ptr<char, FreeDeleter> rest(static_cast<char*>(malloc(restLen + 1)));
+    if (!rest)
+        return false;
+    if (fseek(f, src, SEEK_SET) != 0)
+        return false;
+    if (restLen > 0 && fread(rest.get(), 1, restLen, f) != restLen)
+        return false;
+    if (fseek(f, dest, SEEK_SET) != 0)
+        return false;
+    bool ok = true;
+    if (newlineFirst)
+        ok = ok && WriteAll(f, "\n", 1);
+    if (key != nullptr && value != nullptr) {
+        ok = ok && WriteAll(f, key, strlen(key)) && WriteAll(f, "=", 1) && WriteAll(f, value, strlen(value)) &&
+             WriteAll(f, "\n", 1);
+    }
+    ok = ok && WriteAll(f, rest.get(), restLen);
+    ok = ok && fflush(f) == 0;
+    if (!ok)
+        return false;
+    long end = ftell(f);
+    return end >= 0 && ftruncate(fileno(f), end) == 0;
+}
+
+/// Appends `text` at the end of the file, first closing a last line that
+/// lacks its line feed so that the new text starts a line of its own.
+bool AppendText(FILE* f, const std::string& text)
+{
+    struct stat st {};
+    if (fstat(fileno(f), &st) != 0)
+        return false;
+    std::string out;
+    if (st.st_size > 0) {
+        if (fseek(f, static_cast<long>(st.st_size - 1), SEEK_SET) != 0)
+            return false;
+        if (getc(f) != '\n')
+            out = "\n";
+    }
+    out += text;
+    if (fseek(f, 0, SEEK_END) != 0)
+        return false;
+    return WriteAll(f, out.data(), out.size()) && fflush(f) == 0;
+}
+
+bool CreateProfile(const char* section, const char* key, const char* value, const char* fileName)
+{
+    UniqueFile f(fopen(fileName, "ae"));
+    if (!f) {
+        DBG_PRINT(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", strerror(errno));
+        return false;
+    }
+    fchmod(fileno(f.Get()), kCreateMode);
+    bool ok = fprintf(f.Get(), "\n[%s]\n\n%s=%s\n", section, key, value) >= 0;
+    FILE* raw = f.Release();
+    return fclose(raw) == 0 && ok;
+}
+
+bool WriteProfile(const char* section, const char* key, const char* value, const char* fileName)
+{
+    UniqueFile f(fopen(fileName, "r+e"));
+    if (!f) {
+        if (key == nullptr || value == nullptr)
+            return true;
+        return CreateProfile(section, key, value, fileName);
+    }
+    const size_t sectionLen = strlen(section);
+    const size_t keyLen = key ? strlen(key) : 0;
+    char line[kLineSize];
+    long start = 0;
+    long sectionStart = -1;
+    bool inSection = false;
+    unsigned counted = 0;
+    while (ReadWholeLine(f.Get(), line, start)) {
+        long next = ftell(f.Get());
+        if (line[0] == '\0' || line[0] == ';')
+            continue;
+        if (line[0] == '[') {
+            if (inSection) {
+                // The wanted section ends at this header.
+                if (key != nullptr && value != nullptr)
+                    return WriteLines(f.Get(), start, start, key, value, false);
+                if (key == nullptr)
+                    return WriteLines(f.Get(), sectionStart, start, nullptr, nullptr, false);
+                return false;
+            }
+            if (strncmp(line + 1, section, sectionLen) == 0 && line[1 + sectionLen] == ']') {
+                inSection = true;
+                sectionStart = start;
+                counted = 0;
+            }
+            continue;
+        }
+        if (!inSection)
+            continue;
+        ++counted;
+        if (key == nullptr)
+            continue;
+        char* eq = strchr(line, '=');
+        if (eq == nullptr)
+            continue;
+        char* keyEnd = eq;
+        while (keyEnd > line && (keyEnd[-1] == ' ' || keyEnd[-1] == '\t'))
+            --keyEnd;
+        size_t len = static_cast<size_t>(keyEnd - line);
+        if (len == keyLen && memcmp(line, key, len) == 0) {
+            // The blank line that follows a header written by this function
+            // stands before the first key; a rewrite of that key keeps one.
+            return WriteLines(f.Get(), start, next, key, value, counted == 1);
+        }
+    }
+    if (inSection) {
+        if (key == nullptr) {
+            if (fflush(f.Get()) != 0)
+                return false;
+            return ftruncate(fileno(f.Get()), sectionStart) == 0;
+        }
+        if (value == nullptr)
+            return false;
+        return AppendText(f.Get(), std::string(key) + "=" + value + "\n");
+    }
+    if (key == nullptr || value == nullptr)
+        return false;
+    return AppendText(f.Get(), std::string("\n[") + section + "]\n\n" + key + "=" + value + "\n");
+}
+
+} // namespace
+
+unsigned GetPrivateProfileString(const char* section, const char* key, const char* defaultValue, char* buffer,
+                                 unsigned size, const char* fileName)
+{
+    if (buffer == nullptr || fileName == nullptr || size == 0)
+        return 0;
+    buffer[0] = '\0';
+    const bool allGiven = section != nullptr && key != nullptr && defaultValue != nullptr;
+    UniqueFile f(fopen(fileName, "re"));
+    if (!f) {
+        DBG_PRINT(4, "GetPrivateProfileString: Cannot open %s\n", fileName);
+        return allGiven ? CopyCut(defaultValue, buffer, size) : 0;
+    }
+
+    const bool list = section == nullptr || key == nullptr;
+    const long limit = static_cast<long>(size) - 2;  // a list stops here
+    const size_t sectionLen = section ? strlen(section) : 0;
+    long stored = 0;
+    bool filled = false;
+    bool inSection = false;
+
+    auto appendName = [&](const char* name) {
+        size_t len = strlen(name);
+        for (size_t i = 0; i <= len; ++i) {
+            if (stored >= limit) {
+                filled = true;
+                return;
+            }
+            buffer[stored++] = name[i];
+        }
+        if (stored >= limit)
+            filled = true;
+    };
+
+    char line[kLineSize];
+    while (stored < limit && fgets(line, sizeof line, f.Get()) != nullptr) {
+        char* p = line;
+        while (*p != '\0' && IsSpace(*p))
+            ++p;
+        if (*p == '\0' || *p == ';')
+            continue;
+        if (char* semi = strchr(p, ';'))
+            *semi = '\0';
+        size_t n = strlen(p);
+        while (n > 0 && IsSpace(p[n - 1]))
+            p[--n] = '\0';
+
+        if (*p == '[') {
+            if (inSection)
+                break;
+            if (section == nullptr) {
+                char* close = strchr(p, ']');
+                if (close == nullptr)
+                    continue;
+                *close = '\0';
+                appendName(p + 1);
+                continue;
+            }
+            if (strncmp(p + 1, section, sectionLen) == 0 && p[1 + sectionLen] == ']')
+                inSection = true;
+            continue;
+        }
+        if (!inSection)
+            continue;
+        char* eq = strchr(p, '=');
+        if (eq == nullptr)
+            continue;
+        char* value = eq + 1;
+        char* keyEnd = eq;
+        while (keyEnd > p && IsSpace(keyEnd[-1]))
+            --keyEnd;
+        *keyEnd = '\0';
+        if (key == nullptr) {
+            appendName(p);
+            continue;
+        }
+        if (strcmp(p, key) != 0)
+            continue;
+        while (*value != '\0' && IsSpace(*value))
+            ++value;
+        size_t len = strlen(value);
+        if (len >= size - 1) {
+            memcpy(buffer, value, size - 1);
+            buffer[size - 1] = '\0';
+            stored = static_cast<long>(size) - 1;
+            filled = true;
+        } else {
+            memcpy(buffer, value, len + 1);
+            stored = static_cast<long>(len);
+        }
+        break;
+    }
+
+    if (stored > 0) {
+        if (list) {
+            if (filled) {
+                buffer[size - 2] = '\0';
+                buffer[size - 1] = '\0';
+                return size - 2;
+            }
+            buffer[stored] = '\0';
+            return static_cast<unsigned>(stored);
+        }
+        if (filled)
+            return size - 1;
+        if (static_cast<unsigned long>(stored) + 1 < size)
+            buffer[stored + 1] = '\0';
+        return static_cast<unsigned>(stored);
+    }
+    if (size > 1)
+        buffer[1] = '\0';
+    return allGiven ? CopyCut(defaultValue, buffer, size) : 0;
+}
+
+bool WritePrivateProfileString(const char* section, const char* key, const char* value, const char* fileName)
+{
+    if (section == nullptr) {
+        DBG_PRINT(4, "WritePrivateProfileString: ## WARNING: invalid pointer to AppName\n");
+        return false;
+    }
+    if (fileName == nullptr) {
+        DBG_PRINT(4, "WritePrivateProfileString: ## WARNING: invalid pointer to FileName\n");
+        return false;
+    }
+    DBG_PRINT(4, "WritePrivateProfileString(%s, %s, %s, %s)\n", section, key ? key : "<nil>",
+              value ? value : "<nil>", fileName);
+    bool rc = WriteProfile(section, key, value, fileName);
+    DBG_PRINT(4, "WritePrivateProfileString rc=0x%04x\n", rc ? 1u : 0u);
+    return rc;
+}
+
+// ---------------------------------------------------------------------------
+
+CIniFile::~CIniFile()
+{
+    free(m_pFileName);
+    free(m_pStringBuffer);
+    free(m_pEnumBuffer);
+}
+
+void CIniFile::SetFilename(const char* name)
+{
+    free(m_pFileName);
+    m_pFileName = name ? strdup(name) : nullptr;
+}
+
+const char* CIniFile::GetFileName() const
+{
+    return m_pFileName ? m_pFileName : "";
+}
+
+bool CIniFile::Open(bool check)
+{
+    m_bOpen = false;
+    if (m_pFileName == nullptr)
+        return false;
+    if (!check) {
+        m_bOpen = true;
+        return true;
+    }
+    UniqueFile f(fopen(m_pFileName, "re"));
+    m_bOpen = static_cast<bool>(f);
+    return m_bOpen;
+}
+
+bool CIniFile::Open(const char* name, bool check)
+{
+    SetFilename(name);
+    return Open(check);
+}
+
+bool CIniFile::ReadGrowing(const char* section, const char* key, const char* defaultValue, char*& buffer,
+                           unsigned& size)
+{
+    for (;;) {
+        if (buffer == nullptr) {
+            buffer = static_cast<char*>(malloc(size));
+            if (buffer == nullptr)
+                break;
+        }
+        unsigned n = GetPrivateProfileString(section, key, defaultValue, buffer, size, m_pFileName);
+        if (n != size - 1 && n != size - 2)
+            return true;
+        // The result may have been cut: read again with a larger buffer.
+        if (size + kBufferStep > kBufferLimit)
+            break;
+        char* grown = static_cast<char*>(realloc(buffer, size + kBufferStep));
+        if (grown == nullptr)
+            break;
+        buffer = grown;
+        size += kBufferStep;
+    }
+    free(buffer);
+    buffer = nullptr;
+    size = kBufferStep;
+    return false;
+}
+
+const char* CIniFile::GetString(const char* section, const char* key, const char* defaultValue)
+{
+    if (!m_bOpen || m_pFileName == nullptr)
+        return defaultValue;
+    if (!ReadGrowing(section, key, defaultValue, m_pStringBuffer, m_StringBufferSize))
+        return defaultValue;
+    return m_pStringBuffer;
+}
+
+bool CIniFile::GetString(std::string& result, const char* section, const char* key, const char* defaultValue)
+{
+    if (!m_bOpen || m_pFileName == nullptr) {
+        result = defaultValue ? defaultValue : "";
+        return false;
+    }
+    char* buffer = nullptr;
+    unsigned size = kBufferStep;
+    if (!ReadGrowing(section, key, defaultValue, buffer, size)) {
+        result = defaultValue ? defaultValue : "";
+        return false;
+    }
+    result = buffer;
+    free(buffer);
+    return true;
+}
+
+unsigned CIniFile::GetNumber(const char* section, const char* key, unsigned defaultValue)
+{
+    if (!m_bOpen || m_pFileName == nullptr || section == nullptr || key == nullptr)
+        return defaultValue;
+    char buffer[32];
+    if (GetPrivateProfileString(section, key, nullptr, buffer, sizeof buffer, m_pFileName) == 0 || buffer[0] == '\0')
+        return defaultValue;
+    return static_cast<unsigned>(strtoul(buffer, nullptr, 0));
+}
+
+const char* CIniFile::GetEnum(const char* section)
+{
+    m_pEnumCursor = nullptr;
+    if (!m_bOpen || m_pFileName == nullptr)
+        return "";
+    if (!ReadGrowing(section, nullptr, nullptr, m_pEnumBuffer, m_EnumBufferSize))
+        return "";
+    m_pEnumCursor = m_pEnumBuffer;
+    return m_pEnumCursor;
+}
+
+const char* CIniFile::GetNextEnum()
+{
+    if (!m_bOpen || m_pEnumCursor == nullptr)
+        return "";
+    // The list ends with an empty name; the cursor stays on it.
+    if (*m_pEnumCursor != '\0')
+        m_pEnumCursor += strlen(m_pEnumCursor) + 1;
+    return m_pEnumCursor;
+}
+
+bool CIniFile::GetSections(std::vector<std::string>& sections)
+{
+    bool any = false;
+    for (const char* name = GetEnum(nullptr); *name != '\0'; name = GetNextEnum()) {
+        sections.emplace_back(name);
+        any = true;
+    }
+    return any;
+}
+
+bool CIniFile::GetEnums(std::vector<std::string>& keys, const char* section)
+{
+    if (section == nullptr)
+        return false;
+    bool any = false;
+    for (const char* name = GetEnum(section); *name != '\0'; name = GetNextEnum()) {
+        keys.emplace_back(name);
+        any = true;
+    }
+    return any;
+}
+
+bool CIniFile::SetString(const char* section, const char* key, const char* value)
+{
+    if (!m_bOpen || m_pFileName == nullptr || section == nullptr)
+        return false;
+    return WritePrivateProfileString(section, key, value, m_pFileName);
+}
+
+bool CIniFile::SetNumber(const char* section, const char* key, unsigned value)
+{
+    if (!m_bOpen || m_pFileName == nullptr || section == nullptr || key == nullptr)
+        return false;
+    char text[16];
+    snprintf(text, sizeof text, "%u", value);
+    return WritePrivateProfileString(section, key, text, m_pFileName);
+}
+
+bool CIniFile::SetNumber(const char* section, const char* key, int value)
+{
+    if (!m_bOpen || m_pFileName == nullptr || section == nullptr || key == nullptr)
+        return false;
+    char text[16];
+    snprintf(text, sizeof text, "%d", value);
+    return WritePrivateProfileString(section, key, text, m_pFileName);
+}
+
+bool CIniFile::DeleteSection(const char* section)
+{
+    if (!m_bOpen)
+        return false;
+    return WritePrivateProfileString(section, nullptr, nullptr, m_pFileName);
+}
+
+bool CIniFile::DeleteKey(const char* section, const char* key)
+{
+    if (!m_bOpen)
+        return false;
+    return WritePrivateProfileString(section, key, nullptr, m_pFileName);
+}
+
+bool CIniFile::CopySection(const char* from, const char* to)
+{
+    std::vector<std::string> keys;
+    if (m_bOpen && GetEnums(keys, from)) {
+        for (const std::string& key : keys) {
+            std::string value;
+            GetString(value, from, key.c_str(), "");
+            SetString(to, key.c_str(), value.c_str());
+        }
+    }
+    return m_bOpen;
+}
+
+void CIniFile::Flush()
+{
+    // Nothing is cached, so there is nothing to write.
+    if (m_bOpen)
+        DBG_PRINT(4, "WritePrivateProfileString: ## WARNING: invalid pointer to AppName\n");
+}
