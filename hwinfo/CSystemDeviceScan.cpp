@@ -159,6 +159,11 @@ int CSystemDeviceScan::StartUpdateThread()
     }
     if (m_UpdateThread.IsAlive())
         return 1;
+    if (m_bTerminating) {
+        // A terminated object keeps its last lists; no thread may change them.
+        DBG_PRINT(2, "\nCSystemDeviceScan   : WatchPartitions() skipped!");
+        return 1;
+    }
     m_bExitRequest = false;
     m_ExitEvent.Reset();
     m_UpdateThread.Start(&CSystemDeviceScan::LaunchAsThread_WatchPartitions, this, 0, false, 0, 0, true,

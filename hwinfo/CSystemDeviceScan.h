@@ -49,7 +49,8 @@ public:
     /// Everything again; the watcher is restarted only if it runs now.
     int RescanHardware(unsigned int timeoutMs, _ScanOptions* options = nullptr);
 
-    /// Starts the watcher when the stored flags have SCAN_WATCHER; always 1.
+    /// Starts the watcher when the stored flags have SCAN_WATCHER and the
+    /// object is not terminating; always 1.
     int StartUpdateThread();
     /// Stops the watcher; 1 when it ended within timeoutMs (or did not run).
     int StopUpdateThread(unsigned int timeoutMs);
@@ -79,6 +80,7 @@ public:
 
     bool IsUpdateThreadAlive() const { return m_UpdateThread.IsAlive(); }
     int GetScanFlags() const { return m_ScanFlags; }
+    bool IsTerminating() const { return m_bTerminating; }
 
     /// Period of the volume watcher (tests shorten it).
     void SetWatcherPeriod(unsigned int ms) { m_WatcherPeriodMs = ms; }

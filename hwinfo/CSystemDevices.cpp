@@ -198,7 +198,7 @@ bool CSystemVolume::ParseMountLine(const std::string& line, CSystemVolume& volum
     std::vector<std::string> fields;
     size_t pos = 0;
     while (pos < line.size() && fields.size() < 3) {
-        while (pos < line.size() && (line[pos] == ' ' || line[pos] == '\t'))
+        while (pos < line.size() && (line[pos] == ' ' || line[pos] == '\t' || line[pos] == '\n'))
             ++pos;
         size_t end = pos;
         while (end < line.size() && line[end] != ' ' && line[end] != '\t' && line[end] != '\n')
