@@ -650,7 +650,11 @@ void CPerfMon::SnapshotProcesses()
     }
 
     _PerfDataProcess sample;
+    // A quantity whose whole is unknown keeps part and whole 0, so that it
+    // never shows up as a raw figure.
     auto set = [&sample](int value, uint64_t part, uint64_t whole) {
+        if (whole == 0)
+            return;
         sample.part[value - PERF_PROCESS_CPU] = part;
         sample.whole[value - PERF_PROCESS_CPU] = whole;
     };
