@@ -330,6 +330,17 @@ bool CEvent::Close()
     return rc == 0;
 }
 
+unsigned int CEvent::GetWaiterCount() const
+{
+    EventState* s = m_State;
+    if (s == nullptr)
+        return 0;
+    pthread_mutex_lock(&s->mutex);
+    unsigned int n = s->waiters;
+    pthread_mutex_unlock(&s->mutex);
+    return n;
+}
+
 int CEvent::Wait(unsigned int timeoutMs, bool)
 {
     if (m_Closed || m_State == nullptr)

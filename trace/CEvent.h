@@ -39,6 +39,11 @@ public:
     /// The second argument has no effect.
     int Wait(unsigned int timeoutMs = TR_INFINITE, bool alertable = false);
 
+    /// Number of threads blocked in Wait on this event's shared state (0
+    /// without state).  For diagnostics: the number may change right after
+    /// it was read.  Takes the event mutex.
+    unsigned int GetWaiterCount() const;
+
 private:
     void Attach(EventState* state);
     void Detach();
