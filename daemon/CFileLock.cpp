@@ -162,7 +162,7 @@ bool CFileLock::Lock(const char* name, const char* owner, int waitMs)
     if (m_bOpen)
         CloseFile();
 
-    int retries = waitMs / 100;
+    int retries = RetriesFor(waitMs);
     DBG_PRINT(3, "\nCFileLock::Lock     : nrRetries = %d\n", retries);
 
     bool lockable = false;

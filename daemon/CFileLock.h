@@ -21,6 +21,9 @@ public:
     ///         what that file contains.  No lock is held after a failure.
     bool Lock(const char* name, const char* owner, int waitMs);
 
+    /// The number of retries Lock() makes for `waitMs` (one every 100 ms).
+    static int RetriesFor(int waitMs) { return waitMs / 100; }
+
     /// The lock is held by this object.
     bool IsLocked() const { return m_bLocked; }
     int LastError() const { return m_LastError; }
