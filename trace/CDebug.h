@@ -64,6 +64,62 @@ public:
 
     bool IsEnabled() const { return m_bEnabled.load(std::memory_order_relaxed); }
 
+    /// Formats the entry header (time with milliseconds, thread id, optional
+    /// memory column, name in 13 columns) into `buffer`.
+    /// @return what snprintf returns (the untruncated length).
+    int SetEntryHeader(char* buffer, size_t size, const char* name);
+    /// Writes the log header (command line, environment, configuration,
+    /// internal values) entry by entry to `target` (1 log file, 2 ring
+    /// buffer).  Takes the trace lock.
+    void WriteLogHeader(unsigned target);
+    /// Sets the trace target without any other action and without locking.
+    void SetTarget(unsigned target);
+    /// Writes one entry to `target` (0: the current target) without level
+    /// test and without locking; callers hold the trace lock or own the object.
+    void PrintIt(unsigned target, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    /// Reads the configuration files and the environment into the object
+    /// (called by Init under the trace lock).  Always returns true.
+    bool ReadDebugConfig(const char* programName);
+    /// Creates (truncates) the ring buffer file `path` of `length` bytes
+    /// (rounded down to a multiple of 1024), maps it, makes it the target and
+    /// writes the log header and the start markers into it.  Takes the trace
+    /// lock.  @return false (ring closed, target unchanged) on failure, which
+    /// is reported to the log file.
+    bool InitRingBuffer(const char* path, uint64_t length);
+
+    /// Appends "_" and `appName` in upper case to the string in `buffer`
+    /// (never more than size - 1 characters); nothing for a null/empty name.
+    static void BuildAppVarName(char* buffer, size_t size, const char* appName);
+    /// Lower-cases in place; null is left alone.
+    static void StringToLower(char* text);
+
+    /// Where the trace's own syslog lines go (tests replace it); null
+    /// restores syslog(3).
+    using SysLogFunction = void (*)(int priority, const char* text);
+    void SetSysLogFunction(SysLogFunction fn);
+
+    // Read-only views of the state, mainly for tools and tests.
+    unsigned GetLevel() const;
+    unsigned GetSavedLevel() const;
+    unsigned GetIniLevel() const;
+    unsigned GetTraceFlags() const;
+    unsigned GetTarget() const;
+    uint64_t GetRingBufferSize() const;
+    unsigned GetRingFactor() const;
+    unsigned GetRingWeight() const;
+    unsigned GetRingWrapCount() const;
+    unsigned GetLogMaxSize() const;
+    unsigned GetLogWrapCycle() const;
+    unsigned GetNoHeaderFlag() const;
+    int GetMemoryTracesFlag() const;
+    uint64_t GetDynamicUpdateInterval() const;
+    bool IsApplInitDone() const;
+    const char* GetTraceDirectory() const;
+    const char* GetLogFilePath() const;
+    const char* GetActiveRingPath() const;
+    const char* GetInitialRingPath() const;
+    const char* GetProgramName() const;
+
 private:
     struct Impl;
     Impl* m_Impl;

@@ -1,0 +1,359 @@
+#include "daemon/CProcess.h"
+
+#include "common/UniqueFd.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr const char* kDefaultProcRoot = "/proc";
+// getcwd buffer; a deeper current directory counts as unknown.
+constexpr size_t kCwdBufferSize = 4096;
+// Limit for closing descriptors in the child when sysconf gives a tiny or no value.
+constexpr long kFallbackOpenMax = 1024;
+// /proc/<pid>/status is about 1.5 KiB; anything beyond this is not looked at.
+constexpr size_t kStatusReadLimit = 16384;
+// One line of a /proc file read by get_proc_file.
+constexpr size_t kProcLineLimit = 4096;
+
+std::string& ProcRoot()
+{
+    static std::string root = kDefaultProcRoot;
+    return root;
+}
+
+std::string ReadCwd()
+{
+    char buf[kCwdBufferSize];
+    if (getcwd(buf, sizeof(buf)) == nullptr)
+        return std::string();
+    return std::string(buf);
+}
+
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
+
+std::vector<std::string> SplitWords(const char* command)
+{
+    std::vector<std::string> words;
+    const char* p = command;
+    while (*p) {
+        while (*p && IsBlank(*p))
+            ++p;
+        const char* start = p;
+        while (*p && !IsBlank(*p))
+            ++p;
+        if (p > start)
+            words.emplace_back(start, p);
+    }
+    return words;
+}
+
+// Multiplier of a unit text of /proc/<pid>/status.
+uint64_t UnitFactor(const char* u, size_t len)
+{
+    if (len == 2 && u[1] == 'B') {
+        if (u[0] == 'k')
+            return 1024ull;
+        if (u[0] == 'M')
+            return 1024ull * 1024;
+        if (u[0] == 'G')
+            return 1024ull * 1024 * 1024;
+    }
+    return 1;
+}
+
+} // namespace
+
+void CProcess::SetProcRoot(const char* root) { ProcRoot() = (root && *root) ? root : kDefaultProcRoot; }
+
+const std::string& CProcess::GetProcRoot() { return ProcRoot(); }
+
+bool CProcess::execute_command(const char* command, uint32_t& exitCode, uint32_t& pid, const char* workDir, bool,
+                               bool async, bool keepDescriptors)
+{
+    std::vector<std::string> words = SplitWords(command ? command : "");
+    std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
+    for (auto& w : words)
+        argv.push_back(w.data());
+    argv.push_back(nullptr);
+
+    std::string savedDir;
+    if (workDir) {
+        savedDir = ReadCwd();
+        if (!savedDir.empty() && chdir(workDir) != 0)
+            savedDir.clear(); // nothing to restore: we stayed where we were
+    }
+
+    // Everything the child needs is prepared before fork: after fork in a
+    // threaded program only async-signal-safe calls are allowed.
+    long openMax = sysconf(_SC_OPEN_MAX);
+    if (openMax <= 255)
+        openMax = kFallbackOpenMax;
+    sigset_t unblock;
+    sigemptyset(&unblock);
+    sigaddset(&unblock, SIGINT);
+    sigaddset(&unblock, SIGTERM);
+    sigaddset(&unblock, SIGHUP);
+    sigaddset(&unblock, SIGALRM);
+
+    exitCode = 0xFFFFFFFFu;
+    pid_t child = fork();
+    pid = static_cast<uint32_t>(child);
+    if (child == 0) {
+        if (!keepDescriptors)
+            for (long fd = 3; fd < openMax; ++fd)
+                close(static_cast<int>(fd));
+        sigprocmask(SIG_UNBLOCK, &unblock, nullptr);
+        if (argv[0])
+            execvp(argv[0], argv.data());
+        _exit(-1 & 0xFF); // status 255: the program could not be run
+    }
+
+    bool result = false;
+    if (child > 0) {
+        if (async) {
+            result = true;
+        } else {
+            int status = 0;
+            pid_t r;
+            do {
+                r = waitpid(child, &status, 0);
+            } while (r < 0 && errno == EINTR);
+            if (r == child && WIFEXITED(status)) {
+                exitCode = static_cast<uint32_t>(WEXITSTATUS(status));
+                result = exitCode == 0;
+            }
+        }
+    }
+
+    if (!savedDir.empty())
+        (void)!chdir(savedDir.c_str());
+    return result;
+}
+
+bool CProcess::ExecuteCmd(const char* command, const char* workDir, bool flag, bool keepDescriptors)
+{
+    uint32_t exitCode = 0, pid = 0;
+    return execute_command(command, exitCode, pid, workDir, flag, false, keepDescriptors);
+}
+
+bool CProcess::ExecuteCmd(const char* command, uint32_t& exitCode, uint32_t& pid, const char* workDir, bool flag,
+                          bool keepDescriptors)
+{
+    return execute_command(command, exitCode, pid, workDir, flag, false, keepDescriptors);
+}
+
+bool CProcess::ExecuteCmdAsync(const char* command, const char* workDir, bool flag, bool keepDescriptors)
+{
+    uint32_t exitCode = 0, pid = 0;
+    return execute_command(command, exitCode, pid, workDir, flag, true, keepDescriptors);
+}
+
+bool CProcess::ExecuteCmdAsync(const char* command, uint32_t& pid, const char* workDir, bool flag,
+                               bool keepDescriptors)
+{
+    uint32_t exitCode = 0;
+    return execute_command(command, exitCode, pid, workDir, flag, true, keepDescriptors);
+}
+
+bool CProcess::WaitForExit(uint32_t pid, uint32_t& exitCode, uint32_t)
+{
+    exitCode = 0xFFFFFFFFu;
+    int status = 0;
+    pid_t r;
+    do {
+        r = waitpid(static_cast<pid_t>(pid), &status, 0);
+    } while (r < 0 && errno == EINTR);
+    if (r < 0 || !WIFEXITED(status))
+        return false;
+    exitCode = static_cast<uint32_t>(WEXITSTATUS(status));
+    return exitCode == 0;
+}
+
+bool CProcess::TerminateProcess(uint32_t pid, uint32_t)
+{
+    return kill(static_cast<pid_t>(pid), SIGKILL) == 0;
+}
+
+bool CProcess::GetCurrentDir(std::string& dir)
+{
+    std::string cwd = ReadCwd();
+    if (cwd.empty())
+        return false;
+    dir = std::move(cwd);
+    return true;
+}
+
+bool CProcess::SetCurrentDir(const char* path)
+{
+    if (!path || !*path)
+        return false;
+    return chdir(path) == 0;
+}
+
+int CProcess::GetProcessHandleCount(uint32_t, uint32_t& count)
+{
+    count = 1;
+    return 0;
+}
+
+void CProcess::GetProcessMemorySpecificInfo(uint32_t pid, uint64_t& value, const char* field, unsigned unitSteps)
+{
+    // This runs for every trace entry with the memory column: plain read(2)
+    // into a stack buffer, no streams, no allocation.
+    if (!field || !*field)
+        return;
+    char path[PATH_MAX];
+    int n = snprintf(path, sizeof(path), "%s/%u/status", ProcRoot().c_str(), pid);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(path))
+        return;
+    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return;
+    char buf[kStatusReadLimit];
+    size_t len = 0;
+    while (len < sizeof(buf)) {
+        ssize_t r = read(fd.Get(), buf + len, sizeof(buf) - len);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            break;
+        len += static_cast<size_t>(r);
+    }
+
+    const size_t fieldLen = strlen(field);
+    const char* p = buf;
+    const char* end = buf + len;
+    while (p < end) {
+        const char* lineEnd = static_cast<const char*>(memchr(p, '\n', static_cast<size_t>(end - p)));
+        if (!lineEnd)
+            lineEnd = end;
+        // First word.
+        const char* w = p;
+        while (w < lineEnd && IsBlank(*w))
+            ++w;
+        const char* we = w;
+        while (we < lineEnd && !IsBlank(*we))
+            ++we;
+        if (static_cast<size_t>(we - w) == fieldLen && memcmp(w, field, fieldLen) == 0) {
+            // Number.
+            const char* q = we;
+            while (q < lineEnd && IsBlank(*q))
+                ++q;
+            uint64_t number = 0;
+            while (q < lineEnd && *q >= '0' && *q <= '9') {
+                number = number * 10 + static_cast<uint64_t>(*q - '0');
+                ++q;
+            }
+            while (q < lineEnd && !IsBlank(*q))
+                ++q; // rest of a malformed number
+            while (q < lineEnd && IsBlank(*q))
+                ++q;
+            const char* u = q;
+            while (q < lineEnd && !IsBlank(*q))
+                ++q;
+            value = number * UnitFactor(u, static_cast<size_t>(q - u));
+            for (unsigned i = 0; i < unitSteps; ++i)
+                value >>= 10;
+            return;
+        }
+        p = lineEnd + 1;
+    }
+}
+
+bool CProcess::GetProcessMemoryInfo(uint32_t pid, uint64_t& size, uint64_t& peak, uint64_t& swap, uint64_t& fourth,
+                                    uint64_t& difference)
+{
+    size = peak = swap = fourth = difference = 0;
+    uint64_t lib = 0;
+    GetProcessMemorySpecificInfo(pid, peak, "VmPeak:", BYTES);
+    GetProcessMemorySpecificInfo(pid, size, "VmSize:", BYTES);
+    GetProcessMemorySpecificInfo(pid, swap, "VmSwap:", BYTES);
+    GetProcessMemorySpecificInfo(pid, lib, "VmLib:", BYTES);
+    difference = size - lib;
+    return peak != 0 && size != 0;
+}
+
+bool CProcess::get_proc_file(uint32_t pid, const char* file, std::string& text)
+{
+    if (!file)
+        return false;
+    std::string path = ProcRoot() + "/" + std::to_string(pid) + "/" + file;
+    UniqueFile f(fopen(path.c_str(), "re"));
+    if (!f)
+        return false;
+    char line[kProcLineLimit];
+    if (fgets(line, sizeof(line), f.Get()) == nullptr) {
+        text.clear();
+        return true;
+    }
+    size_t len = strlen(line);
+    if (len > 0 && line[len - 1] == '\n')
+        line[--len] = '\0';
+    text.assign(line, len);
+    return true;
+}
+
+bool CProcess::GetProcessName(std::string& name, uint32_t pid) { return get_proc_file(pid, "comm", name); }
+
+bool CProcess::GetProcessPath(std::string& path, uint32_t pid)
+{
+    std::string link = ProcRoot() + "/" + std::to_string(pid) + "/exe";
+    char buf[PATH_MAX];
+    ssize_t n = readlink(link.c_str(), buf, sizeof(buf) - 1);
+    if (n > 0) {
+        path.assign(buf, static_cast<size_t>(n));
+        return true;
+    }
+    // No access to the link (another user's process, a kernel thread, a
+    // captured tree): fall back to the first word of the command line,
+    // whose words are separated by NULs.
+    std::string cmdline;
+    if (!get_proc_file(pid, "cmdline", cmdline))
+        return false;
+    std::string first(cmdline.c_str());
+    if (first.empty())
+        return false;
+    path = first;
+    return true;
+}
+
+bool CProcess::GetProcessInfo(uint32_t pid, std::string& name, std::string& path)
+{
+    bool haveName = GetProcessName(name, pid);
+    bool havePath = GetProcessPath(path, pid);
+    return haveName && havePath;
+}
+
+bool CProcess::FindProcess(uint32_t& pid, const char* name)
+{
+    pid = 0xFFFFFFFFu;
+    UniqueDir dir(opendir(ProcRoot().c_str()));
+    if (!dir || !name)
+        return false;
+    while (struct dirent* e = readdir(dir.Get())) {
+        char* endp = nullptr;
+        long id = strtol(e->d_name, &endp, 10);
+        if (id < 1 || id > 0xFFFFFFFFL)
+            continue;
+        std::string comm;
+        if (get_proc_file(static_cast<uint32_t>(id), "comm", comm) && comm == name) {
+            pid = static_cast<uint32_t>(id);
+            return true;
+        }
+    }
+    return false;
+}
