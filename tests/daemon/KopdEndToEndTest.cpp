@@ -194,7 +194,6 @@ protected:
     {
         if (!testsupport::CanUseMountNamespace())
             GTEST_SKIP() << "needs root and mount namespaces";
-        testsupport::MakeDirs(TraceDir());
     }
 
     bool Enter(NamespaceOptions options = {})
@@ -207,7 +206,9 @@ protected:
         return true;
     }
 
-    std::string TraceDir() const { return m_Dir.Sub("trace"); }
+    /// Each launch traces into a directory of its own (the trace files are
+    /// recreated at every start).
+    std::string TraceDir() const { return m_Dir.Sub("trace" + std::to_string(m_Launches)); }
     std::string RecordPath() const { return m_Dir.Sub("record.txt"); }
     std::string ShimRecordPath() const { return m_Dir.Sub("shim.txt"); }
     std::string Record() const { return ReadFile(RecordPath()); }
@@ -225,6 +226,7 @@ protected:
     pid_t Start(const Launch& launch)
     {
         std::string output = m_Dir.Sub("out" + std::to_string(++m_Launches) + ".txt");
+        testsupport::MakeDirs(TraceDir());
         m_LastOutput = output;
         std::vector<std::string> env = {
             "PATH=/usr/sbin:/usr/bin:/sbin:/bin",
@@ -324,8 +326,11 @@ protected:
     /// (then trace assertions are skipped).
     std::string Trace() const
     {
+        // Every entry goes to the ring buffers (the start-up one, compressed
+        // once start-up is done, and the active one); the log file only
+        // repeats the always-written ones.
         std::string all;
-        for (const char* f : {"log.kopd", "log.kopd_a", "log.kopd_i"})
+        for (const char* f : {"log.kopd_i", "log.kopd_a"})
             all += ReadFile(TraceDir() + "/" + f);
         std::string gz = TraceDir() + "/log.kopd_i.gz";
         if (FileExists(gz)) {
@@ -461,12 +466,19 @@ TEST_F(KopdTest, DaemonModeRunModesAndRescan)
         std::vector<std::string> args;
         bool foreground;
         std::string load;
+        std::vector<std::string> traced;
     };
     const Case cases[] = {
-        {{"-no", "-tupd", "-tinst", "-rescan"}, false, "slot2 flags=1 runmode=7"},
-        {{"-nodemonx", "-agentless", "-unknown"}, false, "slot2 flags=0 runmode=5"},
-        {{"-rescan", "-tupd-agentless", "-nodemon"}, true, "slot2 flags=1 runmode=10"},
-        {{"-tinst", "-tupd"}, false, "slot2 flags=0 runmode=8"},
+        {{"-no", "-tupd", "-tinst", "-rescan"},
+         false,
+         "slot2 flags=1 runmode=7",
+         {"TUPD mode due to -tupd", "TINST mode due to -tinst", "RESCAN due to -rescan"}},
+        {{"-nodemonx", "-agentless", "-unknown"}, false, "slot2 flags=0 runmode=5", {"Agentsless mode due to -agentless"}},
+        {{"-rescan", "-tupd-agentless", "-nodemon"},
+         true,
+         "slot2 flags=1 runmode=10",
+         {"RESCAN due to -rescan", "TAGL_TUPD mode due to -tupd-agentless"}},
+        {{"-tinst", "-tupd"}, false, "slot2 flags=0 runmode=8", {"TINST mode due to -tinst", "TUPD mode due to -tupd"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.load);
@@ -495,14 +507,19 @@ TEST_F(KopdTest, DaemonModeRunModesAndRescan)
         EXPECT_EQ(RecordLines(), expected);  // run level 3: no shutdown notification
         EXPECT_FALSE(FileExists(ShimRecordPath())) << "the smbus device was opened in a non-zero run mode";
         ExpectCleanStop();
+        IfTrace([&](const std::string& t) {
+            for (const std::string& line : c.traced)
+                EXPECT_TRUE(Contains(t, "KOPD-MAIN::ParseCommandLine   : " + line)) << line;
+            EXPECT_EQ(CountOf(t, "KOPD-MAIN::ParseCommandLine   : "), c.traced.size());
+            EXPECT_TRUE(Contains(t, "KOPD-MAIN: RUN MODE: " + c.load.substr(c.load.rfind('=') + 1)));
+            // Odd whatever the command line said.
+            EXPECT_TRUE(Contains(t, "SWITCH API          : Loading modules, force rescan = 1"));
+            EXPECT_FALSE(Contains(t, "DiscoverSmbusDriverInfo"));
+            EXPECT_TRUE(Contains(t, "KOPD-MAIN: OS shutdown reguired: RunLevel = 3 from /etc/tarvd/RunLevel"));
+            EXPECT_TRUE(Contains(t, "KOPD-MAIN: Current RunLevel = -1"));
+            EXPECT_TRUE(Contains(t, "KOPD-MAIN: Signal 2 caught -> processing"));
+        });
     }
-    IfTrace([](const std::string& t) {
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN::ParseCommandLine   : TINST mode due to -tinst"));
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN::ParseCommandLine   : TUPD mode due to -tupd"));
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN::ParseCommandLine   : RESCAN due to -rescan"));
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN: OS shutdown reguired: RunLevel = 3 from /etc/tarvd/RunLevel"));
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN: Current RunLevel = -1"));
-    });
 }
 
 TEST_F(KopdTest, MissingRunLevelFileMeansSimpleStop)
@@ -581,11 +598,13 @@ TEST_F(KopdTest, MissingOrUnusableFrameworkIsFatal)
         EXPECT_EQ(WaitExit(Start(l)), 1);
         EXPECT_FALSE(FileExists(LockFile()));
         EXPECT_FALSE(FileExists(PidFile()));
+        bool missing = dir == m_Dir.Sub("empty");
+        IfTrace([&](const std::string& t) {
+            EXPECT_TRUE(Contains(t, "KOPD-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!"));
+            EXPECT_EQ(Contains(t, "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object file"), missing);
+            EXPECT_FALSE(Contains(t, "Waiting for signals"));
+        });
     }
-    IfTrace([](const std::string& t) {
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!"));
-        EXPECT_TRUE(Contains(t, "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object file"));
-    });
 }
 
 TEST_F(KopdTest, FailingModuleLoadStillReachesTheSignalLoopAndStopsCleanly)
@@ -612,13 +631,49 @@ TEST_F(KopdTest, FailingModuleLoadStillReachesTheSignalLoopAndStopsCleanly)
                                              "release"};
         EXPECT_EQ(RecordLines(), expected);  // never started
         ExpectCleanStop();
+        bool threw = strcmp(how, "throw") == 0;
+        IfTrace([&](const std::string& t) {
+            EXPECT_EQ(Contains(t, "SWITCH DLL - Exception during LoadModules"), threw);
+            EXPECT_EQ(CountOf(t, "SWITCH API          : ## ERROR! Loading modules FAILED!"), threw ? 1u : 0u);
+            EXPECT_EQ(CountOf(t, "KOPD-MAIN: ERROR! Load extension modules FAILED!"), 1u);
+            EXPECT_FALSE(Contains(t, "all modules started"));
+            EXPECT_EQ(CountOf(t, "KOPD-MAIN:  Waiting for signals..."), 1u);
+            EXPECT_TRUE(Contains(t, "KOPD-MAIN: ## EXIT PROCESS KOPD ##"));
+        });
     }
-    IfTrace([](const std::string& t) {
-        EXPECT_TRUE(Contains(t, "SWITCH DLL - Exception during LoadModules"));
-        EXPECT_EQ(CountOf(t, "SWITCH API          : ## ERROR! Loading modules FAILED!"), 1u);
-        EXPECT_EQ(CountOf(t, "KOPD-MAIN: ERROR! Load extension modules FAILED!"), 2u);
-        EXPECT_EQ(CountOf(t, "KOPD-MAIN:  Waiting for signals..."), 2u);
-    });
+}
+
+void CheckDriverAnswer(const std::string& t)
+{
+    EXPECT_TRUE(Contains(t, "KOPD-MAIN: WARNING: kopd version (0x00095010) is less than smbus driver version "
+                            "(0x0A000001)"));
+    EXPECT_TRUE(Contains(t, "KOPD-MAIN::DiscoverSmbusDriverInfo: evaluating IOCTL_SMBUS_DRIVER_INFO (0xC00873FF)"));
+    EXPECT_TRUE(Contains(t, "Version                     : 0x00000001\n"));
+    EXPECT_TRUE(Contains(t, "CmdNumber                   : 0x000000FF\n"));
+    EXPECT_TRUE(Contains(t, "SizeOfInOutBuffer           : 0x00000520\n"));
+    EXPECT_TRUE(Contains(t, "pInOutBuffer                : 0x0x"));
+    EXPECT_TRUE(Contains(t, "Success                     : 0x00000001\n"));
+    EXPECT_TRUE(Contains(t, "smbus_VersionCode           : 0x0A000001\n"));
+    EXPECT_TRUE(Contains(t, "RequestorVersion            : 0x00095010\n"));
+    EXPECT_TRUE(Contains(t, "smbus_IsSmbusHwFound        : 0x00000001\n"));
+    EXPECT_TRUE(Contains(t, "smbus_MajorDeviceNumber     : 0x000000F0\n"));
+    EXPECT_TRUE(Contains(t, "RequestorName               : KOPD\n"));
+    EXPECT_TRUE(Contains(t, "smbus_Name                  : smbus\n"));
+    // Unterminated by the driver: printed up to the field's end only.
+    EXPECT_TRUE(Contains(t, "smbus_KernelVersion         : " + std::string(160, 'K') + "\n"));
+    EXPECT_TRUE(Contains(t, "TR_SYSTEM                   : PRIMERGY\n"));
+    EXPECT_TRUE(Contains(t, "smbus_ErrorReturnString     : none\n"));
+    EXPECT_FALSE(Contains(t, "smbus-driver is not available"));
+}
+
+void CheckDriverFailure(const std::string& t)
+{
+    EXPECT_TRUE(Contains(t, "KOPD-MAIN::DiscoverSmbusDriverInfo: IOCTL_SMBUS_DRIVER_INFO (0xC00873FF) to "
+                            "/dev/pci/smbus failed (errno=25: "));
+    EXPECT_EQ(CountOf(t, "KOPD-MAIN: INFO: smbus-driver is not available on this OS (But, don't worry about "
+                         "this, it might be OK on some OS systems!)"),
+              1u);
+    EXPECT_FALSE(Contains(t, "evaluating IOCTL_SMBUS_DRIVER_INFO"));
 }
 
 TEST_F(KopdTest, DriverQueryRequestAndAnswer)
@@ -649,26 +704,12 @@ TEST_F(KopdTest, DriverQueryRequestAndAnswer)
             "in nonzero-out-bytes=0",
         };
         EXPECT_EQ(SplitLines(ReadFile(ShimRecordPath())), expected);
+        if (strcmp(mode, "ok") == 0)
+            IfTrace(CheckDriverAnswer);
+        else
+            IfTrace(CheckDriverFailure);
+        IfTrace([](const std::string& t) {
+            EXPECT_TRUE(Contains(t, "KOPD-MAIN: cannot identify OS (from TR_NICKNAME) on which we are running"));
+        });
     }
-    IfTrace([](const std::string& t) {
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN: WARNING: kopd version (0x00095010) is less than smbus driver version "
-                                "(0x0A000001)"));
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN::DiscoverSmbusDriverInfo: evaluating IOCTL_SMBUS_DRIVER_INFO (0xC00873FF)"));
-        EXPECT_TRUE(Contains(t, "Version                     : 0x00000001\n"));
-        EXPECT_TRUE(Contains(t, "CmdNumber                   : 0x000000FF\n"));
-        EXPECT_TRUE(Contains(t, "SizeOfInOutBuffer           : 0x00000520\n"));
-        EXPECT_TRUE(Contains(t, "pInOutBuffer                : 0x0x"));
-        EXPECT_TRUE(Contains(t, "Success                     : 0x00000001\n"));
-        EXPECT_TRUE(Contains(t, "smbus_VersionCode           : 0x0A000001\n"));
-        EXPECT_TRUE(Contains(t, "smbus_IsSmbusHwFound        : 0x00000001\n"));
-        EXPECT_TRUE(Contains(t, "smbus_MajorDeviceNumber     : 0x000000F0\n"));
-        EXPECT_TRUE(Contains(t, "smbus_Name                  : smbus\n"));
-        EXPECT_TRUE(Contains(t, "smbus_KernelVersion         : " + std::string(160, 'K') + "\n"));
-        EXPECT_TRUE(Contains(t, "TR_SYSTEM                   : PRIMERGY\n"));
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN::DiscoverSmbusDriverInfo: IOCTL_SMBUS_DRIVER_INFO (0xC00873FF) to "
-                                "/dev/pci/smbus failed (errno=25: "));
-        EXPECT_EQ(CountOf(t, "KOPD-MAIN: INFO: smbus-driver is not available on this OS (But, don't worry about "
-                             "this, it might be OK on some OS systems!)"),
-                  1u);
-    });
 }
