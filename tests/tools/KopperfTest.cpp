@@ -57,7 +57,7 @@ TEST(Kopperf, FakeProcGivesGroupsAndPercentages)
     const Json* mem = Group(j, "memory");
     ASSERT_NE(mem, nullptr);
     ASSERT_EQ((*mem)["instances"].Size(), 1u);
-    EXPECT_EQ((*mem)["instances"][0]["samples"].number, 2);
+    EXPECT_GE((*mem)["instances"][0]["samples"].number, 2);  // two at start, the thread may add one
     ASSERT_NE(Value(*mem, 0, 8), nullptr);
     EXPECT_EQ((*Value(*mem, 0, 8))["current"].number, 75);
     EXPECT_EQ((*Value(*mem, 0, 8))["average"].number, 75);

@@ -110,6 +110,9 @@ TEST_F(KopregTest, StringsWithControlAndNonUtf8BytesGiveValidJson)
 
 TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
 {
+    // A file holding keys but no value at all does not load (the backup is
+    // used instead), so keep one value outside the subtree.
+    Ok({"set", "HKLM\\Keep", "K", "--type", "d", "1"});
     Ok({"set", kKey, "A", "--type", "s", "one"});
     Ok({"set", std::string(kKey) + "\\Sub\\Deep", "N", "--type", "d", "42"});
     Ok({"create", std::string(kKey) + "/EmptyKey"});
@@ -201,6 +204,7 @@ TEST_F(KopregTest, UsageErrorsExit2)
     EXPECT_TRUE(r.Exited(0));
     EXPECT_NE(r.out.find("delete-value"), std::string::npos);
     // A value name that is a subkey is not overwritten.
+    Ok({"set", kKey, "V", "--type", "d", "1"});
     Ok({"create", std::string(kKey) + "\\K"});
     r = Reg({"set", kKey, "K", "--type", "d", "1"});
     EXPECT_TRUE(r.Exited(1));

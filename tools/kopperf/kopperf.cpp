@@ -162,7 +162,10 @@ int main(int argc, char** argv)
             if (g.type == CPerfMon::PERF_MONITOR_NETWORK && interfaces.GetInterfaceName(static_cast<int>(inst), ifName))
                 name = ifName;
             unsigned samples = monitor.GetHistoryCount(g.type, static_cast<int>(inst));
-            anySample = anySample || samples > 0;
+            // Process samples are taken even when nothing of them can be
+            // read, so only the other groups tell whether sampling worked.
+            if (g.type != CPerfMon::PERF_MONITOR_PROCESSES)
+                anySample = anySample || samples > 0;
             w.BeginObject();
             w.Key("instance").Unsigned(inst);
             w.Key("name").OptString(name);

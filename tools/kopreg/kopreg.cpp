@@ -28,7 +28,8 @@ const char* const kUsage =
     "Commands:\n"
     "  list [KEY]                       subkeys and values of KEY (root keys without KEY)\n"
     "  get KEY VALUE [--expand]         one value (--expand: expandable strings expanded)\n"
-    "  set KEY VALUE --type T DATA      store a value; T is s (string), es (expandable\n"
+    "  set KEY VALUE --type T DATA      store a value (KEY is created when missing); T is\n"
+    "                                   s (string), es (expandable\n"
     "                                   string), b (binary, hex bytes such as \"0a ff 00\"\n"
     "                                   or 0aff00) or d (32-bit number, decimal or 0x..)\n"
     "  delete-value KEY VALUE           remove a value\n"
@@ -241,6 +242,16 @@ int Save()
     return tools::kExitOk;
 }
 
+int CreatePath(CRegistry& reg, const std::string& key)
+{
+    std::string path = NormaliseKey(key);
+    if (path.empty())
+        return tools::UsageError("the key must not be empty");
+    if (reg.CreateKey(CRegistry::GetRoot(), path.c_str()) != 0)
+        return tools::Fail("cannot create %s (a part of the path is a value)", key.c_str());
+    return tools::kExitOk;
+}
+
 int CmdList(const Options& o)
 {
     std::string key = o.args.size() > 1 ? o.args[1] : "";
@@ -353,8 +364,9 @@ int CmdSet(const Options& o)
     if (o.args[2].empty() || o.args[2].find('=') != std::string::npos)
         return tools::UsageError("a value name must not be empty or contain '='");
     CRegistry reg;
-    if (!OpenKey(reg, o.args[1]))
-        return tools::kExitFailure;
+    int rc = CreatePath(reg, o.args[1]);
+    if (rc != tools::kExitOk)
+        return rc;
     {
         CRegistryNode* node = reg.GetKey();
         CCriticalSectionLock lock(node->GetLock());
@@ -397,16 +409,6 @@ int CmdDeleteKey(const Options& o)
     if (reg.DeleteKey(o.args[2].c_str()) != 0)
         return tools::Fail("no such key: %s in %s", o.args[2].c_str(), o.args[1].c_str());
     return Save();
-}
-
-int CreatePath(CRegistry& reg, const std::string& key)
-{
-    std::string path = NormaliseKey(key);
-    if (path.empty())
-        return tools::UsageError("the key must not be empty");
-    if (reg.CreateKey(CRegistry::GetRoot(), path.c_str()) != 0)
-        return tools::Fail("cannot create %s (a part of the path is a value)", key.c_str());
-    return tools::kExitOk;
 }
 
 int CmdCreate(const Options& o)
