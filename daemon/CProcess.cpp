@@ -480,9 +480,14 @@ CResidentSizeReader::CResidentSizeReader()
     m_PageSize = page > 0 ? static_cast<uint64_t>(page) : 4096;
 }
 
-bool CResidentSizeReader::ReadKilobytes(uint64_t& kb)
+bool CResidentSizeReader::ReadKilobytes(uint64_t& kb, int64_t sampleKey)
 {
     unsigned generation = g_ProcGeneration.load(std::memory_order_relaxed);
+    if (sampleKey >= 0 && sampleKey == m_SampleKey && generation == m_Generation && m_Fd) {
+        kb = m_SampleKb;
+        return true;
+    }
+    m_SampleKey = -1;
     if (generation != m_Generation || !m_Fd) {
         char path[PATH_MAX];
         int n = snprintf(path, sizeof(path), "%s/%u/statm", ProcRoot().c_str(), static_cast<unsigned>(getpid()));
@@ -515,5 +520,7 @@ bool CResidentSizeReader::ReadKilobytes(uint64_t& kb)
     if (p == digits || (p < end && *p != ' ' && *p != '\n'))
         return false;
     kb = pages * m_PageSize / 1024;
+    m_SampleKey = sampleKey;
+    m_SampleKb = kb;
     return true;
 }

@@ -99,12 +99,19 @@ public:
 class CResidentSizeReader {
 public:
     CResidentSizeReader();
+    /// @param sampleKey when not negative and equal to the key of the last
+    ///        successful read (and /proc was not switched or forked since),
+    ///        the figure of that read is returned without reading again.
+    ///        The trace passes the millisecond of the entry's time stamp, so
+    ///        that all entries of one printed millisecond share one sample.
     /// @return true and `kb` = the resident size in kilobytes; false with
     ///         `kb` unchanged when statm cannot be opened or parsed.
-    bool ReadKilobytes(uint64_t& kb);
+    bool ReadKilobytes(uint64_t& kb, int64_t sampleKey = -1);
 
 private:
     UniqueFd m_Fd;
     unsigned m_Generation = 0;
     uint64_t m_PageSize = 4096;
+    int64_t m_SampleKey = -1;
+    uint64_t m_SampleKb = 0;
 };

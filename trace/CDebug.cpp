@@ -289,8 +289,10 @@ struct CDebug::Impl {
 
 int CDebug::Impl::SetEntryHeader(char* buffer, size_t size, const char* name)
 {
-    // Every entry pays for this: the time text is cached per second and the
-    // resident size comes from a kept-open statm (see CResidentSizeReader).
+    // Every entry pays for this: the time text is cached per second, and the
+    // resident size comes from a kept-open statm, read once per millisecond
+    // of time stamps (a /proc read costs about as much as writing a whole
+    // entry; entries printed with the same millisecond share the figure).
     char timeText[traceheader::kTimeTextSize];
     struct timeval tv;
     gettimeofday(&tv, nullptr);
@@ -301,7 +303,8 @@ int CDebug::Impl::SetEntryHeader(char* buffer, size_t size, const char* name)
     if (memoryTraces == 0)
         return traceheader::FormatEntryHeader(buffer, size, timeText, thread, false, 0, column);
     uint64_t kb = 0;
-    if (!residentSize.ReadKilobytes(kb))
+    const int64_t millisecond = static_cast<int64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
+    if (!residentSize.ReadKilobytes(kb, millisecond))
         CProcess::GetProcessMemorySpecificInfo(static_cast<uint32_t>(getpid()), kb, kMemoryField,
                                                CProcess::KILOBYTES);
     return traceheader::FormatEntryHeader(buffer, size, timeText, thread, true, kb, column);
