@@ -88,7 +88,8 @@ def main():
             skipped.append(f"{project} (not built or not run)")
             continue
         for th in variants:
-            ref = by_case.get((reference, th)) or by_case.get((reference, ""))
+            # A single-threaded case pairs with the reference's one-thread run.
+            ref = by_case.get((reference, th)) or by_case.get((reference, "")) or by_case.get((reference, "threads:1"))
             if ref is None:
                 skipped.append(f"{project}{'/' + th if th else ''} vs {reference} (reference missing)")
                 continue
