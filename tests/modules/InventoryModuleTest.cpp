@@ -136,10 +136,14 @@ TEST_F(InventoryModuleTest, SecondScanOfAChangedMachineRecordsTheChanges)
         RunUntilScanned(config, 2);
     }
     std::vector<std::string> changes = SubKeys(kChanges);
-    ASSERT_EQ(changes.size(), 5u);
+    std::string all;
+    for (const std::string& c : changes)
+        all += TextOr(kChanges + "\\" + c, "Kind") + " " + TextOr(kChanges + "\\" + c, "Object") + " (" +
+               TextOr(kChanges + "\\" + c, "Detail") + ")\n";
+    ASSERT_EQ(changes.size(), 5u) << all;
     std::set<std::string> seen;
     for (size_t i = 0; i < changes.size(); ++i) {
-        char name[16];
+        char name[32];
         snprintf(name, sizeof name, "%010zu", i + 1);
         EXPECT_EQ(changes[i], name);
         std::string key = kChanges + "\\" + changes[i];
@@ -150,9 +154,11 @@ TEST_F(InventoryModuleTest, SecondScanOfAChangedMachineRecordsTheChanges)
     std::set<std::string> expected = {"AdapterRemoved 0000:00:05.0", "AdapterAdded 0000:00:07.0",
                                       "AdapterMoved 0000:00:02.0", "DriveRemoved vda", "VolumeRemoved /boot"};
     EXPECT_EQ(seen, expected);
-    for (const std::string& c : changes)
-        if (TextOr(kChanges + "\\" + c, "Kind") == "AdapterMoved")
+    for (const std::string& c : changes) {
+        if (TextOr(kChanges + "\\" + c, "Kind") == "AdapterMoved") {
             EXPECT_EQ(TextOr(kChanges + "\\" + c, "Detail"), "slot 0 -> slot 5");
+        }
+    }
     EXPECT_EQ(NumberOr(kInv, "LastChange", 0), 5u);
 
     // The published inventory is the new one.

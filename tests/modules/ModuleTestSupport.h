@@ -121,12 +121,13 @@ inline hwtest::Bytes PciHeader(uint16_t vendor, uint16_t device, uint8_t baseCla
     return b;
 }
 
-/// SMBIOS through sysfs: a table with one type-9 slot `slotId` for bus 0,
+/// SMBIOS through sysfs: a table with one conventional PCI slot (type 9,
+/// slot type 0x06: it holds only its own device) `slotId` for bus 0,
 /// device `device`.
 inline void WriteSlotTable(const std::string& root, uint8_t device, uint8_t slotId)
 {
     using namespace hwtest;
-    Bytes table = Concat({SlotStructure(0x0900, 0xB6, 4, slotId, 0, static_cast<uint8_t>(device << 3)),
+    Bytes table = Concat({SlotStructure(0x0900, 0x06, 4, slotId, 0, static_cast<uint8_t>(device << 3)),
                           EndOfTable(0x7F00)});
     testsupport::WriteFile(root + "/sys/firmware/dmi/tables/smbios_entry_point",
                            Str(EntryPoint30(static_cast<uint32_t>(table.size()), 0x20)));
