@@ -1,0 +1,290 @@
+// Performance module: runs the performance monitor (system, memory,
+// network, processes) and keeps its current and average usage figures in
+// the registry below HKEY_LOCAL_MACHINE\SOFTWARE\Tarvis\Performance,
+// updated once a period by a thread of its own.  See README, "Bundled
+// modules", for the keys and the configuration values.
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "framework/tarvd_module.h"
+#include "modules/common/ModuleSettings.h"
+#include "perfmon/CNetworkInterfaceTable.h"
+#include "perfmon/CPerfMon.h"
+#include "perfmon/PerfMonPaths.h"
+#include "registry/CRegistry.h"
+#include "trace/CDebug.h"
+#include "trace/CEvent.h"
+#include "trace/CThread.h"
+
+namespace {
+
+/// Keys, relative to HKEY_LOCAL_MACHINE.
+constexpr const char* kPerformanceKey = "SOFTWARE\\Tarvis\\Performance";
+constexpr const char* kSystemKey = "SOFTWARE\\Tarvis\\Performance\\System";
+constexpr const char* kMemoryKey = "SOFTWARE\\Tarvis\\Performance\\Memory";
+constexpr const char* kNetworkKey = "SOFTWARE\\Tarvis\\Performance\\Network";
+constexpr const char* kProcessesKey = "SOFTWARE\\Tarvis\\Performance\\Processes";
+
+constexpr unsigned kDefaultPeriodMs = 1000;
+constexpr unsigned kDefaultHistory = 60;
+constexpr int kMonitorTypes = CPerfMon::PERF_MONITOR_SYSTEM | CPerfMon::PERF_MONITOR_MEMORY |
+                              CPerfMon::PERF_MONITOR_NETWORK | CPerfMon::PERF_MONITOR_PROCESSES;
+
+/// A published figure: the value name without its Current/Average prefix
+/// and the monitor value it shows.
+struct Figure {
+    const char* name;
+    CPerfMon::PerfMonitorValue value;
+};
+
+constexpr Figure kSystemFigures[] = {
+    {"Usage", CPerfMon::PERF_SYSTEM_USAGE},
+    {"Idle", CPerfMon::PERF_SYSTEM_IDLE},
+    {"User", CPerfMon::PERF_SYSTEM_USER},
+    {"Kernel", CPerfMon::PERF_SYSTEM_KERNEL},
+};
+constexpr Figure kMemoryFigures[] = {
+    {"Usage", CPerfMon::PERF_MEMORY_USAGE},
+    {"SwapUsage", CPerfMon::PERF_SWAP_USAGE},
+};
+constexpr Figure kNetworkFigures[] = {
+    {"Usage", CPerfMon::PERF_NETWORK_USAGE},
+    {"Sent", CPerfMon::PERF_NETWORK_SENT},
+    {"Received", CPerfMon::PERF_NETWORK_RECEIVED},
+};
+constexpr Figure kProcessFigures[] = {
+    {"Cpu", CPerfMon::PERF_PROCESS_CPU},
+    {"CpuAll", CPerfMon::PERF_PROCESS_CPU_ALL},
+    {"Resident", CPerfMon::PERF_PROCESS_RESIDENT},
+    {"Virtual", CPerfMon::PERF_PROCESS_VIRTUAL},
+    {"Threads", CPerfMon::PERF_PROCESS_THREADS},
+    {"Count", CPerfMon::PERF_PROCESS_COUNT},
+    {"Running", CPerfMon::PERF_PROCESS_RUNNING},
+    {"Descriptors", CPerfMon::PERF_PROCESS_DESCRIPTORS},
+};
+
+struct PerfState {
+    unsigned periodMs = kDefaultPeriodMs;
+    unsigned historyLength = kDefaultHistory;
+    std::string procRoot = perfmon::kDefaultProcRoot;
+    uint32_t runMode = 0;
+    CEvent stop{false, true, nullptr};  // manual reset: stays set until the next start
+    CThread thread;
+    bool running = false;
+    std::atomic<bool> noNewWork{false};
+    std::unique_ptr<CPerfMon> monitor;
+    std::vector<std::string> interfaces;  // names of the network instances
+    std::atomic<unsigned> updates{0};
+};
+
+std::unique_ptr<PerfState> g_State;
+
+/// Writes a number where it differs, so that unchanged figures leave the
+/// tree clean and do not cause a save.
+void SetNumber(CRegistry& reg, const std::string& name, unsigned number)
+{
+    unsigned current = 0;
+    if (reg.QueryValue(&current, name.c_str()) == CRegistry::kOk && current == number)
+        return;
+    reg.SetValue(name.c_str(), number);
+}
+
+void SetText(CRegistry& reg, const char* name, const std::string& text)
+{
+    std::string current;
+    if (reg.QueryValue(current, name) == CRegistry::kOk && current == text)
+        return;
+    reg.SetValue(name, text.c_str());
+}
+
+/// Current and average of each figure of one instance, into the current key.
+void WriteFigures(CRegistry& reg, CPerfMon& mon, const Figure* figures, size_t count, int instance)
+{
+    for (size_t i = 0; i < count; ++i) {
+        unsigned char percent = 0;
+        if (mon.GetCurrentPercent(figures[i].value, percent, instance))
+            SetNumber(reg, std::string("Current") + figures[i].name, percent);
+        if (mon.GetAveragePercent(figures[i].value, percent, instance))
+            SetNumber(reg, std::string("Average") + figures[i].name, percent);
+    }
+}
+
+template <size_t N>
+void WriteGroup(CRegistry& reg, CPerfMon& mon, const char* key, const Figure (&figures)[N], int instance = 0)
+{
+    if (reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, key) != 0) {
+        DBG_PRINT(1, "\nPerfModule          : ## ERROR! cannot create the registry key %s", key);
+        return;
+    }
+    WriteFigures(reg, mon, figures, N, instance);
+}
+
+/// One update: every figure with one handle, so the tree is saved at most
+/// once a period (and not at all when nothing changed).
+void Publish(PerfState& st)
+{
+    CPerfMon& mon = *st.monitor;
+    CRegistry reg;
+    WriteGroup(reg, mon, kSystemKey, kSystemFigures);
+    WriteGroup(reg, mon, kMemoryKey, kMemoryFigures);
+    unsigned interfaces = mon.GetNumberInstances(CPerfMon::PERF_MONITOR_NETWORK);
+    for (unsigned i = 0; i < interfaces; ++i) {
+        std::string key = std::string(kNetworkKey) + "\\" + std::to_string(i);
+        WriteGroup(reg, mon, key.c_str(), kNetworkFigures, static_cast<int>(i));
+        if (i < st.interfaces.size())
+            SetText(reg, "Name", st.interfaces[i]);
+    }
+    WriteGroup(reg, mon, kProcessesKey, kProcessFigures);
+    if (reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, kPerformanceKey) == 0) {
+        SetNumber(reg, "PeriodMs", st.periodMs);
+        SetNumber(reg, "Updates", st.updates.load() + 1);
+        SetText(reg, "LastUpdate", tarvdmod::IsoTimeUtc());
+    }
+    ++st.updates;
+}
+
+/// Drops the interface keys of an earlier run: the numbering may differ.
+void ClearNetworkKeys()
+{
+    CRegistry reg;
+    if (reg.Open(kPerformanceKey, CRegistry::HKEY_LOCAL_MACHINE) == 0)
+        reg.DeleteKey("Network");  // 22 when there is none: nothing changes
+}
+
+void PerfLoop(PerfState& st)
+{
+    ClearNetworkKeys();
+    CNetworkInterfaceTable table(st.procRoot);
+    int count = table.GetNumberInterfaces();
+    if (count != perfmon::kNoInterfaces) {
+        for (int i = 0; i < count; ++i) {
+            std::string name;
+            st.interfaces.push_back(table.GetInterfaceName(i, name) ? name : std::string());
+        }
+    }
+    if (st.stop.Wait(0) != TR_WAIT_TIMEOUT)
+        return;
+    if (st.monitor->StartMonitoring(kMonitorTypes, st.periodMs) == 0) {
+        DBG_PRINT(1, "\nPerfModule          : ## ERROR! performance monitoring could not be started (proc root %s)",
+                  st.procRoot.c_str());
+        return;
+    }
+    DBG_PRINT(3, "\nPerfModule          : monitoring %zu network interface(s), period %u ms", st.interfaces.size(),
+              st.periodMs);
+    // The monitor samples on its own thread with the same period; the
+    // figures are taken right after, a period later each time.
+    do {
+        if (!st.noNewWork.load())
+            Publish(st);
+    } while (st.stop.Wait(st.periodMs) == TR_WAIT_TIMEOUT);
+}
+
+void* PerfThread(void* arg)
+{
+    // Nothing may leave the thread: an exception there would end the daemon.
+    try {
+        PerfLoop(*static_cast<PerfState*>(arg));
+    } catch (const std::exception& e) {
+        DBG_PRINT(1, "\nPerfModule          : ## ERROR! update thread ended by an exception: %s", e.what());
+    } catch (...) {
+        DBG_PRINT(1, "\nPerfModule          : ## ERROR! update thread ended by an exception");
+    }
+    return nullptr;
+}
+
+int Load(const TarvdModuleConfig* config)
+{
+    if (g_State)
+        return 1;
+    auto st = std::make_unique<PerfState>();
+    bool bad = false;
+    st->periodMs = static_cast<unsigned>(tarvdmod::ConfigNumber(config, "PeriodMs", kDefaultPeriodMs, 100, 3600000, &bad));
+    if (bad)
+        DBG_PRINT(1, "\nPerfModule          : ## WARNING! PeriodMs is not a number from 100 to 3600000, using %u",
+                  st->periodMs);
+    bad = false;
+    st->historyLength =
+        static_cast<unsigned>(tarvdmod::ConfigNumber(config, "HistoryLength", kDefaultHistory, 1, 100000, &bad));
+    if (bad)
+        DBG_PRINT(1, "\nPerfModule          : ## WARNING! HistoryLength is not a number from 1 to 100000, using %u",
+                  st->historyLength);
+    if (const char* root = tarvdmod::ConfigText(config, "ProcRoot"); root && *root)
+        st->procRoot = root;
+    st->runMode = config->runMode;
+    DBG_PRINT(2, "\nPerfModule          : loaded from %s (run mode %u, period %u ms, history %u, proc root %s)",
+              config->configFile ? config->configFile : "", st->runMode, st->periodMs, st->historyLength,
+              st->procRoot.c_str());
+    g_State = std::move(st);
+    return 1;
+}
+
+int Start()
+{
+    if (!g_State || g_State->running)
+        return g_State != nullptr;
+    PerfState& st = *g_State;
+    st.stop.Reset();
+    st.noNewWork = false;
+    st.interfaces.clear();
+    st.monitor = std::make_unique<CPerfMon>(st.historyLength);
+    st.monitor->SetProcRoot(st.procRoot);
+    // Starting the monitor takes two samples a quarter second apart: that
+    // is done on the module's thread, so start() returns at once.
+    if (!st.thread.Start(PerfThread, &st, 0, false, 0, 0, true, "perf-registry")) {
+        DBG_PRINT(1, "\nPerfModule          : ## ERROR! cannot start the update thread");
+        st.monitor.reset();
+        return 0;
+    }
+    st.running = true;
+    DBG_PRINT(2, "\nPerfModule          : started");
+    return 1;
+}
+
+void Stop()
+{
+    if (!g_State || !g_State->running)
+        return;
+    PerfState& st = *g_State;
+    st.noNewWork = true;
+    st.stop.Set();
+    st.thread.WaitForTermination(TR_INFINITE);
+    st.monitor->StopMonitoring();
+    st.monitor.reset();
+    st.running = false;
+    DBG_PRINT(2, "\nPerfModule          : stopped after %u update(s)", st.updates.load());
+}
+
+void Notify(uint32_t event, const void* data)
+{
+    if (!g_State)
+        return;
+    if (event == TARVD_EVENT_DAEMON_STOPPING) {
+        g_State->noNewWork = true;
+        DBG_PRINT(2, "\nPerfModule          : notified: daemon is stopping, no further updates");
+    } else if (event == TARVD_EVENT_OS_SHUTDOWN && data) {
+        DBG_PRINT(2, "\nPerfModule          : notified: operating system shutdown, run level %d",
+                  *static_cast<const int32_t*>(data));
+    } else {
+        DBG_PRINT(2, "\nPerfModule          : notified: event 0x%X", event);
+    }
+}
+
+void Unload()
+{
+    Stop();
+    g_State.reset();
+    DBG_PRINT(2, "\nPerfModule          : unloaded");
+}
+
+const TarvdModuleV1 kModule = {TARVD_MODULE_ABI_VERSION, "perf", Load, Start, Stop, Notify, Unload};
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) const TarvdModuleV1* tarvd_module_v1()
+{
+    return &kModule;
+}
