@@ -109,6 +109,7 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "gzip")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_STRIP_FILES ON)
 # conffiles: every module configuration file the package installs; listed
 # by a script that looks into the staged files just before packaging.
 set(TARVD_CONFFILES ${TARVD_PKG_OUT}/debian/conffiles)
