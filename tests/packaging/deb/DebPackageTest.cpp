@@ -91,6 +91,12 @@ TEST_F(DebPackage, ContentsFollowTheInstallLayout)
                              std::string(TEST_UNIT_DIR) + "/kopd-runlevel.service",
                              std::string(TEST_INSTALL_HELPER), std::string(TEST_INSTALL_MANDIR) + "/man8/kopd.8"})
         EXPECT_TRUE(Has(contents, " ." + path + "\n") || Has(contents, " ." + path + " -> ")) << path;
+    if (testsupport::FileExists(std::string(TARVD_SOURCE_DIR) + "/tools/CMakeLists.txt")) {
+        for (const char* tool : {"koptrace", "kopreg", "kophw", "kopperf"}) {
+            EXPECT_TRUE(Has(contents, std::string("/") + tool + "\n")) << tool;
+            EXPECT_TRUE(Has(contents, std::string(TEST_INSTALL_MANDIR) + "/man1/" + tool + ".1\n")) << tool;
+        }
+    }
     // Owned by root, and nothing of the build tree.
     EXPECT_FALSE(Has(contents, TARVD_BINARY_DIR));
     for (const std::string& line : testsupport::SplitLines(contents))
