@@ -274,9 +274,27 @@ private:
             DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s threw in %s -> skipped", name, TARVD_MODULE_ENTRY);
             return;
         }
-        if (!table || table->abiVersion != TARVD_MODULE_ABI_VERSION || !table->load) {
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s: ABI version %u, expected %u -> skipped", name,
-                      table ? table->abiVersion : 0u, TARVD_MODULE_ABI_VERSION);
+        if (!table) {
+            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s: %s returned no module table -> skipped", name,
+                      TARVD_MODULE_ENTRY);
+            return;
+        }
+        if (table->abiVersion != TARVD_MODULE_ABI_VERSION) {
+            // Say what the module was built for, so that an administrator
+            // sees at once which side has to be rebuilt or updated.
+            DBG_PRINT(1,
+                      "\nSWITCH              : ## ERROR! module %s: incompatible ABI version 0x%08X (built for libtarvd "
+                      "%u, module interface %u); this framework needs 0x%08X (libtarvd %u, module interface %u) -> "
+                      "skipped, rebuild the module against this version",
+                      name, table->abiVersion, TARVD_MODULE_ABI_LIBRARY_MAJOR(table->abiVersion),
+                      TARVD_MODULE_ABI_INTERFACE(table->abiVersion), TARVD_MODULE_ABI_VERSION,
+                      TARVD_MODULE_ABI_LIBRARY_MAJOR(TARVD_MODULE_ABI_VERSION),
+                      TARVD_MODULE_ABI_INTERFACE(TARVD_MODULE_ABI_VERSION));
+            return;
+        }
+        if (!table->load) {
+            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s: the module table has no load function -> skipped",
+                      name);
             return;
         }
         TarvdModuleConfig config{};

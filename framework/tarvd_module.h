@@ -30,8 +30,20 @@
 extern "C" {
 #endif
 
-/** The ABI version a module built against this header reports. */
-#define TARVD_MODULE_ABI_VERSION 1u
+/** Version of the module table's layout and calling rules (TarvdModuleV1). */
+#define TARVD_MODULE_INTERFACE_VERSION 1u
+/** Major version of libtarvd this header belongs to.  A module links the
+ *  library's C++ classes, whose binary interface only holds within one
+ *  major version; the build checks that this number matches the project's. */
+#define TARVD_MODULE_LIBRARY_MAJOR 9u
+/** The ABI version a module built against this header reports: the library's
+ *  major version in the upper 16 bits, the table's interface version in the
+ *  lower 16.  The framework loads a module only when both match its own. */
+#define TARVD_MODULE_ABI_VERSION ((TARVD_MODULE_LIBRARY_MAJOR << 16) | TARVD_MODULE_INTERFACE_VERSION)
+/** The library major version of an ABI version value. */
+#define TARVD_MODULE_ABI_LIBRARY_MAJOR(abi) ((uint32_t)(abi) >> 16)
+/** The module interface version of an ABI version value. */
+#define TARVD_MODULE_ABI_INTERFACE(abi) ((uint32_t)(abi) & 0xFFFFu)
 /** The name of the entry point every module exports. */
 #define TARVD_MODULE_ENTRY "tarvd_module_v1"
 

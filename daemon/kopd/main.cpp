@@ -17,6 +17,7 @@
 #include "BuildInfo.h"
 #include "common/UniqueFd.h"
 #include "daemon/CFileLock.h"
+#include "daemon/CServiceNotify.h"
 #include "daemon/CSwitchApi.h"
 #include "daemon/kopd/Kopd.h"
 #include "daemon/kopd/SmbusDriverInfo.h"
@@ -230,6 +231,21 @@ void TraceVersion()
     Debug.PrintAlways(0, "%s-MAIN: running as x86_64 (64-Bit) process; Build on SLES11 GA x86_64 (64-Bit)", kPrefix);
 }
 
+/// Tells a waiting service manager about a state change; nothing when the
+/// daemon was not started with a notification socket.
+void NotifyServiceManager(CServiceNotify& notify, const char* state)
+{
+    if (!notify.Enabled())
+        return;
+    if (notify.Notify(state)) {
+        DBG_PRINT(3, "%s-MAIN: service manager notified: %s", kPrefix, state);
+    } else {
+        int err = notify.LastError();
+        DBG_PRINT(1, "%s-MAIN: ERROR! cannot notify the service manager at %s of %s (errno=%d: %s)", kPrefix,
+                  notify.Address().c_str(), state, err, strerror(err));
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -254,8 +270,12 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; ++i)
         if (IsNoDemonOption(argv[i]))
             noDemon = true;
+    // A service manager that starts the daemon in the foreground may ask to
+    // be told when start-up is done and when the daemon begins to stop.
+    CServiceNotify serviceNotify;
     if (noDemon) {
         fprintf(stderr, "%s: %s-MAIN: started in \"No Demon\" Mode\n", self, kPrefix);
+        serviceNotify.TakeFromEnvironment();
     } else {
         pid_t pid = fork();
         if (pid < 0) {
@@ -321,6 +341,7 @@ int main(int argc, char** argv)
     sleep(1);
     Debug.PrintAlways(0, "%s-MAIN: ## Done initializing ##\n", kPrefix);
     Debug.SetApplInitDone();
+    NotifyServiceManager(serviceNotify, "READY=1");
 
     FillDaemonSignals(&g_WaitSignals);
     Debug.PrintAlways(0, "\n%s-MAIN:  Waiting for signals...", kPrefix);
@@ -349,6 +370,7 @@ int main(int argc, char** argv)
 
     // OnExitService
     Debug.PrintAlways(0, "%s-MAIN: ## Someone signaled exit state ##\n", kPrefix);
+    NotifyServiceManager(serviceNotify, "STOPPING=1");
     DBG_PRINT(2, "%s-MAIN::OnExitService      : Stopping all modules...\n", kPrefix);
     if (SwitchInterface* sw = switchApi.Interface())
         sw->StopAllModules();
