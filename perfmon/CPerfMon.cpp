@@ -253,6 +253,32 @@ bool IsPidName(const char* name, int& pid)
     return true;
 }
 
+// The "running/total" field of loadavg (the fourth): runnable tasks and all
+// tasks of the system.
+bool ReadLoadAvg(const std::string& path, uint64_t& running, uint64_t& total)
+{
+    std::string text;
+    if (!perfmon::ReadSmallFile(path, text))
+        return false;
+    const char* p = text.data();
+    const char* end = p + text.size();
+    for (int field = 0; field < 3; ++field) {
+        while (p < end && (*p == ' ' || *p == '\t'))
+            ++p;
+        while (p < end && *p != ' ' && *p != '\t' && *p != '\n')
+            ++p;
+    }
+    uint64_t r = 0, t = 0;
+    if (!perfmon::ParseU64(p, end, r) || p >= end || *p != '/')
+        return false;
+    ++p;
+    if (!perfmon::ParseU64(p, end, t))
+        return false;
+    running = r;
+    total = t;
+    return true;
+}
+
 // Visits the samples of one instance (-1: of every instance) under the
 // history's lock; false when the group has no history or the instance does
 // not exist (the history traces the request).
@@ -285,6 +311,16 @@ bool CollectSamples(const std::shared_ptr<CDataHistoryBuffer<T>>& history, int i
 }
 
 } // namespace
+
+// Readings of one snapshot that several groups use: the memory and system
+// groups fill them, the process group takes what it finds instead of reading
+// the same files again.
+struct CPerfMon::SharedReadings {
+    bool statValid = false;
+    StatReading stat;  // with the processors counted
+    bool memValid = false;
+    MemInfo mem;
+};
 
 // ---- percentages ------------------------------------------------------------
 
@@ -417,6 +453,7 @@ unsigned long CPerfMon::StartMonitoring(int types, unsigned int periodMs)
             DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor processes");
             m_ProcessHistory = std::make_shared<CDataHistoryBuffer<_PerfDataProcess>>(m_HistoryLength, 1);
             m_PrevProcess = ProcessPrev();
+            m_ProcessSlow = ProcessSlow();
         }
         if (!m_MemoryHistory && !m_SystemHistory && !m_NetworkHistory && !processes)
             return 0;
@@ -489,26 +526,29 @@ void CPerfMon::MonitorLoop()
 void CPerfMon::SnapshotData(int types)
 {
     CCriticalSectionLock lock(m_Lock);
+    SharedReadings shared;
     if ((types & PERF_MONITOR_MEMORY) && m_MemoryHistory)
-        SnapshotMemory();
+        SnapshotMemory(shared);
     if ((types & PERF_MONITOR_SYSTEM) && m_SystemHistory)
-        SnapshotSystem();
+        SnapshotSystem(shared);
     if (types & PERF_MONITOR_CPU)
         DBG_PRINT(5, "\nCPerfMon::SnapData  :   - update CPU usage for %d instances", m_NumberProcessors);
     if ((types & PERF_MONITOR_NETWORK) && m_NetworkHistory)
         SnapshotNetwork();
     if ((types & (PERF_MONITOR_PROCESSES | PERF_MONITOR_PROCESSES_EXTRA)) && m_MonitorProcesses.load()) {
         DBG_PRINT(5, "\nCPerfMon::SnapData  :   - update processes");
-        SnapshotProcesses();
+        SnapshotProcesses(shared);
     }
     DBG_PRINT(5, "\nCPerfMon::SnapData  : update snapshot data finished");
 }
 
-void CPerfMon::SnapshotMemory()
+void CPerfMon::SnapshotMemory(SharedReadings& shared)
 {
     MemInfo info;
     if (!ReadMemInfo(JoinPath(m_ProcRoot, perfmon::kMemInfoFile), info))
         return;
+    shared.memValid = true;
+    shared.mem = info;
     _PerfDataMemory sample;
     sample.memTotal = SatMul(info.memTotalKb, 1024);
     sample.memUsed = SatMul(DiffOrZero(info.memTotalKb, info.memFreeKb), 1024);
@@ -518,11 +558,14 @@ void CPerfMon::SnapshotMemory()
     DBG_PRINT(5, "\nCPerfMon::SnapData  :   - memory history: %d entries", static_cast<int>(m_MemoryHistory->GetCount(0)));
 }
 
-void CPerfMon::SnapshotSystem()
+void CPerfMon::SnapshotSystem(SharedReadings& shared)
 {
     StatReading st;
-    if (!ReadStat(JoinPath(m_ProcRoot, perfmon::kStatFile), st, false))
+    // The processors are counted for the process group.
+    if (!ReadStat(JoinPath(m_ProcRoot, perfmon::kStatFile), st, true))
         return;
+    shared.statValid = true;
+    shared.stat = st;
     SystemPrev now;
     now.valid = true;
     now.user = SatAdd(st.user, st.nice);
@@ -598,7 +641,7 @@ void CPerfMon::SnapshotNetwork()
     }
 }
 
-void CPerfMon::RefreshProcessMap()
+void CPerfMon::RefreshProcessMap() const
 {
     UniqueDir dir(opendir(m_ProcRoot.c_str()));
     if (!dir) {
@@ -630,13 +673,16 @@ void CPerfMon::RefreshProcessMap()
     }
 }
 
-void CPerfMon::SnapshotProcesses()
+void CPerfMon::SnapshotProcesses(const SharedReadings& shared)
 {
-    RefreshProcessMap();
-
     ProcessPrev now;
     StatReading st;
-    if (ReadStat(JoinPath(m_ProcRoot, perfmon::kStatFile), st, true)) {
+    bool statValid = shared.statValid;
+    if (statValid)
+        st = shared.stat;
+    else
+        statValid = ReadStat(JoinPath(m_ProcRoot, perfmon::kStatFile), st, true);
+    if (statValid) {
         now.valid = true;
         now.totalTicks = SatAdd(SatAdd(SatAdd(st.user, st.nice), st.system), st.idle);
     }
@@ -647,6 +693,16 @@ void CPerfMon::SnapshotProcesses()
     if (perfmon::ReadSmallFile(JoinPath(m_ProcRoot, perfmon::kSelfStatFile), text) && ParseProcessStat(text, self)) {
         now.ownValid = true;
         now.ownTicks = self.cpuTicks;
+    }
+
+    // pid_max and the limit of open files: at the first snapshot after a
+    // start, then now and then.
+    if (!m_PrevProcess.seen || ++m_ProcessSlow.age >= perfmon::kSlowRefreshSnapshots) {
+        m_ProcessSlow.age = 0;
+        m_ProcessSlow.pidMaxValid =
+            ReadNumberFile(JoinPath(m_ProcRoot, perfmon::kPidMaxFile), m_ProcessSlow.pidMax);
+        m_ProcessSlow.limitValid =
+            ReadOpenFileLimit(JoinPath(m_ProcRoot, perfmon::kSelfLimitsFile), m_ProcessSlow.openFileLimit);
     }
 
     _PerfDataProcess sample;
@@ -664,27 +720,31 @@ void CPerfMon::SnapshotProcesses()
         set(PERF_PROCESS_CPU, own, total / processors);
         set(PERF_PROCESS_CPU_ALL, own, total);
     }
-    MemInfo mem;
-    if (now.ownValid && ReadMemInfo(JoinPath(m_ProcRoot, perfmon::kMemInfoFile), mem)) {
-        const uint64_t memTotal = SatMul(mem.memTotalKb, 1024);
-        const uint64_t pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-        set(PERF_PROCESS_RESIDENT, SatMul(self.residentPages, pageSize), memTotal);
-        set(PERF_PROCESS_VIRTUAL, self.virtualBytes, SatAdd(memTotal, SatMul(mem.swapTotalKb, 1024)));
-    }
-    if (now.ownValid)
+    if (now.ownValid) {
+        MemInfo mem;
+        bool memValid = shared.memValid;
+        if (memValid)
+            mem = shared.mem;
+        else
+            memValid = ReadMemInfo(JoinPath(m_ProcRoot, perfmon::kMemInfoFile), mem);
+        if (memValid) {
+            const uint64_t memTotal = SatMul(mem.memTotalKb, 1024);
+            const uint64_t pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+            set(PERF_PROCESS_RESIDENT, SatMul(self.residentPages, pageSize), memTotal);
+            set(PERF_PROCESS_VIRTUAL, self.virtualBytes, SatAdd(memTotal, SatMul(mem.swapTotalKb, 1024)));
+        }
         set(PERF_PROCESS_THREADS, self.threads, perfmon::kAgentThreadBudget);
-    uint64_t pidMax = 0;
-    if (ReadNumberFile(JoinPath(m_ProcRoot, perfmon::kPidMaxFile), pidMax))
-        set(PERF_PROCESS_COUNT, m_Processes.size(), pidMax);
-    uint64_t running = 0;
-    for (const auto& p : m_Processes)
-        running += p.second.state == 'R' ? 1 : 0;
-    if (now.valid)
-        set(PERF_PROCESS_RUNNING, running, processors);
-    uint64_t limit = 0, descriptors = 0;
-    if (ReadOpenFileLimit(JoinPath(m_ProcRoot, perfmon::kSelfLimitsFile), limit) &&
-        CountDirectoryEntries(JoinPath(m_ProcRoot, perfmon::kSelfFdDir), descriptors))
-        set(PERF_PROCESS_DESCRIPTORS, descriptors, limit);
+    }
+    uint64_t running = 0, tasks = 0;
+    if (ReadLoadAvg(JoinPath(m_ProcRoot, perfmon::kLoadAvgFile), running, tasks)) {
+        if (m_ProcessSlow.pidMaxValid)
+            set(PERF_PROCESS_COUNT, tasks, m_ProcessSlow.pidMax);
+        if (now.valid)
+            set(PERF_PROCESS_RUNNING, running, processors);
+    }
+    uint64_t descriptors = 0;
+    if (m_ProcessSlow.limitValid && CountDirectoryEntries(JoinPath(m_ProcRoot, perfmon::kSelfFdDir), descriptors))
+        set(PERF_PROCESS_DESCRIPTORS, descriptors, m_ProcessSlow.openFileLimit);
 
     // Like the system values, the first reading only becomes the previous one.
     if (m_PrevProcess.seen)
@@ -801,6 +861,8 @@ unsigned int CPerfMon::GetNumberInstances(int type) const
 std::vector<PerfProcessRecord> CPerfMon::GetProcesses() const
 {
     CCriticalSectionLock lock(m_Lock);
+    if (m_MonitorProcesses.load() && m_ProcessHistory)
+        RefreshProcessMap();
     std::vector<PerfProcessRecord> out;
     out.reserve(m_Processes.size());
     for (const auto& p : m_Processes)

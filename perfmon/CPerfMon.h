@@ -29,14 +29,27 @@
 //                                 total), the memory the system can commit
 //   17 PERF_PROCESS_THREADS       own thread count ÷ the agent's thread
 //                                 budget (perfmon::kAgentThreadBudget, 256)
-//   18 PERF_PROCESS_COUNT         processes on the system ÷ the kernel's
-//                                 pid_max
-//   19 PERF_PROCESS_RUNNING       processes in state R ÷ number of
+//   18 PERF_PROCESS_COUNT         tasks on the system (processes and
+//                                 their threads: each holds a process id)
+//                                 ÷ the kernel's pid_max, so the figure
+//                                 shows how close the id space is to
+//                                 running out; both counts come from
+//                                 loadavg ("running/total")
+//   19 PERF_PROCESS_RUNNING       runnable tasks (threads in state R, the
+//                                 "running" count of loadavg) ÷ number of
 //                                 processors (over 100 means a run queue)
 //   20 PERF_PROCESS_DESCRIPTORS   own open descriptors ÷ the soft limit of
 //                                 open files (none when unlimited); the
 //                                 count includes the descriptor used to
 //                                 list them
+//
+// One process snapshot reads only a few files: loadavg, the own process's
+// stat and descriptor directory, and the statistics and memory files (whose
+// readings are shared with the system and memory groups when these are
+// sampled in the same snapshot).  The kernel's pid_max and the own limit of
+// open files change rarely: they are read at the first snapshot after a
+// start and then every kSlowRefreshSnapshots snapshots.  No file of other
+// processes is read by a snapshot; GetProcesses reads them when asked.
 //
 // Like the system values, the process values need two readings: the first
 // reading only becomes the previous one.  A quantity that cannot be read has
@@ -230,8 +243,10 @@ public:
     /// The number of instances of group `type`; 0 when it has no history.
     unsigned int GetNumberInstances(int type) const;
 
-    /// The processes seen by the last snapshot with process monitoring.
-    /// Takes the monitor's lock.
+    /// The processes of the system.  While process monitoring is on, the
+    /// process map is refreshed from the proc root's per-process stat files
+    /// by this call (snapshots do not read them); otherwise the map as last
+    /// refreshed is returned.  Takes the monitor's lock.
     std::vector<PerfProcessRecord> GetProcesses() const;
 
 private:
@@ -253,25 +268,37 @@ private:
         uint64_t ownTicks = 0;
         uint64_t totalTicks = 0;
     };
+    /// Figures of the process group that are re-read only now and then.
+    struct ProcessSlow {
+        unsigned age = 0;           // snapshots since the last reading
+        bool pidMaxValid = false;
+        uint64_t pidMax = 0;
+        bool limitValid = false;
+        uint64_t openFileLimit = 0;
+    };
+    /// Readings of one snapshot shared between its groups (defined in the
+    /// source).
+    struct SharedReadings;
 
     static void* ThreadProc(void* self);
     void MonitorLoop();
 
-    void SnapshotMemory();
-    void SnapshotSystem();
+    void SnapshotMemory(SharedReadings& shared);
+    void SnapshotSystem(SharedReadings& shared);
     void SnapshotNetwork();
-    void SnapshotProcesses();
-    void RefreshProcessMap();
+    void SnapshotProcesses(const SharedReadings& shared);
+    void RefreshProcessMap() const;
 
     int GetPercent(PerfMonitorValue value, unsigned char& percent, int instance, bool current);
 
     mutable CCriticalSection m_Lock;
-    std::map<int, PerfProcessRecord> m_Processes;
-    std::map<int, unsigned char> m_ProcessSeen;
+    mutable std::map<int, PerfProcessRecord> m_Processes;   // refreshed by GetProcesses
+    mutable std::map<int, unsigned char> m_ProcessSeen;
     std::vector<NetState> m_NetState;
     SystemPrev m_PrevSystem;
     std::vector<SystemPrev> m_PrevCpu;
     ProcessPrev m_PrevProcess;
+    ProcessSlow m_ProcessSlow;
     std::shared_ptr<CDataHistoryBuffer<_PerfDataCpu>> m_CpuHistory;
     std::shared_ptr<CDataHistoryBuffer<_PerfDataSystem>> m_SystemHistory;
     std::shared_ptr<CDataHistoryBuffer<_PerfDataNetwork>> m_NetworkHistory;

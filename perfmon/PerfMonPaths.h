@@ -18,6 +18,7 @@ inline constexpr const char* kSelfStatFile = "self/stat";
 inline constexpr const char* kSelfLimitsFile = "self/limits";
 inline constexpr const char* kSelfFdDir = "self/fd";
 inline constexpr const char* kPidMaxFile = "sys/kernel/pid_max";
+inline constexpr const char* kLoadAvgFile = "loadavg";
 
 /// The kernel's own lines are well below this; it is the size of the
 /// buffer that a line is read through.  Longer lines are put together from
@@ -27,6 +28,10 @@ inline constexpr size_t kLineBufferSize = 256;
 inline constexpr size_t kMaxLineLength = 4096;
 /// Largest small file (a process's stat line, pid_max) read whole.
 inline constexpr size_t kMaxSmallFile = 4096;
+
+/// The process group re-reads pid_max and the own limit of open files
+/// after this many snapshots (a minute at the default period).
+inline constexpr unsigned kSlowRefreshSnapshots = 60;
 
 /// Interface names that count as monitored network interfaces, by prefix.
 inline constexpr const char* kInterfacePrefixes[] = {"eth", "bond", "sha", "vswif", "br", "xenbr"};

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +23,8 @@ CRegistryNode* CRegistry::HKEY_CURRENT_CONFIG = nullptr;
 namespace {
 
 constexpr mode_t kFileMode = 0644;
+/// Stream buffer used while the tree is written.
+constexpr size_t kSaveBufferSize = 1u << 20;
 
 /// The class-wide state shared by all handles.
 struct TreeState {
@@ -278,6 +282,10 @@ bool CRegistry::SaveTree()
         s.dirty = true;
         return false;
     }
+    // The whole tree goes out through one large buffer (without it, the
+    // stream's own buffer is used).  Declared before the stream, so that it
+    // outlives it.
+    std::unique_ptr<char[]> buffer(new (std::nothrow) char[kSaveBufferSize]);
     UniqueFile file(fdopen(fd.Get(), "we"));
     if (!file) {
         DBG_PRINT(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", s.fresh.c_str());
@@ -285,6 +293,8 @@ bool CRegistry::SaveTree()
         return false;
     }
     fd.Release();  // the stream owns it now
+    if (buffer)
+        setvbuf(file.Get(), buffer.get(), _IOFBF, kSaveBufferSize);
 
     // The new file must be complete on disk before it replaces anything, so
     // that a crash at any moment leaves a whole current or backup file.

@@ -1,5 +1,6 @@
 #include "registry/CRegistryNode.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +24,36 @@ char* CopyText(const char* text)
     return strdup(text);
 }
 
+/// One hexadecimal number as strtol(p, &end, 16) reads it, for the plain
+/// form the writer produces (blanks, then at most 15 hex digits without a
+/// sign or "0x" prefix).  False for anything else, which the caller leaves
+/// to strtol itself.
+bool PlainHex(const char* p, long& value, const char*& end)
+{
+    while (isspace(static_cast<unsigned char>(*p)))
+        ++p;
+    if (*p == '0' && (p[1] == 'x' || p[1] == 'X'))
+        return false;
+    auto digit = [](char c) -> int {
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        if (c >= 'a' && c <= 'f')
+            return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F')
+            return c - 'A' + 10;
+        return -1;
+    };
+    long v = 0;
+    int n = 0;
+    for (int d; n < 15 && (d = digit(p[n])) >= 0; ++n)
+        v = v * 16 + d;
+    if (n == 0 || digit(p[n]) >= 0)
+        return false;  // no digits (or a sign), or too long to be sure of no overflow
+    value = v;
+    end = p + n;
+    return true;
+}
+
 /// Parses the hexadecimal byte list of a binary value.  The payload holds
 /// (length / 3) + 2 bytes after its count: enough for the writer's
 /// "xx " groups; denser text is cut at that capacity.
@@ -36,8 +67,13 @@ void* ParseBinary(const char* text)
     uint32_t count = 0;
     const char* p = text;
     while (count < capacity) {
-        char* end = nullptr;
-        long v = strtol(p, &end, 16);
+        long v = 0;
+        const char* end = nullptr;
+        if (!PlainHex(p, v, end)) {
+            char* e = nullptr;
+            v = strtol(p, &e, 16);
+            end = e;
+        }
         if (end == p)
             break;
         payload[4 + count++] = static_cast<unsigned char>(v);
@@ -87,6 +123,100 @@ bool RestoreValue(CRegistryNode& node, char* line)
         return true;
     }
     return false;
+}
+
+/// Hands out the lines of a stream cut exactly as fgets() on a kLineSize
+/// buffer cuts them (at a line feed, after kLineSize - 1 characters, or at
+/// the end of the stream), but reads the stream in large blocks.  Each line
+/// comes back NUL-terminated with its line feed replaced by the NUL; a NUL
+/// byte inside a line ends its text there, as it does for fgets().  What was
+/// read ahead but not handed out is given back to the stream (by seeking)
+/// when the source is destroyed, so the stream stands right after the last
+/// line used, as it would after fgets().
+class CLineSource {
+public:
+    explicit CLineSource(FILE* file) : m_File(file), m_Block(new (std::nothrow) char[kBlockSize]) {}
+    ~CLineSource()
+    {
+        if (m_End > m_Pos)
+            fseek(m_File, -static_cast<long>(m_End - m_Pos), SEEK_CUR);
+    }
+    CLineSource(const CLineSource&) = delete;
+    CLineSource& operator=(const CLineSource&) = delete;
+
+    /// The next line, or null at the end of the stream (or on a read error).
+    char* Next()
+    {
+        if (!m_Block)
+            return NextByFgets();
+        for (;;) {
+            const size_t avail = m_End - m_Pos;
+            char* start = m_Block.get() + m_Pos;
+            const size_t limit = avail < kLineSize - 1 ? avail : kLineSize - 1;
+            if (auto* lf = static_cast<char*>(memchr(start, '\n', limit))) {
+                *lf = '\0';
+                m_Pos += static_cast<size_t>(lf - start) + 1;
+                return start;
+            }
+            if (avail >= kLineSize - 1 || (m_Eof && avail > 0)) {
+                // Cut without a line feed: the text is copied, since the
+                // byte behind it belongs to the next line.
+                memcpy(m_Line, start, limit);
+                m_Line[limit] = '\0';
+                m_Pos += limit;
+                return m_Line;
+            }
+            if (m_Eof)
+                return nullptr;
+            Refill();
+        }
+    }
+
+private:
+    static constexpr size_t kBlockSize = 64 * 1024;
+
+    void Refill()
+    {
+        const size_t avail = m_End - m_Pos;
+        memmove(m_Block.get(), m_Block.get() + m_Pos, avail);
+        m_Pos = 0;
+        m_End = avail;
+        const size_t n = fread(m_Block.get() + m_End, 1, kBlockSize - m_End, m_File);
+        m_End += n;
+        if (n == 0)
+            m_Eof = true;
+    }
+
+    char* NextByFgets()
+    {
+        if (fgets(m_Line, sizeof m_Line, m_File) == nullptr)
+            return nullptr;
+        if (char* lf = strchr(m_Line, '\n'))
+            *lf = '\0';
+        return m_Line;
+    }
+
+    FILE* m_File;
+    std::unique_ptr<char[]> m_Block;
+    size_t m_Pos = 0;
+    size_t m_End = 0;
+    bool m_Eof = false;
+    char m_Line[kLineSize];
+};
+
+/// Writes `value` as printf's "%d" would.
+void WriteDecimal(FILE* file, int32_t value)
+{
+    char text[12];
+    char* p = text + sizeof text;
+    uint32_t magnitude = value < 0 ? 0u - static_cast<uint32_t>(value) : static_cast<uint32_t>(value);
+    do {
+        *--p = static_cast<char>('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (value < 0)
+        *--p = '-';
+    fwrite(p, 1, static_cast<size_t>(text + sizeof text - p), file);
 }
 
 bool WriteBinary(FILE* file, const unsigned char* bytes, uint32_t count)
@@ -150,17 +280,24 @@ bool CRegistryNode::dumpNode(FILE* file) const
             continue;
         switch (e.type) {
         case RegNumber:
-            fprintf(file, "%s%s%d\n", e.name, "=d=", static_cast<int32_t>(e.payload.number));
+            fputs(e.name, file);
+            fputs("=d=", file);
+            WriteDecimal(file, static_cast<int32_t>(e.payload.number));
+            fputc('\n', file);
             break;
         case RegString:
         case RegExpandString:
-            if (e.payload.ptr != nullptr)
-                fprintf(file, "%s%s%s\n", e.name, e.type == RegString ? "=s=" : "=es=",
-                        static_cast<const char*>(e.payload.ptr));
+            if (e.payload.ptr != nullptr) {
+                fputs(e.name, file);
+                fputs(e.type == RegString ? "=s=" : "=es=", file);
+                fputs(static_cast<const char*>(e.payload.ptr), file);
+                fputc('\n', file);
+            }
             break;
         case RegBinary:
             if (e.payload.ptr != nullptr) {
-                fprintf(file, "%s%s", e.name, "=b=");
+                fputs(e.name, file);
+                fputs("=b=", file);
                 if (!WriteBinary(file, static_cast<const unsigned char*>(e.payload.ptr) + 4,
                                  BinaryCount(e.payload.ptr)))
                     return false;
@@ -175,7 +312,9 @@ bool CRegistryNode::dumpNode(FILE* file) const
         const Entry& e = At(i);
         if (e.name == nullptr || e.type != RegSubKey || e.payload.ptr == nullptr)
             continue;
-        fprintf(file, "[%s]\n", e.name);
+        fputc('[', file);
+        fputs(e.name, file);
+        fputs("]\n", file);
         if (!static_cast<const CRegistryNode*>(e.payload.ptr)->dumpNode(file))
             return false;
     }
@@ -208,16 +347,15 @@ bool CRegistryNode::restoreNode(FILE* file)
         }
     };
 
-    char line[kLineSize];
-    while (fgets(line, sizeof line, file) != nullptr) {
-        if (line[0] == '\n' || line[0] == '\0') {
+    CLineSource source(file);
+    while (char* line = source.Next()) {
+        // An empty line (or one that starts with a NUL byte) ends a block.
+        if (line[0] == '\0') {
             if (stack.size() == 1)
                 break;
             closeBlock();
             continue;
         }
-        if (char* lf = strrchr(line, '\n'))
-            *lf = '\0';
         Frame& current = stack.back();
         if (line[0] == '[') {
             if (char* close = strchr(line, ']')) {

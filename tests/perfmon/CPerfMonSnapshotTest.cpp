@@ -423,6 +423,7 @@ void WriteProcesses(Rig& r, uint64_t ownUtime, uint64_t ownStime)
     for (int fd = 0; fd < 5; ++fd)
         r.proc.Write("self/fd/" + std::to_string(fd), "");
     r.proc.Write("sys/kernel/pid_max", "40\n");
+    r.proc.Write("loadavg", "0.52 0.58 0.59 1/4 4242\n");  // 1 runnable of 4 tasks
     r.proc.Write("1/stat", perfmontest::FakeProc::ProcessStat(1, "init", 'S', 1, 1, 1, 100, 1));
     r.proc.Write("2/stat", perfmontest::FakeProc::ProcessStat(2, "busy) (R", 'R', 1, 1, 1, 100, 1));
     r.proc.Write("3/stat", perfmontest::FakeProc::ProcessStat(3, "idle", 'S', 1, 1, 1, 100, 1));
