@@ -15,6 +15,7 @@
 #include <ctime>
 #include <cxxabi.h>
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <dirent.h>
 #include <fcntl.h>
@@ -132,8 +133,11 @@ struct CDebug::Impl {
     time_t lastCheck = 0;
 
     pthread_mutex_t mutex;
-    pthread_t owner{};
-    bool owned = false;
+    // Read without the mutex by every thread that enters (to detect its own
+    // re-entry), hence atomic.  Only the owning thread ever stores its own
+    // id, so a thread sees itself as owner exactly when it holds the mutex.
+    std::atomic<pthread_t> owner{};
+    std::atomic<bool> owned{false};
     unsigned recursion = 0;
     bool mutexUsable = false;
 
@@ -188,20 +192,21 @@ struct CDebug::Impl {
         if (!mutexUsable)
             return;
         pthread_t me = pthread_self();
-        if (!(owned && pthread_equal(owner, me))) {
+        if (!(owned.load(std::memory_order_relaxed) && pthread_equal(owner.load(std::memory_order_relaxed), me))) {
             pthread_mutex_lock(&mutex);
-            owner = me;
-            owned = true;
+            owner.store(me, std::memory_order_relaxed);
+            owned.store(true, std::memory_order_relaxed);
         }
         ++recursion;
     }
     void Leave()
     {
-        if (!mutexUsable || !owned || !pthread_equal(owner, pthread_self()))
+        if (!mutexUsable || !owned.load(std::memory_order_relaxed) ||
+            !pthread_equal(owner.load(std::memory_order_relaxed), pthread_self()))
             return;
         if (recursion > 0 && --recursion == 0) {
-            owned = false;
-            owner = pthread_t{};
+            owned.store(false, std::memory_order_relaxed);
+            owner.store(pthread_t{}, std::memory_order_relaxed);
             pthread_mutex_unlock(&mutex);
         }
     }
@@ -209,11 +214,12 @@ struct CDebug::Impl {
     static void CleanupHandlerForTraceMutex(void* arg)
     {
         Impl* impl = static_cast<Impl*>(arg);
-        if (!impl->mutexUsable || !impl->owned || !pthread_equal(impl->owner, pthread_self()))
+        if (!impl->mutexUsable || !impl->owned.load(std::memory_order_relaxed) ||
+            !pthread_equal(impl->owner.load(std::memory_order_relaxed), pthread_self()))
             return;
         impl->recursion = 0;
-        impl->owned = false;
-        impl->owner = pthread_t{};
+        impl->owned.store(false, std::memory_order_relaxed);
+        impl->owner.store(pthread_t{}, std::memory_order_relaxed);
         pthread_mutex_unlock(&impl->mutex);
     }
 
@@ -232,6 +238,7 @@ struct CDebug::Impl {
     void TraceToLogFile(const char* format, va_list args, const char* name);
     void TraceToRingBuffer(const char* format, va_list args, const char* name);
     void WriteRing(char* data, size_t len);
+    bool RingFileWhole();
     void PrintItV(unsigned tgt, const char* format, va_list args, const char* name);
     void PrintIt(unsigned tgt, const char* format, ...) __attribute__((format(printf, 3, 4)))
     {
@@ -410,9 +417,26 @@ void CDebug::Impl::TraceToRingBuffer(const char* format, va_list args, const cha
     WriteRing(data, len);
 }
 
+bool CDebug::Impl::RingFileWhole()
+{
+    // Someone may have truncated the ring file under us (an operator
+    // "emptying" the log, a full disk clean-up).  Touching a mapped page past
+    // the end of the file would kill the process with SIGBUS, so the size is
+    // checked before each entry and the file grown back to the mapped length
+    // (the lost part reads as zeros).  When that fails the entry is dropped.
+    struct stat st {};
+    if (ringFd < 0 || fstat(ringFd, &st) != 0)
+        return false;
+    if (static_cast<uint64_t>(st.st_size) >= ringSize)
+        return true;
+    return ftruncate(ringFd, static_cast<off_t>(ringSize)) == 0;
+}
+
 void CDebug::Impl::WriteRing(char* data, size_t len)
 {
     if (!ringMap || ringSize < kEndMarkerLength)
+        return;
+    if (!RingFileWhole())
         return;
     if (ringPos + len + kEndMarkerLength > ringSize) {
         if (inRingHeader)
