@@ -104,6 +104,19 @@ void CopyPath(char (&dst)[kPathSize], const char* src)
     snprintf(dst, sizeof(dst), "%s", src ? src : "");
 }
 
+// fopen "w+", except that a symbolic link planted at the path (the trace
+// directory may be writable by others) is refused instead of followed.
+FILE* OpenLogFile(const char* path)
+{
+    UniqueFd fd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!fd)
+        return nullptr;
+    FILE* f = fdopen(fd.Get(), "w+");
+    if (f)
+        fd.Release();
+    return f;
+}
+
 int ClipHeaderLength(int n, size_t size)
 {
     if (n < 0)
@@ -481,7 +494,7 @@ void CDebug::Impl::PrintItV(unsigned tgt, const char* format, va_list args, cons
 bool CDebug::Impl::InitRingBuffer(const char* path, uint64_t length)
 {
     length -= length % kRingLine;
-    UniqueFd fd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0700));
+    UniqueFd fd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0700));
     if (!fd) {
         int err = errno;
         PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, err, strerror(err));
@@ -764,7 +777,7 @@ bool CDebug::Impl::Init(const char* name)
     CopyPath(lower, programName.c_str());
     StringToLower(lower);
     FormatPath(logPath, "%s/log.%s", traceDir, lower);
-    logFile = fopen(logPath, "w+e");
+    logFile = OpenLogFile(logPath);
     if (!logFile)
         SysLog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", logPath);
     logByteCount = 0;
