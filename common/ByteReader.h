@@ -40,13 +40,19 @@ public:
     uint32_t Le32Or(size_t offset, uint32_t fallback = 0) const { return ReadLe32(offset).value_or(fallback); }
     uint64_t Le64Or(size_t offset, uint64_t fallback = 0) const { return ReadLe64(offset).value_or(fallback); }
 
-    /// True when the bytes at offset equal `text` (length bytes).
+    /// True when the bytes at offset equal `text` (length bytes).  An empty
+    /// text matches at any offset inside the view or at its end.
     bool Matches(size_t offset, const void* text, size_t length) const
     {
-        return Contains(offset, length) && memcmp(m_Data + offset, text, length) == 0;
+        if (!Contains(offset, length))
+            return false;
+        if (length == 0)
+            return true;  // memcmp may not be handed a null view
+        return text != nullptr && memcmp(m_Data + offset, text, length) == 0;
     }
 
-    /// A sub-view; clipped to the end of this view.
+    /// A sub-view of `length` bytes from `offset`, clipped to the end of this
+    /// view; empty when `offset` lies past the end.
     CByteReader Sub(size_t offset, size_t length) const
     {
         if (offset > m_Size)

@@ -25,7 +25,8 @@ public:
 
     bool IsUsable() const { return m_Usable; }
     bool IsOwnedByCaller() const;
-    unsigned GetRecursionCount() const { return m_Count; }
+    /// The owner's recursion depth (0 when free); exact only for the owner.
+    unsigned GetRecursionCount() const { return m_Count.load(std::memory_order_relaxed); }
 
     /// Cancellation clean-up handler (argument: the CCriticalSection*):
     /// clears owner and count and unlocks, so that a thread cancelled inside
@@ -36,7 +37,8 @@ public:
 private:
     pthread_mutex_t m_Mutex;
     std::atomic<pthread_t> m_Owner{0};
-    unsigned m_Count = 0;
+    // Changed only by the owner; atomic so that other threads may read it.
+    std::atomic<unsigned> m_Count{0};
     bool m_Usable = false;
 };
 

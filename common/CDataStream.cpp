@@ -8,6 +8,21 @@
 
 #include "common/UniqueFd.h"
 
+namespace {
+
+// True when [p, p + length) overlaps the vector's storage.
+bool Overlaps(const std::vector<uint8_t>& v, const uint8_t* p, size_t length)
+{
+    if (v.empty())
+        return false;
+    auto begin = reinterpret_cast<uintptr_t>(v.data());
+    auto end = begin + v.size();
+    auto first = reinterpret_cast<uintptr_t>(p);
+    return first < end && first + length > begin;
+}
+
+} // namespace
+
 void CDataStream::SetAt(const void* data, size_t length)
 {
     if (data == nullptr || length == 0) {
@@ -15,6 +30,13 @@ void CDataStream::SetAt(const void* data, size_t length)
         return;
     }
     const uint8_t* p = static_cast<const uint8_t*>(data);
+    // A range out of this stream itself is copied first: the vector's range
+    // functions may not be given their own storage.
+    if (Overlaps(m_Data, p, length)) {
+        std::vector<uint8_t> copy(p, p + length);
+        m_Data.swap(copy);
+        return;
+    }
     m_Data.assign(p, p + length);
 }
 
@@ -23,6 +45,11 @@ void CDataStream::Append(const void* data, size_t length)
     if (data == nullptr || length == 0)
         return;
     const uint8_t* p = static_cast<const uint8_t*>(data);
+    if (Overlaps(m_Data, p, length)) {
+        std::vector<uint8_t> copy(p, p + length);
+        m_Data.insert(m_Data.end(), copy.begin(), copy.end());
+        return;
+    }
     m_Data.insert(m_Data.end(), p, p + length);
 }
 

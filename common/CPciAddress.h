@@ -22,8 +22,10 @@ public:
 
     /// "ssss:bb:dd.f" in lower-case hexadecimal, as the kernel writes it.
     std::string ToString() const;
-    /// Parses "ssss:bb:dd.f" or "bb:dd.f" (segment 0).  Returns false and
-    /// leaves the object unchanged when the text is not such an address.
+    /// Parses "ssss:bb:dd.f" or "bb:dd.f" (segment 0), hexadecimal digits
+    /// only (at most 4, 2, 2 and 1 of them; device <= 0x1f, function <= 7).
+    /// Returns false and leaves the object unchanged when the text is not
+    /// such an address.
     bool FromString(const std::string& text);
 
     /// Strict weak ordering by segment, then bus, then device, then function.

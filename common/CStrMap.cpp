@@ -83,7 +83,11 @@ int CStrMap::Set(const char* name, Entry value, bool* replaced)
     if (replaced)
         *replaced = found;
     if (found) {
-        FreeEntry(m_Entries[pos]);
+        // Storing the payload the entry already holds must not free it.
+        Entry& old = m_Entries[pos];
+        bool same = old.type == value.type && memcmp(&old.payload, &value.payload, sizeof old.payload) == 0;
+        if (!same)
+            FreeEntry(old);
         m_Entries[pos].payload = value.payload;
         m_Entries[pos].type = value.type;
         return pos;
@@ -126,6 +130,24 @@ bool CStrMap::Remove(const char* name)
     bool found = false;
     int pos = Position(name, found);
     return found && RemoveAt(pos);
+}
+
+int CStrMap::GetCount() const
+{
+    CCriticalSectionLock lock(m_Lock);
+    return m_Count;
+}
+
+unsigned CStrMap::GetCapacity() const
+{
+    CCriticalSectionLock lock(m_Lock);
+    return m_Capacity;
+}
+
+bool CStrMap::HasEntries() const
+{
+    CCriticalSectionLock lock(m_Lock);
+    return m_Entries != nullptr;
 }
 
 void CStrMap::Clear()

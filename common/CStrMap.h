@@ -46,7 +46,8 @@ public:
 
     /// Stores `payload` under `name`: an existing entry of that name has its
     /// payload and type replaced in place (the old payload is freed by the
-    /// deleter first, according to its old type); otherwise a new entry with
+    /// deleter first, according to its old type, unless it is the very
+    /// payload being stored); otherwise a new entry with
     /// a copy of the name is inserted at its sorted position.  `replaced`
     /// tells which happened.  Returns the entry's index, or -1 when memory
     /// ran out (nothing changed then; the caller keeps `payload`).
@@ -73,10 +74,15 @@ public:
     /// Removes every entry.
     void Clear();
 
-    int GetCount() const { return m_Count; }
-    unsigned GetCapacity() const { return m_Capacity; }
-    /// True when the entry array has been allocated (a first insertion happened).
-    bool HasEntries() const { return m_Entries != nullptr; }
+    /// Number of entries.  Takes the lock.
+    int GetCount() const;
+    /// Number of allocated entry slots (a multiple of 16).  Takes the lock.
+    unsigned GetCapacity() const;
+    /// True when the entry array has been allocated (a first insertion
+    /// happened).  Takes the lock.
+    bool HasEntries() const;
+    /// The entry at `index` (0 <= index < GetCount()); the caller holds the
+    /// lock while it uses the reference when other threads change the map.
     Entry& At(int index) { return m_Entries[index]; }
     const Entry& At(int index) const { return m_Entries[index]; }
 

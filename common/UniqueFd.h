@@ -76,14 +76,23 @@ public:
     explicit UniqueDir(DIR* d) : m_Dir(d) {}
     UniqueDir(const UniqueDir&) = delete;
     UniqueDir& operator=(const UniqueDir&) = delete;
-    UniqueDir(UniqueDir&& o) noexcept : m_Dir(std::exchange(o.m_Dir, nullptr)) {}
-    ~UniqueDir()
+    UniqueDir(UniqueDir&& o) noexcept : m_Dir(o.Release()) {}
+    UniqueDir& operator=(UniqueDir&& o) noexcept
+    {
+        if (this != &o)
+            Reset(o.Release());
+        return *this;
+    }
+    ~UniqueDir() { Reset(); }
+    DIR* Get() const { return m_Dir; }
+    explicit operator bool() const { return m_Dir != nullptr; }
+    DIR* Release() { return std::exchange(m_Dir, nullptr); }
+    void Reset(DIR* d = nullptr)
     {
         if (m_Dir)
             closedir(m_Dir);
+        m_Dir = d;
     }
-    DIR* Get() const { return m_Dir; }
-    explicit operator bool() const { return m_Dir != nullptr; }
 
 private:
     DIR* m_Dir = nullptr;

@@ -786,6 +786,10 @@ bool CRegistry::SetValue(const char* name, const unsigned char* data, unsigned i
             free(entry.payload.ptr);
         return false;
     }
+    // Marked again now that the value is in the tree: a save that ran
+    // between the first mark and the insertion has cleared the flag without
+    // writing this value.
+    State().dirty = true;
     if (replaced)
         DBG_PRINT(2, "CRegistry::SetValue oEntry = %p\n", static_cast<void*>(node->Lookup(name)));
     return true;
@@ -911,6 +915,7 @@ uint32_t CRegistry::DeleteValue(const char* name)
     if (name == nullptr)
         return kOk;
     m_hKey->Remove(name);
+    State().dirty = true;  // again, after the change (see SetValue)
     return kOk;
 }
 

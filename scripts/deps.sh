@@ -27,8 +27,15 @@ done
 echo "Installing: ${missing[*]}"
 sudo_cmd=()
 if [[ $(id -u) -ne 0 ]]; then
-  sudo_cmd=(sudo)
+  if ! command -v sudo >/dev/null; then
+    echo "$0: missing packages (${missing[*]}) and not root; install them or run as root" >&2
+    exit 1
+  fi
+  sudo_cmd=(sudo -n env DEBIAN_FRONTEND=noninteractive)
 fi
 export DEBIAN_FRONTEND=noninteractive
-"${sudo_cmd[@]}" apt-get update -q </dev/null
-"${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}" </dev/null
+# Wait for a package manager that runs at the same time (e.g. unattended
+# upgrades on a fresh machine) instead of failing at once; retry downloads.
+apt_opts=(-q -o DPkg::Lock::Timeout=600 -o Acquire::Retries=3)
+"${sudo_cmd[@]}" apt-get "${apt_opts[@]}" update </dev/null
+"${sudo_cmd[@]}" apt-get "${apt_opts[@]}" install -y --no-install-recommends "${missing[@]}" </dev/null

@@ -19,10 +19,14 @@ struct EventState {
     char* name = nullptr;
     unsigned int waiters = 0;
     pthread_condattr_t condAttr;
-    // Counts pulses, so that a waiter woken by one returns 0 although the
-    // event is no longer signalled, while a spurious wake-up (or one whose
-    // signal another thread consumed first) waits on.
-    unsigned long pulses = 0;
+    // Manual reset: counts the wake-ups of all waiters (Set, Pulse, Close).
+    // A waiter returns 0 when it changed during its wait, even when the
+    // event was reset (or pulsed) before the waiter ran again; a spurious
+    // wake-up finds it unchanged and waits on.
+    unsigned long generation = 0;
+    // Auto reset: releases granted by Pulse to threads that wait now, each
+    // taken by exactly one of them (never more than there are waiters).
+    unsigned int pulseTokens = 0;
 };
 
 namespace {
@@ -53,11 +57,14 @@ EventState* NewState(bool signaled, bool manual, const char* name)
     s->manualReset = manual;
     s->signaled = signaled;
     int rc = pthread_condattr_init(&s->condAttr);
+    bool attrMade = rc == 0;
     if (rc == 0)
         rc = pthread_condattr_setclock(&s->condAttr, CLOCK_MONOTONIC);
     if (rc != 0) {
         DBG_PRINT(1, "pthread_condattr_setclock(): ## ERROR ##: Set CLOCK_MONOTONIC failed (ret=%d) for event %p <%s> (IsSignaled=%d)\n",
                   rc, static_cast<void*>(s), name ? name : "anon", signaled);
+        if (attrMade)
+            pthread_condattr_destroy(&s->condAttr);
         delete s;
         return nullptr;
     }
@@ -102,11 +109,31 @@ void DestroyState(EventState* s)
     delete s;
 }
 
+// A waiter leaves: releases granted to more threads than still wait would
+// otherwise be taken by a later caller of Wait.  Event mutex held.
+void LeaveWaiters(EventState* s)
+{
+    --s->waiters;
+    if (s->pulseTokens > s->waiters)
+        s->pulseTokens = s->waiters;
+}
+
 void WaitCancelled(void* arg)
 {
     auto* s = static_cast<EventState*>(arg);
-    --s->waiters;
+    LeaveWaiters(s);
     pthread_mutex_unlock(&s->mutex);
+}
+
+// Wakes the threads waiting now: all of them for a manual-reset event, one
+// for an auto-reset event.  Event mutex held.
+int WakeWaiters(EventState* s)
+{
+    if (s->manualReset) {
+        ++s->generation;
+        return pthread_cond_broadcast(&s->cond);
+    }
+    return pthread_cond_signal(&s->cond);
 }
 
 } // namespace
@@ -233,7 +260,7 @@ bool CEvent::Set()
     pthread_mutex_lock(&s->mutex);
     bool was = s->signaled;
     s->signaled = true;
-    int rc = s->manualReset ? pthread_cond_broadcast(&s->cond) : pthread_cond_signal(&s->cond);
+    int rc = WakeWaiters(s);
     DBG_PRINT(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(s), NameOf(s), was);
     pthread_mutex_unlock(&s->mutex);
     sched_yield();
@@ -247,8 +274,17 @@ bool CEvent::Pulse()
     EventState* s = m_State;
     pthread_mutex_lock(&s->mutex);
     bool was = s->signaled;
-    ++s->pulses;
-    int rc = s->manualReset ? pthread_cond_broadcast(&s->cond) : pthread_cond_signal(&s->cond);
+    int rc = 0;
+    if (s->manualReset) {
+        rc = WakeWaiters(s);
+    } else if (s->pulseTokens < s->waiters) {
+        // One more waiter may go.  All are woken, because the thread that a
+        // single wake-up reaches may take the signalled state instead of
+        // the release; whoever comes first takes the release, the others
+        // wait on.
+        ++s->pulseTokens;
+        rc = pthread_cond_broadcast(&s->cond);
+    }
     s->signaled = false;
     DBG_PRINT(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(s), NameOf(s), was);
     pthread_mutex_unlock(&s->mutex);
@@ -289,9 +325,20 @@ bool CEvent::Close()
     DBG_PRINT(5, "Close event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(s), NameOf(s), s->signaled);
     m_Closed = true;
     s->signaled = true;
-    int rc = s->manualReset ? pthread_cond_broadcast(&s->cond) : pthread_cond_signal(&s->cond);
+    int rc = WakeWaiters(s);
     pthread_mutex_unlock(&s->mutex);
     return rc == 0;
+}
+
+unsigned int CEvent::GetWaiterCount() const
+{
+    EventState* s = m_State;
+    if (s == nullptr)
+        return 0;
+    pthread_mutex_lock(&s->mutex);
+    unsigned int n = s->waiters;
+    pthread_mutex_unlock(&s->mutex);
+    return n;
 }
 
 int CEvent::Wait(unsigned int timeoutMs, bool)
@@ -317,33 +364,35 @@ int CEvent::Wait(unsigned int timeoutMs, bool)
             deadline.tv_nsec %= 1000000000L;
         }
     }
-    unsigned long pulsesAtStart = s->pulses;
+    const unsigned long generationAtStart = s->generation;
     int rc = 0;
     int result = TR_WAIT_FAILED;
     pthread_cleanup_push(WaitCancelled, s);
     for (;;) {
         rc = (timeoutMs == TR_INFINITE) ? pthread_cond_wait(&s->cond, &s->mutex)
                                         : pthread_cond_timedwait(&s->cond, &s->mutex, &deadline);
-        if (rc == EINTR)
-            continue;
+        // A release that arrived is taken even when the time ran out at
+        // the same moment.
         if (s->signaled) {
             if (!s->manualReset)
                 s->signaled = false;
             result = TR_WAIT_OBJECT_0;
             break;
         }
-        if (rc == 0) {
-            if (s->pulses != pulsesAtStart) {
-                result = TR_WAIT_OBJECT_0;
-                break;
-            }
-            continue;  // spurious, or another waiter took the signal first
+        if (s->manualReset ? s->generation != generationAtStart : s->pulseTokens > 0) {
+            if (!s->manualReset)
+                --s->pulseTokens;
+            result = TR_WAIT_OBJECT_0;
+            break;
         }
+        // Spurious wake-up, or another waiter took the release first.
+        if (rc == 0 || rc == EINTR)
+            continue;
         result = (rc == ETIMEDOUT) ? TR_WAIT_TIMEOUT : TR_WAIT_FAILED;
         break;
     }
     pthread_cleanup_pop(0);
-    --s->waiters;
+    LeaveWaiters(s);
     pthread_mutex_unlock(&s->mutex);
     return result;
 }

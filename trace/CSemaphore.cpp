@@ -1,6 +1,7 @@
 #include "trace/CSemaphore.h"
 
 #include <cerrno>
+#include <climits>
 #include <semaphore.h>
 
 #include "common/CStrMap.h"
@@ -44,15 +45,21 @@ bool CSemaphore::Create(long initialCount, long maximumCount, const char* name)
     }
     if (m_State != nullptr && !Delete())
         return false;
+    // The semaphore starts at the initial count, but never above the
+    // maximum (an initial count above it starts at the maximum); the
+    // maximum is not enforced afterwards.  It is set up at that value
+    // directly: counting down from a large maximum one wait at a time would
+    // take seconds.
+    long start = initialCount < maximumCount ? initialCount : maximumCount;
+    if (start < 0)
+        start = 0;
+    if (start > static_cast<long>(SEM_VALUE_MAX))
+        start = SEM_VALUE_MAX;
     auto* s = new SemaphoreState();
-    long start = maximumCount > 0 ? maximumCount : 0;
     if (sem_init(&s->sem, 0, static_cast<unsigned int>(start)) != 0) {
         delete s;
         return false;
     }
-    // Take it down from the maximum to the initial count.
-    for (long v = start; v > initialCount && v > 0; --v)
-        sem_trywait(&s->sem);
     m_State = s;
     return true;
 }
@@ -63,7 +70,8 @@ bool CSemaphore::Register(const char* name)
         return false;
     CStrMap& registry = SemaphoreRegistry();
     CCriticalSectionLock lock(registry.GetLock());
-    if (registry.Lookup(name) != nullptr)
+    // One name a semaphore: the last Delete removes exactly that entry.
+    if (m_State->name != nullptr || registry.Lookup(name) != nullptr)
         return false;
     if (registry.SetPointer(name, m_State, 0) < 0)
         return false;

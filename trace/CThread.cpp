@@ -73,6 +73,10 @@ bool CThread::IsAlive() const
 bool CThread::Start(Routine routine, void* argument, unsigned int priority, bool suspend,
                     unsigned int stackSize, uint64_t, bool waitable, const char* name)
 {
+    if (routine == nullptr) {
+        DBG_PRINT(2, "\npthread_create failed: %d", EINVAL);
+        return false;
+    }
     bool killAlive = IsAlive();
     DBG_PRINT(5, "\nCThread::Start: Start a thread, Prio=%d, Suspend=%d, StackSize=0x%08x, Waitable=%d, KillAliveThread=%d",
               priority, suspend, stackSize, waitable, killAlive);
@@ -132,6 +136,14 @@ bool CThread::Start(Routine routine, void* argument, unsigned int priority, bool
     auto* block = new StartBlock{shared};
     pthread_t id = 0;
     rc = pthread_create(&id, &attr, Trampoline, block);
+    if (rc == EPERM && priority != 0) {
+        // Real-time scheduling needs privileges the process may lack; the
+        // thread then runs with the creator's scheduling rather than not
+        // at all.
+        DBG_PRINT(2, "\nCThread::Start: WARNING: priority %d not permitted, thread inherits the scheduling", priority);
+        pthread_attr_setinheritsched(&attr, PTHREAD_INHERIT_SCHED);
+        rc = pthread_create(&id, &attr, Trampoline, block);
+    }
     if (rc != 0) {
         delete block;
         DBG_PRINT(2, "\npthread_create failed: %d", rc);
@@ -174,7 +186,7 @@ bool CThread::WaitForTermination(unsigned int timeoutMs)
                   Hex32(m_Thread), rc);
         return false;
     }
-    DBG_PRINT(1, "\nCThread::WaitForTermination: a joinable Thread = 0x%08X has terminated, pstat=%p", Hex32(m_Thread), status);
+    DBG_PRINT(2, "\nCThread::WaitForTermination: a joinable Thread = 0x%08X has terminated, pstat=%p", Hex32(m_Thread), status);
     m_Thread = 0;
     m_Alive = false;
     return true;
@@ -198,14 +210,21 @@ bool CThread::Kill(unsigned int)
             DBG_PRINT(1, "\nCThread::Kill: ERROR ! ThreadJoin failed, Thread = 0x%08X, Err = 0x%08x", Hex32(m_Thread), rc);
             ok = false;
         }
-    } else if (IsAlive()) {
-        DBG_PRINT(2, "\nCThread::Kill: Killing a non-joinable thread 0x%08X", Hex32(m_Thread));
-        int rc = pthread_cancel(m_Thread);
-        if (rc == 0) {
-            DBG_PRINT(2, "\nCThread::Kill: a non-joinable thread 0x%08X cancel invoked", Hex32(m_Thread));
-        } else {
-            DBG_PRINT(1, "\nCThread::Kill: unable to cancel a non-joinable thread 0x%08X (err = 0x%08x)", Hex32(m_Thread), rc);
-            ok = false;
+    } else if (m_Shared) {
+        // A detached thread's id is valid only while the thread exists.  The
+        // thread marks its end under this mutex before it exits, so holding
+        // it keeps an unfinished thread in existence until the cancel
+        // request has been made.
+        std::lock_guard<std::mutex> lock(m_Shared->mutex);
+        if (!m_Shared->finished) {
+            DBG_PRINT(2, "\nCThread::Kill: Killing a non-joinable thread 0x%08X", Hex32(m_Thread));
+            int rc = pthread_cancel(m_Thread);
+            if (rc == 0) {
+                DBG_PRINT(2, "\nCThread::Kill: a non-joinable thread 0x%08X cancel invoked", Hex32(m_Thread));
+            } else {
+                DBG_PRINT(1, "\nCThread::Kill: unable to cancel a non-joinable thread 0x%08X (err = 0x%08x)", Hex32(m_Thread), rc);
+                ok = false;
+            }
         }
     }
     m_Thread = 0;

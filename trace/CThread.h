@@ -18,17 +18,26 @@ public:
     CThread(const CThread&) = delete;
     CThread& operator=(const CThread&) = delete;
 
-    /// Starts `routine(argument)`.  A priority other than 0 selects SCHED_RR
-    /// with that priority.  Suspend and stack size are traced only.  A
-    /// thread that is not waitable is created detached.  `name` (optional,
-    /// at most 15 characters used) names the thread for the system tools.
+    /// Starts `routine(argument)`; a thread this object still holds is
+    /// killed (see Kill) first.  A priority other than 0 selects SCHED_RR
+    /// with that priority (when the process may not use it, the thread
+    /// inherits the creator's scheduling).  Suspend and stack size are
+    /// traced only.  A thread that is not waitable is created detached.
+    /// `name` (optional, at most 15 characters used) names the thread for
+    /// the system tools.  False when the thread could not be made (or the
+    /// routine is null); the object then holds no thread.
     bool Start(Routine routine, void* argument, unsigned int priority = 0, bool suspend = false,
                unsigned int stackSize = 0, uint64_t reserved = 0, bool waitable = true,
                const char* name = nullptr);
-    /// Joins the thread (only TR_INFINITE is supported; a finite time-out is
-    /// traced as a warning and the wait is made without limit).
+    /// Joins the thread.  True when there is no thread or it was joined (the
+    /// object then holds none).  False for a detached thread, when the join
+    /// failed, or when a finite time-out (ms) ran out before the routine
+    /// returned; the thread is still held then and may be waited for again.
     bool WaitForTermination(unsigned int timeoutMs = TR_INFINITE);
-    /// Joins a joinable thread; cancels a detached one that still runs.
+    /// Joins a joinable thread (blocking until it ends: the caller must have
+    /// told it to stop; the time-out is not used); cancels a detached one
+    /// that still runs.  The object holds no thread afterwards.  False when
+    /// there was no thread or the join or cancel failed.
     bool Kill(unsigned int timeoutMs = 0);
 
     /// True while the started routine has not returned.

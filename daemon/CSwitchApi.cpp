@@ -1,0 +1,103 @@
+#include "daemon/CSwitchApi.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+
+#include "trace/CDebug.h"
+
+CSwitchApi::CSwitchApi(const char* libraryName) : m_LibraryName(libraryName ? libraryName : SWITCH_LIBRARY_NAME) {}
+
+CSwitchApi::~CSwitchApi()
+{
+    Release();
+}
+
+bool CSwitchApi::LoadSwitch()
+{
+    if (!m_hLibrary) {
+        // RTLD_GLOBAL: the modules the framework loads bind to its symbols.
+        m_hLibrary = dlopen(m_LibraryName.c_str(), RTLD_NOW | RTLD_GLOBAL);
+        if (!m_hLibrary) {
+            int err = errno;
+            const char* text = dlerror();
+            DBG_PRINT(1, "LoadLibrary: ## ERROR:  %s\n", text ? text : "");
+            m_hLibrary = nullptr;
+            m_LastError = static_cast<uint32_t>(err);
+            return m_pInterface != nullptr;
+        }
+    }
+    m_pfnAddRef = reinterpret_cast<SW_AddRefFn>(dlsym(m_hLibrary, "SW_AddRef"));
+    m_pfnRelease = reinterpret_cast<SW_ReleaseFn>(dlsym(m_hLibrary, "SW_Release"));
+    m_pfnQueryInterface = reinterpret_cast<SW_QueryInterfaceFn>(dlsym(m_hLibrary, "SW_QueryInterface"));
+    if (m_pfnQueryInterface) {
+        if (!m_pfnQueryInterface(0, &m_pInterface)) {
+            m_pInterface = nullptr;
+            return false;
+        }
+    }
+    return m_pInterface != nullptr;
+}
+
+int CSwitchApi::LoadModules(_ExtensionModuleLoaderConfig& config)
+{
+    // The number shown has bit 0 forced on, so it is odd whatever the
+    // command line said; scripts reading the trace rely on this line as it is.
+    DBG_PRINT(3, "\nSWITCH API          : Loading modules, force rescan = %d", config.Flags | 1u);
+    try {
+        if (!m_pInterface) {
+            DBG_PRINT(1, "\n\nSWITCH API          : ## ERROR! Loading modules FAILED!\n");
+            return 0;
+        }
+        return m_pInterface->LoadModules(&config);
+    } catch (...) {
+        DBG_PRINT(1, "\nSWITCH DLL - Exception during LoadModules");
+        DBG_PRINT(1, "\n\nSWITCH API          : ## ERROR! Loading modules FAILED!\n");
+        return 0;
+    }
+}
+
+int CSwitchApi::UnloadModules(unsigned int value)
+{
+    DBG_PRINT(3, "\nSWITCH API          : Unloading modules...");
+    try {
+        if (!m_pInterface) {
+            DBG_PRINT(1, "\n\nSWITCH API          : ## ERROR! Unloading modules FAILED!\n");
+            return 0;
+        }
+        return m_pInterface->UnloadModules(value);
+    } catch (...) {
+        DBG_PRINT(1, "\nSWITCH DLL - Exception during UnloadModules");
+        DBG_PRINT(1, "\n\nSWITCH API          : ## ERROR! Unloading modules FAILED!\n");
+        return 0;
+    }
+}
+
+void CSwitchApi::Release()
+{
+    // The interface is dropped before SW_Release, so slot 1 is never called
+    // here: the library tears its interface down in SW_Release itself.
+    SW_ReleaseFn release = m_pfnRelease;
+    m_pInterface = nullptr;
+    if (release)
+        release();
+    if (m_hLibrary) {
+        dlclose(m_hLibrary);
+        m_hLibrary = nullptr;
+    }
+    m_pfnAddRef = nullptr;
+    m_pfnRelease = nullptr;
+    m_pfnQueryInterface = nullptr;
+}
+
+void CSwitchApi::CloseLibrary()
+{
+    // Nothing from the library may be called once it is closed.
+    m_pInterface = nullptr;
+    m_pfnAddRef = nullptr;
+    m_pfnRelease = nullptr;
+    m_pfnQueryInterface = nullptr;
+    if (m_hLibrary) {
+        dlclose(m_hLibrary);
+        m_hLibrary = nullptr;
+    }
+}

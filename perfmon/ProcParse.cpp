@@ -1,0 +1,164 @@
+#include "perfmon/ProcParse.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "perfmon/PerfMonPaths.h"
+
+namespace perfmon {
+
+std::string JoinPath(const std::string& root, const char* relative)
+{
+    std::string path = root;
+    if (path.empty() || path.back() != '/')
+        path += '/';
+    path += relative;
+    return path;
+}
+
+bool CProcLineReader::Open(const std::string& path)
+{
+    m_File.Reset(fopen(path.c_str(), "re"));
+    return static_cast<bool>(m_File);
+}
+
+bool CProcLineReader::Next(std::string& line)
+{
+    line.clear();
+    if (!m_File)
+        return false;
+    char buffer[kLineBufferSize];
+    bool gotAny = false;
+    while (fgets(buffer, sizeof buffer, m_File.Get())) {
+        gotAny = true;
+        size_t len = strnlen(buffer, sizeof buffer);
+        bool complete = len > 0 && buffer[len - 1] == '\n';
+        if (complete)
+            --len;
+        if (line.size() < kMaxLineLength)
+            line.append(buffer, std::min(len, kMaxLineLength - line.size()));
+        if (complete)
+            return true;
+    }
+    return gotAny;  // a last line without newline
+}
+
+bool ReadSmallFile(const std::string& path, std::string& out)
+{
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return false;
+    std::string text(kMaxSmallFile, '\0');
+    size_t used = 0;
+    while (used < text.size()) {
+        ssize_t n = ::read(fd.Get(), text.data() + used, text.size() - used);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        if (n == 0)
+            break;
+        used += static_cast<size_t>(n);
+    }
+    text.resize(used);
+    out = std::move(text);
+    return true;
+}
+
+bool ParseU64(const char*& p, const char* end, uint64_t& value)
+{
+    const char* q = p;
+    while (q < end && (*q == ' ' || *q == '\t'))
+        ++q;
+    if (q >= end || *q < '0' || *q > '9')
+        return false;
+    uint64_t v = 0;
+    bool saturated = false;
+    for (; q < end && *q >= '0' && *q <= '9'; ++q) {
+        unsigned digit = static_cast<unsigned>(*q - '0');
+        if (saturated || v > (UINT64_MAX - digit) / 10) {
+            saturated = true;
+            v = UINT64_MAX;
+        } else {
+            v = v * 10 + digit;
+        }
+    }
+    value = v;
+    p = q;
+    return true;
+}
+
+int ParseU64List(std::string_view text, uint64_t* values, int maxCount)
+{
+    const char* p = text.data();
+    const char* end = p + text.size();
+    int count = 0;
+    while (count < maxCount) {
+        uint64_t v = 0;
+        if (!ParseU64(p, end, v))
+            break;
+        values[count++] = v;
+        // Numbers must be separated: "12abc" ends the list after 12.
+        if (p < end && *p != ' ' && *p != '\t')
+            break;
+    }
+    return count;
+}
+
+bool ParseKeyedU64(std::string_view line, std::string_view key, uint64_t& value)
+{
+    if (line.substr(0, key.size()) != key)
+        return false;
+    const char* p = line.data() + key.size();
+    return ParseU64(p, line.data() + line.size(), value);
+}
+
+bool IsMonitoredInterfaceName(std::string_view name)
+{
+    for (const char* prefix : kInterfacePrefixes) {
+        std::string_view pre(prefix);
+        if (name.size() >= pre.size() && name.substr(0, pre.size()) == pre)
+            return true;
+    }
+    return false;
+}
+
+bool SplitNetDevLine(std::string_view line, NetDevLine& out)
+{
+    size_t start = line.find_first_not_of(" \t");
+    if (start == std::string_view::npos)
+        return false;
+    size_t colon = line.find(':', start);
+    if (colon == std::string_view::npos)
+        return false;
+    std::string_view name = line.substr(start, colon - start);
+    size_t last = name.find_last_not_of(" \t");
+    name = last == std::string_view::npos ? std::string_view() : name.substr(0, last + 1);
+    if (!IsMonitoredInterfaceName(name))
+        return false;
+    out.name.assign(name);
+    out.counters.assign(line.substr(colon + 1));
+    return true;
+}
+
+bool ReadNetDevInterfaces(const std::string& path, size_t maxCount, std::vector<NetDevLine>& out)
+{
+    out.clear();
+    CProcLineReader reader;
+    if (!reader.Open(path))
+        return false;
+    std::string line;
+    NetDevLine entry;
+    while (out.size() < maxCount && reader.Next(line)) {
+        if (SplitNetDevLine(line, entry))
+            out.push_back(entry);
+    }
+    return true;
+}
+
+} // namespace perfmon

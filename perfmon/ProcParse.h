@@ -1,0 +1,71 @@
+// Bounded readers and parsers for the text files of the proc file system,
+// shared by the performance monitor and the network interface table.  The
+// contents of these files are treated as untrusted: lines are capped, numbers
+// saturate instead of overflowing, and nothing is read past a line's end.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/UniqueFd.h"
+
+namespace perfmon {
+
+/// root + "/" + relative (no doubled separator).
+std::string JoinPath(const std::string& root, const char* relative);
+
+/// Reads a text file line by line through a kLineBufferSize buffer.  A line
+/// longer than the buffer is put together from its pieces (up to
+/// kMaxLineLength characters; the rest is skipped), so a long line never
+/// turns into several lines.
+class CProcLineReader {
+public:
+    /// Opens the file (close-on-exec).  false on failure, errno kept.
+    bool Open(const std::string& path);
+    /// The next line without its newline; false at end of file.
+    bool Next(std::string& line);
+
+private:
+    UniqueFile m_File;
+};
+
+/// Reads a whole file of at most kMaxSmallFile bytes (the rest is ignored).
+/// false when it cannot be opened or read; `out` is then unchanged.
+bool ReadSmallFile(const std::string& path, std::string& out);
+
+/// Skips blanks and tabs at `p`, then parses a decimal number.  A number too
+/// big for 64 bits saturates at UINT64_MAX (its remaining digits are
+/// consumed).  true when at least one digit was read (p is moved past the
+/// number); false otherwise (p unchanged).
+bool ParseU64(const char*& p, const char* end, uint64_t& value);
+
+/// Parses up to `maxCount` numbers separated by blanks; returns how many
+/// were read before the first thing that is not a number.
+int ParseU64List(std::string_view text, uint64_t* values, int maxCount);
+
+/// When `line` begins with `key`, parses the number after it into `value`
+/// and returns true.
+bool ParseKeyedU64(std::string_view line, std::string_view key, uint64_t& value);
+
+/// true when the interface name begins with one of the monitored prefixes.
+bool IsMonitoredInterfaceName(std::string_view name);
+
+/// One interface line of the network device statistics.
+struct NetDevLine {
+    std::string name;      ///< the interface name (blanks stripped)
+    std::string counters;  ///< the text after the name's colon
+};
+
+/// Splits a line of the network device statistics into the name (leading
+/// blanks skipped, up to the colon) and the counter text.  true only when
+/// the line has a colon and the name is a monitored interface name.
+bool SplitNetDevLine(std::string_view line, NetDevLine& out);
+
+/// Reads the network device statistics file and collects its monitored
+/// interface lines in file order, at most `maxCount` of them.  false when
+/// the file cannot be opened (errno kept); `out` is then empty.
+bool ReadNetDevInterfaces(const std::string& path, size_t maxCount, std::vector<NetDevLine>& out);
+
+} // namespace perfmon

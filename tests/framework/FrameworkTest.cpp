@@ -1,0 +1,282 @@
+// Tests of the bundled module framework library, driven through the
+// daemon's loader exactly as the daemon drives it.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "daemon/CSwitchApi.h"
+#include "framework/ModuleConfig.h"
+#include "support/TestSupport.h"
+
+using testsupport::ReadFile;
+using testsupport::ScopedEnv;
+using testsupport::SplitLines;
+using testsupport::TempDir;
+using testsupport::WriteFile;
+
+namespace {
+
+std::string Module(const char* name)
+{
+    return std::string(TEST_FW_MODULES_DIR) + "/libfwtest_" + name + ".so";
+}
+
+class FrameworkTest : public ::testing::Test {
+protected:
+    void Conf(const std::string& file, const std::string& body) { ASSERT_TRUE(WriteFile(m_Dir.Sub("mods/" + file), body)); }
+    void ModuleConf(const char* name, int order, const std::string& extra = "")
+    {
+        Conf(std::string(name) + ".conf",
+             "[Module]\nLibrary=" + Module(name) + "\nOrder=" + std::to_string(order) + "\n" + extra);
+    }
+    std::vector<std::string> Record() const { return SplitLines(ReadFile(m_Record)); }
+
+    /// Loads the framework and its modules with the given run mode and flags.
+    int Load(uint32_t runMode = 0, uint32_t flags = 0)
+    {
+        if (!m_Api.LoadSwitch())
+            return -1;
+        _ExtensionModuleLoaderConfig config{flags, runMode};
+        return m_Api.LoadModules(config);
+    }
+    SwitchInterface* Sw() { return m_Api.Interface(); }
+
+    TempDir m_Dir;
+    std::string m_Record = m_Dir.Sub("record.txt");
+    ScopedEnv m_RecordEnv{"TEST_MODULE_RECORD", m_Record.c_str()};
+    std::string m_ModsDir = (testsupport::MakeDirs(m_Dir.Sub("mods")), m_Dir.Sub("mods"));
+    ScopedEnv m_DirEnv{"TARVD_MODULES_DIR", m_ModsDir.c_str()};
+    CSwitchApi m_Api{TEST_FRAMEWORK_LIBRARY};
+};
+
+} // namespace
+
+TEST_F(FrameworkTest, DrivesModulesInOrderFromStartToUnload)
+{
+    ModuleConf("good", 20, "Greeting=hello world\n");
+    ModuleConf("second", 10);
+    ASSERT_EQ(Load(0, 1), 1);
+    Sw()->StartAllModules();
+    Sw()->NotifySystemEvent(SW_EVENT_DAEMON_STOPPING, nullptr, 0);
+    int level = 6;
+    Sw()->NotifySystemEvent(SW_EVENT_OS_SHUTDOWN, &level, 0);
+    Sw()->StopAllModules();
+    EXPECT_EQ(m_Api.UnloadModules(0), 1);
+    m_Api.Release();
+    std::vector<std::string> expected = {
+        "second load runmode=0 flags=1 name=second greeting=(none)",
+        "good load runmode=0 flags=1 name=good greeting=hello world",
+        "second start",
+        "good start",
+        "second notify 0x20000",
+        "good notify 0x20000",
+        "second notify 0x30000 level=6",
+        "good notify 0x30000 level=6",
+        "good stop",
+        "second stop",
+        "good unload",
+        "second unload",
+    };
+    EXPECT_EQ(Record(), expected);
+}
+
+TEST_F(FrameworkTest, BrokenModulesAreSkippedAndTheOthersRun)
+{
+    ModuleConf("noentry", 1);
+    ModuleConf("badabi", 2);
+    ModuleConf("throwload", 3);
+    ModuleConf("refuse", 4);
+    ModuleConf("good", 5);
+    Conf("missing.conf", "Library=" + m_Dir.Sub("nowhere/libmissing.so") + "\n");
+    Conf("nolib.conf", "[Module]\nOrder=1\n");
+    Conf("garbage.conf", "this is not a key value line\nLibrary=" + Module("second") + "\n");
+    Conf("badmodes.conf", "Library=" + Module("second") + "\nRunModes=zero\n");
+    Conf("long.conf", "Library=" + Module("second") + "\n#" + std::string(5000, 'x') + "\n");
+    Conf("ignored.txt", "Library=" + Module("second") + "\n");
+    ASSERT_EQ(Load(), 1);
+    Sw()->StartAllModules();
+    Sw()->StopAllModules();
+    m_Api.UnloadModules(0);
+    m_Api.Release();
+    std::vector<std::string> expected = {
+        "throwload load runmode=0 flags=0 name=throwload greeting=(none)",
+        "throwload unload",  // a chance to clean up after the throw
+        "refuse load runmode=0 flags=0 name=refuse greeting=(none)",
+        "good load runmode=0 flags=0 name=good greeting=(none)",
+        "good start",
+        "good stop",
+        "good unload",
+    };
+    EXPECT_EQ(Record(), expected);
+}
+
+TEST_F(FrameworkTest, ExceptionsOfRunningModulesNeverLeaveTheFramework)
+{
+    ModuleConf("throwrun", 1);
+    ModuleConf("good", 2);
+    ASSERT_EQ(Load(), 1);
+    EXPECT_NO_THROW(Sw()->StartAllModules());
+    EXPECT_NO_THROW(Sw()->NotifySystemEvent(SW_EVENT_DAEMON_STOPPING, nullptr, 0));
+    EXPECT_NO_THROW(Sw()->StopAllModules());
+    EXPECT_NO_THROW(m_Api.UnloadModules(0));
+    m_Api.Release();
+    std::vector<std::string> expected = {
+        "throwrun load runmode=0 flags=0 name=throwrun greeting=(none)",
+        "good load runmode=0 flags=0 name=good greeting=(none)",
+        "throwrun start",  // threw: counts as not started, so it is not stopped
+        "good start",
+        "throwrun notify 0x20000",
+        "good notify 0x20000",
+        "good stop",
+        "good unload",
+        "throwrun unload",
+    };
+    EXPECT_EQ(Record(), expected);
+}
+
+TEST_F(FrameworkTest, RunModesAndEnabledSelectTheModules)
+{
+    ModuleConf("good", 1, "RunModes=5, 7\n");
+    ModuleConf("second", 2, "RunModes=all\n");
+    ModuleConf("refuse", 3, "Enabled=0\nRunModes=all\n");
+    ASSERT_EQ(Load(7), 1);
+    m_Api.Release();  // the last reference unloads what is still loaded
+    std::vector<std::string> expected = {
+        "good load runmode=7 flags=0 name=good greeting=(none)",
+        "second load runmode=7 flags=0 name=second greeting=(none)",
+        "second unload",
+        "good unload",
+    };
+    EXPECT_EQ(Record(), expected);
+
+    // Run mode 0 is not in the list of "good".
+    CSwitchApi again(TEST_FRAMEWORK_LIBRARY);
+    ASSERT_TRUE(again.LoadSwitch());
+    unlink(m_Record.c_str());
+    _ExtensionModuleLoaderConfig config{0, 0};
+    ASSERT_EQ(again.LoadModules(config), 1);
+    again.UnloadModules(0);
+    EXPECT_EQ(Record(), (std::vector<std::string>{"second load runmode=0 flags=0 name=second greeting=(none)",
+                                                  "second unload"}));
+}
+
+TEST_F(FrameworkTest, MissingModulesDirectoryFailsTheLoad)
+{
+    ScopedEnv dir("TARVD_MODULES_DIR", m_Dir.Sub("absent").c_str());
+    EXPECT_EQ(Load(), 0);
+    EXPECT_NO_THROW(Sw()->StartAllModules());
+    EXPECT_EQ(m_Api.UnloadModules(0), 1);
+}
+
+TEST_F(FrameworkTest, EmptyModulesDirectoryLoadsNothingSuccessfully)
+{
+    EXPECT_EQ(Load(), 1);
+    Sw()->StartAllModules();
+    Sw()->StopAllModules();
+    EXPECT_TRUE(Record().empty());
+}
+
+TEST_F(FrameworkTest, InterfaceSlotsThroughTheVirtualTable)
+{
+    ModuleConf("good", 1);
+    ASSERT_TRUE(m_Api.LoadSwitch());
+    SwitchInterface* sw = Sw();
+    void** vtable = *reinterpret_cast<void***>(sw);
+    EXPECT_EQ(reinterpret_cast<uint32_t (*)(SwitchInterface*)>(vtable[0])(sw), SWITCH_INTERFACE_VERSION);
+    for (int slot = 6; slot <= 15; ++slot)
+        EXPECT_EQ(reinterpret_cast<int (*)(SwitchInterface*)>(vtable[slot])(sw), 0) << slot;
+    _ExtensionModuleLoaderConfig config{1, 0};
+    EXPECT_EQ(reinterpret_cast<int (*)(SwitchInterface*, _ExtensionModuleLoaderConfig*)>(vtable[2])(sw, &config), 1);
+    reinterpret_cast<int (*)(SwitchInterface*)>(vtable[4])(sw);
+    int level = 0;
+    reinterpret_cast<int (*)(SwitchInterface*, uint32_t, void*, uint32_t)>(vtable[16])(sw, 0x30000, &level, 0);
+    reinterpret_cast<int (*)(SwitchInterface*)>(vtable[5])(sw);
+    reinterpret_cast<int (*)(SwitchInterface*, uint32_t)>(vtable[3])(sw, 0);
+    std::vector<std::string> expected = {"good load runmode=0 flags=1 name=good greeting=(none)", "good start",
+                                         "good notify 0x30000 level=0", "good stop", "good unload"};
+    EXPECT_EQ(Record(), expected);
+}
+
+TEST_F(FrameworkTest, ExampleModuleStopsPromptlyDespiteALongHeartbeat)
+{
+    Conf("example.conf", std::string("[Module]\nLibrary=") + TEST_EXAMPLE_MODULE + "\nRunModes=all\nHeartbeatSeconds=3600\n");
+    ASSERT_EQ(Load(), 1);
+    Sw()->StartAllModules();
+    Sw()->NotifySystemEvent(SW_EVENT_DAEMON_STOPPING, nullptr, 0);
+    auto begin = std::chrono::steady_clock::now();
+    Sw()->StopAllModules();
+    // Generous bound: the heartbeat thread must not be waited out (an hour).
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    m_Api.UnloadModules(0);
+    m_Api.Release();
+}
+
+TEST_F(FrameworkTest, ExampleModuleUnloadWithoutStopEndsItsThread)
+{
+    Conf("example.conf", std::string("[Module]\nLibrary=") + TEST_EXAMPLE_MODULE + "\nHeartbeatSeconds=1\n");
+    ASSERT_EQ(Load(), 1);
+    Sw()->StartAllModules();
+    Sw()->StartAllModules();  // a second start changes nothing
+    // Unload alone must stop the thread before the module is closed; a
+    // thread left running in unmapped code would crash this test.
+    m_Api.UnloadModules(0);
+    m_Api.Release();
+}
+
+TEST(ModuleConfig, ParsesKeysAndResolvesRelativeLibraries)
+{
+    TempDir dir;
+    ASSERT_TRUE(WriteFile(dir.Sub("mine.conf"),
+                          "# comment\n; other comment\n[Module]\n  Library = libmine.so  \nRunModes=0,5 8\n"
+                          "Order=-3\nCustom=a=b\r\n"));
+    tarvdfw::ModuleDescriptor d;
+    std::string error;
+    ASSERT_TRUE(tarvdfw::ParseModuleConfig(dir.Sub("mine.conf"), d, error)) << error;
+    EXPECT_EQ(d.name, "mine");
+    EXPECT_EQ(d.library, dir.Sub("libmine.so"));
+    EXPECT_EQ(d.order, -3);
+    EXPECT_TRUE(d.RunsIn(0));
+    EXPECT_TRUE(d.RunsIn(5));
+    EXPECT_TRUE(d.RunsIn(8));
+    EXPECT_FALSE(d.RunsIn(7));
+    ASSERT_NE(d.Value("custom"), nullptr);
+    EXPECT_STREQ(d.Value("CUSTOM"), "a=b");
+    EXPECT_EQ(d.Value("absent"), nullptr);
+}
+
+TEST(ModuleConfig, RejectsMalformedAndOversizedFiles)
+{
+    TempDir dir;
+    const std::pair<const char*, std::string> bad[] = {
+        {"nolib", "Name=x\n"},
+        {"order", "Library=/x.so\nOrder=12abc\n"},
+        {"bigorder", "Library=/x.so\nOrder=99999999999999999999\n"},
+        {"modes", "Library=/x.so\nRunModes=,\n"},
+        {"section", "[Module\nLibrary=/x.so\n"},
+        {"nokey", "=value\nLibrary=/x.so\n"},
+        {"longline", "Library=/x.so\n" + std::string(tarvdfw::kMaxLineLength + 1, 'k') + "\n"},
+        {"huge", "Library=/x.so\n" + std::string(tarvdfw::kMaxConfigSize, '#')},
+    };
+    for (const auto& [name, body] : bad) {
+        std::string path = dir.Sub(std::string(name) + ".conf");
+        ASSERT_TRUE(WriteFile(path, body));
+        tarvdfw::ModuleDescriptor d;
+        std::string error;
+        EXPECT_FALSE(tarvdfw::ParseModuleConfig(path, d, error)) << name;
+        EXPECT_FALSE(error.empty()) << name;
+    }
+    tarvdfw::ModuleDescriptor d;
+    std::string error;
+    EXPECT_FALSE(tarvdfw::ParseModuleConfig(dir.Sub("absent.conf"), d, error));
+}
+
+TEST(ModuleConfig, DirectoryListingIsSortedAndFiltered)
+{
+    TempDir dir;
+    for (const char* f : {"b.conf", "a.conf", ".hidden.conf", "c.conf.bak", "x.txt", ".conf"})
+        ASSERT_TRUE(WriteFile(dir.Sub(f), "Library=/x.so\n"));
+    std::vector<std::string> files;
+    ASSERT_TRUE(tarvdfw::ListModuleConfigs(dir.Path(), files));
+    EXPECT_EQ(files, (std::vector<std::string>{dir.Sub("a.conf"), dir.Sub("b.conf")}));
+    EXPECT_FALSE(tarvdfw::ListModuleConfigs(dir.Sub("absent"), files));
+}

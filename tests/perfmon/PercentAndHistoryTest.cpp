@@ -1,0 +1,158 @@
+// Percentage arithmetic on made-up samples, the history buffer and the
+// value/group table.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "perfmon/CDataHistoryBuffer.h"
+#include "perfmon/CPerfMon.h"
+
+using perfmon::AveragePercent;
+using perfmon::CurrentPercent;
+using perfmon::PartWhole;
+
+TEST(PerfPercent, CurrentAndAverageRoundDifferently)
+{
+    // Quotients 1000 (1 %) and 0: the current form divides the half-percent
+    // bias by n as well, the average form rounds the mean.
+    std::vector<PartWhole> s = {{1000, 100000}, {0, 100000}};
+    EXPECT_EQ(CurrentPercent(s), 0);
+    EXPECT_EQ(AveragePercent(s), 1);
+}
+
+TEST(PerfPercent, SingleSampleRoundsToNearest)
+{
+    EXPECT_EQ(CurrentPercent({{499, 100000}}), 0);
+    EXPECT_EQ(CurrentPercent({{500, 100000}}), 1);
+    EXPECT_EQ(AveragePercent({{499, 100000}}), 0);
+    EXPECT_EQ(AveragePercent({{500, 100000}}), 1);
+    EXPECT_EQ(CurrentPercent({{1, 3}}), 33);
+    EXPECT_EQ(AveragePercent({{2, 3}}), 67);
+    // Each quotient is truncated before it is summed: 2/3 -> 66666.
+    EXPECT_EQ(AveragePercent({{2, 3}, {2, 3}, {2, 3}}), 67);
+}
+
+TEST(PerfPercent, BothClampAtHundred)
+{
+    EXPECT_EQ(CurrentPercent({{300, 100}}), 100);
+    EXPECT_EQ(AveragePercent({{300, 100}}), 100);
+    EXPECT_EQ(CurrentPercent({{100, 100}}), 100);
+    EXPECT_EQ(AveragePercent({{100, 100}}), 100);
+    // Just below: 99.5 % rounds up to 100, 99.49 % stays 99.
+    EXPECT_EQ(AveragePercent({{99500, 100000}}), 100);
+    EXPECT_EQ(AveragePercent({{99499, 100000}}), 99);
+    EXPECT_EQ(CurrentPercent({{99499, 100000}}), 99);
+    // Parts far beyond the whole neither overflow nor wrap.
+    EXPECT_EQ(CurrentPercent({{UINT64_MAX, 1}, {UINT64_MAX, 1}}), 100);
+    EXPECT_EQ(AveragePercent({{UINT64_MAX, 1}, {UINT64_MAX, 1}}), 100);
+    EXPECT_EQ(CurrentPercent({{UINT64_MAX / 2, UINT64_MAX}}), 50);
+}
+
+TEST(PerfPercent, ZeroWholesAreSkipped)
+{
+    // Every sample without a whole: current reports the last raw part,
+    // average 0.
+    std::vector<PartWhole> none = {{5, 0}, {42, 0}};
+    EXPECT_EQ(CurrentPercent(none), 42);
+    EXPECT_EQ(AveragePercent(none), 0);
+    // The raw part is reported in the percent byte (its low byte).
+    EXPECT_EQ(CurrentPercent({{0x1234, 0}}), 0x34);
+    // Mixed: the zero-whole sample neither counts nor dilutes.
+    std::vector<PartWhole> mixed = {{50, 100}, {7, 0}};
+    EXPECT_EQ(CurrentPercent(mixed), 50);
+    EXPECT_EQ(AveragePercent(mixed), 50);
+    EXPECT_EQ(CurrentPercent({}), 0);
+    EXPECT_EQ(AveragePercent({}), 0);
+}
+
+TEST(CDataHistoryBuffer, DropsOldestAtMaximum)
+{
+    CDataHistoryBuffer<int> h(3, 2);
+    for (int i = 1; i <= 5; ++i)
+        ASSERT_TRUE(h.Add(0, i));
+    ASSERT_TRUE(h.Add(1, 99));
+    std::vector<int> items;
+    ASSERT_TRUE(h.GetAll(0, items));
+    EXPECT_EQ(items, (std::vector<int>{3, 4, 5}));
+    EXPECT_EQ(h.GetCount(1), 1u);
+    int item = -1;
+    EXPECT_TRUE(h.GetItem(0, 0, item));
+    EXPECT_EQ(item, 3);
+    EXPECT_TRUE(h.GetItem(0, 2, item));
+    EXPECT_EQ(item, 5);
+}
+
+TEST(CDataHistoryBuffer, OutOfRangeRequestsChangeNothing)
+{
+    CDataHistoryBuffer<int> h(4, 1);
+    h.Add(0, 7);
+    int item = -1;
+    EXPECT_FALSE(h.GetItem(0, 1, item));
+    EXPECT_FALSE(h.GetItem(0, -1, item));
+    EXPECT_FALSE(h.GetItem(1, 0, item));
+    EXPECT_FALSE(h.GetItem(-1, 0, item));
+    EXPECT_EQ(item, -1);
+    EXPECT_FALSE(h.Add(1, 8));
+    EXPECT_FALSE(h.Add(-1, 8));
+    std::vector<int> items = {1, 2};
+    EXPECT_FALSE(h.GetAll(5, items));
+    EXPECT_EQ(items, (std::vector<int>{1, 2}));
+    EXPECT_EQ(h.GetCount(9), 0u);
+    h.Clear();
+    EXPECT_EQ(h.GetCount(0), 0u);
+    EXPECT_EQ(h.GetNumberInstances(), 1u);
+}
+
+TEST(CDataHistoryBuffer, ZeroMaximumStillKeepsTheNewest)
+{
+    CDataHistoryBuffer<int> h(0, 1);
+    h.Add(0, 1);
+    h.Add(0, 2);
+    std::vector<int> items;
+    h.GetAll(0, items);
+    EXPECT_EQ(items, (std::vector<int>{2}));
+}
+
+TEST(CDataHistoryBuffer, LockIsRecursiveAndGuardsWriters)
+{
+    CDataHistoryBuffer<int> h(50, 1);
+    std::atomic<bool> stop{false};
+    std::atomic<bool> bad{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 20000; ++i)
+            h.Add(0, i);
+        stop = true;
+    });
+    std::vector<int> items;
+    while (!stop) {
+        // Held across two calls: the pair must be consistent.
+        CCriticalSectionLock lock(h.GetLock());
+        unsigned n = h.GetCount(0);
+        h.GetAll(0, items);
+        if (items.size() != n || n > 50)
+            bad = true;
+        for (size_t i = 1; i < items.size(); ++i)
+            if (items[i] != items[i - 1] + 1)
+                bad = true;
+    }
+    writer.join();
+    EXPECT_FALSE(bad);
+    h.GetAll(0, items);
+    ASSERT_EQ(items.size(), 50u);
+    EXPECT_EQ(items.back(), 19999);
+}
+
+TEST(CPerfMonValues, IsMonitorValueGroups)
+{
+    struct Case { int type; int first; int last; };
+    const Case cases[] = {{1, 0, 3}, {2, 4, 7}, {4, 10, 12}, {8, 8, 9}, {16, 13, 20}};
+    for (const Case& c : cases) {
+        for (int v = -1; v <= 21; ++v)
+            EXPECT_EQ(CPerfMon::IsMonitorValue(v, c.type), v >= c.first && v <= c.last) << c.type << " " << v;
+    }
+    for (int type : {0, 3, 5, 32, 0x800, 0xF800, -1})
+        for (int v = 0; v <= 20; ++v)
+            EXPECT_FALSE(CPerfMon::IsMonitorValue(v, type)) << type << " " << v;
+}

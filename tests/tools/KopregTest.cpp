@@ -1,0 +1,212 @@
+// kopreg against registry directories of its own.
+#include "ToolTestSupport.h"
+
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+using tooltest::Json;
+using tooltest::ParseJson;
+
+namespace {
+
+const std::string kTool = KOPREG_PATH;
+
+class KopregTest : public ::testing::Test {
+protected:
+    tooltest::RunResult Reg(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), {"--dir", m_Dir.Path()});
+        return tooltest::Run(kTool, args);
+    }
+    void Ok(const std::vector<std::string>& args)
+    {
+        auto r = Reg(args);
+        ASSERT_TRUE(r.Exited(0)) << args[0] << ": status " << r.exitCode << " signal " << r.signal << " " << r.err;
+    }
+    std::string Get(const std::string& key, const std::string& value)
+    {
+        auto r = Reg({"get", key, value});
+        EXPECT_TRUE(r.Exited(0)) << r.err;
+        return r.out;
+    }
+    Json ListJson(const std::string& key)
+    {
+        auto r = Reg({"--json", "list", key});
+        EXPECT_TRUE(r.Exited(0)) << r.err;
+        Json j;
+        std::string err;
+        EXPECT_TRUE(ParseJson(r.out, j, &err)) << err << r.out;
+        return j;
+    }
+    testsupport::TempDir m_Dir;
+};
+
+const char* const kKey = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Tools";
+
+} // namespace
+
+TEST_F(KopregTest, SetGetAllFourTypesAndFileForm)
+{
+    Ok({"set", kKey, "Text", "--type", "s", "hello world"});
+    Ok({"set", kKey, "Path", "--type", "es", "%KOPREG_TEST_VAR%/bin"});
+    Ok({"set", kKey, "Blob", "--type", "b", "0a FF 00"});
+    Ok({"set", kKey, "Big", "--type", "d", "0xFFFFFFFF"});
+    Ok({"set", kKey, "Neg", "--type", "d", "-2"});
+    Ok({"set", kKey, "Empty", "--type", "b", ""});
+
+    EXPECT_EQ(Get(kKey, "Text"), "hello world\n");
+    EXPECT_EQ(Get(kKey, "Path"), "%KOPREG_TEST_VAR%/bin\n");
+    EXPECT_EQ(Get(kKey, "Blob"), "0a ff 00\n");
+    EXPECT_EQ(Get("HKLM/SOFTWARE/Tools", "Big"), "4294967295\n");
+    EXPECT_EQ(Get(kKey, "Neg"), "4294967294\n");
+    EXPECT_EQ(Get(kKey, "Empty"), "\n");
+    {
+        testsupport::ScopedEnv env("KOPREG_TEST_VAR", "/opt/x");
+        auto r = Reg({"get", kKey, "Path", "--expand"});
+        EXPECT_EQ(r.out, "/opt/x/bin\n");
+    }
+
+    // The tree was saved in the registry's own form.
+    std::string file = testsupport::ReadFile(m_Dir.Sub("registry"));
+    EXPECT_NE(file.find("[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[Tools]\n"), std::string::npos) << file;
+    EXPECT_NE(file.find("Big=d=-1\n"), std::string::npos);
+    EXPECT_NE(file.find("Blob=b=0a ff 00 \n"), std::string::npos);
+    EXPECT_NE(file.find("Path=es=%KOPREG_TEST_VAR%/bin\n"), std::string::npos);
+
+    Json j = ListJson(kKey);
+    EXPECT_EQ(j["key"].text, "HKEY_LOCAL_MACHINE\\SOFTWARE\\Tools");
+    ASSERT_EQ(j["values"].Size(), 6u);
+    for (auto& v : j["values"].items) {
+        if (v["name"].text == "Big") {
+            EXPECT_EQ(v["type"].text, "d");
+            EXPECT_EQ(v["data"].number, 4294967295.0);
+        }
+        if (v["name"].text == "Blob") {
+            EXPECT_EQ(v["data"].text, "0a ff 00");
+        }
+        if (v["name"].text == "Path") {
+            EXPECT_EQ(v["type"].text, "es");
+        }
+    }
+    auto r = Reg({"--json", "get", kKey, "Text"});
+    Json g;
+    ASSERT_TRUE(ParseJson(r.out, g)) << r.out;
+    EXPECT_EQ(g["data"].text, "hello world");
+    EXPECT_EQ(g["type"].text, "s");
+
+    // The root: the five predefined keys.
+    Json root = ListJson("");
+    EXPECT_EQ(root["subkeys"].Size(), 5u);
+}
+
+TEST_F(KopregTest, StringsWithControlAndNonUtf8BytesGiveValidJson)
+{
+    Ok({"set", kKey, "Odd", "--type", "s", std::string("a\x01\tb\xff\"c\\")});
+    Json j = ListJson(kKey);
+    ASSERT_EQ(j["values"].Size(), 1u);
+    EXPECT_EQ(j["values"][0]["data"].text, "a\x01\tb\xef\xbf\xbd\"c\\");
+}
+
+TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
+{
+    // A file holding keys but no value at all does not load (the backup is
+    // used instead), so keep one value outside the subtree.
+    Ok({"set", "HKLM\\Keep", "K", "--type", "d", "1"});
+    Ok({"set", kKey, "A", "--type", "s", "one"});
+    Ok({"set", std::string(kKey) + "\\Sub\\Deep", "N", "--type", "d", "42"});
+    Ok({"create", std::string(kKey) + "/EmptyKey"});
+    std::string exported = m_Dir.Sub("tools.reg");
+    Ok({"export", kKey, exported});
+    std::string text = testsupport::ReadFile(exported);
+    EXPECT_EQ(text, "A=s=one\n[EmptyKey]\n\n[Sub]\n[Deep]\nN=d=42\n\n\n\n");
+
+    Ok({"delete-key", "HKLM\\SOFTWARE", "Tools"});
+    auto r = Reg({"list", kKey});
+    EXPECT_TRUE(r.Exited(1));
+    EXPECT_NE(r.err.find("kopreg: no such key"), std::string::npos) << r.err;
+
+    Ok({"import", "HKLM\\SOFTWARE\\Copy", exported});
+    EXPECT_EQ(Get("HKLM\\SOFTWARE\\Copy", "A"), "one\n");
+    EXPECT_EQ(Get("HKLM\\SOFTWARE\\Copy\\Sub\\Deep", "N"), "42\n");
+    Json j = ListJson("HKLM\\SOFTWARE\\Copy");
+    ASSERT_EQ(j["subkeys"].Size(), 2u);
+    EXPECT_EQ(j["subkeys"][0].text, "EmptyKey");
+
+    Ok({"delete-value", "HKLM\\SOFTWARE\\Copy", "A"});
+    r = Reg({"get", "HKLM\\SOFTWARE\\Copy", "A"});
+    EXPECT_TRUE(r.Exited(1));
+    EXPECT_NE(r.err.find("no such value"), std::string::npos);
+    r = Reg({"delete-value", "HKLM\\SOFTWARE\\Copy", "A"});
+    EXPECT_TRUE(r.Exited(1));
+    r = Reg({"delete-value", "HKLM\\SOFTWARE\\Copy", "Sub"});  // a key, not a value
+    EXPECT_TRUE(r.Exited(1));
+    r = Reg({"delete-key", "HKLM\\SOFTWARE\\Copy", "Nope"});
+    EXPECT_TRUE(r.Exited(1));
+    // The previous tree was kept as the backup.
+    EXPECT_TRUE(testsupport::FileExists(m_Dir.Sub("registry.old")));
+
+    // A file without registry data is refused and changes nothing.
+    ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("junk"), "just text\nno tags\n"));
+    r = Reg({"import", "HKLM\\SOFTWARE\\Junk", m_Dir.Sub("junk")});
+    EXPECT_TRUE(r.Exited(1));
+    EXPECT_TRUE(Reg({"list", "HKLM\\SOFTWARE\\Junk"}).Exited(1));
+    r = Reg({"import", kKey, m_Dir.Sub("missing")});
+    EXPECT_TRUE(r.Exited(1));
+}
+
+TEST_F(KopregTest, CorruptRegistryFallsBackOrFailsClearly)
+{
+    Ok({"set", kKey, "A", "--type", "s", "good"});
+    Ok({"set", kKey, "A", "--type", "s", "newer"});
+    // Damage the current file: the backup (holding "good") is used.
+    ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("registry"), "\n\n\n"));
+    auto r = Reg({"get", kKey, "A"});
+    EXPECT_TRUE(r.Exited(0)) << r.err;
+    EXPECT_EQ(r.out, "good\n");
+    EXPECT_NE(r.err.find("kopreg: warning:"), std::string::npos) << r.err;
+
+    // Nothing loadable at all.
+    ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("registry.old"), "garbage without tags\n"));
+    r = Reg({"get", kKey, "A"});
+    EXPECT_TRUE(r.Exited(1));
+    EXPECT_NE(r.err.find("kopreg: cannot load the registry"), std::string::npos) << r.err;
+    r = Reg({"set", kKey, "B", "--type", "d", "1"});
+    EXPECT_TRUE(r.Exited(1));
+    EXPECT_EQ(testsupport::ReadFile(m_Dir.Sub("registry")), "\n\n\n") << "nothing written over the damaged files";
+
+    // The factory default rescues it.
+    ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("registry.default"), "[HKEY_LOCAL_MACHINE]\nX=d=7\n\n\n"));
+    r = Reg({"get", "HKEY_LOCAL_MACHINE", "X"});
+    EXPECT_TRUE(r.Exited(0)) << r.err;
+    EXPECT_EQ(r.out, "7\n");
+}
+
+TEST_F(KopregTest, UsageErrorsExit2)
+{
+    for (auto args : std::vector<std::vector<std::string>>{{},
+                                                           {"frobnicate"},
+                                                           {"--bogus", "list"},
+                                                           {"get", kKey},
+                                                           {"set", kKey, "V", "data"},
+                                                           {"set", kKey, "V", "--type", "q", "x"},
+                                                           {"set", kKey, "V", "--type", "d", "4294967296"},
+                                                           {"set", kKey, "V", "--type", "d", "12abc"},
+                                                           {"set", kKey, "V", "--type", "b", "abc"},
+                                                           {"set", kKey, "V", "--type", "b", "zz"},
+                                                           {"set", kKey, "a=b", "--type", "s", "x"},
+                                                           {"list", "a", "b"}}) {
+        auto r = Reg(args);
+        EXPECT_TRUE(r.Exited(2)) << (args.empty() ? "" : args[0]) << " status " << r.exitCode << " " << r.err;
+        EXPECT_EQ(r.err.rfind("kopreg: ", 0), 0u) << r.err;
+    }
+    auto r = tooltest::Run(kTool, {"--help"});
+    EXPECT_TRUE(r.Exited(0));
+    EXPECT_NE(r.out.find("delete-value"), std::string::npos);
+    // A value name that is a subkey is not overwritten.
+    Ok({"set", kKey, "V", "--type", "d", "1"});
+    Ok({"create", std::string(kKey) + "\\K"});
+    r = Reg({"set", kKey, "K", "--type", "d", "1"});
+    EXPECT_TRUE(r.Exited(1));
+    EXPECT_EQ(ListJson(kKey)["subkeys"].Size(), 1u);
+}

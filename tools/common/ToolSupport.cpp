@@ -1,0 +1,147 @@
+#include "tools/common/ToolSupport.h"
+
+#include "common/UniqueFd.h"
+#include "trace/CDebug.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern CDebug Debug;
+
+namespace tools {
+
+namespace {
+std::string g_Name = "tool";
+
+void VMessage(const char* prefix, const char* format, va_list args)
+{
+    std::string text = g_Name + ": " + prefix;
+    char buf[2048];
+    vsnprintf(buf, sizeof buf, format, args);
+    text += buf;
+    text += '\n';
+    fflush(stdout);
+    fputs(text.c_str(), stderr);
+}
+} // namespace
+
+void ToolInit(const char* name)
+{
+    g_Name = name;
+    const char* level = getenv("TR_LOG_DEBUG_LEVEL");
+    if (level != nullptr && *level != '\0')
+        Debug.Init(name);
+}
+
+const char* ToolName() { return g_Name.c_str(); }
+
+int Fail(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    VMessage("", format, args);
+    va_end(args);
+    return kExitFailure;
+}
+
+void Warn(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    VMessage("warning: ", format, args);
+    va_end(args);
+}
+
+int UsageError(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    VMessage("", format, args);
+    va_end(args);
+    fprintf(stderr, "Try '%s --help' for more information.\n", g_Name.c_str());
+    return kExitUsage;
+}
+
+bool ReadFileBounded(const std::string& path, size_t limit, std::string& out)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return false;
+    out.clear();
+    char buf[65536];
+    while (out.size() < limit) {
+        size_t want = std::min(sizeof buf, limit - out.size());
+        ssize_t n = read(fd.Get(), buf, want);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        if (n == 0)
+            break;
+        out.append(buf, static_cast<size_t>(n));
+    }
+    return true;
+}
+
+bool WriteWholeFile(const std::string& path, const std::string& content)
+{
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd)
+        return false;
+    size_t done = 0;
+    while (done < content.size()) {
+        ssize_t n = write(fd.Get(), content.data() + done, content.size() - done);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool MakeDirectories(const std::string& path)
+{
+    if (path.empty())
+        return false;
+    size_t pos = 0;
+    while (pos != std::string::npos) {
+        pos = path.find('/', pos + 1);
+        std::string part = path.substr(0, pos);
+        if (part.empty())
+            continue;
+        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
+            return false;
+    }
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool ParseUnsigned(const char* text, unsigned long long max, unsigned long long& value, bool allowHex)
+{
+    if (text == nullptr || *text == '\0' || *text == '-' || *text == '+' || *text == ' ')
+        return false;
+    int base = 10;
+    if (allowHex && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        base = 16;
+        text += 2;
+        if (*text == '\0')
+            return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    unsigned long long v = strtoull(text, &end, base);
+    if (errno != 0 || end == text || *end != '\0' || v > max)
+        return false;
+    value = v;
+    return true;
+}
+
+} // namespace tools

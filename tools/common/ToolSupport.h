@@ -1,0 +1,40 @@
+// Helpers shared by the operator tools: exit codes, messages on standard
+// error that start with the tool's name, optional tracing, bounded file I/O.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace tools {
+
+/// Exit codes of every tool.
+enum ExitCode : int {
+    kExitOk = 0,       ///< done
+    kExitFailure = 1,  ///< runtime failure: missing or damaged file, unknown key, ...
+    kExitUsage = 2,    ///< bad command line
+};
+
+/// Records the tool's name for messages and, when TR_LOG_DEBUG_LEVEL is set,
+/// initialises the program's trace object (otherwise tracing stays off and
+/// no trace file is created).
+void ToolInit(const char* name);
+const char* ToolName();
+
+/// "<tool>: <message>\n" on standard error; returns kExitFailure.
+int Fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
+/// "<tool>: warning: <message>\n" on standard error.
+void Warn(const char* format, ...) __attribute__((format(printf, 1, 2)));
+/// "<tool>: <message>\n" and a hint to --help on standard error; returns kExitUsage.
+int UsageError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Reads at most `limit` bytes of `path` (regular files, sysfs and proc
+/// files alike: read until end of file).  False with errno set on failure.
+bool ReadFileBounded(const std::string& path, size_t limit, std::string& out);
+/// Writes `content` to `path` (created with mode 0644, truncated).
+bool WriteWholeFile(const std::string& path, const std::string& content);
+/// mkdir -p with mode 0755.
+bool MakeDirectories(const std::string& path);
+/// Parses a whole decimal (or 0x hexadecimal when `allowHex`) number.
+bool ParseUnsigned(const char* text, unsigned long long max, unsigned long long& value, bool allowHex = false);
+
+} // namespace tools

@@ -1,0 +1,510 @@
+// kopreg: lists, reads, writes and deletes keys and values of the agent's
+// registry, and exports and imports subtrees in the registry's file form.
+#include "tools/common/JsonWriter.h"
+#include "tools/common/ToolSupport.h"
+
+#include "common/CCriticalSection.h"
+#include "common/UniqueFd.h"
+#include "registry/CRegistry.h"
+#include "registry/CRegistryNode.h"
+#include "trace/CDebug.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+CDebug Debug;
+
+namespace {
+
+const char* const kUsage =
+    "Usage: kopreg [--dir DIR] [--json] COMMAND ARGUMENTS\n"
+    "Reads and changes the agent's registry (default directory /etc/tarvd).\n"
+    "\n"
+    "Commands:\n"
+    "  list [KEY]                       subkeys and values of KEY (root keys without KEY)\n"
+    "  get KEY VALUE [--expand]         one value (--expand: expandable strings expanded)\n"
+    "  set KEY VALUE --type T DATA      store a value (KEY is created when missing); T is\n"
+    "                                   s (string), es (expandable\n"
+    "                                   string), b (binary, hex bytes such as \"0a ff 00\"\n"
+    "                                   or 0aff00) or d (32-bit number, decimal or 0x..)\n"
+    "  delete-value KEY VALUE           remove a value\n"
+    "  delete-key KEY SUBKEY            remove a subkey with everything below it\n"
+    "  create KEY                       create a key and the keys above it\n"
+    "  export KEY FILE                  write KEY's values and subkeys to FILE\n"
+    "  import KEY FILE                  read FILE (as written by export) into KEY,\n"
+    "                                   creating KEY when needed\n"
+    "\n"
+    "KEY is a path such as HKEY_LOCAL_MACHINE\\SOFTWARE\\X or HKEY_LOCAL_MACHINE/SOFTWARE/X;\n"
+    "HKLM, HKCU, HKU, HKCR and HKCC stand for the root keys.\n"
+    "\n"
+    "Options:\n"
+    "  --dir DIR   registry directory (files registry, registry.old, registry.default)\n"
+    "  --json      output as JSON\n"
+    "  --help      this text\n"
+    "\n"
+    "Exit status: 0 ok, 1 registry not loadable, unknown key or value, write\n"
+    "failure, 2 usage error.\n";
+
+struct Options {
+    std::string dir = CRegistry::kDefaultDirectory;
+    bool json = false;
+    bool expand = false;
+    std::string type;
+    std::vector<std::string> args;
+};
+
+/// Expands the short root-key names and drops separators at the ends.
+std::string NormaliseKey(std::string key)
+{
+    static const struct {
+        const char* shortName;
+        const char* name;
+    } kRoots[] = {{"HKLM", "HKEY_LOCAL_MACHINE"},
+                  {"HKCU", "HKEY_CURRENT_USER"},
+                  {"HKU", "HKEY_USERS"},
+                  {"HKCR", "HKEY_CLASSES_ROOT"},
+                  {"HKCC", "HKEY_CURRENT_CONFIG"}};
+    while (!key.empty() && (key.front() == '\\' || key.front() == '/'))
+        key.erase(0, 1);
+    while (!key.empty() && (key.back() == '\\' || key.back() == '/'))
+        key.pop_back();
+    size_t sep = key.find_first_of("\\/");
+    std::string first = key.substr(0, sep);
+    for (const auto& r : kRoots)
+        if (first == r.shortName)
+            key = r.name + (sep == std::string::npos ? std::string() : key.substr(sep));
+    return key;
+}
+
+const char* TypeTag(uint32_t type)
+{
+    switch (type) {
+    case RegString: return "s";
+    case RegExpandString: return "es";
+    case RegBinary: return "b";
+    case RegNumber: return "d";
+    default: return "?";
+    }
+}
+
+std::string HexBytes(const unsigned char* data, size_t n)
+{
+    std::string out;
+    char buf[4];
+    for (size_t i = 0; i < n; ++i) {
+        snprintf(buf, sizeof buf, "%02x", data[i]);
+        if (i)
+            out += ' ';
+        out += buf;
+    }
+    return out;
+}
+
+bool ParseHex(const std::string& text, std::vector<unsigned char>& out)
+{
+    std::string digits;
+    for (char c : text) {
+        if (c == ' ' || c == ':' || c == ',' || c == '\t')
+            continue;
+        if (!isxdigit(static_cast<unsigned char>(c)))
+            return false;
+        digits += c;
+    }
+    if (digits.size() % 2 != 0)
+        return false;
+    out.clear();
+    for (size_t i = 0; i < digits.size(); i += 2)
+        out.push_back(static_cast<unsigned char>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
+    return true;
+}
+
+/// One value as the tool shows it.
+struct ValueView {
+    std::string name;
+    uint32_t type = 0;
+    std::string text;                 // strings: the stored text
+    std::vector<unsigned char> bytes; // binary
+    uint32_t number = 0;
+};
+
+bool ViewOf(const CStrMap::Entry& e, ValueView& v)
+{
+    if (e.name == nullptr || e.type == RegSubKey)
+        return false;
+    v.name = e.name;
+    v.type = e.type;
+    switch (e.type) {
+    case RegString:
+    case RegExpandString:
+        v.text = e.payload.ptr ? static_cast<const char*>(e.payload.ptr) : "";
+        return true;
+    case RegBinary:
+        if (e.payload.ptr) {
+            uint32_t n = CRegistryNode::BinaryCount(e.payload.ptr);
+            const unsigned char* p = static_cast<const unsigned char*>(e.payload.ptr) + 4;
+            v.bytes.assign(p, p + n);
+        }
+        return true;
+    case RegNumber:
+        v.number = e.payload.number;
+        return true;
+    default:
+        return false;
+    }
+}
+
+std::string DisplayData(const ValueView& v, bool expand)
+{
+    switch (v.type) {
+    case RegBinary: return HexBytes(v.bytes.data(), v.bytes.size());
+    case RegNumber: return std::to_string(v.number);
+    case RegExpandString:
+        if (expand) {
+            char* x = CRegistry::ExpandText(v.text.c_str());
+            std::string s = x ? x : "";
+            free(x);
+            return s;
+        }
+        return v.text;
+    default: return v.text;
+    }
+}
+
+void JsonValue(CJsonWriter& w, const ValueView& v, bool expand)
+{
+    w.BeginObject();
+    w.Key("name").String(v.name);
+    w.Key("type").String(TypeTag(v.type));
+    w.Key("data");
+    if (v.type == RegNumber)
+        w.Unsigned(v.number);
+    else
+        w.String(DisplayData(v, expand));
+    w.EndObject();
+}
+
+void PrintHuman(const ValueView& v, bool expand)
+{
+    printf("%s\t%s\t%s\n", v.name.c_str(), TypeTag(v.type), DisplayData(v, expand).c_str());
+}
+
+bool FileExists(const std::string& path)
+{
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0;
+}
+
+/// Loads the tree from `dir`.  False (with a message) when registry files
+/// exist but none of them could be read.
+bool LoadRegistry(const std::string& dir)
+{
+    CRegistry::SetRegistryDirectory(dir.c_str());
+    const std::string current = dir + "/" + CRegistry::kCurrentName;
+    bool anyFile = FileExists(current) || FileExists(dir + "/" + CRegistry::kBackupName) ||
+                   FileExists(dir + "/" + CRegistry::kDefaultName);
+    { CRegistry probe; }
+    if (!CRegistry::IsSetUp()) {
+        if (anyFile) {
+            tools::Fail("cannot load the registry in %s: %s, %s and %s are missing, empty or damaged", dir.c_str(),
+                        CRegistry::kCurrentName, CRegistry::kBackupName, CRegistry::kDefaultName);
+            return false;
+        }
+        return true;  // a fresh directory: an empty tree
+    }
+    if (FileExists(current)) {
+        CRegistryNode scratch;
+        if (!CRegistry::ReadTree(current.c_str(), &scratch))
+            tools::Warn("%s is empty or damaged; the backup or the default file was used instead", current.c_str());
+    } else {
+        tools::Warn("%s is missing; the backup or the default file was used instead", current.c_str());
+    }
+    return true;
+}
+
+bool OpenKey(CRegistry& reg, const std::string& key)
+{
+    if (reg.Open(NormaliseKey(key).c_str(), nullptr) != 0) {
+        tools::Fail("no such key: %s", key.c_str());
+        return false;
+    }
+    return true;
+}
+
+int Save()
+{
+    if (!CRegistry::SaveTree())
+        return tools::Fail("cannot save the registry in %s", CRegistry::GetRegistryDirectory().c_str());
+    return tools::kExitOk;
+}
+
+int CreatePath(CRegistry& reg, const std::string& key)
+{
+    std::string path = NormaliseKey(key);
+    if (path.empty())
+        return tools::UsageError("the key must not be empty");
+    if (reg.CreateKey(CRegistry::GetRoot(), path.c_str()) != 0)
+        return tools::Fail("cannot create %s (a part of the path is a value)", key.c_str());
+    return tools::kExitOk;
+}
+
+int CmdList(const Options& o)
+{
+    std::string key = o.args.size() > 1 ? o.args[1] : "";
+    CRegistry reg;
+    if (!OpenKey(reg, key))
+        return tools::kExitFailure;
+    CRegistryNode* node = reg.GetKey();
+    std::vector<std::string> subkeys;
+    std::vector<ValueView> values;
+    {
+        CCriticalSectionLock lock(node->GetLock());
+        for (int i = 0; i < node->GetCount(); ++i) {
+            const CStrMap::Entry& e = node->At(i);
+            if (e.name == nullptr)
+                continue;
+            ValueView v;
+            if (e.type == RegSubKey)
+                subkeys.emplace_back(e.name);
+            else if (ViewOf(e, v))
+                values.push_back(std::move(v));
+        }
+    }
+    if (o.json) {
+        CJsonWriter w;
+        w.BeginObject();
+        w.Key("key").String(NormaliseKey(key));
+        w.Key("subkeys").BeginArray();
+        for (auto& s : subkeys)
+            w.String(s);
+        w.EndArray();
+        w.Key("values").BeginArray();
+        for (auto& v : values)
+            JsonValue(w, v, o.expand);
+        w.EndArray();
+        w.EndObject();
+        printf("%s\n", w.Text().c_str());
+    } else {
+        for (auto& s : subkeys)
+            printf("[%s]\n", s.c_str());
+        for (auto& v : values)
+            PrintHuman(v, o.expand);
+    }
+    return tools::kExitOk;
+}
+
+int CmdGet(const Options& o)
+{
+    if (o.args.size() != 3)
+        return tools::UsageError("usage: get KEY VALUE");
+    CRegistry reg;
+    if (!OpenKey(reg, o.args[1]))
+        return tools::kExitFailure;
+    CRegistryNode* node = reg.GetKey();
+    ValueView v;
+    bool found = false;
+    {
+        CCriticalSectionLock lock(node->GetLock());
+        const CStrMap::Entry* e = node->Lookup(o.args[2].c_str());
+        found = e != nullptr && ViewOf(*e, v);
+    }
+    if (!found)
+        return tools::Fail("no such value: %s in %s", o.args[2].c_str(), o.args[1].c_str());
+    if (o.json) {
+        CJsonWriter w;
+        JsonValue(w, v, o.expand);
+        printf("%s\n", w.Text().c_str());
+    } else {
+        printf("%s\n", DisplayData(v, o.expand).c_str());
+    }
+    return tools::kExitOk;
+}
+
+int CmdSet(const Options& o)
+{
+    if (o.args.size() != 4)
+        return tools::UsageError("usage: set KEY VALUE --type s|es|b|d DATA");
+    const std::string& data = o.args[3];
+    std::vector<unsigned char> bytes;
+    unsigned int type = 0;
+    if (o.type == "s" || o.type == "es") {
+        type = o.type == "s" ? RegString : RegExpandString;
+        if (data.find('\n') != std::string::npos)
+            return tools::UsageError("a string value cannot hold a line feed");
+        bytes.assign(data.begin(), data.end());
+    } else if (o.type == "b") {
+        type = RegBinary;
+        if (!ParseHex(data, bytes))
+            return tools::UsageError("binary data must be pairs of hexadecimal digits, e.g. \"0a ff 00\"");
+    } else if (o.type == "d") {
+        type = RegNumber;
+        unsigned long long n = 0;
+        long long neg = 0;
+        if (!data.empty() && data[0] == '-') {
+            char* end = nullptr;
+            neg = strtoll(data.c_str(), &end, 10);
+            if (*end != '\0' || neg < INT32_MIN)
+                return tools::UsageError("a number must be -2147483648 to 4294967295 (or 0x0 to 0xffffffff)");
+            n = static_cast<uint32_t>(static_cast<int32_t>(neg));
+        } else if (!tools::ParseUnsigned(data.c_str(), 0xFFFFFFFFull, n, true)) {
+            return tools::UsageError("a number must be -2147483648 to 4294967295 (or 0x0 to 0xffffffff)");
+        }
+        uint32_t v = static_cast<uint32_t>(n);
+        bytes.resize(4);
+        memcpy(bytes.data(), &v, 4);
+    } else if (o.type.empty()) {
+        return tools::UsageError("set needs --type s|es|b|d");
+    } else {
+        return tools::UsageError("unknown value type '%s' (s, es, b or d)", o.type.c_str());
+    }
+    if (o.args[2].empty() || o.args[2].find('=') != std::string::npos)
+        return tools::UsageError("a value name must not be empty or contain '='");
+    CRegistry reg;
+    int rc = CreatePath(reg, o.args[1]);
+    if (rc != tools::kExitOk)
+        return rc;
+    {
+        CRegistryNode* node = reg.GetKey();
+        CCriticalSectionLock lock(node->GetLock());
+        const CStrMap::Entry* e = node->Lookup(o.args[2].c_str());
+        if (e != nullptr && e->type == RegSubKey)
+            return tools::Fail("%s is a subkey of %s, not a value", o.args[2].c_str(), o.args[1].c_str());
+    }
+    if (!reg.SetValue(o.args[2].c_str(), bytes.empty() ? nullptr : bytes.data(),
+                      static_cast<unsigned int>(bytes.size()), type))
+        return tools::Fail("cannot store %s", o.args[2].c_str());
+    return Save();
+}
+
+int CmdDeleteValue(const Options& o)
+{
+    if (o.args.size() != 3)
+        return tools::UsageError("usage: delete-value KEY VALUE");
+    CRegistry reg;
+    if (!OpenKey(reg, o.args[1]))
+        return tools::kExitFailure;
+    {
+        CRegistryNode* node = reg.GetKey();
+        CCriticalSectionLock lock(node->GetLock());
+        const CStrMap::Entry* e = node->Lookup(o.args[2].c_str());
+        if (e == nullptr || e->type == RegSubKey)
+            return tools::Fail("no such value: %s in %s", o.args[2].c_str(), o.args[1].c_str());
+    }
+    if (reg.DeleteValue(o.args[2].c_str()) != 0)
+        return tools::Fail("cannot delete %s", o.args[2].c_str());
+    return Save();
+}
+
+int CmdDeleteKey(const Options& o)
+{
+    if (o.args.size() != 3)
+        return tools::UsageError("usage: delete-key KEY SUBKEY");
+    CRegistry reg;
+    if (!OpenKey(reg, o.args[1]))
+        return tools::kExitFailure;
+    if (reg.DeleteKey(o.args[2].c_str()) != 0)
+        return tools::Fail("no such key: %s in %s", o.args[2].c_str(), o.args[1].c_str());
+    return Save();
+}
+
+int CmdCreate(const Options& o)
+{
+    if (o.args.size() != 2)
+        return tools::UsageError("usage: create KEY");
+    CRegistry reg;
+    int rc = CreatePath(reg, o.args[1]);
+    return rc != tools::kExitOk ? rc : Save();
+}
+
+int CmdExport(const Options& o)
+{
+    if (o.args.size() != 3)
+        return tools::UsageError("usage: export KEY FILE");
+    CRegistry reg;
+    if (!OpenKey(reg, o.args[1]))
+        return tools::kExitFailure;
+    UniqueFile f(fopen(o.args[2].c_str(), "we"));
+    if (!f)
+        return tools::Fail("cannot write %s: %s", o.args[2].c_str(), strerror(errno));
+    bool ok = reg.GetKey()->dumpNode(f.Get());
+    if (fclose(f.Release()) != 0 || !ok)
+        return tools::Fail("cannot write %s", o.args[2].c_str());
+    return tools::kExitOk;
+}
+
+int CmdImport(const Options& o)
+{
+    if (o.args.size() != 3)
+        return tools::UsageError("usage: import KEY FILE");
+    UniqueFile f(fopen(o.args[2].c_str(), "re"));
+    if (!f)
+        return tools::Fail("cannot read %s: %s", o.args[2].c_str(), strerror(errno));
+    {
+        // Check the whole file before anything in the tree changes.
+        CRegistryNode scratch;
+        if (!scratch.restoreNode(f.Get()) && scratch.GetCount() == 0)
+            return tools::Fail("%s holds no registry values or keys", o.args[2].c_str());
+    }
+    rewind(f.Get());
+    CRegistry reg;
+    int rc = CreatePath(reg, o.args[1]);
+    if (rc != tools::kExitOk)
+        return rc;
+    reg.GetKey()->restoreNode(f.Get());
+    // Mark the tree changed (a value without a name stores nothing).
+    reg.SetValue(nullptr, nullptr, 0, RegString);
+    return Save();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    tools::ToolInit("kopreg");
+    Options o;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a == "--help" || a == "-h") {
+            fputs(kUsage, stdout);
+            return tools::kExitOk;
+        } else if (a == "--json") {
+            o.json = true;
+        } else if (a == "--expand") {
+            o.expand = true;
+        } else if (a == "--dir" || a == "--type") {
+            if (i + 1 >= argc)
+                return tools::UsageError("option %s needs a value", a.c_str());
+            (a == "--dir" ? o.dir : o.type) = argv[++i];
+        } else if (a == "--") {
+            for (++i; i < argc; ++i)
+                o.args.push_back(argv[i]);
+        } else if (a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9')) {
+            return tools::UsageError("unknown option '%s'", a.c_str());
+        } else {
+            o.args.push_back(a);
+        }
+    }
+    if (o.args.empty())
+        return tools::UsageError("no command given");
+    const std::string& cmd = o.args[0];
+    static const struct {
+        const char* name;
+        int (*fn)(const Options&);
+    } kCommands[] = {{"list", CmdList},           {"get", CmdGet},           {"set", CmdSet},
+                     {"delete-value", CmdDeleteValue}, {"delete-key", CmdDeleteKey}, {"create", CmdCreate},
+                     {"export", CmdExport},       {"import", CmdImport}};
+    for (const auto& c : kCommands) {
+        if (cmd == c.name) {
+            if (cmd == "list" && o.args.size() > 2)
+                return tools::UsageError("usage: list [KEY]");
+            if (!LoadRegistry(o.dir))
+                return tools::kExitFailure;
+            return c.fn(o);
+        }
+    }
+    return tools::UsageError("unknown command '%s'", cmd.c_str());
+}
