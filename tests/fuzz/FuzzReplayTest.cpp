@@ -15,6 +15,7 @@ extern "C" int FuzzEntryTraceReader(const uint8_t* data, size_t size);
 extern "C" int FuzzEntryTraceConfig(const uint8_t* data, size_t size);
 extern "C" int FuzzEntryIniFile(const uint8_t* data, size_t size);
 extern "C" int FuzzEntryRegistry(const uint8_t* data, size_t size);
+extern "C" int FuzzEntryProcText(const uint8_t* data, size_t size);
 
 namespace {
 
@@ -28,7 +29,7 @@ struct Target {
 const Target kTargets[] = {
     {"proc_status", FuzzEntryProcStatus}, {"trace_reader", FuzzEntryTraceReader},
     {"trace_config", FuzzEntryTraceConfig}, {"ini_file", FuzzEntryIniFile},
-    {"registry", FuzzEntryRegistry},
+    {"registry", FuzzEntryRegistry},     {"proc_text", FuzzEntryProcText},
 };
 
 class FuzzReplay : public ::testing::TestWithParam<Target> {};
