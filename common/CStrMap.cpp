@@ -152,11 +152,36 @@ bool CStrMap::HasEntries() const
 
 void CStrMap::Clear()
 {
-    CCriticalSectionLock lock(m_Lock);
-    for (int i = 0; i < m_Count; ++i) {
-        FreeEntry(m_Entries[i]);
-        free(m_Entries[i].name);
-        memset(&m_Entries[i], 0, sizeof(Entry));
+    // The entries are handed out under the lock and freed after it is
+    // released.  A deleter that destroys a nested map (a registry subtree)
+    // then never runs with this map's lock held, so tearing down a deep tree
+    // holds one or two locks at a time instead of one per level.
+    Entry* taken = nullptr;
+    int count = 0;
+    {
+        CCriticalSectionLock lock(m_Lock);
+        if (m_Count == 0)
+            return;
+        const size_t bytes = static_cast<size_t>(m_Count) * sizeof(Entry);
+        taken = static_cast<Entry*>(malloc(bytes));
+        if (taken == nullptr) {
+            // No memory for the hand-over: free them in place instead.
+            for (int i = 0; i < m_Count; ++i) {
+                FreeEntry(m_Entries[i]);
+                free(m_Entries[i].name);
+                memset(&m_Entries[i], 0, sizeof(Entry));
+            }
+            m_Count = 0;
+            return;
+        }
+        memcpy(taken, m_Entries, bytes);
+        memset(m_Entries, 0, bytes);
+        count = m_Count;
+        m_Count = 0;
     }
-    m_Count = 0;
+    for (int i = 0; i < count; ++i) {
+        FreeEntry(taken[i]);
+        free(taken[i].name);
+    }
+    free(taken);
 }

@@ -71,7 +71,8 @@ public:
     bool Remove(const char* name);
     /// Removes the entry at `index`.  False when out of range.
     bool RemoveAt(int index);
-    /// Removes every entry.
+    /// Removes every entry.  Takes the lock to empty the map; the payloads
+    /// are freed after it is released.
     void Clear();
 
     /// Number of entries.  Takes the lock.

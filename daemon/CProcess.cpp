@@ -10,10 +10,13 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <atomic>
 #include <vector>
 
 namespace {
@@ -33,6 +36,12 @@ std::string& ProcRoot()
     static std::string root = kDefaultProcRoot;
     return root;
 }
+
+// Changes whenever a kept-open /proc descriptor may point at the wrong file:
+// after SetProcRoot and in the child of a fork (statm of the parent).
+std::atomic<unsigned> g_ProcGeneration{1};
+
+void BumpProcGeneration() { g_ProcGeneration.fetch_add(1, std::memory_order_relaxed); }
 
 std::string ReadCwd()
 {
@@ -76,9 +85,132 @@ uint64_t UnitFactor(const char* u, size_t len)
 
 } // namespace
 
-void CProcess::SetProcRoot(const char* root) { ProcRoot() = (root && *root) ? root : kDefaultProcRoot; }
+void CProcess::SetProcRoot(const char* root)
+{
+    ProcRoot() = (root && *root) ? root : kDefaultProcRoot;
+    BumpProcGeneration();
+}
 
 const std::string& CProcess::GetProcRoot() { return ProcRoot(); }
+
+namespace {
+
+// The exit status of a child whose program could not be run.
+constexpr int kExecFailedStatus = 255;
+
+// The set-up every child gets, prepared before it is started (after a fork in
+// a threaded program only async-signal-safe calls are allowed).
+struct ChildSetup {
+    bool closeDescriptors = true;
+    long openMax = kFallbackOpenMax;
+    sigset_t mask; // the caller's mask without the termination signals
+};
+
+ChildSetup MakeChildSetup(bool keepDescriptors)
+{
+    ChildSetup s;
+    s.closeDescriptors = !keepDescriptors;
+    s.openMax = sysconf(_SC_OPEN_MAX);
+    if (s.openMax <= 255)
+        s.openMax = kFallbackOpenMax;
+    // The daemon blocks these in every thread and handles them in one; a
+    // child must get them delivered.
+    pthread_sigmask(SIG_SETMASK, nullptr, &s.mask);
+    sigdelset(&s.mask, SIGINT);
+    sigdelset(&s.mask, SIGTERM);
+    sigdelset(&s.mask, SIGHUP);
+    sigdelset(&s.mask, SIGALRM);
+    return s;
+}
+
+// A child that ends at once with the status of a failed exec.  vfork: the
+// child runs nothing but _exit, so no copy of the caller's memory is made.
+pid_t StartFailedChild()
+{
+    pid_t child = vfork();
+    if (child == 0)
+        _exit(kExecFailedStatus);
+    return child;
+}
+
+// fork + execvp, the classic way.  Needed where execvp does more than
+// posix_spawnp: a program file without "#!" line (ENOEXEC) is run by
+// /bin/sh.  Costs a copy of the caller's page tables, so it is the fall-back.
+pid_t ForkAndExec(char* const* argv, const ChildSetup& setup)
+{
+    pid_t child = fork();
+    if (child == 0) {
+        if (setup.closeDescriptors)
+            for (long fd = 3; fd < setup.openMax; ++fd)
+                close(static_cast<int>(fd));
+        sigprocmask(SIG_SETMASK, &setup.mask, nullptr);
+        if (argv[0])
+            execvp(argv[0], argv);
+        _exit(kExecFailedStatus);
+    }
+    return child;
+}
+
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+#define TARVD_HAVE_SPAWN_CLOSEFROM 1
+#endif
+
+#ifdef TARVD_HAVE_SPAWN_CLOSEFROM
+// Owners of the posix_spawn attribute objects.
+struct SpawnFileActions {
+    posix_spawn_file_actions_t actions;
+    bool ok = posix_spawn_file_actions_init(&actions) == 0;
+    ~SpawnFileActions()
+    {
+        if (ok)
+            posix_spawn_file_actions_destroy(&actions);
+    }
+};
+struct SpawnAttributes {
+    posix_spawnattr_t attr;
+    bool ok = posix_spawnattr_init(&attr) == 0;
+    ~SpawnAttributes()
+    {
+        if (ok)
+            posix_spawnattr_destroy(&attr);
+    }
+};
+#endif
+
+// Starts the child.  posix_spawnp shares the caller's memory until the exec
+// (no page-table copy), so starting a program costs the same whether the
+// caller is small or holds gigabytes.  Returns the child's id or -1 when no
+// process could be made.
+pid_t StartChild(char* const* argv, const ChildSetup& setup)
+{
+    if (!argv[0])
+        return StartFailedChild();
+#ifdef TARVD_HAVE_SPAWN_CLOSEFROM
+    SpawnFileActions fa;
+    SpawnAttributes sa;
+    if (!fa.ok || !sa.ok || (setup.closeDescriptors && posix_spawn_file_actions_addclosefrom_np(&fa.actions, 3) != 0) ||
+        posix_spawnattr_setsigmask(&sa.attr, &setup.mask) != 0 ||
+        posix_spawnattr_setflags(&sa.attr, POSIX_SPAWN_SETSIGMASK) != 0)
+        return ForkAndExec(argv, setup);
+    pid_t child = -1;
+    int rc = posix_spawnp(&child, argv[0], &fa.actions, &sa.attr, argv, environ);
+    if (rc == 0)
+        return child;
+    if (rc == ENOEXEC)
+        return ForkAndExec(argv, setup); // let execvp hand it to the shell
+    if (rc == EAGAIN || rc == ENOMEM) {
+        errno = rc; // no process could be made at all, as a failed fork
+        return -1;
+    }
+    // The program cannot be run (missing, not executable, ...): the caller
+    // still gets a child, which ends with the status of a failed exec.
+    return StartFailedChild();
+#else
+    return ForkAndExec(argv, setup);
+#endif
+}
+
+} // namespace
 
 bool CProcess::execute_command(const char* command, uint32_t& exitCode, uint32_t& pid, const char* workDir, bool,
                                bool async, bool keepDescriptors)
@@ -97,30 +229,10 @@ bool CProcess::execute_command(const char* command, uint32_t& exitCode, uint32_t
             savedDir.clear(); // nothing to restore: we stayed where we were
     }
 
-    // Everything the child needs is prepared before fork: after fork in a
-    // threaded program only async-signal-safe calls are allowed.
-    long openMax = sysconf(_SC_OPEN_MAX);
-    if (openMax <= 255)
-        openMax = kFallbackOpenMax;
-    sigset_t unblock;
-    sigemptyset(&unblock);
-    sigaddset(&unblock, SIGINT);
-    sigaddset(&unblock, SIGTERM);
-    sigaddset(&unblock, SIGHUP);
-    sigaddset(&unblock, SIGALRM);
-
+    const ChildSetup setup = MakeChildSetup(keepDescriptors);
     exitCode = 0xFFFFFFFFu;
-    pid_t child = fork();
+    pid_t child = StartChild(argv.data(), setup);
     pid = static_cast<uint32_t>(child);
-    if (child == 0) {
-        if (!keepDescriptors)
-            for (long fd = 3; fd < openMax; ++fd)
-                close(static_cast<int>(fd));
-        sigprocmask(SIG_UNBLOCK, &unblock, nullptr);
-        if (argv[0])
-            execvp(argv[0], argv.data());
-        _exit(-1 & 0xFF); // status 255: the program could not be run
-    }
 
     bool result = false;
     if (child > 0) {
@@ -366,4 +478,59 @@ bool CProcess::FindProcess(uint32_t& pid, const char* name)
         }
     }
     return false;
+}
+
+// ---- CResidentSizeReader ------------------------------------------------------
+
+CResidentSizeReader::CResidentSizeReader()
+{
+    static const bool registered = pthread_atfork(nullptr, nullptr, &BumpProcGeneration) == 0;
+    (void)registered;
+    long page = sysconf(_SC_PAGESIZE);
+    m_PageSize = page > 0 ? static_cast<uint64_t>(page) : 4096;
+}
+
+bool CResidentSizeReader::ReadKilobytes(uint64_t& kb, int64_t sampleKey)
+{
+    unsigned generation = g_ProcGeneration.load(std::memory_order_relaxed);
+    if (sampleKey >= 0 && sampleKey == m_SampleKey && generation == m_Generation && m_Fd) {
+        kb = m_SampleKb;
+        return true;
+    }
+    m_SampleKey = -1;
+    if (generation != m_Generation || !m_Fd) {
+        char path[PATH_MAX];
+        int n = snprintf(path, sizeof(path), "%s/%u/statm", ProcRoot().c_str(), static_cast<unsigned>(getpid()));
+        if (n < 0 || static_cast<size_t>(n) >= sizeof(path))
+            return false;
+        m_Fd.Reset(open(path, O_RDONLY | O_CLOEXEC));
+        m_Generation = generation;
+        if (!m_Fd)
+            return false;
+    }
+    // "size resident shared text lib data dt": seven page counts.
+    char buf[160];
+    ssize_t r;
+    do {
+        r = pread(m_Fd.Get(), buf, sizeof(buf), 0);
+    } while (r < 0 && errno == EINTR);
+    if (r <= 0)
+        return false;
+    const char* p = buf;
+    const char* end = buf + r;
+    while (p < end && *p >= '0' && *p <= '9')
+        ++p; // size
+    if (p == buf || p >= end || *p != ' ')
+        return false;
+    ++p;
+    const char* digits = p;
+    uint64_t pages = 0;
+    while (p < end && *p >= '0' && *p <= '9' && p - digits < 19)
+        pages = pages * 10 + static_cast<uint64_t>(*p++ - '0');
+    if (p == digits || (p < end && *p != ' ' && *p != '\n'))
+        return false;
+    kb = pages * m_PageSize / 1024;
+    m_SampleKey = sampleKey;
+    m_SampleKb = kb;
+    return true;
 }

@@ -357,6 +357,12 @@ bool CRegistry::SaveTree()
     if (chmod(s.current.c_str(), kFileMode) != 0)
         DBG_PRINT(1, "CRegistry: ERROR: Cannot set the mode of \"%s\": %s\n", s.current.c_str(), strerror(errno));
     FsyncDirectory(s.directory);
+    // The file now holds the tree in memory.  A tree that could not be
+    // loaded at start-up would otherwise be "loaded" from this very file by
+    // the next handle: restoring it replaces every root key's subtree with
+    // a copy of what was written, so changes made since then are lost and
+    // the keys other handles hold are destroyed under them.
+    s.setUp = true;
     DBG_PRINT(2, "\nCRegistry::SaveTree MPRegistryTemp[%s] \t MPRegistry[%s]", s.fresh.c_str(), s.current.c_str());
     return true;
 }

@@ -67,14 +67,18 @@ public:
 
     /// Loads the tree unless it is set up already (or `force`): the current
     /// file, else the backup, else the factory default.  When all three fail
-    /// the tree stays not set up and the next handle tries again.  Takes the
-    /// class lock.
+    /// the tree stays not set up and the next handle tries again, until a
+    /// save has written the tree (from then on the tree in memory is the
+    /// newer one).  Reading replaces the root keys' subtrees: a forced set-up
+    /// while handles are alive leaves their keys dangling.  Takes the class
+    /// lock.
     static void SetupTree(bool force);
     /// Writes the tree when it is dirty: the new file is written completely
     /// and synchronised, the current file becomes the backup (when it is not
-    /// empty) and the new file becomes the current one, atomically.  True
-    /// when nothing had to be saved or the save succeeded; on failure the
-    /// tree stays dirty.  Takes the class lock.
+    /// empty) and the new file becomes the current one, atomically; the tree
+    /// then counts as set up.  True when nothing had to be saved or the save
+    /// succeeded; on failure the tree stays dirty.  Takes the class lock,
+    /// and each key's lock while that key is written.
     static bool SaveTree();
     /// The file operations of SaveTree, replaceable so that tests can make
     /// any single write, fsync or rename fail.

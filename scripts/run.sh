@@ -39,27 +39,39 @@ daemon_env=(
 )
 
 echo "== kopd: trace in $trace_dir; press Ctrl-C to stop =="
-# The log file gets every always-written line at once (version, start-up
-# done, signals, run level, exit); follow it while the daemon runs.
-tail -n +1 -F "$trace_dir/log.kopd" 2>/dev/null &
-tail_pid=$!
-cleanup() { kill "$tail_pid" 2>/dev/null || true; wait "$tail_pid" 2>/dev/null || true; }
+# Show the trace as it is written: the start-up part is printed as soon as
+# start-up is done (the active ring buffer appears then), and every entry
+# after it live.  The script stops the follower once kopd has stopped.
+(
+  while [[ ! -f "$trace_dir/log.kopd_a" ]]; do
+    sleep 0.2
+    kill -0 "$$" 2>/dev/null || exit 0
+  done
+  exec "${sudo_cmd[@]}" "$build/tools/koptrace" --follow --dir "$trace_dir" kopd
+) &
+follow_pid=$!
+cleanup() { kill "$follow_pid" 2>/dev/null || true; wait "$follow_pid" 2>/dev/null || true; }
 trap cleanup EXIT
-# Ctrl-C reaches kopd through the terminal's process group; the script
-# itself only waits for kopd to finish its stop sequence.
-trap 'true' INT
 
+# kopd detaches into a session of its own (setsid), so Ctrl-C at the
+# terminal does not reach it directly: the script passes it on.  A command
+# started in the background of a script ignores SIGINT, so the stop is asked
+# for with SIGTERM, which takes the same stop path (modules stopped and
+# unloaded, pid and lock file removed).
+"${sudo_cmd[@]}" env "${daemon_env[@]}" "$build/daemon/kopd/kopd" -n "$@" &
+kopd_pid=$!
+trap 'kill -TERM "$kopd_pid" 2>/dev/null || true' INT TERM
 status=0
-"${sudo_cmd[@]}" env "${daemon_env[@]}" "$build/daemon/kopd/kopd" -n "$@" || status=$?
-sleep 0.5  # let tail show the last lines
+while :; do
+  if wait "$kopd_pid"; then status=0; break; else status=$?; fi
+  kill -0 "$kopd_pid" 2>/dev/null || break   # ended (else: the wait was interrupted by Ctrl-C)
+done
+sleep 0.5  # let the follower print the stop sequence
 cleanup
-
-# The full trace (all levels) is in the ring buffers: the start-up one,
-# compressed once start-up was done, and the active one.
-ring_entries() { awk '/### Begin of RingBuffer. ###/{on=1;next} /## TRACE-END ##/{on=0} on' | tr -d '\000'; }
-echo "== full trace (ring buffers) =="
-if [[ -f "$trace_dir/log.kopd_i.gz" ]]; then gzip -dc "$trace_dir/log.kopd_i.gz" | ring_entries; fi
-if [[ -f "$trace_dir/log.kopd_i" ]]; then ring_entries < "$trace_dir/log.kopd_i"; fi
-if [[ -f "$trace_dir/log.kopd_a" ]]; then ring_entries < "$trace_dir/log.kopd_a"; fi
+# Lines written after the follower ended (the stop sequence) are in the log
+# file, which carries every always-written line.
+echo "== end of the log file =="
+"${sudo_cmd[@]}" tail -n 8 "$trace_dir/log.kopd" 2>/dev/null || true
+echo "== the whole trace: ${build#$root/}/tools/koptrace --dir ${trace_dir#$root/} kopd =="
 echo "== kopd exited with status $status =="
 exit "$status"

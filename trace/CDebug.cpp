@@ -5,6 +5,7 @@
 
 #include "common/UniqueFd.h"
 #include "daemon/CProcess.h"
+#include "trace/CDebugEntryHeaderInternal.h"
 #include "trace/CDebugTraceConfigFile.h"
 
 #include <cctype>
@@ -194,6 +195,9 @@ struct CDebug::Impl {
     bool inRingHeader = false;
     // Length of the header of the entry formatted last.
     size_t lastHeaderLength = 0;
+    // Per-entry helpers of SetEntryHeader (used under the lock).
+    traceheader::CTimeTextCache timeCache;
+    CResidentSizeReader residentSize;
     std::string configDirectory = kDefaultConfigDirectory;
     SysLogFunction sysLog = DefaultSysLog;
     EnvRow environment[kEnvironmentRows];
@@ -305,24 +309,25 @@ struct CDebug::Impl {
 
 int CDebug::Impl::SetEntryHeader(char* buffer, size_t size, const char* name)
 {
-    char timeText[28];
+    // Every entry pays for this: the time text is cached per second, and the
+    // resident size comes from a kept-open statm, read once per millisecond
+    // of time stamps (a /proc read costs about as much as writing a whole
+    // entry; entries printed with the same millisecond share the figure).
+    char timeText[traceheader::kTimeTextSize];
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    struct tm tmv;
-    char seconds[22];
-    if (localtime_r(&tv.tv_sec, &tmv) != nullptr && strftime(seconds, sizeof(seconds), "%F %H:%M:%S", &tmv) != 0)
-        snprintf(timeText, sizeof(timeText), "%s.%03d", seconds, static_cast<int>(tv.tv_usec / 1000));
-    else
-        snprintf(timeText, sizeof(timeText), "%s", "yyyy-mm-dd hh:mm:ss.mmm");
+    timeCache.Format(tv, timeText);
 
     const char* column = name ? name : programName.c_str();
     const unsigned thread = static_cast<unsigned>(static_cast<uint32_t>(pthread_self()));
     if (memoryTraces == 0)
-        return snprintf(buffer, size, "%s [%08X] %-13s ", timeText, thread, column);
+        return traceheader::FormatEntryHeader(buffer, size, timeText, thread, false, 0, column);
     uint64_t kb = 0;
-    CProcess::GetProcessMemorySpecificInfo(static_cast<uint32_t>(getpid()), kb, kMemoryField, CProcess::KILOBYTES);
-    return snprintf(buffer, size, "%s [%08X] %8zu %s !%-13s ", timeText, thread, static_cast<size_t>(kb), "KB",
-                    column);
+    const int64_t millisecond = static_cast<int64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
+    if (!residentSize.ReadKilobytes(kb, millisecond))
+        CProcess::GetProcessMemorySpecificInfo(static_cast<uint32_t>(getpid()), kb, kMemoryField,
+                                               CProcess::KILOBYTES);
+    return traceheader::FormatEntryHeader(buffer, size, timeText, thread, true, kb, column);
 }
 
 // Header and message into `buffer` (of kEntryBufferSize bytes).  Returns the
@@ -1052,7 +1057,11 @@ int CDebug::SetEntryHeader(char* buffer, size_t size, const char* name)
 {
     if (!buffer)
         return 0;
-    return m_Impl->SetEntryHeader(buffer, size, name);
+    int result = 0;
+    TRACE_LOCKED_BEGIN(m_Impl)
+    result = m_Impl->SetEntryHeader(buffer, size, name);
+    TRACE_LOCKED_END()
+    return result;
 }
 
 void CDebug::WriteLogHeader(unsigned target)

@@ -65,7 +65,7 @@ public:
     bool IsEnabled() const { return m_bEnabled.load(std::memory_order_relaxed); }
 
     /// Formats the entry header (time with milliseconds, thread id, optional
-    /// memory column, name in 13 columns) into `buffer`.
+    /// memory column, name in 13 columns) into `buffer`.  Takes the trace lock.
     /// @return what snprintf returns (the untruncated length).
     int SetEntryHeader(char* buffer, size_t size, const char* name);
     /// Writes the log header (command line, environment, configuration,

@@ -167,6 +167,34 @@ TEST_F(RegistryTest, LoadFallsBackToBackupThenDefault)
     EXPECT_EQ(Text(CRegistry::HKEY_LOCAL_MACHINE, "from"), "late");
 }
 
+TEST_F(RegistryTest, SaveOfAnUnloadedTreeIsNotReloadedUnderOpenHandles)
+{
+    // No file at start: the tree is built in memory and not set up.  Once a
+    // save has written it, later handles must not load that file over the
+    // live tree, which would replace the keys open handles point at.
+    CRegistry holder(CRegistry::HKEY_LOCAL_MACHINE);
+    ASSERT_FALSE(CRegistry::IsSetUp());
+    ASSERT_EQ(holder.CreateKey(nullptr, "Kept"), 0);
+    CRegistryNode* kept = holder.GetKey();
+    CRegistryNode* machine = CRegistry::HKEY_LOCAL_MACHINE;
+    {
+        CRegistry writer(CRegistry::HKEY_LOCAL_MACHINE);
+        ASSERT_EQ(writer.SetValue("first", 1u), 0u);
+    }  // saved here
+    ASSERT_TRUE(FileExists(Current()));
+    EXPECT_TRUE(CRegistry::IsSetUp());
+    ASSERT_EQ(holder.SetValue("late", 2u), 0u);  // newer than the file
+
+    CRegistry other;
+    EXPECT_EQ(CRegistry::HKEY_LOCAL_MACHINE, machine);
+    ASSERT_EQ(other.Open("HKEY_LOCAL_MACHINE/Kept"), 0u);
+    EXPECT_EQ(other.GetKey(), kept);
+    unsigned n = 0;
+    EXPECT_EQ(other.QueryValue(&n, "late"), 0u);
+    EXPECT_EQ(n, 2u);
+    holder.Close();
+}
+
 TEST_F(RegistryTest, ReaderKeepsItsQuirks)
 {
     std::string longLine = "a=s=" + std::string(1019, 'x') + "b=s=tail";
