@@ -346,6 +346,12 @@ void CProcess::GetProcessMemorySpecificInfo(uint32_t pid, uint64_t& value, const
         len += static_cast<size_t>(r);
     }
 
+    // A line cut by the read limit is not looked at: its figure could be
+    // cut too and read as a much smaller one.
+    if (len == sizeof(buf)) {
+        const char* lastNl = static_cast<const char*>(memrchr(buf, '\n', len));
+        len = lastNl ? static_cast<size_t>(lastNl - buf) + 1 : 0;
+    }
     const size_t fieldLen = strlen(field);
     const char* p = buf;
     const char* end = buf + len;
@@ -365,9 +371,12 @@ void CProcess::GetProcessMemorySpecificInfo(uint32_t pid, uint64_t& value, const
             const char* q = we;
             while (q < lineEnd && IsBlank(*q))
                 ++q;
+            // A figure too large for 64 bits is held at the largest value
+            // (as strtoull does) instead of wrapping to a small one.
             uint64_t number = 0;
             while (q < lineEnd && *q >= '0' && *q <= '9') {
-                number = number * 10 + static_cast<uint64_t>(*q - '0');
+                uint64_t digit = static_cast<uint64_t>(*q - '0');
+                number = number > (UINT64_MAX - digit) / 10 ? UINT64_MAX : number * 10 + digit;
                 ++q;
             }
             while (q < lineEnd && !IsBlank(*q))
@@ -377,7 +386,8 @@ void CProcess::GetProcessMemorySpecificInfo(uint32_t pid, uint64_t& value, const
             const char* u = q;
             while (q < lineEnd && !IsBlank(*q))
                 ++q;
-            value = number * UnitFactor(u, static_cast<size_t>(q - u));
+            const uint64_t factor = UnitFactor(u, static_cast<size_t>(q - u));
+            value = number > UINT64_MAX / factor ? UINT64_MAX : number * factor;
             for (unsigned i = 0; i < unitSteps; ++i)
                 value >>= 10;
             return;

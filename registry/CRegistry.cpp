@@ -7,7 +7,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
-#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,8 +22,6 @@ CRegistryNode* CRegistry::HKEY_CURRENT_CONFIG = nullptr;
 namespace {
 
 constexpr mode_t kFileMode = 0644;
-/// Stream buffer used while the tree is written.
-constexpr size_t kSaveBufferSize = 1u << 20;
 
 /// The class-wide state shared by all handles.
 struct TreeState {
@@ -88,6 +85,37 @@ size_t NextSeparator(const std::string& path, size_t pos)
 char* DupOrNull(const char* text)
 {
     return text ? strdup(text) : nullptr;
+}
+
+int SystemOpen(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+ssize_t SystemWrite(int fd, const void* data, size_t size) { return ::write(fd, data, size); }
+int SystemFsync(int fd) { return ::fsync(fd); }
+int SystemRename(const char* from, const char* to) { return ::rename(from, to); }
+
+CRegistry::FileOps& Ops()
+{
+    static CRegistry::FileOps ops{SystemOpen, SystemWrite, SystemFsync, SystemRename};
+    return ops;
+}
+
+// Writes all of `size` bytes; false (errno set) on the first failed write.
+bool WriteAll(int fd, const char* data, size_t size)
+{
+    // In pieces, so that a large tree is written by several calls.
+    constexpr size_t kPiece = 4096;
+    while (size > 0) {
+        ssize_t w = Ops().write(fd, data, size < kPiece ? size : kPiece);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0) {
+            if (w == 0)
+                errno = EIO;
+            return false;
+        }
+        data += w;
+        size -= static_cast<size_t>(w);
+    }
+    return true;
 }
 
 void FsyncDirectory(const std::string& dir)
@@ -276,35 +304,34 @@ bool CRegistry::SaveTree()
     // being written marks the tree dirty again and is saved next time.
     s.dirty = false;
 
-    UniqueFd fd(open(s.fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    // The text is made in memory first, so that the file is written by
+    // plain writes whose every failure is seen.
+    char* text = nullptr;
+    size_t textLen = 0;
+    FILE* mem = open_memstream(&text, &textLen);
+    bool ok = mem != nullptr && s.root.dumpNode(mem);
+    if (mem != nullptr && fclose(mem) != 0)
+        ok = false;
+    std::unique_ptr<char, decltype(&free)> textOwner(text, &free);
+    if (!ok) {
+        DBG_PRINT(1, "CRegistry: ERROR: Cannot format the tree for \"%s\"\n", s.fresh.c_str());
+        s.dirty = true;
+        return false;
+    }
+
+    UniqueFd fd(Ops().open(s.fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     if (!fd) {
         DBG_PRINT(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", s.fresh.c_str());
         s.dirty = true;
         return false;
     }
-    // The whole tree goes out through one large buffer (without it, the
-    // stream's own buffer is used).  Declared before the stream, so that it
-    // outlives it.
-    std::unique_ptr<char[]> buffer(new (std::nothrow) char[kSaveBufferSize]);
-    UniqueFile file(fdopen(fd.Get(), "we"));
-    if (!file) {
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", s.fresh.c_str());
-        s.dirty = true;
-        return false;
-    }
-    fd.Release();  // the stream owns it now
-    if (buffer)
-        setvbuf(file.Get(), buffer.get(), _IOFBF, kSaveBufferSize);
-
     // The new file must be complete on disk before it replaces anything, so
     // that a crash at any moment leaves a whole current or backup file.
-    bool ok = s.root.dumpNode(file.Get()) && fflush(file.Get()) == 0;
-    if (ok && fsync(fileno(file.Get())) != 0)
-        ok = false;
-    if (ok && fchmod(fileno(file.Get()), kFileMode) != 0)
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot set the mode of \"%s\": %s\n", s.fresh.c_str(), strerror(errno));
+    ok = WriteAll(fd.Get(), text, textLen) && Ops().fsync(fd.Get()) == 0;
     int err = errno;
-    if (fclose(file.Release()) != 0 && ok) {
+    if (ok && fchmod(fd.Get(), kFileMode) != 0)
+        DBG_PRINT(1, "CRegistry: ERROR: Cannot set the mode of \"%s\": %s\n", s.fresh.c_str(), strerror(errno));
+    if (close(fd.Release()) != 0 && ok) {
         ok = false;
         err = errno;
     }
@@ -317,11 +344,11 @@ bool CRegistry::SaveTree()
     // An empty or missing current file is not kept as backup.
     struct stat st {};
     if (stat(s.current.c_str(), &st) == 0 && st.st_size > 0) {
-        if (rename(s.current.c_str(), s.backup.c_str()) != 0)
+        if (Ops().rename(s.current.c_str(), s.backup.c_str()) != 0)
             DBG_PRINT(1, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", s.current.c_str(),
                       s.backup.c_str(), strerror(errno));
     }
-    if (rename(s.fresh.c_str(), s.current.c_str()) != 0) {
+    if (Ops().rename(s.fresh.c_str(), s.current.c_str()) != 0) {
         DBG_PRINT(1, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", s.fresh.c_str(), s.current.c_str(),
                   strerror(errno));
         s.dirty = true;
@@ -338,6 +365,16 @@ bool CRegistry::SaveTree()
     s.setUp = true;
     DBG_PRINT(2, "\nCRegistry::SaveTree MPRegistryTemp[%s] \t MPRegistry[%s]", s.fresh.c_str(), s.current.c_str());
     return true;
+}
+
+void CRegistry::SetFileOps(const FileOps* ops)
+{
+    TreeState& s = State();
+    CCriticalSectionLock lock(s.lock);
+    if (ops != nullptr)
+        Ops() = *ops;
+    else
+        Ops() = FileOps{SystemOpen, SystemWrite, SystemFsync, SystemRename};
 }
 
 void CRegistry::ResetForTests()

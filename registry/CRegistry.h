@@ -17,6 +17,7 @@
 // current key is a plain pointer into the shared tree: release handles
 // before deleting the keys they hold.
 #pragma once
+#include <sys/types.h>
 
 #include <cstdint>
 #include <string>
@@ -79,6 +80,17 @@ public:
     /// succeeded; on failure the tree stays dirty.  Takes the class lock,
     /// and each key's lock while that key is written.
     static bool SaveTree();
+    /// The file operations of SaveTree, replaceable so that tests can make
+    /// any single write, fsync or rename fail.
+    struct FileOps {
+        int (*open)(const char* path, int flags, mode_t mode);
+        ssize_t (*write)(int fd, const void* data, size_t size);
+        int (*fsync)(int fd);
+        int (*rename)(const char* from, const char* to);
+    };
+    /// Installs `ops` (copied); null restores the system calls.  No save may
+    /// be running.  Takes the class lock.
+    static void SetFileOps(const FileOps* ops);
     /// Reads the file `path` into `node`.  False (traced) when the path is
     /// empty, the file cannot be opened, is empty or holds no value line.
     static bool ReadTree(const char* path, CRegistryNode* node);

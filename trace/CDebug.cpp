@@ -16,6 +16,7 @@
 #include <ctime>
 #include <cxxabi.h>
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <dirent.h>
 #include <fcntl.h>
@@ -104,6 +105,19 @@ void CopyPath(char (&dst)[kPathSize], const char* src)
     snprintf(dst, sizeof(dst), "%s", src ? src : "");
 }
 
+// fopen "w+", except that a symbolic link planted at the path (the trace
+// directory may be writable by others) is refused instead of followed.
+FILE* OpenLogFile(const char* path)
+{
+    UniqueFd fd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!fd)
+        return nullptr;
+    FILE* f = fdopen(fd.Get(), "w+");
+    if (f)
+        fd.Release();
+    return f;
+}
+
 int ClipHeaderLength(int n, size_t size)
 {
     if (n < 0)
@@ -133,8 +147,11 @@ struct CDebug::Impl {
     time_t lastCheck = 0;
 
     pthread_mutex_t mutex;
-    pthread_t owner{};
-    bool owned = false;
+    // Read without the mutex by every thread that enters (to detect its own
+    // re-entry), hence atomic.  Only the owning thread ever stores its own
+    // id, so a thread sees itself as owner exactly when it holds the mutex.
+    std::atomic<pthread_t> owner{};
+    std::atomic<bool> owned{false};
     unsigned recursion = 0;
     bool mutexUsable = false;
 
@@ -192,20 +209,21 @@ struct CDebug::Impl {
         if (!mutexUsable)
             return;
         pthread_t me = pthread_self();
-        if (!(owned && pthread_equal(owner, me))) {
+        if (!(owned.load(std::memory_order_relaxed) && pthread_equal(owner.load(std::memory_order_relaxed), me))) {
             pthread_mutex_lock(&mutex);
-            owner = me;
-            owned = true;
+            owner.store(me, std::memory_order_relaxed);
+            owned.store(true, std::memory_order_relaxed);
         }
         ++recursion;
     }
     void Leave()
     {
-        if (!mutexUsable || !owned || !pthread_equal(owner, pthread_self()))
+        if (!mutexUsable || !owned.load(std::memory_order_relaxed) ||
+            !pthread_equal(owner.load(std::memory_order_relaxed), pthread_self()))
             return;
         if (recursion > 0 && --recursion == 0) {
-            owned = false;
-            owner = pthread_t{};
+            owned.store(false, std::memory_order_relaxed);
+            owner.store(pthread_t{}, std::memory_order_relaxed);
             pthread_mutex_unlock(&mutex);
         }
     }
@@ -213,11 +231,12 @@ struct CDebug::Impl {
     static void CleanupHandlerForTraceMutex(void* arg)
     {
         Impl* impl = static_cast<Impl*>(arg);
-        if (!impl->mutexUsable || !impl->owned || !pthread_equal(impl->owner, pthread_self()))
+        if (!impl->mutexUsable || !impl->owned.load(std::memory_order_relaxed) ||
+            !pthread_equal(impl->owner.load(std::memory_order_relaxed), pthread_self()))
             return;
         impl->recursion = 0;
-        impl->owned = false;
-        impl->owner = pthread_t{};
+        impl->owned.store(false, std::memory_order_relaxed);
+        impl->owner.store(pthread_t{}, std::memory_order_relaxed);
         pthread_mutex_unlock(&impl->mutex);
     }
 
@@ -236,6 +255,7 @@ struct CDebug::Impl {
     void TraceToLogFile(const char* format, va_list args, const char* name);
     void TraceToRingBuffer(const char* format, va_list args, const char* name);
     void WriteRing(char* data, size_t len);
+    bool RingFileWhole();
     void PrintItV(unsigned tgt, const char* format, va_list args, const char* name);
     void PrintIt(unsigned tgt, const char* format, ...) __attribute__((format(printf, 3, 4)))
     {
@@ -415,9 +435,26 @@ void CDebug::Impl::TraceToRingBuffer(const char* format, va_list args, const cha
     WriteRing(data, len);
 }
 
+bool CDebug::Impl::RingFileWhole()
+{
+    // Someone may have truncated the ring file under us (an operator
+    // "emptying" the log, a full disk clean-up).  Touching a mapped page past
+    // the end of the file would kill the process with SIGBUS, so the size is
+    // checked before each entry and the file grown back to the mapped length
+    // (the lost part reads as zeros).  When that fails the entry is dropped.
+    struct stat st {};
+    if (ringFd < 0 || fstat(ringFd, &st) != 0)
+        return false;
+    if (static_cast<uint64_t>(st.st_size) >= ringSize)
+        return true;
+    return ftruncate(ringFd, static_cast<off_t>(ringSize)) == 0;
+}
+
 void CDebug::Impl::WriteRing(char* data, size_t len)
 {
     if (!ringMap || ringSize < kEndMarkerLength)
+        return;
+    if (!RingFileWhole())
         return;
     if (ringPos + len + kEndMarkerLength > ringSize) {
         if (inRingHeader)
@@ -462,7 +499,7 @@ void CDebug::Impl::PrintItV(unsigned tgt, const char* format, va_list args, cons
 bool CDebug::Impl::InitRingBuffer(const char* path, uint64_t length)
 {
     length -= length % kRingLine;
-    UniqueFd fd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0700));
+    UniqueFd fd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0700));
     if (!fd) {
         int err = errno;
         PrintToLogFile("\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path, err, strerror(err));
@@ -745,7 +782,7 @@ bool CDebug::Impl::Init(const char* name)
     CopyPath(lower, programName.c_str());
     StringToLower(lower);
     FormatPath(logPath, "%s/log.%s", traceDir, lower);
-    logFile = fopen(logPath, "w+e");
+    logFile = OpenLogFile(logPath);
     if (!logFile)
         SysLog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", logPath);
     logByteCount = 0;

@@ -1,0 +1,131 @@
+// Fuzz target: INI reading and writing.  The input is the file; every
+// section, key and value found is read, then keys are written into a copy
+// and must read back as written.
+#include "FuzzSupport.h"
+
+#include "trace/CIniFile.h"
+
+#include <cctype>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+// Splits a NUL-separated list ended by an empty name.
+std::vector<std::string> SplitList(const char* buf, unsigned len)
+{
+    std::vector<std::string> out;
+    unsigned i = 0;
+    while (i < len && buf[i]) {
+        std::string name(buf + i);
+        i += static_cast<unsigned>(name.size()) + 1;
+        out.push_back(name);
+    }
+    return out;
+}
+
+bool Plain(const std::string& s)
+{
+    if (s.empty())
+        return false;
+    for (unsigned char c : s)
+        if (!isalnum(c) && c != '_')
+            return false;
+    return true;
+}
+
+void WriteAndCheck(const char* section, const char* key, const char* value, const std::string& file)
+{
+    if (!WritePrivateProfileString(section, key, value, file.c_str()))
+        return; // a file that cannot be rewritten is no fault of the parser
+    char back[1024];
+    unsigned n = GetPrivateProfileString(section, key, "<default>", back, sizeof(back), file.c_str());
+    FUZZ_CHECK(n < sizeof(back));
+    FUZZ_CHECK(strcmp(back, value) == 0);
+}
+
+// Reader and writer agree only on files whose lines start in column 0 (the
+// reader skips leading white space, the writer does not), fit the reader's
+// line buffer and hold no NUL (a NUL ends a line for the reader only).
+bool WriterAgreesWithReader(const uint8_t* data, size_t size)
+{
+    size_t lineLen = 0;
+    for (size_t i = 0; i < size; ++i) {
+        unsigned char c = data[i];
+        if (c == '\0')
+            return false;
+        if (c == '\n') {
+            lineLen = 0;
+            continue;
+        }
+        if (lineLen == 0 && isspace(c))
+            return false;
+        if (++lineLen >= 1000)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+{
+    if (size > fuzzsupport::kMaxInput)
+        return 0;
+    const std::string& dir = fuzzsupport::ScratchDir();
+    const std::string file = dir + "/in.ini";
+    const std::string copy = dir + "/copy.ini";
+    if (!fuzzsupport::WriteWhole(file, data, size) || !fuzzsupport::WriteWhole(copy, data, size))
+        return 0;
+
+    static char buf[4096];
+    unsigned n = GetPrivateProfileString(nullptr, nullptr, "", buf, sizeof(buf), file.c_str());
+    FUZZ_CHECK(n < sizeof(buf));
+    std::vector<std::string> sections = SplitList(buf, n);
+    if (sections.size() > 8)
+        sections.resize(8);
+    for (const std::string& s : sections) {
+        n = GetPrivateProfileString(s.c_str(), nullptr, "", buf, sizeof(buf), file.c_str());
+        FUZZ_CHECK(n < sizeof(buf));
+        std::vector<std::string> keys = SplitList(buf, n);
+        if (keys.size() > 8)
+            keys.resize(8);
+        for (const std::string& k : keys) {
+            char small[8];
+            unsigned m = GetPrivateProfileString(s.c_str(), k.c_str(), "dflt", small, sizeof(small), file.c_str());
+            FUZZ_CHECK(m < sizeof(small));
+            FUZZ_CHECK(strlen(small) == m);
+            m = GetPrivateProfileString(s.c_str(), k.c_str(), "dflt", buf, sizeof(buf), file.c_str());
+            FUZZ_CHECK(m < sizeof(buf));
+        }
+    }
+
+    CIniFile ini;
+    if (ini.Open(file.c_str())) {
+        std::vector<std::string> names;
+        ini.GetSections(names);
+        ini.GetNumber(sections.empty() ? "x" : sections[0].c_str(), "Number", 7);
+        for (const char* e = ini.GetEnum(nullptr); e && *e; e = ini.GetNextEnum()) {
+        }
+    }
+
+    // Writes into the copy: a key just written reads back as written when
+    // the section and key names are plain.
+    if (WriterAgreesWithReader(data, size)) {
+        WriteAndCheck("FuzzSection", "fuzzkey", "value1", copy);
+        WriteAndCheck("FuzzSection", "fuzzkey", "value22", copy);
+        WriteAndCheck("FuzzSection", "other", "x", copy);
+        WriteAndCheck("FuzzSection", "fuzzkey", "v", copy);
+        for (const std::string& s : sections)
+            if (Plain(s)) {
+                WriteAndCheck(s.c_str(), "seckey", "written", copy);
+                break;
+            }
+        WritePrivateProfileString("FuzzSection", "other", nullptr, copy.c_str());
+        char back[64];
+        GetPrivateProfileString("FuzzSection", "fuzzkey", "", back, sizeof(back), copy.c_str());
+        FUZZ_CHECK(strcmp(back, "v") == 0);
+        WritePrivateProfileString("FuzzSection", nullptr, nullptr, copy.c_str());
+    }
+    return 0;
+}
