@@ -22,6 +22,9 @@
 #include <fcntl.h>
 #include <new>
 #include <pthread.h>
+#include <csetjmp>
+#include <csignal>
+#include <mutex>
 #include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -255,7 +258,8 @@ struct CDebug::Impl {
     void TraceToLogFile(const char* format, va_list args, const char* name);
     void TraceToRingBuffer(const char* format, va_list args, const char* name);
     void WriteRing(char* data, size_t len);
-    bool RingFileWhole();
+    struct RingWrite;
+    void WriteRingGuarded(RingWrite& pending);
     void PrintItV(unsigned tgt, const char* format, va_list args, const char* name);
     void PrintIt(unsigned tgt, const char* format, ...) __attribute__((format(printf, 3, 4)))
     {
@@ -435,27 +439,117 @@ void CDebug::Impl::TraceToRingBuffer(const char* format, va_list args, const cha
     WriteRing(data, len);
 }
 
-bool CDebug::Impl::RingFileWhole()
+// ---- Ring writes that survive a truncated ring file ---------------------------
+//
+// Someone may truncate the ring file under the running program (an operator
+// "emptying" the log, a disk clean-up).  Touching a mapped page past the new
+// end of the file raises SIGBUS, which would kill the process.  Checking the
+// file size before every entry costs a system call per entry, so instead the
+// writes into the mapping run under a recovery point: a process-wide SIGBUS
+// handler jumps back to it when the fault hit the ring mapping of the thread
+// that is writing.  The writer then grows the file back to the mapped length
+// (the lost part reads as zeros) and retries the entry once.  Faults anywhere
+// else go to the handler that was installed before ours.
+namespace {
+
+// The recovery point of the thread writing into a ring mapping.  Set around
+// the writes only; nested writes (the log header written at a wrap) save and
+// restore the outer one.  Initial-exec TLS: the library is loaded with the
+// program, and the access must be cheap and must not allocate in the handler.
+struct RingRecovery {
+    sigjmp_buf* jump;
+    const char* begin;
+    const char* end;
+};
+thread_local RingRecovery t_ringRecovery __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, nullptr};
+
+struct sigaction g_previousBusAction;
+
+void RingBusHandler(int sig, siginfo_t* info, void* context)
 {
-    // Someone may have truncated the ring file under us (an operator
-    // "emptying" the log, a full disk clean-up).  Touching a mapped page past
-    // the end of the file would kill the process with SIGBUS, so the size is
-    // checked before each entry and the file grown back to the mapped length
-    // (the lost part reads as zeros).  When that fails the entry is dropped.
-    struct stat st {};
-    if (ringFd < 0 || fstat(ringFd, &st) != 0)
-        return false;
-    if (static_cast<uint64_t>(st.st_size) >= ringSize)
-        return true;
-    return ftruncate(ringFd, static_cast<off_t>(ringSize)) == 0;
+    const RingRecovery& r = t_ringRecovery;
+    const char* addr = info ? static_cast<const char*>(info->si_addr) : nullptr;
+    if (r.jump && addr >= r.begin && addr < r.end)
+        siglongjmp(*r.jump, 1);
+
+    // Not ours: behave as if this handler had never been installed.
+    const struct sigaction& prev = g_previousBusAction;
+    if (prev.sa_flags & SA_SIGINFO) {
+        if (prev.sa_sigaction) {
+            prev.sa_sigaction(sig, info, context);
+            return;
+        }
+    } else if (prev.sa_handler != SIG_DFL && prev.sa_handler != SIG_IGN) {
+        prev.sa_handler(sig);
+        return;
+    }
+    // Default (a fault cannot be ignored): restore it and return, so that the
+    // faulting instruction runs again and the fault takes its normal course.
+    struct sigaction dfl {};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(SIGBUS, &dfl, nullptr);
+    if (info && info->si_code <= 0)
+        raise(sig); // sent, not a fault: nothing would raise it again
 }
+
+// Installs the handler once per process.  SA_NODEFER keeps SIGBUS unblocked
+// inside the handler, so that the jump back (which does not restore the
+// signal mask, to keep the recovery point cheap) leaves the mask as it was.
+void InstallRingBusHandler()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction sa {};
+        sa.sa_sigaction = RingBusHandler;
+        sa.sa_flags = SA_SIGINFO | SA_NODEFER | SA_RESTART;
+        sigemptyset(&sa.sa_mask);
+        sigaction(SIGBUS, &sa, &g_previousBusAction);
+    });
+}
+
+} // namespace
+
+// The entry being written.  Kept out of registers across the recovery point
+// (volatile): the writer may switch to the wrap copy and cut the entry before
+// a fault, and the retry must pick that up.
+struct CDebug::Impl::RingWrite {
+    char* volatile data;
+    volatile size_t len;
+};
 
 void CDebug::Impl::WriteRing(char* data, size_t len)
 {
     if (!ringMap || ringSize < kEndMarkerLength)
         return;
-    if (!RingFileWhole())
-        return;
+    RingWrite pending{data, len};
+    const RingRecovery outer = t_ringRecovery;
+    // Written before the recovery point and only read after it.
+    const int fd = ringFd;
+    const uint64_t size = ringSize;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        sigjmp_buf jump;
+        if (sigsetjmp(jump, 0) == 0) {
+            t_ringRecovery = {&jump, ringMap, ringMap + ringSize};
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            WriteRingGuarded(pending);
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            t_ringRecovery = outer;
+            return;
+        }
+        // The ring file was cut under us.  Nothing is traced into the ring
+        // here; the file is grown back and the entry written once more.
+        t_ringRecovery = outer;
+        if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0)
+            return; // dropped
+    }
+}
+
+// The writes into the mapping; run under WriteRing's recovery point.
+__attribute__((noinline)) void CDebug::Impl::WriteRingGuarded(RingWrite& pending)
+{
+    char* data = pending.data;
+    size_t len = pending.len;
     if (ringPos + len + kEndMarkerLength > ringSize) {
         if (inRingHeader)
             return; // the header itself does not fit: never wrap inside a wrap
@@ -464,6 +558,7 @@ void CDebug::Impl::WriteRing(char* data, size_t len)
         if (data == entry) {
             memcpy(wrapCopy, entry, len + 1);
             data = wrapCopy;
+            pending.data = data;
         }
         ++ringWraps;
         ringPos = 0;
@@ -478,12 +573,16 @@ void CDebug::Impl::WriteRing(char* data, size_t len)
             len = static_cast<size_t>(ringSize - kEndMarkerLength - ringPos);
             if (len > 0)
                 data[len - 1] = '\n';
+            pending.len = len;
         }
     }
-    memcpy(ringMap + ringPos, data, len);
-    ringPos += len;
-    // The marker is overwritten by the next entry.
-    memcpy(ringMap + ringPos, kEndMarker, kEndMarkerLength);
+    // The position moves only once both copies are in: a retry after a fault
+    // rewrites the entry in the same place.  The marker is overwritten by the
+    // next entry.
+    const uint64_t at = ringPos;
+    memcpy(ringMap + at, data, len);
+    memcpy(ringMap + at + len, kEndMarker, kEndMarkerLength);
+    ringPos = at + len;
 }
 
 void CDebug::Impl::PrintItV(unsigned tgt, const char* format, va_list args, const char* name)
@@ -529,6 +628,7 @@ bool CDebug::Impl::InitRingBuffer(const char* path, uint64_t length)
         PrintToLogFile("\n### InitRingBuffer(): mmap of %s failed (errno=%d; %s) ###", path, err, strerror(err));
         return false;
     }
+    InstallRingBusHandler();
     ringFd = fd.Release();
     ringMap = static_cast<char*>(map);
     ringSize = length;
