@@ -1,0 +1,293 @@
+// The ring file cut under the running program at any moment (between entries,
+// while another thread writes, across a wrap), and bus errors that have
+// nothing to do with the ring: those must still reach the handler installed
+// before the trace facility, or kill the process as they would without it.
+// Every case runs in a child process, since signal dispositions are
+// process-wide and some cases are meant to die.
+#include "trace/CDebug.h"
+
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <memory>
+#include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define RING_CUT_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define RING_CUT_TEST_ASAN 1
+#endif
+#endif
+
+namespace {
+
+const char* const kTraceVariables[] = {"TR_LOG_DYNAMIC_UPDATE", "TR_LOG_DEBUG_LEVEL",  "TR_LOG_FILE_DIR",
+                                       "TR_LOG_RINGBUF_DIR",    "TR_LOG_FILE_MAX_SIZE", "TR_LOG_RINGBUF_WEIGHT",
+                                       "TR_LOG_NOHDR_TOSDTERR", "TraceFileLimit",       "TR_LOG_RINGBUF_WEIGHT_CUTPROG"};
+
+// Exit codes of the children.
+enum {
+    kOk = 0,
+    kNoRing = 2,
+    kNotRestored = 3,
+    kEntryMissing = 4,
+    kEntryTwice = 5,
+    kNoWrap = 6,
+    kSetupFailed = 7,
+    kSurvivedFault = 8,
+    kOwnHandlerRan = 42,
+};
+
+int CountOf(const std::string& text, const std::string& what)
+{
+    int n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size()))
+        ++n;
+    return n;
+}
+
+// Maps a fresh file of two pages and cuts it to nothing: the returned
+// address faults when touched.
+volatile char* CutMapping(const std::string& path)
+{
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0 || ftruncate(fd, 8192) != 0)
+        return nullptr;
+    void* map = mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (map == MAP_FAILED || truncate(path.c_str(), 0) != 0)
+        return nullptr;
+    return static_cast<volatile char*>(map);
+}
+
+void OwnBusHandler(int, siginfo_t*, void*) { _exit(kOwnHandlerRan); }
+
+class CDebugRingCutFaultTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        for (const char* v : kTraceVariables)
+            Set(v, nullptr);
+        Set("TR_LOG_RINGBUF_DIR", m_Dir.Path().c_str());
+        Set("TR_LOG_DEBUG_LEVEL", "3");
+        Set("TraceFileLimit", "1");
+        Set("TR_LOG_RINGBUF_WEIGHT", "1");
+    }
+    void Set(const char* name, const char* value)
+    {
+        m_Env.push_back(std::make_unique<testsupport::ScopedEnv>(name, value));
+    }
+    // Tracing at level 3 into the active ring (1 MiB).
+    std::unique_ptr<CDebug> Make()
+    {
+        auto d = std::make_unique<CDebug>();
+        d->SetSysLogFunction([](int, const char*) {});
+        d->SetConfigDirectory(m_Dir.Sub("no-config").c_str());
+        d->Init("cutprog");
+        d->SetApplInitDone();
+        return d;
+    }
+    // Runs `body` in a child and returns its wait status.
+    static int InChild(const std::function<int()>& body)
+    {
+        fflush(nullptr);
+        pid_t child = fork();
+        if (child == 0)
+            _exit(body());
+        int status = -1;
+        if (child < 0 || waitpid(child, &status, 0) != child)
+            return -1;
+        return status;
+    }
+    static void ExpectExit(int status, int code)
+    {
+        ASSERT_FALSE(WIFSIGNALED(status)) << "killed by signal " << WTERMSIG(status);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(code, WEXITSTATUS(status));
+    }
+    static bool WholeSize(const CDebug& d)
+    {
+        struct stat st {};
+        return stat(d.GetActiveRingPath(), &st) == 0 && static_cast<uint64_t>(st.st_size) == d.GetRingBufferSize();
+    }
+
+    testsupport::TempDir m_Dir;
+    std::vector<std::unique_ptr<testsupport::ScopedEnv>> m_Env;
+};
+
+TEST_F(CDebugRingCutFaultTest, EveryEntryAfterACutIsWrittenOnceAndTheFileGrownBack)
+{
+    ExpectExit(InChild([this] {
+                   auto d = Make();
+                   if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
+                       return static_cast<int>(kNoRing);
+                   for (int i = 0; i < 300; ++i)
+                       d->Print(1, "\nCutTest            : before %d", i);
+                   // Cut to nothing, then to less than a page (the entries go
+                   // to pages behind the new end either way).
+                   for (int round = 0; round < 2; ++round) {
+                       if (truncate(d->GetActiveRingPath(), round ? 100 : 0) != 0)
+                           return static_cast<int>(kNoRing);
+                       for (int i = 0; i < 50; ++i)
+                           d->Print(1, "\nCutTest            : after R%d S%d END", round, i);
+                       // The next cut wipes these again: check them now.
+                       if (!WholeSize(*d))
+                           return static_cast<int>(kNotRestored);
+                       std::string text = testsupport::ReadFile(d->GetActiveRingPath());
+                       for (int i = 0; i < 50; ++i) {
+                           int n = CountOf(text, "after R" + std::to_string(round) + " S" + std::to_string(i) + " END\n");
+                           if (n != 1)
+                               return static_cast<int>(n == 0 ? kEntryMissing : kEntryTwice);
+                       }
+                   }
+                   return static_cast<int>(kOk);
+               }),
+               kOk);
+}
+
+TEST_F(CDebugRingCutFaultTest, CutBeforeEveryEntryAcrossAWrapLosesNothingWrittenAfterIt)
+{
+    ExpectExit(InChild([this] {
+                   auto d = Make();
+                   if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
+                       return static_cast<int>(kNoRing);
+                   const std::string ring = d->GetActiveRingPath();
+                   // Fill the ring close to its end without cuts.
+                   int i = 0;
+                   while (d->GetRingWrapCount() == 0 && i < 100000)
+                       d->Print(1, "\nCutTest            : fill S%d padding-padding-padding-padding END", i++);
+                   if (d->GetRingWrapCount() == 0)
+                       return static_cast<int>(kNoWrap);
+                   // Up to the second wrap (the filler is ~100 bytes an entry,
+                   // so about ten thousand of them) every entry, the wrap
+                   // itself included, meets a file cut to nothing.
+                   const int firstCut = i;
+                   while (d->GetRingWrapCount() == 1 && i < firstCut + 100000) {
+                       if (truncate(ring.c_str(), 0) != 0)
+                           return static_cast<int>(kNoRing);
+                       d->Print(1, "\nCutTest            : fill S%d padding-padding-padding-padding END", i++);
+                   }
+                   if (d->GetRingWrapCount() != 2)
+                       return static_cast<int>(kNoWrap);
+                   if (!WholeSize(*d))
+                       return static_cast<int>(kNotRestored);
+                   // The entry that wrapped went in whole behind the start-up
+                   // part, after the rewritten log header.
+                   std::string text = testsupport::ReadFile(ring);
+                   std::string last = "fill S" + std::to_string(i - 1) + " padding-padding-padding-padding END\n";
+                   int n = CountOf(text, last);
+                   if (n != 1)
+                       return static_cast<int>(n == 0 ? kEntryMissing : kEntryTwice);
+                   if (CountOf(text, "Ring Buffer Path") < 1)
+                       return static_cast<int>(kEntryMissing);
+                   return static_cast<int>(kOk);
+               }),
+               kOk);
+}
+
+TEST_F(CDebugRingCutFaultTest, CutsFromAnotherThreadWhileWritingAndWrappingDoNotKill)
+{
+    ExpectExit(InChild([this] {
+                   auto d = Make();
+                   if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
+                       return static_cast<int>(kNoRing);
+                   const std::string ring = d->GetActiveRingPath();
+                   std::atomic<bool> stop{false};
+                   std::thread cutter([&] {
+                       for (unsigned k = 0; !stop.load(); ++k) {
+                           if (truncate(ring.c_str(), k % 3 ? 0 : 5000) != 0)
+                               break;
+                           usleep(50);
+                       }
+                   });
+                   // Faults land anywhere: in entries, the wrap filler, the
+                   // log header written at a wrap, and in the retries.
+                   for (int i = 0; i < 30000; ++i)
+                       d->Print(1, "\nCutTest            : racing S%d padding-padding-padding-padding END", i);
+                   stop = true;
+                   cutter.join();
+                   if (d->GetRingWrapCount() < 2)
+                       return static_cast<int>(kNoWrap);
+                   d->Print(1, "\nCutTest            : after the cutter END");
+                   if (!WholeSize(*d))
+                       return static_cast<int>(kNotRestored);
+                   if (CountOf(testsupport::ReadFile(ring), "after the cutter END\n") != 1)
+                       return static_cast<int>(kEntryMissing);
+                   return static_cast<int>(kOk);
+               }),
+               kOk);
+}
+
+TEST_F(CDebugRingCutFaultTest, BusErrorOutsideTheRingStillKills)
+{
+    const std::string other = m_Dir.Sub("other-mapping");
+    int status = InChild([&] {
+        auto d = Make();
+        if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
+            return static_cast<int>(kNoRing);
+        d->Print(1, "\nCutTest            : before the fault");
+        volatile char* p = CutMapping(other);
+        if (!p)
+            return static_cast<int>(kSetupFailed);
+        p[4096] = 'x';
+        return static_cast<int>(kSurvivedFault);
+    });
+    ASSERT_NE(-1, status);
+#ifdef RING_CUT_TEST_ASAN
+    // The sanitizer's own bus-error handler (installed first) reports it and
+    // ends the process with its error code.
+    if (WIFEXITED(status)) {
+        EXPECT_NE(kSurvivedFault, WEXITSTATUS(status));
+        EXPECT_NE(kOk, WEXITSTATUS(status));
+        return;
+    }
+#endif
+    ASSERT_TRUE(WIFSIGNALED(status)) << "exit code " << (WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    EXPECT_EQ(SIGBUS, WTERMSIG(status));
+}
+
+TEST_F(CDebugRingCutFaultTest, HandlerInstalledBeforeTheTraceGetsForeignBusErrorsAndRingCutsStaySilent)
+{
+    const std::string other = m_Dir.Sub("other-mapping");
+    int status = InChild([&] {
+        struct sigaction sa {};
+        sa.sa_sigaction = OwnBusHandler;
+        sa.sa_flags = SA_SIGINFO;
+        sigemptyset(&sa.sa_mask);
+        if (sigaction(SIGBUS, &sa, nullptr) != 0)
+            return static_cast<int>(kSetupFailed);
+        auto d = Make();
+        if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
+            return static_cast<int>(kNoRing);
+        // A cut ring is handled by the trace alone: the program's handler
+        // would end the child with its own code.
+        if (truncate(d->GetActiveRingPath(), 0) != 0)
+            return static_cast<int>(kSetupFailed);
+        for (int i = 0; i < 100; ++i)
+            d->Print(1, "\nCutTest            : after cut S%d", i);
+        if (!WholeSize(*d))
+            return static_cast<int>(kNotRestored);
+        volatile char* p = CutMapping(other);
+        if (!p)
+            return static_cast<int>(kSetupFailed);
+        p[4096] = 'x';
+        return static_cast<int>(kSurvivedFault);
+    });
+    ExpectExit(status, kOwnHandlerRan);
+}
+
+} // namespace
