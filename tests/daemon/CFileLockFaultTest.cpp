@@ -178,11 +178,13 @@ TEST(CFileLockFault, AtMostOneOfManyProcessesHoldsTheLock)
     constexpr int kChildren = 8;
     constexpr int kRounds = 50;
     struct Shared {
+        std::atomic<int> ready;
         std::atomic<int> holders;
         std::atomic<int> maxHolders;
         std::atomic<int> taken;
         std::atomic<int> refused;
         std::atomic<int> refusedButLocked;
+        std::atomic<int> foreignText;
     };
     static_assert(std::atomic<int>::is_always_lock_free);
     void* mem = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -198,6 +200,10 @@ TEST(CFileLockFault, AtMostOneOfManyProcessesHoldsTheLock)
         ASSERT_GE(pids[c], 0);
         if (pids[c] == 0) {
             alarm(60);  // a hang ends the child with SIGALRM, seen below
+            // All children start together, so that they really compete.
+            shared->ready.fetch_add(1);
+            while (shared->ready.load() < kChildren)
+                sched_yield();
             for (int round = 0; round < kRounds; ++round) {
                 CFileLock lock;
                 if (lock.Lock(name.c_str(), "race", 0)) {
@@ -206,7 +212,11 @@ TEST(CFileLockFault, AtMostOneOfManyProcessesHoldsTheLock)
                     while (now > seen && !shared->maxHolders.compare_exchange_weak(seen, now)) {
                     }
                     shared->taken.fetch_add(1);
-                    sched_yield();
+                    usleep(500);  // hold it a moment: others must be kept out meanwhile
+                    // Others trying meanwhile must not have emptied or
+                    // overwritten the holder's identity.
+                    if (ReadFile(name + ".lock") != "race#" + std::to_string(getpid()))
+                        shared->foreignText.fetch_add(1);
                     shared->holders.fetch_sub(1);
                 } else {
                     shared->refused.fetch_add(1);
@@ -227,7 +237,10 @@ TEST(CFileLockFault, AtMostOneOfManyProcessesHoldsTheLock)
     EXPECT_EQ(shared->taken.load() + shared->refused.load(), kChildren * kRounds);
     EXPECT_GT(shared->taken.load(), 0);
     EXPECT_EQ(shared->refusedButLocked.load(), 0);
+    EXPECT_EQ(shared->foreignText.load(), 0) << "the holder's identity was overwritten while it held the lock";
     EXPECT_EQ(shared->holders.load(), 0);
+    printf("lock race: %d processes x %d rounds, %d taken, %d refused\n", kChildren, kRounds,
+           shared->taken.load(), shared->refused.load());
     // The last holder removed the file.
     EXPECT_FALSE(FileExists(name + ".lock"));
 }
