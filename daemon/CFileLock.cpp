@@ -26,6 +26,12 @@ CFileLock::~CFileLock()
 {
     if (m_Fd >= 0) {
         DBG_PRINT(5, "\nCFileLock           :   release file lock using file %s", m_LockFileName.c_str());
+        // The name goes first, while the lock is still held: an instance
+        // waiting in flock() on this file then finds the path no longer
+        // naming it and starts over.  Removed after the unlock, the name
+        // could vanish under a waiter that has just taken the lock, and a
+        // third instance would create a fresh file and lock that as well.
+        unlink(m_LockFileName.c_str());
         if (m_bLocked) {
             fsync(m_Fd);
             flock(m_Fd, LOCK_UN);
@@ -34,7 +40,6 @@ CFileLock::~CFileLock()
         m_Fd = -1;
         m_bOpen = false;
         m_bLocked = false;
-        unlink(m_LockFileName.c_str());
     }
 }
 
@@ -90,7 +95,9 @@ void CFileLock::ReadHolder()
 bool CFileLock::TakeLock(const char* owner)
 {
     for (int attempt = 0; attempt < kMaxStartOvers; ++attempt) {
-        int fd = open(m_LockFileName.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+        // Not truncated here: the file may still be held by another
+        // instance whose identity it holds; it is emptied once ours.
+        int fd = open(m_LockFileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
         if (fd < 0) {
             m_LastError = errno;
             return false;
@@ -123,6 +130,8 @@ bool CFileLock::TakeLock(const char* owner)
         else
             snprintf(contents, sizeof contents, "#%d", static_cast<int>(getpid()));
         m_LastError = 0;
+        if (ftruncate(fd, 0) != 0)
+            m_LastError = errno;
         size_t len = strlen(contents);
         if (len > 0 && write(fd, contents, len) < 0)
             m_LastError = errno;

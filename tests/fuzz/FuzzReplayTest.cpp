@@ -16,6 +16,10 @@ extern "C" int FuzzEntryTraceConfig(const uint8_t* data, size_t size);
 extern "C" int FuzzEntryIniFile(const uint8_t* data, size_t size);
 extern "C" int FuzzEntryRegistry(const uint8_t* data, size_t size);
 extern "C" int FuzzEntryProcText(const uint8_t* data, size_t size);
+extern "C" int FuzzEntrySmbios(const uint8_t* data, size_t size);
+extern "C" int FuzzEntryLegacyBios(const uint8_t* data, size_t size);
+extern "C" int FuzzEntryPciConfig(const uint8_t* data, size_t size);
+extern "C" int FuzzEntryPerfMonProc(const uint8_t* data, size_t size);
 
 namespace {
 
@@ -30,6 +34,8 @@ const Target kTargets[] = {
     {"proc_status", FuzzEntryProcStatus}, {"trace_reader", FuzzEntryTraceReader},
     {"trace_config", FuzzEntryTraceConfig}, {"ini_file", FuzzEntryIniFile},
     {"registry", FuzzEntryRegistry},     {"proc_text", FuzzEntryProcText},
+    {"smbios", FuzzEntrySmbios},         {"legacy_bios", FuzzEntryLegacyBios},
+    {"pci_config", FuzzEntryPciConfig},  {"perf_mon_proc", FuzzEntryPerfMonProc},
 };
 
 class FuzzReplay : public ::testing::TestWithParam<Target> {};

@@ -1,0 +1,87 @@
+// Fuzz target: the legacy BIOS area readers.  The input stands for the
+// firmware's memory: it is written into a sparse snapshot of physical
+// memory (the memory device under a private root) at 0xE0000, where the
+// shadow scan looks for an SMBIOS entry point, and again at 0xF0000, where
+// the PCI IRQ Routing Table ("$PIR") is searched.  Both readers run over it.
+#include "FuzzSupport.h"
+
+#include "common/CDataStream.h"
+#include "common/UniqueFd.h"
+#include "hwinfo/CPciSlotMap.h"
+#include "hwinfo/CSMBios.h"
+#include "hwinfo/HwPaths.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr off_t kShadowArea = 0xE0000;
+constexpr off_t kRoutingArea = 0xF0000;
+constexpr off_t kMemoryEnd = 0x100000;
+constexpr size_t kAreaLength = 0x10000;
+
+const std::string& Root()
+{
+    static const std::string root = [] {
+        std::string r = fuzzsupport::ScratchDir() + "/legacy";
+        mkdir(r.c_str(), 0700);
+        mkdir((r + "/dev").c_str(), 0700);
+        return r;
+    }();
+    return root;
+}
+
+bool WriteAt(int fd, off_t offset, const uint8_t* data, size_t size)
+{
+    while (size > 0) {
+        ssize_t w = pwrite(fd, data, size, offset);
+        if (w <= 0)
+            return false;
+        data += w;
+        size -= static_cast<size_t>(w);
+        offset += w;
+    }
+    return true;
+}
+
+} // namespace
+
+extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+{
+    if (size > fuzzsupport::kMaxInput)
+        return 0;
+    const std::string& root = Root();
+    {
+        const std::string mem = root + hwinfo::kPhysicalMemoryDevice;
+        UniqueFd fd(open(mem.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        if (!fd || ftruncate(fd.Get(), 0) != 0 || ftruncate(fd.Get(), kMemoryEnd) != 0)
+            return 0;
+        size_t n = size < kAreaLength ? size : kAreaLength;
+        if (!WriteAt(fd.Get(), kShadowArea, data, n) || !WriteAt(fd.Get(), kRoutingArea, data, n))
+            return 0;
+    }
+    hwinfo::SetRootDirectory(root.c_str());
+
+    CSMBios smbios;
+    CDataStream header;
+    CDataStream table;
+    if (smbios.getSmbiosDataFromBiosShadowMemory(header, table)) {
+        // Whatever was found lies in the snapshot.
+        FUZZ_CHECK(header.GetSize() <= static_cast<size_t>(kMemoryEnd));
+        FUZZ_CHECK(table.GetSize() <= static_cast<size_t>(kMemoryEnd));
+        smbios.SetTables(header, table);
+        smbios.setSmbiosRevisionFromHeader();
+        smbios.buildStructureList();
+        for (const CByteReader& s : smbios.GetStructures(9))
+            FUZZ_CHECK(CSMBios::HeaderOf(s).type == 9);
+    }
+
+    std::vector<PciSlotData> routing = CPciSlotMap::GetSlotMappingFromIrqRoutingTable();
+    for (const PciSlotData& s : routing)
+        (void)s.ToString();
+
+    hwinfo::SetRootDirectory(nullptr);
+    return 0;
+}

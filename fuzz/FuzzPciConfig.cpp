@@ -1,0 +1,85 @@
+// Fuzz target: the PCI configuration scan.  The input describes up to
+// eight configuration-space files under proc/bus/pci of a private root:
+// each record is a bus-name byte, a function-name byte, a length byte and
+// that many bytes of configuration space.  Name bytes with the top bit set
+// pick one of a list of odd names (wrong lengths, bad hex, dots, a domain
+// prefix); the others give the usual "bb" / "dd.f" names.  Then the name
+// list and the scan (with and without the slot lookup) run over the tree.
+#include "FuzzSupport.h"
+
+#include "common/CTRString.h"
+#include "hwinfo/CPciConfigList.h"
+#include "hwinfo/CPciSlotMap.h"
+#include "hwinfo/HwPaths.h"
+
+#include <ftw.h>
+#include <sys/stat.h>
+
+namespace {
+
+const char* const kOddBusNames[] = {"0000:00", "0000:0g", "1ff", "0", "zz", "00.0", "-1", "ffff:ff", "0001:02", " 0"};
+const char* const kOddFunctionNames[] = {"1f.7", "00.8", "0.00", "00.0.0", "0g.0", "devices", "00:0", "ff.f", "00.", "x"};
+
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+
+std::string BusName(uint8_t b)
+{
+    if (b & 0x80)
+        return kOddBusNames[(b & 0x7F) % (sizeof(kOddBusNames) / sizeof(kOddBusNames[0]))];
+    CTRString s;
+    s.Format("%02x", b & 0x0F);  // a few buses, so that records share them
+    return s;
+}
+
+std::string FunctionName(uint8_t b)
+{
+    if (b & 0x80)
+        return kOddFunctionNames[(b & 0x7F) % (sizeof(kOddFunctionNames) / sizeof(kOddFunctionNames[0]))];
+    CTRString s;
+    s.Format("%02x.%x", (b >> 3) & 0x0F, b & 0x07);
+    return s;
+}
+
+} // namespace
+
+extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+{
+    if (size > fuzzsupport::kMaxInput)
+        return 0;
+    const std::string root = fuzzsupport::ScratchDir() + "/pci";
+    nftw(root.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    const std::string pci = root + hwinfo::kProcBusPci;
+    for (const std::string& d : {root, root + "/proc", root + "/proc/bus", pci})
+        mkdir(d.c_str(), 0700);
+
+    size_t pos = 0;
+    for (int record = 0; record < 8 && pos + 3 <= size; ++record) {
+        std::string busDir = pci + "/" + BusName(data[pos]);
+        std::string file = busDir + "/" + FunctionName(data[pos + 1]);
+        size_t len = data[pos + 2];
+        pos += 3;
+        if (len > size - pos)
+            len = size - pos;
+        mkdir(busDir.c_str(), 0700);
+        fuzzsupport::WriteWhole(file, data + pos, len);  // fails harmlessly on a name clash
+        pos += len;
+    }
+    hwinfo::SetRootDirectory(root.c_str());
+
+    CDeviceBusIo::NameList names;
+    FUZZ_CHECK(CDeviceBusIo::BuildPciDeviceNameList(names));
+    FUZZ_CHECK(names.size() <= 8);
+    for (bool withSlots : {false, true}) {
+        CPciConfigList list;
+        bool any = CPciConfigList::ScanPciSlots(list, withSlots);
+        FUZZ_CHECK(any == !list.empty());
+        FUZZ_CHECK(list.size() <= names.size());
+        for (const auto& [address, record] : list) {
+            FUZZ_CHECK(names.count(address) == 1);
+            (void)CPciCommonConfigHeader::GetPciSubClassDescription(record.header);
+        }
+    }
+
+    hwinfo::SetRootDirectory(nullptr);
+    return 0;
+}

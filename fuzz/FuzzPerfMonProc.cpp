@@ -1,0 +1,110 @@
+// Fuzz target: the performance monitor's readings of a whole proc tree.
+// The input holds the processor statistics, the memory figures and the
+// network device table, separated by NUL bytes, written as stat, meminfo
+// and net/dev under the monitor's proc root; each input is then one
+// snapshot of every group, followed by the queries of every value.
+#include "FuzzSupport.h"
+
+#include "perfmon/CPerfMon.h"
+#include "perfmon/PerfMonSeams.h"
+
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+
+namespace {
+
+class FixedSpeed final : public perfmon::IPerfLinkSpeed {
+public:
+    bool GetLinkSpeedMbps(const std::string& name, uint32_t& mbps) override
+    {
+        mbps = name.size() % 3 == 0 ? 0 : 1000;  // some links without a speed
+        return name.size() % 5 != 0;
+    }
+};
+
+// A clock that moves one second a reading, so that rates are computed.
+class SteppingClock final : public perfmon::IPerfClock {
+public:
+    uint64_t NowMs() override { return m_Now += 1000; }
+
+private:
+    uint64_t m_Now = 1000000;
+};
+
+const std::string& Root()
+{
+    static const std::string root = [] {
+        std::string r = fuzzsupport::ScratchDir() + "/perfproc";
+        mkdir(r.c_str(), 0700);
+        mkdir((r + "/net").c_str(), 0700);
+        return r;
+    }();
+    return root;
+}
+
+void WriteTree(const char* stat, size_t statLen, const char* mem, size_t memLen, const char* net, size_t netLen)
+{
+    const std::string& root = Root();
+    fuzzsupport::WriteWhole(root + "/stat", stat, statLen);
+    fuzzsupport::WriteWhole(root + "/meminfo", mem, memLen);
+    fuzzsupport::WriteWhole(root + "/net/dev", net, netLen);
+}
+
+// One monitor for the process, started once over a small valid tree (its
+// start takes two snapshots a quarter second apart); a zero period ends
+// its thread at once, so every later snapshot is the target's own.
+CPerfMon& Monitor()
+{
+    static CPerfMon* monitor = [] {
+        static const char stat[] = "cpu  100 0 100 800 0 0 0 0 0 0\ncpu0 100 0 100 800 0 0 0 0 0 0\n";
+        static const char mem[] = "MemTotal: 1000 kB\nMemFree: 500 kB\nSwapTotal: 100 kB\nSwapFree: 50 kB\n";
+        static const char net[] =
+            "Inter-|   Receive                                                |  Transmit\n"
+            " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs drop fifo colls carrier compressed\n"
+            "  eth0: 100 1 0 0 0 0 0 0 200 2 0 0 0 0 0 0\n";
+        WriteTree(stat, strlen(stat), mem, strlen(mem), net, strlen(net));
+        static CPerfMon mon(8);
+        mon.SetProcRoot(Root());
+        mon.SetLinkSpeedSource(std::make_shared<FixedSpeed>());
+        mon.SetClock(std::make_shared<SteppingClock>());
+        mon.StartMonitoring(CPerfMon::PERF_MONITOR_ALL, 0);
+        return &mon;
+    }();
+    return *monitor;
+}
+
+} // namespace
+
+extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+{
+    if (size > fuzzsupport::kMaxInput)
+        return 0;
+    CPerfMon& mon = Monitor();
+    const char* text = reinterpret_cast<const char*>(data);
+    const char* parts[3] = {"", "", ""};
+    size_t lengths[3] = {0, 0, 0};
+    size_t start = 0;
+    for (int i = 0; i < 3 && start <= size; ++i) {
+        const void* nul = size > start ? memchr(text + start, '\0', size - start) : nullptr;
+        size_t end = nul ? static_cast<size_t>(static_cast<const char*>(nul) - text) : size;
+        parts[i] = size > start ? text + start : "";
+        lengths[i] = end - start;
+        start = end + 1;
+    }
+    WriteTree(parts[0], lengths[0], parts[1], lengths[1], parts[2], lengths[2]);
+
+    mon.SnapshotData(CPerfMon::PERF_MONITOR_ALL);
+    for (int v = CPerfMon::PERF_SYSTEM_USAGE; v <= CPerfMon::PERF_PROCESS_DESCRIPTORS; ++v) {
+        for (int instance : {-1, 0, 1, 7}) {
+            for (int mode : {0, 1}) {
+                unsigned char percent = 0;
+                if (mon.GetUsagePercent(percent, static_cast<CPerfMon::PerfMonitorValue>(v), mode, instance) == 1)
+                    FUZZ_CHECK(percent <= 100);
+            }
+        }
+    }
+    for (int type : {1, 2, 4, 8, 16})
+        FUZZ_CHECK(mon.GetHistoryCount(type, 0) <= 8);
+    return 0;
+}

@@ -1,0 +1,3 @@
+// The fuzz target's body under a name of its own, for the replay test.
+#define TARVD_FUZZ_ENTRY FuzzEntryPerfMonProc
+#include "../../fuzz/FuzzPerfMonProc.cpp"
