@@ -277,3 +277,35 @@ TEST_F(KoptraceTest, FollowJsonIsClosedOnSigint)
     auto texts = Texts(j);
     EXPECT_NE(IndexOf(texts, "second \"quoted\"\t"), -1);
 }
+
+TEST_F(KoptraceTest, LineInBothLogFileAndRingIsShownOnce)
+{
+    // Written regardless of the level: each line lands in the ring buffer and
+    // in the log file with the same time stamp, thread and text.  (The two
+    // copies carry time stamps of their own; a burst crosses at most one
+    // millisecond boundary, where the copies may differ and both show.)
+    constexpr int kLines = 50;
+    for (int i = 0; i < kLines; ++i)
+        m_Debug->PrintAlways(0, "\nMAIN: written to both outputs %d", i);
+    m_Debug->Print(1, "\nMAIN: ring only");
+
+    auto r = tooltest::Run(kTool, {"--dir", m_Dir.Path(), "--json", "testprog"});
+    ASSERT_TRUE(r.Exited(0)) << r.err;
+    auto texts = Texts(ParseOut(r));
+    int twice = 0;
+    for (int i = 0; i < kLines; ++i) {
+        std::string line = "MAIN: written to both outputs " + std::to_string(i);
+        int seen = 0;
+        for (const auto& t : texts)
+            seen += t == line;
+        EXPECT_GE(seen, 1) << line;
+        twice += seen > 1;
+    }
+    EXPECT_LE(twice, 1);
+    EXPECT_GE(IndexOf(texts, "MAIN: ring only"), 0);
+
+    // Given only the log file, its lines are of course shown.
+    r = tooltest::Run(kTool, {"--json", m_Dir.Sub("log.testprog")});
+    ASSERT_TRUE(r.Exited(0)) << r.err;
+    EXPECT_GE(IndexOf(Texts(ParseOut(r)), "MAIN: written to both outputs 0"), 0);
+}

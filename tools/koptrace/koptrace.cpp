@@ -188,6 +188,40 @@ void AppendEntries(const std::string& file, const std::vector<std::string>& line
     }
 }
 
+// Lines written regardless of the level stand both in the log file and in
+// the ring buffer, with the same time stamp (to the millisecond), thread and
+// text: show them once, as the ring buffer's entry.
+void DropLogCopiesOfRingEntries(std::vector<Entry>& entries, const std::vector<TraceFile>& files)
+{
+    auto isLog = [&files](const std::string& path) {
+        for (const TraceFile& f : files)
+            if (f.path == path)
+                return f.kind == FileKind::Log;
+        return false;
+    };
+    std::vector<Entry> kept;
+    kept.reserve(entries.size());
+    size_t i = 0;
+    while (i < entries.size()) {
+        size_t end = i;
+        while (end < entries.size() && entries[end].key == entries[i].key)
+            ++end;
+        for (size_t k = i; k < end; ++k) {
+            const Entry& e = entries[k];
+            bool duplicate = false;
+            if (e.isEntry && isLog(e.file)) {
+                for (size_t r = i; r < end && !duplicate; ++r)
+                    duplicate = r != k && entries[r].isEntry && !isLog(entries[r].file) &&
+                                entries[r].thread == e.thread && entries[r].text == e.text;
+            }
+            if (!duplicate)
+                kept.push_back(std::move(entries[k]));
+        }
+        i = end;
+    }
+    entries.swap(kept);
+}
+
 struct Filter {
     std::optional<uint32_t> thread;
     std::optional<std::string> name;
@@ -432,6 +466,7 @@ int main(int argc, char** argv)
     }
     // Merge the files by time; entries of one time keep their file order.
     std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.key < b.key; });
+    DropLogCopiesOfRingEntries(entries, files);
 
     Printer printer(json);
     printer.Begin();
