@@ -6,6 +6,7 @@
 #include "trace/CTraceReader.h"
 
 #include "support/TestSupport.h"
+#include "RingTraceFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -23,37 +24,9 @@
 
 namespace {
 
-const char* const kTraceVariables[] = {"TR_LOG_DYNAMIC_UPDATE", "TR_LOG_DEBUG_LEVEL",  "TR_LOG_FILE_DIR",
-                                       "TR_LOG_RINGBUF_DIR",    "TR_LOG_FILE_MAX_SIZE", "TR_LOG_RINGBUF_WEIGHT",
-                                       "TR_LOG_NOHDR_TOSDTERR", "TraceFileLimit",       "TR_LOG_RINGBUF_WEIGHT_FAULTPROG"};
-
-class CDebugFaultTest : public ::testing::Test {
+class CDebugFaultTest : public RingTraceFixture {
 protected:
-    void SetUp() override
-    {
-        for (const char* v : kTraceVariables)
-            Set(v, nullptr);
-        Set("TR_LOG_RINGBUF_DIR", m_Dir.Path().c_str());
-        Set("TR_LOG_DEBUG_LEVEL", "3");
-        Set("TraceFileLimit", "1");
-        Set("TR_LOG_RINGBUF_WEIGHT", "1");
-    }
-    void Set(const char* name, const char* value)
-    {
-        m_Env.push_back(std::make_unique<testsupport::ScopedEnv>(name, value));
-    }
-    // Tracing at level 3 into the smallest ring (1 MiB, 4 MiB at start-up).
-    std::unique_ptr<CDebug> Make()
-    {
-        auto d = std::make_unique<CDebug>();
-        d->SetSysLogFunction([](int, const char*) {});
-        d->SetConfigDirectory(m_Dir.Sub("no-config").c_str());
-        d->Init("faultprog");
-        return d;
-    }
-
-    testsupport::TempDir m_Dir;
-    std::vector<std::unique_ptr<testsupport::ScopedEnv>> m_Env;
+    CDebugFaultTest() : RingTraceFixture("faultprog") {}
 };
 
 TEST_F(CDebugFaultTest, ManyThreadsWrappingTheRingLoseAndDuplicateNothing)

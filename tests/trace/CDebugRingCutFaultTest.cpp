@@ -7,6 +7,7 @@
 #include "trace/CDebug.h"
 
 #include "support/TestSupport.h"
+#include "RingTraceFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -34,10 +35,6 @@
 #endif
 
 namespace {
-
-const char* const kTraceVariables[] = {"TR_LOG_DYNAMIC_UPDATE", "TR_LOG_DEBUG_LEVEL",  "TR_LOG_FILE_DIR",
-                                       "TR_LOG_RINGBUF_DIR",    "TR_LOG_FILE_MAX_SIZE", "TR_LOG_RINGBUF_WEIGHT",
-                                       "TR_LOG_NOHDR_TOSDTERR", "TraceFileLimit",       "TR_LOG_RINGBUF_WEIGHT_CUTPROG"};
 
 // Exit codes of the children.
 enum {
@@ -76,28 +73,13 @@ volatile char* CutMapping(const std::string& path)
 
 void OwnBusHandler(int, siginfo_t*, void*) { _exit(kOwnHandlerRan); }
 
-class CDebugRingCutFaultTest : public ::testing::Test {
+class CDebugRingCutFaultTest : public RingTraceFixture {
 protected:
-    void SetUp() override
-    {
-        for (const char* v : kTraceVariables)
-            Set(v, nullptr);
-        Set("TR_LOG_RINGBUF_DIR", m_Dir.Path().c_str());
-        Set("TR_LOG_DEBUG_LEVEL", "3");
-        Set("TraceFileLimit", "1");
-        Set("TR_LOG_RINGBUF_WEIGHT", "1");
-    }
-    void Set(const char* name, const char* value)
-    {
-        m_Env.push_back(std::make_unique<testsupport::ScopedEnv>(name, value));
-    }
+    CDebugRingCutFaultTest() : RingTraceFixture("cutprog") {}
     // Tracing at level 3 into the active ring (1 MiB).
     std::unique_ptr<CDebug> Make()
     {
-        auto d = std::make_unique<CDebug>();
-        d->SetSysLogFunction([](int, const char*) {});
-        d->SetConfigDirectory(m_Dir.Sub("no-config").c_str());
-        d->Init("cutprog");
+        auto d = RingTraceFixture::Make();
         d->SetApplInitDone();
         return d;
     }
@@ -124,9 +106,6 @@ protected:
         struct stat st {};
         return stat(d.GetActiveRingPath(), &st) == 0 && static_cast<uint64_t>(st.st_size) == d.GetRingBufferSize();
     }
-
-    testsupport::TempDir m_Dir;
-    std::vector<std::unique_ptr<testsupport::ScopedEnv>> m_Env;
 };
 
 TEST_F(CDebugRingCutFaultTest, EveryEntryAfterACutIsWrittenOnceAndTheFileGrownBack)
