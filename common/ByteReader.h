@@ -47,8 +47,16 @@ public:
         if (!Contains(offset, length))
             return false;
         if (length == 0)
-            return true;  // memcmp may not be handed a null view
-        return text != nullptr && memcmp(m_Data + offset, text, length) == 0;
+            return true;
+        if (text == nullptr)
+            return false;
+        // The texts are signatures of a few bytes looked for at every
+        // paragraph of a firmware area: a plain loop beats a library call.
+        const auto* want = static_cast<const uint8_t*>(text);
+        for (size_t i = 0; i < length; ++i)
+            if (m_Data[offset + i] != want[i])
+                return false;
+        return true;
     }
 
     /// A sub-view of `length` bytes from `offset`, clipped to the end of this

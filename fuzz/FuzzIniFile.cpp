@@ -82,14 +82,15 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
     unsigned n = GetPrivateProfileString(nullptr, nullptr, "", buf, sizeof(buf), file.c_str());
     FUZZ_CHECK(n < sizeof(buf));
     std::vector<std::string> sections = SplitList(buf, n);
-    if (sections.size() > 8)
-        sections.resize(8);
+    // A few sections and keys are enough: every lookup reads the whole file again.
+    if (sections.size() > 4)
+        sections.resize(4);
     for (const std::string& s : sections) {
         n = GetPrivateProfileString(s.c_str(), nullptr, "", buf, sizeof(buf), file.c_str());
         FUZZ_CHECK(n < sizeof(buf));
         std::vector<std::string> keys = SplitList(buf, n);
-        if (keys.size() > 8)
-            keys.resize(8);
+        if (keys.size() > 4)
+            keys.resize(4);
         for (const std::string& k : keys) {
             char small[8];
             unsigned m = GetPrivateProfileString(s.c_str(), k.c_str(), "dflt", small, sizeof(small), file.c_str());

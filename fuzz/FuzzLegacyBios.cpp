@@ -11,9 +11,11 @@
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/HwPaths.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -46,22 +48,37 @@ bool WriteAt(int fd, off_t offset, const uint8_t* data, size_t size)
     return true;
 }
 
+// The snapshot keeps its size from one input to the next; each input
+// rewrites both areas whole (the input, then zeros), which is cheaper
+// than truncating the file and letting it grow again.
+bool WriteSnapshot(const uint8_t* data, size_t size)
+{
+    static UniqueFd fd = [] {
+        const std::string mem = Root() + hwinfo::kPhysicalMemoryDevice;
+        UniqueFd f(open(mem.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        if (f && ftruncate(f.Get(), kMemoryEnd) != 0)
+            f.Reset();
+        return f;
+    }();
+    static std::vector<uint8_t> area(kAreaLength);
+    if (!fd)
+        return false;
+    size_t n = size < kAreaLength ? size : kAreaLength;
+    std::copy(data, data + n, area.begin());
+    std::fill(area.begin() + static_cast<std::ptrdiff_t>(n), area.end(), uint8_t(0));
+    return WriteAt(fd.Get(), kShadowArea, area.data(), area.size()) &&
+           WriteAt(fd.Get(), kRoutingArea, area.data(), area.size());
+}
+
 } // namespace
 
 extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
 {
     if (size > fuzzsupport::kMaxInput)
         return 0;
+    if (!WriteSnapshot(data, size))
+        return 0;
     const std::string& root = Root();
-    {
-        const std::string mem = root + hwinfo::kPhysicalMemoryDevice;
-        UniqueFd fd(open(mem.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-        if (!fd || ftruncate(fd.Get(), 0) != 0 || ftruncate(fd.Get(), kMemoryEnd) != 0)
-            return 0;
-        size_t n = size < kAreaLength ? size : kAreaLength;
-        if (!WriteAt(fd.Get(), kShadowArea, data, n) || !WriteAt(fd.Get(), kRoutingArea, data, n))
-            return 0;
-    }
     hwinfo::SetRootDirectory(root.c_str());
 
     CSMBios smbios;

@@ -4,7 +4,8 @@
 // that many bytes of configuration space.  Name bytes with the top bit set
 // pick one of a list of odd names (wrong lengths, bad hex, dots, a domain
 // prefix); the others give the usual "bb" / "dd.f" names.  Then the name
-// list and the scan (with and without the slot lookup) run over the tree.
+// list and the scan run over the tree, with the slot lookup when the input
+// length is odd.
 #include "FuzzSupport.h"
 
 #include "common/CTRString.h"
@@ -12,15 +13,14 @@
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/HwPaths.h"
 
-#include <ftw.h>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
 const char* const kOddBusNames[] = {"0000:00", "0000:0g", "1ff", "0", "zz", "00.0", "-1", "ffff:ff", "0001:02", " 0"};
 const char* const kOddFunctionNames[] = {"1f.7", "00.8", "0.00", "00.0.0", "0g.0", "devices", "00:0", "ff.f", "00.", "x"};
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
 
 std::string BusName(uint8_t b)
 {
@@ -46,11 +46,19 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
 {
     if (size > fuzzsupport::kMaxInput)
         return 0;
-    const std::string root = fuzzsupport::ScratchDir() + "/pci";
-    nftw(root.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    static const std::string root = [] {
+        std::string r = fuzzsupport::ScratchDir() + "/pci";
+        for (const char* sub : {"", "/proc", "/proc/bus", hwinfo::kProcBusPci})
+            mkdir((r + sub).c_str(), 0700);
+        return r;
+    }();
     const std::string pci = root + hwinfo::kProcBusPci;
-    for (const std::string& d : {root, root + "/proc", root + "/proc/bus", pci})
-        mkdir(d.c_str(), 0700);
+
+    // What the previous input made goes, newest first.
+    static std::vector<std::string> made;
+    for (auto it = made.rbegin(); it != made.rend(); ++it)
+        remove(it->c_str());
+    made.clear();
 
     size_t pos = 0;
     for (int record = 0; record < 8 && pos + 3 <= size; ++record) {
@@ -60,8 +68,13 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
         pos += 3;
         if (len > size - pos)
             len = size - pos;
-        mkdir(busDir.c_str(), 0700);
-        fuzzsupport::WriteWhole(file, data + pos, len);  // fails harmlessly on a name clash
+        if (mkdir(busDir.c_str(), 0700) == 0)
+            made.push_back(busDir);
+        struct stat st {};
+        bool existed = lstat(file.c_str(), &st) == 0;
+        // Fails harmlessly on a name clash with a directory.
+        if (fuzzsupport::WriteWhole(file, data + pos, len) && !existed)
+            made.push_back(file);
         pos += len;
     }
     hwinfo::SetRootDirectory(root.c_str());
@@ -69,15 +82,13 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
     CDeviceBusIo::NameList names;
     FUZZ_CHECK(CDeviceBusIo::BuildPciDeviceNameList(names));
     FUZZ_CHECK(names.size() <= 8);
-    for (bool withSlots : {false, true}) {
-        CPciConfigList list;
-        bool any = CPciConfigList::ScanPciSlots(list, withSlots);
-        FUZZ_CHECK(any == !list.empty());
-        FUZZ_CHECK(list.size() <= names.size());
-        for (const auto& [address, record] : list) {
-            FUZZ_CHECK(names.count(address) == 1);
-            (void)CPciCommonConfigHeader::GetPciSubClassDescription(record.header);
-        }
+    CPciConfigList list;
+    bool any = CPciConfigList::ScanPciSlots(list, (size & 1) != 0);
+    FUZZ_CHECK(any == !list.empty());
+    FUZZ_CHECK(list.size() <= names.size());
+    for (const auto& [address, record] : list) {
+        FUZZ_CHECK(names.count(address) == 1);
+        (void)CPciCommonConfigHeader::GetPciSubClassDescription(record.header);
     }
 
     hwinfo::SetRootDirectory(nullptr);

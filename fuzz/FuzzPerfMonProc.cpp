@@ -96,7 +96,7 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
 
     mon.SnapshotData(CPerfMon::PERF_MONITOR_ALL);
     for (int v = CPerfMon::PERF_SYSTEM_USAGE; v <= CPerfMon::PERF_PROCESS_DESCRIPTORS; ++v) {
-        for (int instance : {-1, 0, 1, 7}) {
+        for (int instance : {-1, 1, 7}) {
             for (int mode : {0, 1}) {
                 unsigned char percent = 0;
                 if (mon.GetUsagePercent(percent, static_cast<CPerfMon::PerfMonitorValue>(v), mode, instance) == 1)

@@ -136,7 +136,7 @@ std::vector<PciSlotData> CPciSlotMap::GetSlotMappingFromIrqRoutingTable()
         size_t off = 0;
         bool found = false;
         for (; off + 4 <= r.Size(); off += 16) {
-            if (r.Matches(off, "$PIR", 4)) {
+            if (r.Data()[off] == '$' && r.Matches(off, "$PIR", 4)) {
                 found = true;
                 break;
             }

@@ -68,6 +68,20 @@ public:
         return true;
     }
 
+    /// Hands each sample of `instance` to `visit`, oldest first, under the
+    /// buffer's lock and without copying; false when the instance does not
+    /// exist.
+    template <typename F>
+    bool ForEach(int instance, F&& visit) const
+    {
+        CCriticalSectionLock lock(m_Lock);
+        if (!ValidInstance(instance, -1))
+            return false;
+        for (const T& item : m_History[static_cast<size_t>(instance)])
+            visit(item);
+        return true;
+    }
+
     /// The number of samples held for `instance`; 0 when it does not exist.
     unsigned int GetCount(int instance) const
     {

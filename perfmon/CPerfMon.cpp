@@ -295,17 +295,18 @@ bool CollectSamples(const std::shared_ptr<CDataHistoryBuffer<T>>& history, int i
         first = 0;
         last = static_cast<int>(history->GetNumberInstances());
     }
-    std::vector<T> items;
     for (int i = first; i < last; ++i) {
-        if (!history->GetAll(i, items))
-            return false;
-        if (newestOnly) {
-            if (!items.empty())
-                out.push_back(toPartWhole(items.back()));
-        } else {
-            for (const T& item : items)
+        const T* newest = nullptr;
+        bool exists = history->ForEach(i, [&](const T& item) {
+            if (newestOnly)
+                newest = &item;
+            else
                 out.push_back(toPartWhole(item));
-        }
+        });
+        if (!exists)
+            return false;
+        if (newest)  // still held: the lock above is taken for the whole walk
+            out.push_back(toPartWhole(*newest));
     }
     return true;
 }
@@ -777,21 +778,12 @@ int CPerfMon::GetAveragePercent(PerfMonitorValue value, unsigned char& percent, 
 int CPerfMon::GetPercent(PerfMonitorValue value, unsigned char& percent, int instance, bool current)
 {
     percent = 0;
-    // Copies of the history pointers keep a history alive while it is read,
-    // even when a stop destroys it meanwhile.
-    std::shared_ptr<CDataHistoryBuffer<_PerfDataSystem>> system;
-    std::shared_ptr<CDataHistoryBuffer<_PerfDataCpu>> cpu;
-    std::shared_ptr<CDataHistoryBuffer<_PerfDataMemory>> memory;
-    std::shared_ptr<CDataHistoryBuffer<_PerfDataNetwork>> network;
-    std::shared_ptr<CDataHistoryBuffer<_PerfDataProcess>> process;
-    {
+    // A copy of the history pointer keeps the history alive while it is
+    // read, even when a stop destroys it meanwhile.
+    auto grab = [this](const auto& member) {
         CCriticalSectionLock lock(m_Lock);
-        system = m_SystemHistory;
-        cpu = m_CpuHistory;
-        memory = m_MemoryHistory;
-        network = m_NetworkHistory;
-        process = m_ProcessHistory;
-    }
+        return member;
+    };
 
     auto cpuPart = [value](const _PerfDataSystem& d) {
         switch (value % 4) {  // 0-3 and 4-7 share the same order
@@ -803,17 +795,18 @@ int CPerfMon::GetPercent(PerfMonitorValue value, unsigned char& percent, int ins
     };
 
     std::vector<PartWhole> samples;
+    samples.reserve(32);
     bool found = false;
     if (IsMonitorValue(value, PERF_MONITOR_SYSTEM)) {
-        found = CollectSamples(system, instance, current, cpuPart, samples);
+        found = CollectSamples(grab(m_SystemHistory), instance, current, cpuPart, samples);
     } else if (IsMonitorValue(value, PERF_MONITOR_CPU)) {
-        found = CollectSamples(cpu, instance, current, cpuPart, samples);
+        found = CollectSamples(grab(m_CpuHistory), instance, current, cpuPart, samples);
     } else if (IsMonitorValue(value, PERF_MONITOR_MEMORY)) {
-        found = CollectSamples(memory, instance, current, [value](const _PerfDataMemory& d) {
+        found = CollectSamples(grab(m_MemoryHistory), instance, current, [value](const _PerfDataMemory& d) {
             return value == PERF_MEMORY_USAGE ? PartWhole{d.memUsed, d.memTotal} : PartWhole{d.swapUsed, d.swapTotal};
         }, samples);
     } else if (IsMonitorValue(value, PERF_MONITOR_NETWORK)) {
-        found = CollectSamples(network, instance, current, [value](const _PerfDataNetwork& d) {
+        found = CollectSamples(grab(m_NetworkHistory), instance, current, [value](const _PerfDataNetwork& d) {
             if (value == PERF_NETWORK_SENT)
                 return PartWhole{d.txRate, d.budget};
             if (value == PERF_NETWORK_RECEIVED)
@@ -822,7 +815,7 @@ int CPerfMon::GetPercent(PerfMonitorValue value, unsigned char& percent, int ins
         }, samples);
     } else if (IsMonitorValue(value, PERF_MONITOR_PROCESSES)) {
         const int index = value - PERF_PROCESS_CPU;
-        found = CollectSamples(process, instance, current, [index](const _PerfDataProcess& d) {
+        found = CollectSamples(grab(m_ProcessHistory), instance, current, [index](const _PerfDataProcess& d) {
             return PartWhole{d.part[index], d.whole[index]};
         }, samples);
     }
