@@ -1,6 +1,8 @@
 // Internals of the kopd daemon shared by its source files.
 #pragma once
 
+#include <sys/types.h>
+
 #include "daemon/CSwitchApi.h"
 #include "trace/CEvent.h"
 
@@ -10,6 +12,8 @@ constexpr const char* kProgramName = "kopd";
 constexpr const char* kPrefix = "KOPD";  // the "%s-MAIN" prefix of every daemon line
 constexpr const char* kLockName = "/var/lock/kopd";  // the lock file is this + ".lock"
 constexpr const char* kPidFile = "/var/run/kopd.pid";
+constexpr mode_t kPidFileMode = 0644;
+constexpr int kPidFileAttempts = 3;
 constexpr const char* kRunLevelFile = "/etc/tarvd/RunLevel";
 constexpr const char* kSystemctl = "/usr/bin/systemctl";
 constexpr const char* kRunLevelCommand = "/sbin/runlevel";

@@ -196,12 +196,29 @@ void DiscoverSmbusDriverInfo()
                           kPrefix);
 }
 
+// The pid file is made anew: whatever stands at its path (the file of an
+// instance that died, or a symbolic link someone planted there) is removed
+// first, and O_EXCL with O_NOFOLLOW makes sure the file written is the one
+// just created, never the target of a link.  A link planted again between
+// the removal and the creation costs another try.  Failing to write it is
+// not fatal, and deliberately not reported.
 void WritePidFile()
 {
-    UniqueFile file(fopen(kPidFile, "we"));
-    if (!file)
-        return;  // not fatal, and deliberately not reported
-    fprintf(file.Get(), "%d\n", static_cast<int>(getpid()));
+    for (int attempt = 0; attempt < kPidFileAttempts; ++attempt) {
+        if (unlink(kPidFile) != 0 && errno != ENOENT)
+            return;
+        UniqueFd fd(open(kPidFile, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kPidFileMode));
+        if (!fd) {
+            if (errno == EEXIST)
+                continue;
+            return;
+        }
+        char text[32];
+        int len = snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
+        ssize_t written = write(fd.Get(), text, static_cast<size_t>(len));
+        (void)written;
+        return;
+    }
 }
 
 void IgnoreSignal(int signal)

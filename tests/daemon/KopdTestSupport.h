@@ -184,6 +184,9 @@ struct Launch {
     std::vector<std::string> env;  // extra NAME=value entries
     std::string switchDir = TEST_RECORDING_SWITCH_DIR;
     uid_t realUid = 0;
+    /// When set, the child waits until this pipe end reads end-of-file
+    /// before it runs kopd, so that several launches can go at once.
+    int gate = -1;
 };
 
 class KopdTest : public ::testing::Test {
@@ -263,6 +266,20 @@ protected:
                 _exit(122);
             if (launch.realUid != 0 && setreuid(launch.realUid, 0) != 0)
                 _exit(123);
+            if (launch.gate >= 0) {
+                // Only the gate's read end stays open: a write end of this
+                // or another launch's gate kept here would hold it shut.
+                if (dup2(launch.gate, 3) != 3)
+                    _exit(125);
+                close_range(4, ~0U, 0);
+                char c;
+                for (;;) {
+                    ssize_t r = read(3, &c, 1);
+                    if (r == 0 || (r < 0 && errno != EINTR))
+                        break;
+                }
+                close(3);
+            }
             std::vector<char*> argv;
             std::string kopd = TEST_KOPD_PATH;
             argv.push_back(kopd.data());
