@@ -24,6 +24,7 @@
 #include <pthread.h>
 #include <csetjmp>
 #include <csignal>
+#include <ucontext.h>
 #include <mutex>
 #include <string>
 #include <sys/mman.h>
@@ -463,14 +464,26 @@ struct RingRecovery {
 };
 thread_local RingRecovery t_ringRecovery __attribute__((tls_model("initial-exec"))) = {nullptr, nullptr, nullptr};
 
+// The signal mask of the thread when its ring write faulted, as the kernel
+// saved it for the return from the handler.  The jump back does not restore
+// masks (that would cost a system call per entry), and a runtime that runs
+// handlers with every signal blocked (as the thread sanitizer does) would
+// otherwise leave them all blocked; the writer restores this one instead.
+thread_local sigset_t t_ringFaultMask __attribute__((tls_model("initial-exec")));
+thread_local bool t_ringFaultMaskSaved __attribute__((tls_model("initial-exec"))) = false;
+
 struct sigaction g_previousBusAction;
 
 void RingBusHandler(int sig, siginfo_t* info, void* context)
 {
     const RingRecovery& r = t_ringRecovery;
     const char* addr = info ? static_cast<const char*>(info->si_addr) : nullptr;
-    if (r.jump && addr >= r.begin && addr < r.end)
+    if (r.jump && addr >= r.begin && addr < r.end) {
+        t_ringFaultMaskSaved = context != nullptr;
+        if (context)
+            t_ringFaultMask = static_cast<const ucontext_t*>(context)->uc_sigmask;
         siglongjmp(*r.jump, 1);
+    }
 
     // Not ours: behave as if this handler had never been installed.
     const struct sigaction& prev = g_previousBusAction;
@@ -540,6 +553,10 @@ void CDebug::Impl::WriteRing(char* data, size_t len)
         // The ring file was cut under us.  Nothing is traced into the ring
         // here; the file is grown back and the entry written once more.
         t_ringRecovery = outer;
+        if (t_ringFaultMaskSaved) {
+            t_ringFaultMaskSaved = false;
+            pthread_sigmask(SIG_SETMASK, &t_ringFaultMask, nullptr);
+        }
         if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0)
             return; // dropped
     }
