@@ -13,9 +13,10 @@
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/HwPaths.h"
 
+#include <climits>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -54,11 +55,17 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
     }();
     const std::string pci = root + hwinfo::kProcBusPci;
 
-    // What the previous input made goes, newest first.
-    static std::vector<std::string> made;
-    for (auto it = made.rbegin(); it != made.rend(); ++it)
-        remove(it->c_str());
-    made.clear();
+    // What the previous input made goes, newest first.  Kept in fixed
+    // buffers: memory held from one input to the next would look like a
+    // leak to the fuzzer, which then checks every input for leaks.
+    static char made[16][PATH_MAX];
+    static size_t madeCount = 0;
+    while (madeCount > 0)
+        remove(made[--madeCount]);
+    auto remember = [](const std::string& path) {
+        if (madeCount < 16 && path.size() < PATH_MAX)
+            memcpy(made[madeCount++], path.c_str(), path.size() + 1);
+    };
 
     size_t pos = 0;
     for (int record = 0; record < 8 && pos + 3 <= size; ++record) {
@@ -69,12 +76,12 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
         if (len > size - pos)
             len = size - pos;
         if (mkdir(busDir.c_str(), 0700) == 0)
-            made.push_back(busDir);
+            remember(busDir);
         struct stat st {};
         bool existed = lstat(file.c_str(), &st) == 0;
         // Fails harmlessly on a name clash with a directory.
         if (fuzzsupport::WriteWhole(file, data + pos, len) && !existed)
-            made.push_back(file);
+            remember(file);
         pos += len;
     }
     hwinfo::SetRootDirectory(root.c_str());
