@@ -550,3 +550,98 @@ TEST(DeviceBios, MapRefusesWhenNotConnectedOrZero)
     EXPECT_EQ(nullptr, bios.MapPhysicalMemory(1, 0, 1, false));  // beyond the snapshot
     bios.Disconnect();
 }
+
+// --- malformed tables, one place ------------------------------------------------
+
+namespace {
+struct WalkCase {
+    const char* name;
+    Bytes table;
+    std::string error;  // empty: the walk succeeds
+    std::vector<std::pair<uint8_t, size_t>> index;  // (type, offset) in walk order
+    uint16_t count;
+};
+} // namespace
+
+// The inputs known to break readers of the structure table, each with the
+// walk's exact result: what it reports, what it indexed before the fault,
+// and the structure count it settles on.  Whatever the input, no view of a
+// structure reaches past the table.
+TEST(SmbiosMalformed, StructureWalkTable)
+{
+    const std::string headerEnd = "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while going to struct end!\n";
+    const std::string stringsEnd =
+        "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while when string table end found!\n";
+    const std::vector<WalkCase> cases = {
+        // Length 0: the string walk starts at the type byte itself.
+        {"length 0 alone", {5, 0, 0, 0}, stringsEnd + "   struct[1], type=0x00, handle=0\n   struct Offset 0x0003",
+         {{5, 0}, {0, 3}}, 2},
+        // Length 0 inside a table: the walk loses step and reads the next
+        // structure's second terminator as a header of length 127.
+        {"length 0 before more", Concat({{5, 0, 7, 0}, Structure(1, 1, {}), EndOfTable(2)}),
+         headerEnd + "   struct[1], last type=0x00, last handle=516\n   struct Offset 0x0009", {{5, 0}, {0, 9}}, 2},
+        {"length shorter than the header", Concat({{5, 2, 7, 0, 0, 0}, EndOfTable(1)}),
+         headerEnd + "   struct[1], last type=0x00, last handle=260\n   struct Offset 0x0005", {{5, 0}, {0, 5}}, 2},
+        {"length 255 past the end", {5, 255, 1, 0, 0, 0},
+         headerEnd + "   struct[0], last type=0x05, last handle=1\n   struct Offset 0x0000", {{5, 0}}, 1},
+        {"string set without the second NUL", {5, 4, 1, 0, 'a', 0},
+         stringsEnd + "   struct[0], type=0x05, handle=1\n   struct Offset 0x0000", {{5, 0}}, 1},
+        {"a lone type byte", {5}, stringsEnd + "   struct[0], type=0x05, handle=0\n   struct Offset 0x0000", {{5, 0}},
+         1},
+        {"end marker without its terminator", {127, 4, 0, 0},
+         stringsEnd + "   struct[0], type=0x7F, handle=0\n   struct Offset 0x0000", {{127, 0}}, 1},
+        {"well formed, for contrast", Concat({Structure(5, 1, {1}, {"x"}), EndOfTable(2)}), "", {{5, 0}, {127, 8}}, 2},
+    };
+    for (const WalkCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        bool ok = !c.error.empty();
+        CSMBios s = Walk(c.table, 0, &ok);
+        EXPECT_EQ(c.error.empty(), ok);
+        if (!c.error.empty()) {
+            EXPECT_EQ(c.error, s.GetLastErrorText());
+        }
+        EXPECT_EQ(c.index.size(), s.GetIndexedCount());
+        for (const auto& [type, offset] : c.index) {
+            std::vector<CByteReader> views = s.GetStructures(type);
+            ASSERT_EQ(1u, views.size());
+            EXPECT_EQ(offset, static_cast<size_t>(views[0].Data() - s.GetData().Reader().Data()));
+            EXPECT_LE(offset + views[0].Size(), c.table.size());
+        }
+        EXPECT_EQ(c.count, s.GetExpectedStructureCount());
+    }
+}
+
+// Entry point lengths of 0 and 255 in the shadow scan.  0 stores an empty
+// header (no sum is formed); 255 is summed over 255 bytes when they lie in
+// the scanned area, and counts as a checksum error when they would run past
+// its end.
+TEST(SmbiosMalformed, ShadowEntryPointLengths)
+{
+    Bytes longEp = ShadowEp();
+    longEp.resize(255, 0);
+    longEp[5] = 255;
+    uint8_t sum = 0;
+    for (size_t i = 0; i < longEp.size(); ++i)
+        sum = static_cast<uint8_t>(sum + longEp[i]);
+    longEp[254] = static_cast<uint8_t>(longEp[254] - sum);
+    {
+        FakeRoot root;
+        ShadowAt(root, 0xF0000, longEp);
+        CSMBios s;
+        CDataStream h, d;
+        ASSERT_TRUE(s.getSmbiosDataFromBiosShadowMemory(h, d));
+        EXPECT_EQ(255u, h.GetSize());
+        EXPECT_EQ(ShadowTable().size(), d.GetSize());
+    }
+    {
+        // The last paragraph the scan looks at: 255 bytes would end 0xDF
+        // bytes past the area.
+        FakeRoot root;
+        ShadowAt(root, 0xFFFE0, Bytes(longEp.begin(), longEp.begin() + 32));
+        CSMBios s;
+        CDataStream h, d;
+        EXPECT_FALSE(s.getSmbiosDataFromBiosShadowMemory(h, d));
+        EXPECT_TRUE(h.IsEmpty());
+        EXPECT_TRUE(d.IsEmpty());
+    }
+}
