@@ -193,6 +193,8 @@ public:
             m_Fds[0] = m_Fds[1] = -1;
     }
     ~Gate() { Open(); }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
     int ReadEnd() const { return m_Fds[0]; }
     void Open()
     {
