@@ -46,20 +46,32 @@ void WriteAndCheck(const char* section, const char* key, const char* value, cons
 
 // Reader and writer agree only on files whose lines start in column 0 (the
 // reader skips leading white space, the writer does not), fit the reader's
-// line buffer and hold no NUL (a NUL ends a line for the reader only).
+// line buffer, hold no NUL (a NUL ends a line for the reader only) and have
+// no vertical tab, form feed or carriage return between a key and its '='
+// (the reader drops any white space there, the writer only blanks and tabs).
 bool WriterAgreesWithReader(const uint8_t* data, size_t size)
 {
     size_t lineLen = 0;
+    bool seenEq = false;
     for (size_t i = 0; i < size; ++i) {
         unsigned char c = data[i];
         if (c == '\0')
             return false;
         if (c == '\n') {
             lineLen = 0;
+            seenEq = false;
             continue;
         }
         if (lineLen == 0 && isspace(c))
             return false;
+        if (c == '=' && !seenEq) {
+            seenEq = true;
+            size_t k = i;
+            while (k > i - lineLen && (data[k - 1] == ' ' || data[k - 1] == '\t'))
+                --k;
+            if (k > i - lineLen && isspace(data[k - 1]))
+                return false;
+        }
         if (++lineLen >= 1000)
             return false;
     }

@@ -170,6 +170,27 @@ TEST_F(IniTest, IndentedKeyIsReadButNotReplaced)
     EXPECT_EQ(ReadFile(m_Path), "[S]\n  k=old\nz=1\nk=new\n\n[s]\n\nk=v\n");
 }
 
+TEST_F(IniTest, KeyBeforeOtherWhiteSpaceIsReadButNotReplaced)
+{
+    // The reader drops any white space between a key and '=', the writer
+    // only blanks and tabs: a vertical tab, form feed or carriage return
+    // there makes the writer add a second line that the reader never sees.
+    WriteFile(m_Path, "[S]\nk\v=old\nf\f \t= 1\nc\r=2\nb \t=3\n");
+    EXPECT_EQ(Read("S", "k"), "old");
+    EXPECT_EQ(Read("S", "f"), "1");
+    EXPECT_EQ(Read("S", "c"), "2");
+    ASSERT_TRUE(WritePrivateProfileString("S", "k", "new", m_Path.c_str()));
+    ASSERT_TRUE(WritePrivateProfileString("S", "f", "new", m_Path.c_str()));
+    ASSERT_TRUE(WritePrivateProfileString("S", "b", "new", m_Path.c_str()));
+    EXPECT_EQ(ReadFile(m_Path), "[S]\nk\v=old\nf\f \t= 1\nc\r=2\nb=new\nk=new\nf=new\n");
+    EXPECT_EQ(Read("S", "k"), "old");
+    EXPECT_EQ(Read("S", "f"), "1");
+    EXPECT_EQ(Read("S", "b"), "new");
+    // Nor does a delete find such a key.
+    EXPECT_FALSE(WritePrivateProfileString("S", "c", nullptr, m_Path.c_str()));
+    EXPECT_EQ(Read("S", "c"), "2");
+}
+
 TEST_F(IniTest, DeletesInTheMiddleAndAtTheEnd)
 {
     WriteFile(m_Path, "[A]\na1=1\na2=2\n[B]\nb1=1\nb2=2\n[C]\nc1=1\n");
