@@ -219,12 +219,18 @@ protected:
         int exit = -2;  // not yet collected
     };
 
-    Starter StartGated(const Gate& gate)
+    /// Starts kopd in the foreground ("-n"); with a gate, it waits for it.
+    pid_t StartForeground(int gate = -1)
     {
         Launch l;
         l.args = {"-n"};
-        l.gate = gate.ReadEnd();
-        pid_t pid = Start(l);
+        l.gate = gate;
+        return Start(l);
+    }
+
+    Starter StartGated(const Gate& gate)
+    {
+        pid_t pid = StartForeground(gate.ReadEnd());
         return Starter{pid, m_LastOutput};
     }
 
@@ -387,9 +393,7 @@ TEST_F(KopdStressTest, StartsWhileAnInstanceStopsNeverOverlap)
 {
     ENTER_NAMESPACE();
     SetRunLevel("6\n");
-    Launch first;
-    first.args = {"-n"};
-    pid_t running = Start(first);
+    pid_t running = StartForeground();
     int loads = 1;
     ASSERT_TRUE(WaitRunning(running, loads)) << Output();
 
@@ -424,7 +428,7 @@ TEST_F(KopdStressTest, StartsWhileAnInstanceStopsNeverOverlap)
         if (running < 0) {
             // Every start came too early: the next round needs an instance.
             ExpectCleanStop();
-            running = Start(first);
+            running = StartForeground();
             ASSERT_TRUE(WaitRunning(running, ++loads)) << "round " << round << "\n" << Output();
         }
     }
@@ -445,9 +449,7 @@ TEST_F(KopdStressTest, SignalStormsNeitherStopNorLeak)
 {
     ENTER_NAMESPACE();
     SetRunLevel("6\n");
-    Launch l;
-    l.args = {"-n"};
-    pid_t pid = Start(l);
+    pid_t pid = StartForeground();
     ASSERT_TRUE(WaitStarted()) << Output();
 
     auto drained = [&] { return (SharedPending(pid) & ((1ull << (SIGHUP - 1)) | (1ull << (SIGALRM - 1)))) == 0; };
@@ -488,9 +490,7 @@ TEST_F(KopdStressTest, TerminationInTheMiddleOfAStormStopsCleanly)
     SetRunLevel("6\n");
     for (int round = 0; round < kTerminationRounds; ++round) {
         ASSERT_TRUE(WriteFile(RecordPath(), ""));
-        Launch l;
-        l.args = {"-n"};
-        pid_t pid = Start(l);
+        pid_t pid = StartForeground();
         ASSERT_TRUE(WaitStarted()) << "round " << round << "\n" << Output();
 
         SignalStorm storm(pid, kStormBlasters, 0);
@@ -520,9 +520,7 @@ TEST_F(KopdStressTest, LinksAtThePidAndLockFilePathsAreNotFollowed)
     ASSERT_TRUE(WriteFile(victim, "precious"));
     ASSERT_EQ(symlink("/etc/tarvd/victim", PidFile().c_str()), 0);
 
-    Launch l;
-    l.args = {"-n"};
-    pid_t pid = Start(l);
+    pid_t pid = StartForeground();
     ASSERT_TRUE(WaitStarted()) << Output();
     ASSERT_EQ(WaitPidFile(), pid);
     struct stat st {};
@@ -537,14 +535,14 @@ TEST_F(KopdStressTest, LinksAtThePidAndLockFilePathsAreNotFollowed)
 
     // A dangling link at the pid file's path does not create its target.
     ASSERT_EQ(symlink("/etc/tarvd/made-through-link", PidFile().c_str()), 0);
-    pid = Start(l);
+    pid = StartForeground();
     ASSERT_EQ(WaitPidFile(), pid);
     ASSERT_EQ(kill(pid, SIGTERM), 0);
     EXPECT_EQ(WaitExit(pid), 0);
     EXPECT_FALSE(FileExists(NsPath("/etc/tarvd/made-through-link")));
 
     ASSERT_EQ(symlink("/etc/tarvd/victim", LockFile().c_str()), 0);
-    pid = Start(l);
+    pid = StartForeground();
     EXPECT_EQ(WaitExit(pid), 1);
     EXPECT_EQ(Output(), std::string(TEST_KOPD_PATH) + kRefused);
     EXPECT_EQ(ReadFile(victim), "precious");
