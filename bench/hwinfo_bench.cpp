@@ -4,7 +4,7 @@
 #include "BenchSupport.h"
 
 #include "common/CDataStream.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "hwinfo/CPciConfigList.h"
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/CSMBios.h"

@@ -3,7 +3,7 @@
 // snprintf and one memcpy into a shared mapping).
 #include "BenchSupport.h"
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "trace/CDebug.h"
 
 #include <benchmark/benchmark.h>

@@ -6,7 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 #include "common/CPciAddress.h"
 
+#include "common/NumberParse.h"
+
 #include <cstdio>
 
 std::string CPciAddress::ToString() const
@@ -11,17 +13,6 @@ std::string CPciAddress::ToString() const
 
 namespace {
 
-int HexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // Reads 1 to maxDigits hexadecimal digits at text[pos]; advances pos.
 // No sign, no "0x", no blanks: only what the kernel writes.
 bool ReadHex(const std::string& text, size_t& pos, size_t maxDigits, unsigned& value)
@@ -29,7 +20,7 @@ bool ReadHex(const std::string& text, size_t& pos, size_t maxDigits, unsigned& v
     size_t digits = 0;
     value = 0;
     while (pos < text.size() && digits < maxDigits) {
-        int d = HexDigit(text[pos]);
+        int d = tarvd::HexDigitValue(text[pos]);
         if (d < 0)
             break;
         value = value * 16 + static_cast<unsigned>(d);

@@ -1,6 +1,7 @@
 #include "daemon/CProcess.h"
 
-#include "common/UniqueFd.h"
+#include "common/ProcStatus.h"
+#include "common/UniqueHandle.h"
 
 #include <cerrno>
 #include <climits>
@@ -21,27 +22,15 @@
 
 namespace {
 
-constexpr const char* kDefaultProcRoot = "/proc";
 // getcwd buffer; a deeper current directory counts as unknown.
 constexpr size_t kCwdBufferSize = 4096;
 // Limit for closing descriptors in the child when sysconf gives a tiny or no value.
 constexpr long kFallbackOpenMax = 1024;
-// /proc/<pid>/status is about 1.5 KiB; anything beyond this is not looked at.
-constexpr size_t kStatusReadLimit = 16384;
 // One line of a /proc file read by get_proc_file.
 constexpr size_t kProcLineLimit = 4096;
 
-std::string& ProcRoot()
-{
-    static std::string root = kDefaultProcRoot;
-    return root;
-}
+const std::string& ProcRoot() { return tarvd::ProcRoot(); }
 
-// Changes whenever a kept-open /proc descriptor may point at the wrong file:
-// after SetProcRoot and in the child of a fork (statm of the parent).
-std::atomic<unsigned> g_ProcGeneration{1};
-
-void BumpProcGeneration() { g_ProcGeneration.fetch_add(1, std::memory_order_relaxed); }
 
 std::string ReadCwd()
 {
@@ -69,26 +58,11 @@ std::vector<std::string> SplitWords(const char* command)
     return words;
 }
 
-// Multiplier of a unit text of /proc/<pid>/status.
-uint64_t UnitFactor(const char* u, size_t len)
-{
-    if (len == 2 && u[1] == 'B') {
-        if (u[0] == 'k')
-            return 1024ull;
-        if (u[0] == 'M')
-            return 1024ull * 1024;
-        if (u[0] == 'G')
-            return 1024ull * 1024 * 1024;
-    }
-    return 1;
-}
-
 } // namespace
 
 void CProcess::SetProcRoot(const char* root)
 {
-    ProcRoot() = (root && *root) ? root : kDefaultProcRoot;
-    BumpProcGeneration();
+    tarvd::SetProcRoot(root);
 }
 
 const std::string& CProcess::GetProcRoot() { return ProcRoot(); }
@@ -324,76 +298,7 @@ int CProcess::GetProcessHandleCount(uint32_t, uint32_t& count)
 
 void CProcess::GetProcessMemorySpecificInfo(uint32_t pid, uint64_t& value, const char* field, unsigned unitSteps)
 {
-    // This runs for every trace entry with the memory column: plain read(2)
-    // into a stack buffer, no streams, no allocation.
-    if (!field || !*field)
-        return;
-    char path[PATH_MAX];
-    int n = snprintf(path, sizeof(path), "%s/%u/status", ProcRoot().c_str(), pid);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof(path))
-        return;
-    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (!fd)
-        return;
-    char buf[kStatusReadLimit];
-    size_t len = 0;
-    while (len < sizeof(buf)) {
-        ssize_t r = read(fd.Get(), buf + len, sizeof(buf) - len);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            break;
-        len += static_cast<size_t>(r);
-    }
-
-    // A line cut by the read limit is not looked at: its figure could be
-    // cut too and read as a much smaller one.
-    if (len == sizeof(buf)) {
-        const char* lastNl = static_cast<const char*>(memrchr(buf, '\n', len));
-        len = lastNl ? static_cast<size_t>(lastNl - buf) + 1 : 0;
-    }
-    const size_t fieldLen = strlen(field);
-    const char* p = buf;
-    const char* end = buf + len;
-    while (p < end) {
-        const char* lineEnd = static_cast<const char*>(memchr(p, '\n', static_cast<size_t>(end - p)));
-        if (!lineEnd)
-            lineEnd = end;
-        // First word.
-        const char* w = p;
-        while (w < lineEnd && IsBlank(*w))
-            ++w;
-        const char* we = w;
-        while (we < lineEnd && !IsBlank(*we))
-            ++we;
-        if (static_cast<size_t>(we - w) == fieldLen && memcmp(w, field, fieldLen) == 0) {
-            // Number.
-            const char* q = we;
-            while (q < lineEnd && IsBlank(*q))
-                ++q;
-            // A figure too large for 64 bits is held at the largest value
-            // (as strtoull does) instead of wrapping to a small one.
-            uint64_t number = 0;
-            while (q < lineEnd && *q >= '0' && *q <= '9') {
-                uint64_t digit = static_cast<uint64_t>(*q - '0');
-                number = number > (UINT64_MAX - digit) / 10 ? UINT64_MAX : number * 10 + digit;
-                ++q;
-            }
-            while (q < lineEnd && !IsBlank(*q))
-                ++q; // rest of a malformed number
-            while (q < lineEnd && IsBlank(*q))
-                ++q;
-            const char* u = q;
-            while (q < lineEnd && !IsBlank(*q))
-                ++q;
-            const uint64_t factor = UnitFactor(u, static_cast<size_t>(q - u));
-            value = number > UINT64_MAX / factor ? UINT64_MAX : number * factor;
-            for (unsigned i = 0; i < unitSteps; ++i)
-                value >>= 10;
-            return;
-        }
-        p = lineEnd + 1;
-    }
+    tarvd::ReadProcStatusField(pid, field, unitSteps, value);
 }
 
 bool CProcess::GetProcessMemoryInfo(uint32_t pid, uint64_t& size, uint64_t& peak, uint64_t& swap, uint64_t& fourth,
@@ -480,57 +385,3 @@ bool CProcess::FindProcess(uint32_t& pid, const char* name)
     return false;
 }
 
-// ---- CResidentSizeReader ------------------------------------------------------
-
-CResidentSizeReader::CResidentSizeReader()
-{
-    static const bool registered = pthread_atfork(nullptr, nullptr, &BumpProcGeneration) == 0;
-    (void)registered;
-    long page = sysconf(_SC_PAGESIZE);
-    m_PageSize = page > 0 ? static_cast<uint64_t>(page) : 4096;
-}
-
-bool CResidentSizeReader::ReadKilobytes(uint64_t& kb, int64_t sampleKey)
-{
-    unsigned generation = g_ProcGeneration.load(std::memory_order_relaxed);
-    if (sampleKey >= 0 && sampleKey == m_SampleKey && generation == m_Generation && m_Fd) {
-        kb = m_SampleKb;
-        return true;
-    }
-    m_SampleKey = -1;
-    if (generation != m_Generation || !m_Fd) {
-        char path[PATH_MAX];
-        int n = snprintf(path, sizeof(path), "%s/%u/statm", ProcRoot().c_str(), static_cast<unsigned>(getpid()));
-        if (n < 0 || static_cast<size_t>(n) >= sizeof(path))
-            return false;
-        m_Fd.Reset(open(path, O_RDONLY | O_CLOEXEC));
-        m_Generation = generation;
-        if (!m_Fd)
-            return false;
-    }
-    // "size resident shared text lib data dt": seven page counts.
-    char buf[160];
-    ssize_t r;
-    do {
-        r = pread(m_Fd.Get(), buf, sizeof(buf), 0);
-    } while (r < 0 && errno == EINTR);
-    if (r <= 0)
-        return false;
-    const char* p = buf;
-    const char* end = buf + r;
-    while (p < end && *p >= '0' && *p <= '9')
-        ++p; // size
-    if (p == buf || p >= end || *p != ' ')
-        return false;
-    ++p;
-    const char* digits = p;
-    uint64_t pages = 0;
-    while (p < end && *p >= '0' && *p <= '9' && p - digits < 19)
-        pages = pages * 10 + static_cast<uint64_t>(*p++ - '0');
-    if (p == digits || (p < end && *p != ' ' && *p != '\n'))
-        return false;
-    kb = pages * m_PageSize / 1024;
-    m_SampleKey = sampleKey;
-    m_SampleKb = kb;
-    return true;
-}

@@ -3,10 +3,11 @@
 // memory figures of a process from /proc).
 #pragma once
 
+
 #include <cstdint>
 #include <string>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 class CProcess {
 public:
@@ -89,29 +90,3 @@ public:
     static const std::string& GetProcRoot();
 };
 
-/// The resident set size of the own process at the cost of one pread(2):
-/// keeps <proc root>/<pid>/statm open and takes its second field (resident
-/// pages) times the page size.  That is the very figure the "VmRSS:" line
-/// of the status file shows in kilobytes, without opening and scanning that
-/// file each time.  The descriptor is reopened after a fork (in the child)
-/// and after SetProcRoot.  Not thread-safe: one reader per caller, used
-/// under the caller's lock.
-class CResidentSizeReader {
-public:
-    CResidentSizeReader();
-    /// @param sampleKey when not negative and equal to the key of the last
-    ///        successful read (and /proc was not switched or forked since),
-    ///        the figure of that read is returned without reading again.
-    ///        The trace passes the millisecond of the entry's time stamp, so
-    ///        that all entries of one printed millisecond share one sample.
-    /// @return true and `kb` = the resident size in kilobytes; false with
-    ///         `kb` unchanged when statm cannot be opened or parsed.
-    bool ReadKilobytes(uint64_t& kb, int64_t sampleKey = -1);
-
-private:
-    UniqueFd m_Fd;
-    unsigned m_Generation = 0;
-    uint64_t m_PageSize = 4096;
-    int64_t m_SampleKey = -1;
-    uint64_t m_SampleKb = 0;
-};

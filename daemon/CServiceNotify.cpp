@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 bool CServiceNotify::TakeFromEnvironment()
 {

@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 namespace tarvdfw {
 

@@ -6,7 +6,7 @@
 #include "FuzzSupport.h"
 
 #include "common/CDataStream.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/HwPaths.h"

@@ -3,7 +3,7 @@
 // again; both dumps must be byte-equal.
 #include "FuzzSupport.h"
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "registry/CRegistry.h"
 #include "registry/CRegistryNode.h"
 

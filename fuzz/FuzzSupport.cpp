@@ -1,6 +1,6 @@
 #include "FuzzSupport.h"
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 #include <cerrno>
 #include <fcntl.h>

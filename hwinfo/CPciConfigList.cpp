@@ -11,7 +11,7 @@
 
 #include "common/ByteReader.h"
 #include "common/CTRString.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "hwinfo/HwPaths.h"
 #include "trace/CDebug.h"
 

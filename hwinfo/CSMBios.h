@@ -10,7 +10,7 @@
 
 #include "common/ByteReader.h"
 #include "common/CDataStream.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 /// The 64-bit SMBIOS 3.0 entry point ("_SM3_", 24 bytes), as raw bytes.
 struct _DMI_30_EPS {

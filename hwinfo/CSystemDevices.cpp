@@ -10,7 +10,7 @@
 
 #include "common/CDataStream.h"
 #include "common/CTRString.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "hwinfo/HwPaths.h"
 #include "trace/CDebug.h"
 #include "trace/CIniFile.h"

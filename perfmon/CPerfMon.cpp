@@ -7,7 +7,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "perfmon/CNetworkInterfaceTable.h"
 #include "perfmon/PerfMonPaths.h"
 #include "perfmon/ProcParse.h"

@@ -8,7 +8,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 namespace perfmon {
 

@@ -1,5 +1,7 @@
 #include "perfmon/ProcParse.h"
 
+#include "common/NumberParse.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -75,20 +77,8 @@ bool ParseU64(const char*& p, const char* end, uint64_t& value)
     const char* q = p;
     while (q < end && (*q == ' ' || *q == '\t'))
         ++q;
-    if (q >= end || *q < '0' || *q > '9')
+    if (!tarvd::ParseDigits(q, end, value))
         return false;
-    uint64_t v = 0;
-    bool saturated = false;
-    for (; q < end && *q >= '0' && *q <= '9'; ++q) {
-        unsigned digit = static_cast<unsigned>(*q - '0');
-        if (saturated || v > (UINT64_MAX - digit) / 10) {
-            saturated = true;
-            v = UINT64_MAX;
-        } else {
-            v = v * 10 + digit;
-        }
-    }
-    value = v;
     p = q;
     return true;
 }

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 namespace perfmon {
 

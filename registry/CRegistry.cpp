@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "trace/CDebug.h"
 
 CRegistryNode* CRegistry::HKEY_LOCAL_MACHINE = nullptr;

@@ -36,7 +36,7 @@ files=(
 printf '%-36s %18s %24s\n' file lines "branches taken"
 for f in "${files[@]}"; do
   name=${f##*/}
-  obj=$(find "$dir/CMakeFiles/tarvd.dir" -name "$name.gcda" | head -1)
+  obj=$(find "$dir/CMakeFiles" -path "*/tarvd_*.dir/*" -name "$name.gcda" | head -1)
   if [[ -z $obj ]]; then
     printf '%-36s %18s\n' "$f" "not run"
     continue

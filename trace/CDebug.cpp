@@ -3,8 +3,8 @@
 // the environment.
 #include "trace/CDebug.h"
 
-#include "common/UniqueFd.h"
-#include "daemon/CProcess.h"
+#include "common/UniqueHandle.h"
+#include "common/ProcStatus.h"
 #include "trace/CDebugEntryHeaderInternal.h"
 #include "trace/CDebugTraceConfigFile.h"
 
@@ -330,8 +330,7 @@ int CDebug::Impl::SetEntryHeader(char* buffer, size_t size, const char* name)
     uint64_t kb = 0;
     const int64_t millisecond = static_cast<int64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
     if (!residentSize.ReadKilobytes(kb, millisecond))
-        CProcess::GetProcessMemorySpecificInfo(static_cast<uint32_t>(getpid()), kb, kMemoryField,
-                                               CProcess::KILOBYTES);
+        tarvd::ReadProcStatusField(static_cast<uint32_t>(getpid()), kMemoryField, 1 /* kilobytes */, kb);
     return traceheader::FormatEntryHeader(buffer, size, timeText, thread, true, kb, column);
 }
 

@@ -1,6 +1,6 @@
 #include "trace/CDebugTraceConfigFile.h"
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 #include <cctype>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "trace/CTraceReader.h"
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 #include <cerrno>
 #include <cstring>

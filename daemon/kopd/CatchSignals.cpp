@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <utmp.h>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "daemon/kopd/Kopd.h"
 #include "trace/CDebug.h"
 

@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 #include "BuildInfo.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "daemon/CFileLock.h"
 #include "daemon/CServiceNotify.h"
 #include "daemon/CSwitchApi.h"

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "common/CCriticalSection.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "daemon/CFileLock.h"
 #include "daemon/CProcess.h"
 #include "support/TestSupport.h"

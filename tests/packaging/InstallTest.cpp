@@ -109,7 +109,7 @@ TEST_F(InstallTest, HeadersManPagesServicesAndExamples)
 {
     std::string inc = In(TEST_INSTALL_INCLUDEDIR) + "/tarvd";
     for (const char* h : {"tarvd_module.h", "framework/tarvd_module.h", "trace/CDebug.h", "trace/CThread.h",
-                          "common/UniqueFd.h", "daemon/CServiceNotify.h", "registry/CRegistry.h"})
+                          "common/UniqueHandle.h", "daemon/CServiceNotify.h", "registry/CRegistry.h"})
         EXPECT_TRUE(FileExists(inc + "/" + h)) << h;
     EXPECT_TRUE(FileExists(In(TEST_INSTALL_MANDIR) + "/man8/kopd.8"));
 

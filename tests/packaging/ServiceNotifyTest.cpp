@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "PackagingTestSupport.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "daemon/CServiceNotify.h"
 #include "support/TestSupport.h"
 

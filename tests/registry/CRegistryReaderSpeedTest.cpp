@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "registry/CRegistryNode.h"
 #include "support/TestSupport.h"
 

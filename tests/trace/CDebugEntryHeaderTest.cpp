@@ -1,6 +1,7 @@
 // The per-entry shortcuts of the trace header (cached time text, hand-made
 // header line, kept-open resident size) against the plain library calls
 // they replace: the output must be byte for byte the same.
+#include "common/ProcStatus.h"
 #include "daemon/CProcess.h"
 #include "trace/CDebug.h"
 #include "trace/CDebugEntryHeaderInternal.h"

@@ -1,6 +1,6 @@
 #include "tools/common/ToolSupport.h"
 
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "trace/CDebug.h"
 
 #include <cerrno>

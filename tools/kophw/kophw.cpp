@@ -7,7 +7,7 @@
 
 #include "common/ByteReader.h"
 #include "common/CDataStream.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "hwinfo/CPciConfigList.h"
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/CSystemDeviceScan.h"

@@ -4,7 +4,7 @@
 #include "tools/common/ToolSupport.h"
 
 #include "common/CCriticalSection.h"
-#include "common/UniqueFd.h"
+#include "common/UniqueHandle.h"
 #include "registry/CRegistry.h"
 #include "registry/CRegistryNode.h"
 #include "trace/CDebug.h"
