@@ -1,12 +1,8 @@
 #include "common/CDataStream.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
-#include "common/UniqueHandle.h"
+#include "common/FileIO.h"
 
 namespace {
 
@@ -59,32 +55,13 @@ bool CDataStream::ReadFromFile(const char* path, size_t maxSize)
         m_LastError = "CDataStream::ReadFromFile() : Argument file path is empty!";
         return false;
     }
-    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
-    std::vector<uint8_t> content;
-    bool ok = fd.Valid();
-    if (ok) {
-        uint8_t chunk[16384];
-        while (content.size() < maxSize) {
-            size_t want = sizeof chunk;
-            if (maxSize - content.size() < want)
-                want = maxSize - content.size();
-            ssize_t got = read(fd.Get(), chunk, want);
-            if (got < 0) {
-                if (errno == EINTR)
-                    continue;
-                ok = false;
-                break;
-            }
-            if (got == 0)
-                break;
-            content.insert(content.end(), chunk, chunk + got);
-        }
-    }
-    if (!ok) {
+    // A file longer than the cap is read up to the cap.
+    std::string text;
+    if (tarvd::ReadFileBounded(path, maxSize, text) != 0) {
         m_LastError = std::string("CDataStream::ReadFromFile() : Could not read file : '") + path + "'";
         return false;
     }
-    m_Data.swap(content);
+    m_Data.assign(text.begin(), text.end());
     m_LastError.clear();
     return true;
 }

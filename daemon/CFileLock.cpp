@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/FileIO.h"
 #include "trace/CDebug.h"
 
 namespace {
@@ -24,7 +25,7 @@ constexpr int kMaxStartOvers = 16;
 
 CFileLock::~CFileLock()
 {
-    if (m_Fd >= 0) {
+    if (m_Fd) {
         DBG_PRINT(5, "\nCFileLock           :   release file lock using file %s", m_LockFileName.c_str());
         // The name goes first, while the lock is still held: an instance
         // waiting in flock() on this file then finds the path no longer
@@ -32,28 +33,17 @@ CFileLock::~CFileLock()
         // could vanish under a waiter that has just taken the lock, and a
         // third instance would create a fresh file and lock that as well.
         unlink(m_LockFileName.c_str());
-        if (m_bLocked) {
-            fsync(m_Fd);
-            flock(m_Fd, LOCK_UN);
-        }
-        close(m_Fd);
-        m_Fd = -1;
-        m_bOpen = false;
-        m_bLocked = false;
+        CloseFile();
     }
 }
 
 void CFileLock::CloseFile()
 {
-    if (m_Fd >= 0) {
-        if (m_bLocked) {
-            fsync(m_Fd);
-            flock(m_Fd, LOCK_UN);
-        }
-        close(m_Fd);
+    if (m_Fd && m_bLocked) {
+        fsync(m_Fd.Get());
+        flock(m_Fd.Get(), LOCK_UN);
     }
-    m_Fd = -1;
-    m_bOpen = false;
+    m_Fd.Reset();
     m_bLocked = false;
 }
 
@@ -80,16 +70,14 @@ bool CFileLock::CreateDirectories(const std::string& dir)
 
 void CFileLock::ReadHolder()
 {
-    int fd = open(m_LockFileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
+    UniqueFd fd(open(m_LockFileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd) {
         m_LastError = errno;
         return;
     }
-    char buffer[kHolderMax];
-    ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n > 0)
-        m_HolderText.assign(buffer, static_cast<size_t>(n));
-    close(fd);
+    std::string text;
+    if (tarvd::ReadFdBounded(fd.Get(), kHolderMax, text) == 0 && !text.empty())
+        m_HolderText = std::move(text);
 }
 
 bool CFileLock::TakeLock(const char* owner)
@@ -97,13 +85,12 @@ bool CFileLock::TakeLock(const char* owner)
     for (int attempt = 0; attempt < kMaxStartOvers; ++attempt) {
         // Not truncated here: the file may still be held by another
         // instance whose identity it holds; it is emptied once ours.
-        int fd = open(m_LockFileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-        if (fd < 0) {
+        m_Fd.Reset(open(m_LockFileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+        if (!m_Fd) {
             m_LastError = errno;
             return false;
         }
-        m_Fd = fd;
-        m_bOpen = true;
+        const int fd = m_Fd.Get();
         m_bLocked = true;
         OnLockFileOpened();
         flock(fd, LOCK_EX);
@@ -168,7 +155,7 @@ bool CFileLock::Lock(const char* name, const char* owner, int waitMs)
         return false;
     }
 
-    if (m_bOpen)
+    if (m_Fd)
         CloseFile();
 
     int retries = RetriesFor(waitMs);
@@ -182,44 +169,7 @@ bool CFileLock::Lock(const char* name, const char* owner, int waitMs)
         lockable = true;
     } else {
         DBG_PRINT(3, "\nCFileLock::Lock     : lockfile %s EXISTS!\n", m_LockFileName.c_str());
-        int fd = open(m_LockFileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-        if (fd < 0) {
-            m_LastError = errno;
-            DBG_PRINT(3, "\nCFileLock::Lock     : Could NOT open lockfile %s\n", m_LockFileName.c_str());
-        } else {
-            m_Fd = fd;
-            m_bOpen = true;
-            DBG_PRINT(3, "\nCFileLock::Lock     : Successfully opened lockfile %s\n", m_LockFileName.c_str());
-            DBG_PRINT(3, "\nCFileLock::Lock     : Trying to lock lockfile %s\n", m_LockFileName.c_str());
-            for (;;) {
-                if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
-                    DBG_PRINT(3, "\nCFileLock::Lock     : Successfully locked lockfile %s\n", m_LockFileName.c_str());
-                    if (flock(fd, LOCK_UN) != 0)
-                        m_LastError = errno;
-                    lockable = true;  // a stale file of a dead process
-                    break;
-                }
-                int err = errno;
-                if (err == kSharingViolation) {
-                    DBG_PRINT(3, "\nCFileLock::Lock     : Error Sharing Violation while trying to lock lockfile %s\n",
-                              m_LockFileName.c_str());
-                    --retries;
-                    usleep(100000);
-                    if (retries < 1)
-                        break;
-                    continue;
-                }
-                m_LastError = err;
-                DBG_PRINT(3, "\nCFileLock::Lock     : Could NOT lock lockfile %s\n", m_LockFileName.c_str());
-                break;
-            }
-            close(fd);
-            m_Fd = -1;
-            m_bOpen = false;
-            m_bLocked = false;
-            if (lockable)
-                DBG_PRINT(3, "\nCFileLock::Lock     : fileIsLockable = %s\n", "true");
-        }
+        lockable = ProbeExisting(retries);
     }
 
     if (lockable)
@@ -228,8 +178,44 @@ bool CFileLock::Lock(const char* name, const char* owner, int waitMs)
     DBG_PRINT(3, "\nCFileLock::Lock     : fileIsLockable = %s\n", "false");
     m_HolderText.clear();
     ReadHolder();
-    m_Fd = -1;
-    m_bOpen = false;
-    m_bLocked = false;
     return false;
+}
+
+bool CFileLock::ProbeExisting(int retries)
+{
+    UniqueFd fd(open(m_LockFileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd) {
+        m_LastError = errno;
+        DBG_PRINT(3, "\nCFileLock::Lock     : Could NOT open lockfile %s\n", m_LockFileName.c_str());
+        return false;
+    }
+    DBG_PRINT(3, "\nCFileLock::Lock     : Successfully opened lockfile %s\n", m_LockFileName.c_str());
+    DBG_PRINT(3, "\nCFileLock::Lock     : Trying to lock lockfile %s\n", m_LockFileName.c_str());
+    bool lockable = false;
+    for (;;) {
+        if (flock(fd.Get(), LOCK_EX | LOCK_NB) == 0) {
+            DBG_PRINT(3, "\nCFileLock::Lock     : Successfully locked lockfile %s\n", m_LockFileName.c_str());
+            if (flock(fd.Get(), LOCK_UN) != 0)
+                m_LastError = errno;
+            lockable = true;  // a stale file of a dead process
+            break;
+        }
+        int err = errno;
+        if (err == kSharingViolation) {
+            DBG_PRINT(3, "\nCFileLock::Lock     : Error Sharing Violation while trying to lock lockfile %s\n",
+                      m_LockFileName.c_str());
+            --retries;
+            usleep(100000);
+            if (retries < 1)
+                break;
+            continue;
+        }
+        m_LastError = err;
+        DBG_PRINT(3, "\nCFileLock::Lock     : Could NOT lock lockfile %s\n", m_LockFileName.c_str());
+        break;
+    }
+    fd.Reset();
+    if (lockable)
+        DBG_PRINT(3, "\nCFileLock::Lock     : fileIsLockable = %s\n", "true");
+    return lockable;
 }

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "common/UniqueHandle.h"
+
 class CFileLock {
 public:
     CFileLock() = default;
@@ -39,11 +41,13 @@ protected:
 private:
     bool CreateDirectories(const std::string& dir);
     void CloseFile();
+    /// Whether an existing lock file is free to take (its holder is gone),
+    /// retrying `retries` times while it is shared.
+    bool ProbeExisting(int retries);
     bool TakeLock(const char* owner);
     void ReadHolder();
 
-    int m_Fd = -1;
-    bool m_bOpen = false;
+    UniqueFd m_Fd;
     bool m_bLocked = false;
     std::string m_LockFileName;
     int m_LastError = 0;

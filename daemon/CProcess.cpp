@@ -1,5 +1,6 @@
 #include "daemon/CProcess.h"
 
+#include "common/FileIO.h"
 #include "common/ProcStatus.h"
 #include "common/UniqueHandle.h"
 
@@ -17,7 +18,7 @@
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <atomic>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -319,18 +320,15 @@ bool CProcess::get_proc_file(uint32_t pid, const char* file, std::string& text)
     if (!file)
         return false;
     std::string path = ProcRoot() + "/" + std::to_string(pid) + "/" + file;
-    UniqueFile f(fopen(path.c_str(), "re"));
-    if (!f)
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
         return false;
-    char line[kProcLineLimit];
-    if (fgets(line, sizeof(line), f.Get()) == nullptr) {
-        text.clear();
-        return true;
-    }
-    size_t len = strlen(line);
-    if (len > 0 && line[len - 1] == '\n')
-        line[--len] = '\0';
-    text.assign(line, len);
+    // A line longer than the limit is cut there; a NUL byte (the word
+    // separator of cmdline) ends the text, as a line feed does.
+    std::string content;
+    if (tarvd::ReadFdBounded(fd.Get(), kProcLineLimit - 1, content) != 0)
+        content.clear();
+    text.assign(content, 0, content.find_first_of(std::string_view("\n\0", 2)));
     return true;
 }
 

@@ -16,19 +16,18 @@ bool CSwitchApi::LoadSwitch()
 {
     if (!m_hLibrary) {
         // RTLD_GLOBAL: the modules the framework loads bind to its symbols.
-        m_hLibrary = dlopen(m_LibraryName.c_str(), RTLD_NOW | RTLD_GLOBAL);
+        m_hLibrary.Reset(dlopen(m_LibraryName.c_str(), RTLD_NOW | RTLD_GLOBAL));
         if (!m_hLibrary) {
             int err = errno;
             const char* text = dlerror();
             DBG_PRINT(1, "LoadLibrary: ## ERROR:  %s\n", text ? text : "");
-            m_hLibrary = nullptr;
             m_LastError = static_cast<uint32_t>(err);
             return m_pInterface != nullptr;
         }
     }
-    m_pfnAddRef = reinterpret_cast<SW_AddRefFn>(dlsym(m_hLibrary, "SW_AddRef"));
-    m_pfnRelease = reinterpret_cast<SW_ReleaseFn>(dlsym(m_hLibrary, "SW_Release"));
-    m_pfnQueryInterface = reinterpret_cast<SW_QueryInterfaceFn>(dlsym(m_hLibrary, "SW_QueryInterface"));
+    m_pfnAddRef = reinterpret_cast<SW_AddRefFn>(dlsym(m_hLibrary.Get(), "SW_AddRef"));
+    m_pfnRelease = reinterpret_cast<SW_ReleaseFn>(dlsym(m_hLibrary.Get(), "SW_Release"));
+    m_pfnQueryInterface = reinterpret_cast<SW_QueryInterfaceFn>(dlsym(m_hLibrary.Get(), "SW_QueryInterface"));
     if (m_pfnQueryInterface) {
         if (!m_pfnQueryInterface(0, &m_pInterface)) {
             m_pInterface = nullptr;
@@ -80,13 +79,7 @@ void CSwitchApi::Release()
     m_pInterface = nullptr;
     if (release)
         release();
-    if (m_hLibrary) {
-        dlclose(m_hLibrary);
-        m_hLibrary = nullptr;
-    }
-    m_pfnAddRef = nullptr;
-    m_pfnRelease = nullptr;
-    m_pfnQueryInterface = nullptr;
+    CloseLibrary();
 }
 
 void CSwitchApi::CloseLibrary()
@@ -96,8 +89,5 @@ void CSwitchApi::CloseLibrary()
     m_pfnAddRef = nullptr;
     m_pfnRelease = nullptr;
     m_pfnQueryInterface = nullptr;
-    if (m_hLibrary) {
-        dlclose(m_hLibrary);
-        m_hLibrary = nullptr;
-    }
+    m_hLibrary.Reset();
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "common/UniqueHandle.h"
 #include "daemon/SwitchInterface.h"
 
 class CSwitchApi {
@@ -36,7 +37,7 @@ public:
     void CloseLibrary();
 
     SwitchInterface* Interface() const { return m_pInterface; }
-    void* Handle() const { return m_hLibrary; }
+    void* Handle() const { return m_hLibrary.Get(); }
     SW_AddRefFn AddRefEntry() const { return m_pfnAddRef; }
     SW_ReleaseFn ReleaseEntry() const { return m_pfnRelease; }
     SW_QueryInterfaceFn QueryInterfaceEntry() const { return m_pfnQueryInterface; }
@@ -47,7 +48,7 @@ private:
     SW_AddRefFn m_pfnAddRef = nullptr;
     SW_ReleaseFn m_pfnRelease = nullptr;
     SW_QueryInterfaceFn m_pfnQueryInterface = nullptr;
-    void* m_hLibrary = nullptr;
+    UniqueLibrary m_hLibrary;
     SwitchInterface* m_pInterface = nullptr;
     uint32_t m_LastError = 0;
     std::string m_LibraryName;

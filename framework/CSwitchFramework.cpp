@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/UniqueHandle.h"
 #include "daemon/SwitchInterface.h"
 #include "framework/ModuleConfig.h"
 #include "framework/tarvd_module.h"
@@ -19,37 +20,9 @@ namespace {
 
 using namespace tarvdfw;
 
-/// Owns a dlopen handle.
-class LibraryHandle {
-public:
-    explicit LibraryHandle(void* h = nullptr) : m_Handle(h) {}
-    LibraryHandle(const LibraryHandle&) = delete;
-    LibraryHandle& operator=(const LibraryHandle&) = delete;
-    LibraryHandle(LibraryHandle&& o) noexcept : m_Handle(std::exchange(o.m_Handle, nullptr)) {}
-    LibraryHandle& operator=(LibraryHandle&& o) noexcept
-    {
-        if (this != &o) {
-            Reset();
-            m_Handle = std::exchange(o.m_Handle, nullptr);
-        }
-        return *this;
-    }
-    ~LibraryHandle() { Reset(); }
-    void Reset()
-    {
-        if (m_Handle)
-            dlclose(m_Handle);
-        m_Handle = nullptr;
-    }
-    void* Get() const { return m_Handle; }
-
-private:
-    void* m_Handle;
-};
-
 struct Module {
     ModuleDescriptor desc;
-    LibraryHandle library;
+    UniqueLibrary library;
     const TarvdModuleV1* table = nullptr;
     bool started = false;
 };
@@ -254,7 +227,7 @@ private:
         m->desc = std::move(desc);
         const char* name = m->desc.name.c_str();
         // RTLD_LOCAL: modules do not see each other's symbols.
-        LibraryHandle lib(dlopen(m->desc.library.c_str(), RTLD_NOW | RTLD_LOCAL));
+        UniqueLibrary lib(dlopen(m->desc.library.c_str(), RTLD_NOW | RTLD_LOCAL));
         if (!lib.Get()) {
             const char* e = dlerror();
             DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s: cannot load %s: %s -> skipped", name,

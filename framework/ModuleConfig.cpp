@@ -1,6 +1,7 @@
 #include "framework/ModuleConfig.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/FileIO.h"
+#include "common/NumberParse.h"
 #include "common/UniqueHandle.h"
 
 namespace tarvdfw {
@@ -25,14 +28,25 @@ std::string Trim(const std::string& s)
     return s.substr(b, e - b + 1);
 }
 
+/// A decimal number as strtol reads it (leading blanks, an optional sign),
+/// taking the whole text, in [min, max].
 bool ParseNumber(const std::string& text, long min, long max, long& value)
 {
+    // Eleven characters cannot overflow a long: no clamping to care about.
     if (text.empty() || text.size() > 11)
         return false;
-    char* end = nullptr;
-    errno = 0;
-    long v = strtol(text.c_str(), &end, 10);
-    if (errno != 0 || !end || *end != '\0' || v < min || v > max)
+    const char* p = text.c_str();
+    const char* end = p + text.size();
+    while (p < end && isspace(static_cast<unsigned char>(*p)))
+        ++p;
+    const bool negative = p < end && *p == '-';
+    if (p < end && (*p == '-' || *p == '+'))
+        ++p;
+    uint64_t magnitude = 0;
+    if (!tarvd::ParseDigits(p, end, magnitude) || p != end)
+        return false;
+    const long v = negative ? -static_cast<long>(magnitude) : static_cast<long>(magnitude);
+    if (v < min || v > max)
         return false;
     value = v;
     return true;
@@ -76,23 +90,16 @@ bool ReadBounded(const std::string& path, std::string& text, std::string& error)
         error = "cannot open " + path + ": " + strerror(errno);
         return false;
     }
-    char buffer[4096];
-    for (;;) {
-        ssize_t n = read(fd.Get(), buffer, sizeof buffer);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            error = "cannot read " + path + ": " + strerror(errno);
-            return false;
-        }
-        if (n == 0)
-            return true;
-        if (text.size() + static_cast<size_t>(n) > kMaxConfigSize) {
-            error = path + " is larger than " + std::to_string(kMaxConfigSize) + " bytes";
-            return false;
-        }
-        text.append(buffer, static_cast<size_t>(n));
+    bool cut = false;
+    if (int err = tarvd::ReadFdBounded(fd.Get(), kMaxConfigSize, text, &cut); err != 0) {
+        error = "cannot read " + path + ": " + strerror(err);
+        return false;
     }
+    if (cut) {
+        error = path + " is larger than " + std::to_string(kMaxConfigSize) + " bytes";
+        return false;
+    }
+    return true;
 }
 
 } // namespace

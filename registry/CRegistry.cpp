@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 #include "trace/CDebug.h"
 
@@ -87,42 +88,68 @@ char* DupOrNull(const char* text)
     return text ? strdup(text) : nullptr;
 }
 
-int SystemOpen(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
-ssize_t SystemWrite(int fd, const void* data, size_t size) { return ::write(fd, data, size); }
-int SystemFsync(int fd) { return ::fsync(fd); }
-int SystemRename(const char* from, const char* to) { return ::rename(from, to); }
+// The save writes in pieces of this size, so that a large tree takes several
+// writes (and a fault test can fail any one of them).
+constexpr size_t kWritePiece = 4096;
 
-CRegistry::FileOps& Ops()
+tarvd::FileOps& Ops()
 {
-    static CRegistry::FileOps ops{SystemOpen, SystemWrite, SystemFsync, SystemRename};
+    static tarvd::FileOps ops = tarvd::SystemFileOps();
     return ops;
 }
 
-// Writes all of `size` bytes; false (errno set) on the first failed write.
-bool WriteAll(int fd, const char* data, size_t size)
+/// The tree as the registry file holds it, made in memory so that the file
+/// itself is written by plain writes whose every failure is seen.
+bool FormatTree(const CRegistryNode& root, std::string& text)
 {
-    // In pieces, so that a large tree is written by several calls.
-    constexpr size_t kPiece = 4096;
-    while (size > 0) {
-        ssize_t w = Ops().write(fd, data, size < kPiece ? size : kPiece);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0) {
-            if (w == 0)
-                errno = EIO;
-            return false;
-        }
-        data += w;
-        size -= static_cast<size_t>(w);
-    }
-    return true;
+    char* buffer = nullptr;
+    size_t length = 0;
+    UniqueFile mem(open_memstream(&buffer, &length));
+    bool ok = mem && root.dumpNode(mem.Get());
+    if (mem && fclose(mem.Release()) != 0)
+        ok = false;
+    std::unique_ptr<char, decltype(&free)> owner(buffer, &free);
+    if (ok && buffer != nullptr)
+        text.assign(buffer, length);
+    return ok;
 }
 
-void FsyncDirectory(const std::string& dir)
+/// Traces a failure the save went on after.
+void TraceSaveWarning(void* context, tarvd::AtomicWrite::Step step, const std::string& path, int err)
 {
-    UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd || fsync(fd.Get()) != 0)
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot synchronise directory \"%s\": %s\n", dir.c_str(), strerror(errno));
+    const auto& s = *static_cast<const TreeState*>(context);
+    switch (step) {
+    case tarvd::AtomicWrite::kMode:
+        DBG_PRINT(1, "CRegistry: ERROR: Cannot set the mode of \"%s\": %s\n", path.c_str(), strerror(err));
+        break;
+    case tarvd::AtomicWrite::kBackup:
+        DBG_PRINT(1, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", s.current.c_str(), s.backup.c_str(),
+                  strerror(err));
+        break;
+    case tarvd::AtomicWrite::kSyncDir:
+        DBG_PRINT(1, "CRegistry: ERROR: Cannot synchronise directory \"%s\": %s\n", path.c_str(), strerror(err));
+        break;
+    default:
+        break;
+    }
+}
+
+/// Traces the failure that stopped the save.
+void TraceSaveFailure(const TreeState& s, const tarvd::AtomicWrite& w)
+{
+    const char* fresh = s.fresh.c_str();
+    switch (w.failedStep) {
+    case tarvd::AtomicWrite::kOpen:
+        DBG_PRINT(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", fresh);
+        break;
+    case tarvd::AtomicWrite::kReplace:
+        DBG_PRINT(1, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", fresh, s.current.c_str(),
+                  strerror(w.failedErrno));
+        break;
+    default:  // the write, its fsync or the close
+        DBG_PRINT(1, "CRegistry: ERROR: Cannot write \"%s\": %s\n", fresh, strerror(w.failedErrno));
+        break;
+    }
 }
 
 } // namespace
@@ -304,59 +331,29 @@ bool CRegistry::SaveTree()
     // being written marks the tree dirty again and is saved next time.
     s.dirty = false;
 
-    // The text is made in memory first, so that the file is written by
-    // plain writes whose every failure is seen.
-    char* text = nullptr;
-    size_t textLen = 0;
-    FILE* mem = open_memstream(&text, &textLen);
-    bool ok = mem != nullptr && s.root.dumpNode(mem);
-    if (mem != nullptr && fclose(mem) != 0)
-        ok = false;
-    std::unique_ptr<char, decltype(&free)> textOwner(text, &free);
-    if (!ok) {
+    std::string text;
+    if (!FormatTree(s.root, text)) {
         DBG_PRINT(1, "CRegistry: ERROR: Cannot format the tree for \"%s\"\n", s.fresh.c_str());
         s.dirty = true;
         return false;
     }
-
-    UniqueFd fd(Ops().open(s.fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
-    if (!fd) {
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", s.fresh.c_str());
+    // The new file is complete on disk before it replaces anything, and an
+    // empty or missing current file is not kept as backup, so that a crash
+    // at any moment leaves a whole current or backup file.
+    tarvd::AtomicWrite write;
+    write.path = s.current;
+    write.tempPath = s.fresh;
+    write.backupPath = s.backup;
+    write.mode = kFileMode;
+    write.piece = kWritePiece;
+    write.ops = &Ops();
+    write.onWarning = TraceSaveWarning;
+    write.warningContext = &s;
+    if (!write.Write(text.data(), text.size())) {
+        TraceSaveFailure(s, write);
         s.dirty = true;
         return false;
     }
-    // The new file must be complete on disk before it replaces anything, so
-    // that a crash at any moment leaves a whole current or backup file.
-    ok = WriteAll(fd.Get(), text, textLen) && Ops().fsync(fd.Get()) == 0;
-    int err = errno;
-    if (ok && fchmod(fd.Get(), kFileMode) != 0)
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot set the mode of \"%s\": %s\n", s.fresh.c_str(), strerror(errno));
-    if (close(fd.Release()) != 0 && ok) {
-        ok = false;
-        err = errno;
-    }
-    if (!ok) {
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot write \"%s\": %s\n", s.fresh.c_str(), strerror(err));
-        s.dirty = true;
-        return false;
-    }
-
-    // An empty or missing current file is not kept as backup.
-    struct stat st {};
-    if (stat(s.current.c_str(), &st) == 0 && st.st_size > 0) {
-        if (Ops().rename(s.current.c_str(), s.backup.c_str()) != 0)
-            DBG_PRINT(1, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", s.current.c_str(),
-                      s.backup.c_str(), strerror(errno));
-    }
-    if (Ops().rename(s.fresh.c_str(), s.current.c_str()) != 0) {
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", s.fresh.c_str(), s.current.c_str(),
-                  strerror(errno));
-        s.dirty = true;
-        return false;
-    }
-    if (chmod(s.current.c_str(), kFileMode) != 0)
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot set the mode of \"%s\": %s\n", s.current.c_str(), strerror(errno));
-    FsyncDirectory(s.directory);
     // The file now holds the tree in memory.  A tree that could not be
     // loaded at start-up would otherwise be "loaded" from this very file by
     // the next handle: restoring it replaces every root key's subtree with
@@ -372,9 +369,9 @@ void CRegistry::SetFileOps(const FileOps* ops)
     TreeState& s = State();
     CCriticalSectionLock lock(s.lock);
     if (ops != nullptr)
-        Ops() = *ops;
+        Ops() = tarvd::FileOps{ops->open, ops->write, ops->fsync, ops->rename};
     else
-        Ops() = FileOps{SystemOpen, SystemWrite, SystemFsync, SystemRename};
+        Ops() = tarvd::SystemFileOps();
 }
 
 void CRegistry::ResetForTests()

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/NumberParse.h"
 #include "trace/CDebug.h"
 
 namespace {
@@ -30,27 +31,19 @@ char* CopyText(const char* text)
 /// to strtol itself.
 bool PlainHex(const char* p, long& value, const char*& end)
 {
+    // At most 15 digits: a long cannot overflow, so strtol's clamping never
+    // comes into play on this path.
+    constexpr ptrdiff_t kMaxPlainDigits = 15;
     while (isspace(static_cast<unsigned char>(*p)))
         ++p;
     if (*p == '0' && (p[1] == 'x' || p[1] == 'X'))
         return false;
-    auto digit = [](char c) -> int {
-        if (c >= '0' && c <= '9')
-            return c - '0';
-        if (c >= 'a' && c <= 'f')
-            return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F')
-            return c - 'A' + 10;
-        return -1;
-    };
-    long v = 0;
-    int n = 0;
-    for (int d; n < 15 && (d = digit(p[n])) >= 0; ++n)
-        v = v * 16 + d;
-    if (n == 0 || digit(p[n]) >= 0)
+    const char* q = p;
+    uint64_t v = 0;
+    if (!tarvd::ParseDigits(q, p + strnlen(p, kMaxPlainDigits + 1), v, 16) || q - p > kMaxPlainDigits)
         return false;  // no digits (or a sign), or too long to be sure of no overflow
-    value = v;
-    end = p + n;
+    value = static_cast<long>(v);
+    end = q;
     return true;
 }
 

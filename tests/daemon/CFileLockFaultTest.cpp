@@ -30,13 +30,11 @@ namespace {
 int OpenDescriptorCount()
 {
     int count = 0;
-    DIR* d = opendir("/proc/self/fd");
+    UniqueDir d(opendir("/proc/self/fd"));
     if (!d)
         return -1;
-    while (dirent* e = readdir(d))
-        if (e->d_name[0] != '.')
-            ++count;
-    closedir(d);
+    while (dirent* e = readdir(d.Get()))
+        count += e->d_name[0] != '.';
     return count - 1;  // the directory's own descriptor
 }
 

@@ -1,7 +1,7 @@
 // Saves of the registry that fail at every single write, fsync and rename:
 // a failed save keeps the tree dirty and leaves files from which the
 // previous tree still loads.  Also: files planted as symbolic links.
-#include "RegistryTestSupport.h"
+#include "support/RegistryFixture.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -18,40 +18,18 @@ int g_failKind = -1;
 int g_failAt = 0;
 int g_calls[kKinds];
 
-bool Hit(Kind k) { return ++g_calls[k] == g_failAt && g_failKind == k; }
-
-int FaultOpen(const char* path, int flags, mode_t mode)
+// True (errno set to `err`) when this call of kind `k` is the one to fail.
+bool Fail(Kind k, int err)
 {
-    if (Hit(kOpen)) {
-        errno = EACCES;
-        return -1;
-    }
-    return open(path, flags, mode);
+    if (++g_calls[k] != g_failAt || g_failKind != k)
+        return false;
+    errno = err;
+    return true;
 }
-ssize_t FaultWrite(int fd, const void* data, size_t size)
-{
-    if (Hit(kWrite)) {
-        errno = ENOSPC;
-        return -1;
-    }
-    return write(fd, data, size);
-}
-int FaultFsync(int fd)
-{
-    if (Hit(kFsync)) {
-        errno = EIO;
-        return -1;
-    }
-    return fsync(fd);
-}
-int FaultRename(const char* from, const char* to)
-{
-    if (Hit(kRename)) {
-        errno = EXDEV;
-        return -1;
-    }
-    return rename(from, to);
-}
+int FaultOpen(const char* path, int flags, mode_t mode) { return Fail(kOpen, EACCES) ? -1 : open(path, flags, mode); }
+ssize_t FaultWrite(int fd, const void* data, size_t size) { return Fail(kWrite, ENOSPC) ? -1 : write(fd, data, size); }
+int FaultFsync(int fd) { return Fail(kFsync, EIO) ? -1 : fsync(fd); }
+int FaultRename(const char* from, const char* to) { return Fail(kRename, EXDEV) ? -1 : rename(from, to); }
 const CRegistry::FileOps kFaultOps{FaultOpen, FaultWrite, FaultFsync, FaultRename};
 
 class CRegistryFaultTest : public RegistryTest {
@@ -113,9 +91,7 @@ TEST_F(CRegistryFaultTest, FailureAtEveryFileOperationKeepsTheTreeDirtyAndTheFil
             // Only a failed backup rotation lets the save go on.
             const bool saved = kind == kRename && at == 1;
             EXPECT_EQ(!saved, CRegistry::IsDirty());
-            if (saved) {
-                ++gen;
-            }
+            gen += saved ? 1 : 0;
             EXPECT_EQ(gen, LoadedGeneration());
             // The next save succeeds and is what a load then gives.
             std::fill(std::begin(g_calls), std::end(g_calls), 0);

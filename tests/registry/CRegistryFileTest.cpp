@@ -2,7 +2,7 @@
 #include <string>
 #include <sys/stat.h>
 
-#include "RegistryTestSupport.h"
+#include "support/RegistryFixture.h"
 
 using testsupport::FileExists;
 using testsupport::ReadFile;

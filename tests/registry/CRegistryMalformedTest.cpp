@@ -1,6 +1,6 @@
 // Malformed lines of the registry file and exactly what the tree holds
 // after reading them.
-#include "RegistryTestSupport.h"
+#include "support/RegistryFixture.h"
 
 #include "registry/CRegistryNode.h"
 

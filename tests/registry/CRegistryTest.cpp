@@ -3,7 +3,7 @@
 #include <thread>
 #include <vector>
 
-#include "RegistryTestSupport.h"
+#include "support/RegistryFixture.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include "tools/common/ToolSupport.h"
 
 #include "common/CCriticalSection.h"
+#include "common/NumberParse.h"
 #include "common/UniqueHandle.h"
 #include "registry/CRegistry.h"
 #include "registry/CRegistryNode.h"
@@ -111,7 +112,7 @@ bool ParseHex(const std::string& text, std::vector<unsigned char>& out)
     for (char c : text) {
         if (c == ' ' || c == ':' || c == ',' || c == '\t')
             continue;
-        if (!isxdigit(static_cast<unsigned char>(c)))
+        if (tarvd::HexDigitValue(c) < 0)
             return false;
         digits += c;
     }
@@ -119,7 +120,7 @@ bool ParseHex(const std::string& text, std::vector<unsigned char>& out)
         return false;
     out.clear();
     for (size_t i = 0; i < digits.size(); i += 2)
-        out.push_back(static_cast<unsigned char>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
+        out.push_back(static_cast<unsigned char>(tarvd::HexDigitValue(digits[i]) * 16 + tarvd::HexDigitValue(digits[i + 1])));
     return true;
 }
 
@@ -324,13 +325,11 @@ int CmdGet(const Options& o)
     return tools::kExitOk;
 }
 
-int CmdSet(const Options& o)
+/// The bytes and type code of `set`'s DATA for `--type`; a usage error's
+/// exit status when they do not fit.
+int ParseValueData(const Options& o, std::vector<unsigned char>& bytes, unsigned int& type)
 {
-    if (o.args.size() != 4)
-        return tools::UsageError("usage: set KEY VALUE --type s|es|b|d DATA");
     const std::string& data = o.args[3];
-    std::vector<unsigned char> bytes;
-    unsigned int type = 0;
     if (o.type == "s" || o.type == "es") {
         type = o.type == "s" ? RegString : RegExpandString;
         if (data.find('\n') != std::string::npos)
@@ -361,6 +360,17 @@ int CmdSet(const Options& o)
     } else {
         return tools::UsageError("unknown value type '%s' (s, es, b or d)", o.type.c_str());
     }
+    return tools::kExitOk;
+}
+
+int CmdSet(const Options& o)
+{
+    if (o.args.size() != 4)
+        return tools::UsageError("usage: set KEY VALUE --type s|es|b|d DATA");
+    std::vector<unsigned char> bytes;
+    unsigned int type = 0;
+    if (int rc = ParseValueData(o, bytes, type); rc != tools::kExitOk)
+        return rc;
     if (o.args[2].empty() || o.args[2].find('=') != std::string::npos)
         return tools::UsageError("a value name must not be empty or contain '='");
     CRegistry reg;
@@ -460,12 +470,10 @@ int CmdImport(const Options& o)
     return Save();
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+/// Reads the options and arguments into `o`.  @return -1 to go on, else
+/// the exit status (help shown, or a usage error).
+int ParseArguments(int argc, char** argv, Options& o)
 {
-    tools::ToolInit("kopreg");
-    Options o;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -490,6 +498,17 @@ int main(int argc, char** argv)
     }
     if (o.args.empty())
         return tools::UsageError("no command given");
+    return -1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    tools::ToolInit("kopreg");
+    Options o;
+    if (int rc = ParseArguments(argc, argv, o); rc >= 0)
+        return rc;
     const std::string& cmd = o.args[0];
     static const struct {
         const char* name;

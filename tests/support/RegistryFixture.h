@@ -1,5 +1,6 @@
-// Fixture of the registry tests: every test gets its own registry directory
-// and a fresh class-wide tree.
+// The registry tests' fixture: every test gets its own registry directory
+// and a fresh class-wide tree.  Header-only: it is included by the test
+// programs that use it, never linked into the others.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,10 +23,10 @@ protected:
         // nothing after this test can reach the machine's registry.
         CRegistry::SetRegistryDirectory((m_Dir.Path() + "/gone").c_str());
     }
-    std::string Current() const { return m_Dir.Sub("registry"); }
-    std::string Backup() const { return m_Dir.Sub("registry.old"); }
-    std::string Default() const { return m_Dir.Sub("registry.default"); }
-    std::string New() const { return m_Dir.Sub("registry.new"); }
+    std::string Current() const { return m_Dir.Sub(CRegistry::kCurrentName); }
+    std::string Backup() const { return m_Dir.Sub(CRegistry::kBackupName); }
+    std::string Default() const { return m_Dir.Sub(CRegistry::kDefaultName); }
+    std::string New() const { return m_Dir.Sub(CRegistry::kNewName); }
     /// Drops the tree so that the next handle loads from the files.
     static void Reload() { CRegistry::ResetForTests(); }
 
