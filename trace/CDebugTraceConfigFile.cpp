@@ -1,6 +1,6 @@
 #include "trace/CDebugTraceConfigFile.h"
 
-#include "common/UniqueHandle.h"
+#include "common/FileIO.h"
 
 #include <cctype>
 #include <cstdlib>
@@ -52,14 +52,14 @@ bool CDebugTraceConfigFile::OpenSectionInIniFile(const char* section, const char
     }
 
     // The whole file plus zeroed slack, so that the text is always NUL-terminated.
-    std::vector<char> text(static_cast<size_t>(m_FileSize) + kTextSlack, '\0');
-    {
-        UniqueFile f(fopen(m_Path.c_str(), "re"));
-        if (!f || fread(text.data(), 1, static_cast<size_t>(m_FileSize), f.Get()) != m_FileSize) {
-            CloseSectionInIniFile();
-            return false;
-        }
+    std::string content;
+    if (tarvd::ReadFileBounded(m_Path.c_str(), static_cast<size_t>(m_FileSize), content) != 0 ||
+        content.size() != m_FileSize) {
+        CloseSectionInIniFile();
+        return false;
     }
+    std::vector<char> text(content.size() + kTextSlack, '\0');
+    memcpy(text.data(), content.data(), content.size());
     m_Text.swap(text);
     char* begin = m_Text.data();
     char* end = begin + m_FileSize; // NUL slack follows
