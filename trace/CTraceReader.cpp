@@ -1,5 +1,6 @@
 #include "trace/CTraceReader.h"
 
+#include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 
 #include <cerrno>
@@ -201,17 +202,10 @@ bool CTraceReader::ReadWholeFile(const std::string& path, std::string& content)
     struct stat st;
     if (fstat(fd.Get(), &st) != 0 || st.st_size < 0 || static_cast<uint64_t>(st.st_size) > kFileSizeLimit)
         return false;
-    content.resize(static_cast<size_t>(st.st_size));
-    size_t got = 0;
-    while (got < content.size()) {
-        ssize_t r = read(fd.Get(), content.data() + got, content.size() - got);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            break;
-        got += static_cast<size_t>(r);
-    }
-    content.resize(got);
+    // A file that cannot be read (a directory) reads as empty.
+    bool cut = false;
+    if (tarvd::ReadFdBounded(fd.Get(), static_cast<size_t>(st.st_size), content, &cut) != 0)
+        content.clear();
     return true;
 }
 
