@@ -1,6 +1,6 @@
 #include "trace/CDebugTraceConfigFile.h"
 
-#include "common/UniqueHandle.h"
+#include "common/FileIO.h"
 
 #include <cctype>
 #include <cstdlib>
@@ -52,44 +52,54 @@ bool CDebugTraceConfigFile::OpenSectionInIniFile(const char* section, const char
     }
 
     // The whole file plus zeroed slack, so that the text is always NUL-terminated.
-    std::vector<char> text(static_cast<size_t>(m_FileSize) + kTextSlack, '\0');
-    {
-        UniqueFile f(fopen(m_Path.c_str(), "re"));
-        if (!f || fread(text.data(), 1, static_cast<size_t>(m_FileSize), f.Get()) != m_FileSize) {
-            CloseSectionInIniFile();
-            return false;
-        }
+    std::string content;
+    if (tarvd::ReadFileBounded(m_Path.c_str(), static_cast<size_t>(m_FileSize), content) != 0 ||
+        content.size() != m_FileSize) {
+        CloseSectionInIniFile();
+        return false;
     }
+    std::vector<char> text(content.size() + kTextSlack, '\0');
+    memcpy(text.data(), content.data(), content.size());
     m_Text.swap(text);
     char* begin = m_Text.data();
     char* end = begin + m_FileSize; // NUL slack follows
 
-    // The last section header must be [EndOfFile]; a file cut short by an
-    // interrupted copy would otherwise be taken for a valid one.
-    char* close = end;
-    while (close > begin && *(close - 1) != ']')
-        --close;
-    if (close == begin) {
+    end = CutAtEndOfFile(begin, end);
+    if (!end || !FindSection(begin, end, section)) {
         CloseSectionInIniFile();
         return false;
     }
+    return true;
+}
+
+// The last section header must be [EndOfFile]; a file cut short by an
+// interrupted copy would otherwise be taken for a valid one.  Returns where
+// the text before that header ends (the header is cut off), or null.
+char* CDebugTraceConfigFile::CutAtEndOfFile(char* begin, char* end)
+{
+    char* close = end;
+    while (close > begin && *(close - 1) != ']')
+        --close;
+    if (close == begin)
+        return nullptr;
     char* closeBracket = close - 1;
     *closeBracket = '\0';
     char* open = closeBracket;
     while (open > begin && *(open - 1) != '[')
         --open;
-    if (open == begin) {
-        CloseSectionInIniFile();
-        return false;
-    }
+    if (open == begin)
+        return nullptr;
     char* openBracket = open - 1;
-    if (strcasecmp(open, kEndOfFileSection) != 0) {
-        CloseSectionInIniFile();
-        return false;
-    }
+    if (strcasecmp(open, kEndOfFileSection) != 0)
+        return nullptr;
     *openBracket = '\0';
-    end = openBracket;
+    return openBracket;
+}
 
+// Finds [section] (without regard to case) in [begin, end) and cuts the text
+// at the next header.
+bool CDebugTraceConfigFile::FindSection(char* begin, char* end, const char* section)
+{
     const size_t sectionLen = strlen(section);
     for (char* p = begin; p < end; ++p) {
         if (*p != '[')
@@ -107,7 +117,6 @@ bool CDebugTraceConfigFile::OpenSectionInIniFile(const char* section, const char
         }
         p = nameEnd;
     }
-    CloseSectionInIniFile();
     return false;
 }
 

@@ -48,6 +48,9 @@ public:
     }
 
 private:
+    static char* CutAtEndOfFile(char* begin, char* end);
+    bool FindSection(char* begin, char* end, const char* section);
+
     std::vector<char> m_Text;
     char* m_SectionStart = nullptr;
     char* m_SectionEnd = nullptr;

@@ -201,27 +201,38 @@ bool WriteProfile(const char* section, const char* key, const char* value, const
 
 } // namespace
 
-unsigned GetPrivateProfileString(const char* section, const char* key, const char* defaultValue, char* buffer,
-                                 unsigned size, const char* fileName)
-{
-    if (buffer == nullptr || fileName == nullptr || size == 0)
-        return 0;
-    buffer[0] = '\0';
-    const bool allGiven = section != nullptr && key != nullptr && defaultValue != nullptr;
-    UniqueFile f(fopen(fileName, "re"));
-    if (!f) {
-        DBG_PRINT(4, "GetPrivateProfileString: Cannot open %s\n", fileName);
-        return allGiven ? CopyCut(defaultValue, buffer, size) : 0;
-    }
+namespace {
 
-    const bool list = section == nullptr || key == nullptr;
-    const long limit = static_cast<long>(size) - 2;  // a list stops here
-    const size_t sectionLen = section ? strlen(section) : 0;
+// Strips leading blanks, the comment after ';' and trailing blanks; null
+// for a blank or comment line.
+char* ProfileLineContent(char* line)
+{
+    char* p = line;
+    while (*p != '\0' && IsSpace(*p))
+        ++p;
+    if (*p == '\0' || *p == ';')
+        return nullptr;
+    if (char* semi = strchr(p, ';'))
+        *semi = '\0';
+    size_t n = strlen(p);
+    while (n > 0 && IsSpace(p[n - 1]))
+        p[--n] = '\0';
+    return p;
+}
+
+// What GetPrivateProfileString puts into the caller's buffer: one value, or
+// a list of NUL-separated names (of sections or keys) ending in two NULs.
+struct ProfileResult {
+    char* buffer;
+    unsigned size;
+    long limit;  // a list stops here
     long stored = 0;
     bool filled = false;
-    bool inSection = false;
 
-    auto appendName = [&](const char* name) {
+    ProfileResult(char* b, unsigned s) : buffer(b), size(s), limit(static_cast<long>(s) - 2) {}
+
+    void AppendName(const char* name)
+    {
         size_t len = strlen(name);
         for (size_t i = 0; i <= len; ++i) {
             if (stored >= limit) {
@@ -232,52 +243,10 @@ unsigned GetPrivateProfileString(const char* section, const char* key, const cha
         }
         if (stored >= limit)
             filled = true;
-    };
+    }
 
-    char line[kLineSize];
-    while (stored < limit && fgets(line, sizeof line, f.Get()) != nullptr) {
-        char* p = line;
-        while (*p != '\0' && IsSpace(*p))
-            ++p;
-        if (*p == '\0' || *p == ';')
-            continue;
-        if (char* semi = strchr(p, ';'))
-            *semi = '\0';
-        size_t n = strlen(p);
-        while (n > 0 && IsSpace(p[n - 1]))
-            p[--n] = '\0';
-
-        if (*p == '[') {
-            if (inSection)
-                break;
-            if (section == nullptr) {
-                char* close = strchr(p, ']');
-                if (close == nullptr)
-                    continue;
-                *close = '\0';
-                appendName(p + 1);
-                continue;
-            }
-            if (strncmp(p + 1, section, sectionLen) == 0 && p[1 + sectionLen] == ']')
-                inSection = true;
-            continue;
-        }
-        if (!inSection)
-            continue;
-        char* eq = strchr(p, '=');
-        if (eq == nullptr)
-            continue;
-        char* value = eq + 1;
-        char* keyEnd = eq;
-        while (keyEnd > p && IsSpace(keyEnd[-1]))
-            --keyEnd;
-        *keyEnd = '\0';
-        if (key == nullptr) {
-            appendName(p);
-            continue;
-        }
-        if (strcmp(p, key) != 0)
-            continue;
+    void TakeValue(char* value)
+    {
         while (*value != '\0' && IsSpace(*value))
             ++value;
         size_t len = strlen(value);
@@ -290,10 +259,11 @@ unsigned GetPrivateProfileString(const char* section, const char* key, const cha
             memcpy(buffer, value, len + 1);
             stored = static_cast<long>(len);
         }
-        break;
     }
 
-    if (stored > 0) {
+    // The length returned for what was stored (stored > 0).
+    unsigned Finish(bool list)
+    {
         if (list) {
             if (filled) {
                 buffer[size - 2] = '\0';
@@ -309,6 +279,69 @@ unsigned GetPrivateProfileString(const char* section, const char* key, const cha
             buffer[stored + 1] = '\0';
         return static_cast<unsigned>(stored);
     }
+};
+
+// Reads the file line by line into `out`.  Ends at the end of the wanted
+// section, when the key was found or when a list is full.
+void ScanProfile(FILE* f, const char* section, const char* key, ProfileResult& out)
+{
+    const size_t sectionLen = section ? strlen(section) : 0;
+    bool inSection = false;
+    char line[kLineSize];
+    while (out.stored < out.limit && fgets(line, sizeof line, f) != nullptr) {
+        char* p = ProfileLineContent(line);
+        if (p == nullptr)
+            continue;
+        if (*p == '[') {
+            if (inSection)
+                break;
+            if (section == nullptr) {
+                if (char* close = strchr(p, ']')) {
+                    *close = '\0';
+                    out.AppendName(p + 1);
+                }
+                continue;
+            }
+            if (strncmp(p + 1, section, sectionLen) == 0 && p[1 + sectionLen] == ']')
+                inSection = true;
+            continue;
+        }
+        char* eq = inSection ? strchr(p, '=') : nullptr;
+        if (eq == nullptr)
+            continue;
+        char* keyEnd = eq;
+        while (keyEnd > p && IsSpace(keyEnd[-1]))
+            --keyEnd;
+        *keyEnd = '\0';
+        if (key == nullptr) {
+            out.AppendName(p);
+            continue;
+        }
+        if (strcmp(p, key) != 0)
+            continue;
+        out.TakeValue(eq + 1);
+        break;
+    }
+}
+
+} // namespace
+
+unsigned GetPrivateProfileString(const char* section, const char* key, const char* defaultValue, char* buffer,
+                                 unsigned size, const char* fileName)
+{
+    if (buffer == nullptr || fileName == nullptr || size == 0)
+        return 0;
+    buffer[0] = '\0';
+    const bool allGiven = section != nullptr && key != nullptr && defaultValue != nullptr;
+    UniqueFile f(fopen(fileName, "re"));
+    if (!f) {
+        DBG_PRINT(4, "GetPrivateProfileString: Cannot open %s\n", fileName);
+        return allGiven ? CopyCut(defaultValue, buffer, size) : 0;
+    }
+    ProfileResult out(buffer, size);
+    ScanProfile(f.Get(), section, key, out);
+    if (out.stored > 0)
+        return out.Finish(section == nullptr || key == nullptr);
     if (size > 1)
         buffer[1] = '\0';
     return allGiven ? CopyCut(defaultValue, buffer, size) : 0;

@@ -70,6 +70,35 @@ bool CThread::IsAlive() const
     return !m_Shared->finished;
 }
 
+namespace {
+
+// Round-robin real-time scheduling at `priority` for a new thread.
+bool SetRealTimePriority(pthread_attr_t& attr, unsigned int priority)
+{
+    DBG_PRINT(2, "\nThreadPrio=%d", priority);
+    int rc = pthread_attr_setschedpolicy(&attr, SCHED_RR);
+    if (rc != 0) {
+        DBG_PRINT(2, "\npthread_attr_setschedpolicy failed: %d", rc);
+        return false;
+    }
+    struct sched_param param {};
+    rc = pthread_attr_getschedparam(&attr, &param);
+    if (rc != 0) {
+        DBG_PRINT(2, "\npthread_attr_getschedparam failed: %d", rc);
+        return false;
+    }
+    param.sched_priority = static_cast<int>(priority);
+    rc = pthread_attr_setschedparam(&attr, &param);
+    if (rc != 0) {
+        DBG_PRINT(2, "\npthread_attr_setschedparam failed: error=%d priority=%d", rc, priority);
+        return false;
+    }
+    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+    return true;
+}
+
+} // namespace
+
 bool CThread::Start(Routine routine, void* argument, unsigned int priority, bool suspend,
                     unsigned int stackSize, uint64_t, bool waitable, const char* name)
 {
@@ -106,27 +135,8 @@ bool CThread::Start(Routine routine, void* argument, unsigned int priority, bool
             return false;
         }
     }
-    if (priority != 0) {
-        DBG_PRINT(2, "\nThreadPrio=%d", priority);
-        rc = pthread_attr_setschedpolicy(&attr, SCHED_RR);
-        if (rc != 0) {
-            DBG_PRINT(2, "\npthread_attr_setschedpolicy failed: %d", rc);
-            return false;
-        }
-        struct sched_param param {};
-        rc = pthread_attr_getschedparam(&attr, &param);
-        if (rc != 0) {
-            DBG_PRINT(2, "\npthread_attr_getschedparam failed: %d", rc);
-            return false;
-        }
-        param.sched_priority = static_cast<int>(priority);
-        rc = pthread_attr_setschedparam(&attr, &param);
-        if (rc != 0) {
-            DBG_PRINT(2, "\npthread_attr_setschedparam failed: error=%d priority=%d", rc, priority);
-            return false;
-        }
-        pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-    }
+    if (priority != 0 && !SetRealTimePriority(attr, priority))
+        return false;
 
     auto shared = std::make_shared<Shared>();
     shared->routine = routine;

@@ -1,8 +1,11 @@
 #include "trace/CTraceReader.h"
 
+#include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 
+#include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,6 +21,13 @@ constexpr const char kWrapText[] = "------ WRAP ----- Cycle=";
 constexpr size_t kTimeLength = 23; // "yyyy-mm-dd hh:mm:ss.mmm"
 // Name column of 13 characters plus its blank.
 constexpr size_t kNameColumn = 14;
+// Where the thread column opens and the name (or memory) column starts.
+constexpr size_t kThreadOpen = kTimeLength + 1;
+constexpr size_t kNameStart = kThreadOpen + 10 + 1;
+// With the memory column: "%8zu KB !" before the name.
+constexpr size_t kMemoryDigits = 8;
+constexpr const char kMemoryUnit[] = " KB !";
+constexpr size_t kMemoryColumnLength = kMemoryDigits + sizeof(kMemoryUnit) - 1;
 
 // Bounded search of `needle` in [from, size).
 size_t Find(const char* data, size_t size, size_t from, const char* needle, size_t nlen)
@@ -69,7 +79,7 @@ std::string CTraceReader::MessageOf(const std::string& line)
     if (!IsEntryLine(line.data(), line.size()))
         return line;
     // Time, blank, "[XXXXXXXX]", blank.
-    size_t p = kTimeLength + 1 + 10 + 1;
+    size_t p = kNameStart;
     if (p > line.size())
         return line;
     // Memory column: "%8zu KB !" before the name.
@@ -88,6 +98,63 @@ std::string CTraceReader::MessageOf(const std::string& line)
         end = blank + 1;
     }
     return line.substr(end);
+}
+
+namespace {
+
+bool AllHex(const std::string& s)
+{
+    for (char c : s)
+        if (!isxdigit(static_cast<unsigned char>(c)))
+            return false;
+    return true;
+}
+
+// The figure of a memory column whose unit matched; false when the digits
+// are damaged.
+bool ParseMemoryDigits(const std::string& l, uint64_t& kb)
+{
+    std::string digits = l.substr(kNameStart, kMemoryDigits);
+    size_t p = digits.find_first_not_of(' ');
+    if (p == std::string::npos || digits.find_first_not_of("0123456789", p) != std::string::npos)
+        return false;
+    kb = strtoull(digits.c_str() + p, nullptr, 10);
+    return true;
+}
+
+} // namespace
+
+CTraceReader::EntryColumns CTraceReader::ParseEntry(const std::string& l)
+{
+    EntryColumns e;
+    e.isEntry = IsEntryLine(l.data(), l.size());
+    e.text = MessageOf(l);
+    if (!e.isEntry)
+        return e;
+    e.time = l.substr(0, kTimeLength);
+    if (l.size() >= kThreadOpen + 10 && l[kThreadOpen] == '[' && l[kThreadOpen + 9] == ']') {
+        std::string hex = l.substr(kThreadOpen + 1, 8);
+        if (AllHex(hex))
+            e.thread = static_cast<uint32_t>(strtoul(hex.c_str(), nullptr, 16));
+    }
+    size_t nameStart = kNameStart;
+    uint64_t kb = 0;
+    if (l.size() >= kNameStart + kMemoryColumnLength && l.compare(kNameStart + kMemoryDigits, sizeof(kMemoryUnit) - 1, kMemoryUnit) == 0) {
+        if (ParseMemoryDigits(l, kb))
+            e.memoryKb = kb;
+        nameStart += kMemoryColumnLength;
+    }
+    // The name column runs up to the message (one blank in between).
+    if (l.size() >= nameStart && l.size() >= e.text.size() + 1) {
+        size_t nameEnd = l.size() - e.text.size() - 1;
+        if (nameEnd >= nameStart) {
+            std::string name = l.substr(nameStart, nameEnd - nameStart);
+            while (!name.empty() && name.back() == ' ')
+                name.pop_back();
+            e.name = name;
+        }
+    }
+    return e;
 }
 
 bool CTraceReader::ParseRingBuffer(const char* data, size_t size, std::vector<std::string>& entries, bool* wrapped)
@@ -201,17 +268,10 @@ bool CTraceReader::ReadWholeFile(const std::string& path, std::string& content)
     struct stat st;
     if (fstat(fd.Get(), &st) != 0 || st.st_size < 0 || static_cast<uint64_t>(st.st_size) > kFileSizeLimit)
         return false;
-    content.resize(static_cast<size_t>(st.st_size));
-    size_t got = 0;
-    while (got < content.size()) {
-        ssize_t r = read(fd.Get(), content.data() + got, content.size() - got);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            break;
-        got += static_cast<size_t>(r);
-    }
-    content.resize(got);
+    // A file that cannot be read (a directory) reads as empty.
+    bool cut = false;
+    if (tarvd::ReadFdBounded(fd.Get(), static_cast<size_t>(st.st_size), content, &cut) != 0)
+        content.clear();
     return true;
 }
 

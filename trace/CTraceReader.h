@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,4 +51,19 @@ public:
     /// or the whole line when it is not an entry line.  Works for entries
     /// with and without the memory column, for names of up to 13 characters.
     static std::string MessageOf(const std::string& line);
+
+    /// The columns of an entry line: "yyyy-mm-dd hh:mm:ss.mmm [XXXXXXXX] ",
+    /// optionally the memory column "%8zu KB !", the name padded to 13
+    /// columns, a blank and the message.
+    struct EntryColumns {
+        bool isEntry = false;             ///< the line starts like an entry
+        std::optional<std::string> time;  ///< the time stamp text
+        std::optional<uint32_t> thread;   ///< the hexadecimal thread id
+        std::optional<uint64_t> memoryKb; ///< the memory column
+        std::optional<std::string> name;  ///< the name column, trailing blanks dropped
+        std::string text;                 ///< as MessageOf
+    };
+    /// Splits a line into its columns; a column that is damaged is left out
+    /// (every access bounded by the line's length).
+    static EntryColumns ParseEntry(const std::string& line);
 };

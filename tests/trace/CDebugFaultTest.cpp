@@ -5,8 +5,7 @@
 #include "trace/CDebug.h"
 #include "trace/CTraceReader.h"
 
-#include "support/TestSupport.h"
-#include "RingTraceFixture.h"
+#include "support/TraceEnv.h"
 
 #include <gtest/gtest.h>
 
@@ -24,14 +23,14 @@
 
 namespace {
 
-class CDebugFaultTest : public RingTraceFixture {
+class CDebugFaultTest : public testsupport::TraceEnv {
 protected:
-    CDebugFaultTest() : RingTraceFixture("faultprog") {}
+    CDebugFaultTest() : TraceEnv("faultprog") {}
 };
 
 TEST_F(CDebugFaultTest, ManyThreadsWrappingTheRingLoseAndDuplicateNothing)
 {
-    auto d = Make();
+    auto d = MakeTracing();
     d->SetApplInitDone(); // the active ring: 1 MiB
     ASSERT_EQ(CDebug::TARGET_RINGBUFFER, d->GetTarget());
     constexpr int kThreads = 6;
@@ -86,7 +85,7 @@ TEST_F(CDebugFaultTest, RingFileTruncatedUnderTheProgramDoesNotKillIt)
     pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        auto d = Make();
+        auto d = MakeTracing();
         d->SetApplInitDone();
         if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
             _exit(kChildNoRing);
@@ -123,7 +122,7 @@ TEST_F(CDebugFaultTest, SymlinksPlantedAtTheTraceFilesAreNotFollowed)
     ASSERT_TRUE(testsupport::WriteFile(victimRing, "keep me too\n"));
     ASSERT_EQ(0, symlink(victimLog.c_str(), m_Dir.Sub("log.faultprog").c_str()));
     ASSERT_EQ(0, symlink(victimRing.c_str(), m_Dir.Sub("log.faultprog_i").c_str()));
-    auto d = Make();
+    auto d = MakeTracing();
     d->Print(1, "\nFaultTest          : something");
     d.reset();
     EXPECT_EQ("keep me\n", testsupport::ReadFile(victimLog));
@@ -132,7 +131,7 @@ TEST_F(CDebugFaultTest, SymlinksPlantedAtTheTraceFilesAreNotFollowed)
 
 TEST_F(CDebugFaultTest, ChildrenInheritNoTraceDescriptors)
 {
-    auto d = Make();
+    auto d = MakeTracing();
     ASSERT_EQ(CDebug::TARGET_RINGBUFFER, d->GetTarget());
     d->Print(1, "\nFaultTest          : open");
     // The child writes its listing of /proc/self/fd to our standard output,

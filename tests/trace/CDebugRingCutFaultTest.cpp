@@ -6,8 +6,7 @@
 // process-wide and some cases are meant to die.
 #include "trace/CDebug.h"
 
-#include "support/TestSupport.h"
-#include "RingTraceFixture.h"
+#include "support/TraceEnv.h"
 
 #include <gtest/gtest.h>
 
@@ -73,13 +72,13 @@ volatile char* CutMapping(const std::string& path)
 
 void OwnBusHandler(int, siginfo_t*, void*) { _exit(kOwnHandlerRan); }
 
-class CDebugRingCutFaultTest : public RingTraceFixture {
+class CDebugRingCutFaultTest : public testsupport::TraceEnv {
 protected:
-    CDebugRingCutFaultTest() : RingTraceFixture("cutprog") {}
+    CDebugRingCutFaultTest() : TraceEnv("cutprog") {}
     // Tracing at level 3 into the active ring (1 MiB).
-    std::unique_ptr<CDebug> Make()
+    std::unique_ptr<CDebug> MakeActive()
     {
-        auto d = RingTraceFixture::Make();
+        auto d = MakeTracing();
         d->SetApplInitDone();
         return d;
     }
@@ -111,7 +110,7 @@ protected:
 TEST_F(CDebugRingCutFaultTest, EveryEntryAfterACutIsWrittenOnceAndTheFileGrownBack)
 {
     ExpectExit(InChild([this] {
-                   auto d = Make();
+                   auto d = MakeActive();
                    if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
                        return static_cast<int>(kNoRing);
                    for (int i = 0; i < 300; ++i)
@@ -141,7 +140,7 @@ TEST_F(CDebugRingCutFaultTest, EveryEntryAfterACutIsWrittenOnceAndTheFileGrownBa
 TEST_F(CDebugRingCutFaultTest, CutBeforeEveryEntryAcrossAWrapLosesNothingWrittenAfterIt)
 {
     ExpectExit(InChild([this] {
-                   auto d = Make();
+                   auto d = MakeActive();
                    if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
                        return static_cast<int>(kNoRing);
                    const std::string ring = d->GetActiveRingPath();
@@ -181,7 +180,7 @@ TEST_F(CDebugRingCutFaultTest, CutBeforeEveryEntryAcrossAWrapLosesNothingWritten
 TEST_F(CDebugRingCutFaultTest, CutsFromAnotherThreadWhileWritingAndWrappingDoNotKill)
 {
     ExpectExit(InChild([this] {
-                   auto d = Make();
+                   auto d = MakeActive();
                    if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
                        return static_cast<int>(kNoRing);
                    const std::string ring = d->GetActiveRingPath();
@@ -215,7 +214,7 @@ TEST_F(CDebugRingCutFaultTest, BusErrorOutsideTheRingStillKills)
 {
     const std::string other = m_Dir.Sub("other-mapping");
     int status = InChild([&] {
-        auto d = Make();
+        auto d = MakeActive();
         if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
             return static_cast<int>(kNoRing);
         d->Print(1, "\nCutTest            : before the fault");
@@ -256,7 +255,7 @@ TEST_F(CDebugRingCutFaultTest, HandlerInstalledBeforeTheTraceGetsForeignBusError
         sigemptyset(&sa.sa_mask);
         if (sigaction(SIGBUS, &sa, nullptr) != 0)
             return static_cast<int>(kSetupFailed);
-        auto d = Make();
+        auto d = MakeActive();
         if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
             return static_cast<int>(kNoRing);
         // A cut ring is handled by the trace alone: the program's handler

@@ -1,7 +1,7 @@
 #include "trace/CDebug.h"
 #include "trace/CTraceReader.h"
 
-#include "support/TestSupport.h"
+#include "support/TraceEnv.h"
 
 #include <gtest/gtest.h>
 
@@ -15,66 +15,13 @@
 
 namespace {
 
-const char* const kTraceVariables[] = {"TR_LOG_DYNAMIC_UPDATE", "TR_LOG_DEBUG_LEVEL",     "TR_LOG_FILE_DIR",
-                                       "TR_LOG_RINGBUF_DIR",    "TR_LOG_FILE_MAX_SIZE",   "TR_LOG_RINGBUF_WEIGHT",
-                                       "TR_LOG_NOHDR_TOSDTERR", "TraceFileLimit",         "TR_LOG_RINGBUF_WEIGHT_TESTPROG"};
-
 const std::string kTime = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})";
 const std::string kThread = R"(\[[0-9A-F]{8}\])";
 // "testprog" in 13 columns and the blank after them.
 const std::string kName = "testprog      ";
+const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 
-std::vector<std::string> Lines(const std::string& path) { return testsupport::SplitLines(testsupport::ReadFile(path)); }
-
-std::vector<std::string> Messages(const std::vector<std::string>& lines)
-{
-    std::vector<std::string> out;
-    for (auto& l : lines)
-        out.push_back(CTraceReader::MessageOf(l));
-    return out;
-}
-
-bool Contains(const std::vector<std::string>& v, const std::string& s)
-{
-    for (auto& x : v)
-        if (x == s)
-            return true;
-    return false;
-}
-
-class CDebugTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        for (const char* v : kTraceVariables)
-            m_Env.push_back(std::make_unique<testsupport::ScopedEnv>(v, nullptr));
-        m_ConfigDir = m_Dir.Sub("config-missing");
-        Set("TR_LOG_RINGBUF_DIR", m_Dir.Path().c_str());
-    }
-    void Set(const char* name, const char* value) { m_Env.push_back(std::make_unique<testsupport::ScopedEnv>(name, value)); }
-    // A CDebug of its own, configured from m_ConfigDir and the environment.
-    std::unique_ptr<CDebug> Make(const char* name = "testprog")
-    {
-        auto d = std::make_unique<CDebug>();
-        d->SetSysLogFunction([](int, const char*) {});
-        d->SetConfigDirectory(m_ConfigDir.c_str());
-        d->Init(name);
-        return d;
-    }
-    // Tracing on at `level` with the smallest ring (1 MiB, 4 MiB at start-up).
-    std::unique_ptr<CDebug> MakeTracing(const char* level = "3")
-    {
-        Set("TR_LOG_DEBUG_LEVEL", level);
-        Set("TraceFileLimit", "1");
-        Set("TR_LOG_RINGBUF_WEIGHT", "1");
-        return Make();
-    }
-    std::string LogPath() const { return m_Dir.Sub("log.testprog"); }
-
-    testsupport::TempDir m_Dir;
-    std::string m_ConfigDir;
-    std::vector<std::unique_ptr<testsupport::ScopedEnv>> m_Env;
-};
+class CDebugTest : public testsupport::TraceEnv {};
 
 } // namespace
 
@@ -93,8 +40,7 @@ TEST_F(CDebugTest, EntryHeaderWithAndWithoutMemoryColumn)
     EXPECT_TRUE(std::regex_match(std::string(buf), std::regex(kTime + " " + kThread + R"( [ \d]{7}\d KB !averyveryverylongname )")))
         << buf;
 
-    testsupport::WriteFile(m_Dir.Sub("cfg/a.ini"), "[testprog]\nMemoryTracesFlag=0\n[EndOfFile]\n");
-    m_ConfigDir = m_Dir.Sub("cfg");
+    WriteConfig("a.ini", "[testprog]\nMemoryTracesFlag=0\n[EndOfFile]\n");
     auto e = Make();
     EXPECT_EQ(e->GetMemoryTracesFlag(), 0);
     e->SetEntryHeader(buf, sizeof(buf), nullptr);
@@ -197,7 +143,7 @@ TEST_F(CDebugTest, InitCreatesInitialRingWithHeaderAndMarkers)
     auto d = MakeTracing();
     EXPECT_TRUE(d->IsEnabled());
     EXPECT_EQ(d->GetTarget(), 2u);
-    EXPECT_EQ(d->GetRingBufferSize(), 4u * 256 * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)));
+    EXPECT_EQ(d->GetRingBufferSize(), 4u * 256 * kPage);
     EXPECT_EQ(std::string(d->GetInitialRingPath()), m_Dir.Sub("log.testprog_i"));
     EXPECT_EQ(std::string(d->GetActiveRingPath()), m_Dir.Sub("log.testprog_a"));
     d->Print(3, "\nCDebugTest          : visible %d", 1);
@@ -422,15 +368,23 @@ TEST_F(CDebugTest, ClientPrintUsesCallersName)
 
 TEST_F(CDebugTest, EmptyConfigDirectoryKeepsTracingOffDespiteEnvironment)
 {
-    testsupport::MakeDirs(m_Dir.Sub("empty"));
-    testsupport::WriteFile(m_Dir.Sub("empty/readme.txt"), "not an ini\n");
-    m_ConfigDir = m_Dir.Sub("empty");
-    auto d = MakeTracing("5");
+    // A first Init takes the trace directory from the environment; after
+    // that, with a configuration directory holding no .ini file, Init takes
+    // nothing at all (a fresh object would write its log to "/log.NAME").
+    auto d = Make();
+    testsupport::TempDir elsewhere;
+    Set("TR_LOG_RINGBUF_DIR", elsewhere.Path().c_str());
+    WriteConfig("readme.txt", "not an ini\n");
+    Set("TR_LOG_DEBUG_LEVEL", "5");
+    Set("TraceFileLimit", "1");
+    Set("TR_LOG_RINGBUF_WEIGHT", "1");
+    d->Init("testprog");
     EXPECT_FALSE(d->IsEnabled());
     EXPECT_EQ(d->GetLevel(), 0u);
     EXPECT_EQ(d->GetTarget(), 0u);
-    // The directory was not even taken from the environment.
-    EXPECT_EQ(std::string(d->GetTraceDirectory()), "");
+    // The directory was not taken from the environment.
+    EXPECT_EQ(std::string(d->GetTraceDirectory()), m_Dir.Path());
+    EXPECT_FALSE(testsupport::FileExists(elsewhere.Sub("log.testprog")));
 }
 
 TEST_F(CDebugTest, MissingConfigDirectoryUsesEnvironment)
@@ -469,8 +423,7 @@ TEST_F(CDebugTest, FileDirectoryAloneGivesWayToIniDirectory)
     testsupport::TempDir a, ini;
     m_Env.push_back(std::make_unique<testsupport::ScopedEnv>("TR_LOG_RINGBUF_DIR", nullptr));
     Set("TR_LOG_FILE_DIR", a.Path().c_str());
-    testsupport::WriteFile(m_Dir.Sub("cfg/p.ini"), "[TESTPROG]\nRingBufferDirectory=" + ini.Path() + "\n[EndOfFile]\n");
-    m_ConfigDir = m_Dir.Sub("cfg");
+    WriteConfig("p.ini", "[TESTPROG]\nRingBufferDirectory=" + ini.Path() + "\n[EndOfFile]\n");
     auto d = Make();
     EXPECT_EQ(std::string(d->GetTraceDirectory()), ini.Path());
     EXPECT_TRUE(testsupport::FileExists(ini.Sub("log.testprog")));
@@ -478,11 +431,9 @@ TEST_F(CDebugTest, FileDirectoryAloneGivesWayToIniDirectory)
 
 TEST_F(CDebugTest, IniValuesSubstringMatchAndNumberBases)
 {
-    testsupport::WriteFile(m_Dir.Sub("cfg/a.ini"),
-                           "[other]\nFileDebugLevel=1\n[TestProg]\nMaxFileDebugLevel=7\nFileDebugLevel=3\n"
+    WriteConfig("a.ini", "[other]\nFileDebugLevel=1\n[TestProg]\nMaxFileDebugLevel=7\nFileDebugLevel=3\n"
                            "TraceFlags=0x10\nRingBufferSizeFactor=5\nRingBufferSizeWeight=010\nNoHeaderToStderr=0\n"
                            "[endoffile]\n");
-    m_ConfigDir = m_Dir.Sub("cfg");
     auto d = Make();
     EXPECT_EQ(d->GetLevel(), 7u);
     EXPECT_EQ(d->GetIniLevel(), 7u);
@@ -491,24 +442,22 @@ TEST_F(CDebugTest, IniValuesSubstringMatchAndNumberBases)
     EXPECT_EQ(d->GetRingWeight(), 8u);
     EXPECT_EQ(d->GetNoHeaderFlag(), 0u);
     EXPECT_TRUE(d->IsEnabled());
-    EXPECT_EQ(d->GetRingBufferSize(), 4u * 2 * 8 * 256 * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)));
+    EXPECT_EQ(d->GetRingBufferSize(), 4u * 2 * 8 * 256 * kPage);
     // With the header flag 0 the log file carries the header.
     auto log = Messages(Lines(LogPath()));
     EXPECT_TRUE(Contains(log, "RingBufferSizeFactor       : 5"));
     EXPECT_TRUE(Contains(log, "Ring Buffer Factor         : 2"));
     EXPECT_TRUE(Contains(log, "No Header to LogFile       : 0"));
 
-    testsupport::WriteFile(m_Dir.Sub("cfg/a.ini"), "[testprog]\nFileDebugLevel=0x10\n[EndOfFile]\n");
+    WriteConfig("a.ini", "[testprog]\nFileDebugLevel=0x10\n[EndOfFile]\n");
     EXPECT_EQ(Make()->GetIniLevel(), 16u);
-    testsupport::WriteFile(m_Dir.Sub("cfg/a.ini"), "[testprog]\nFileDebugLevel=010\n[EndOfFile]\n");
+    WriteConfig("a.ini", "[testprog]\nFileDebugLevel=010\n[EndOfFile]\n");
     EXPECT_EQ(Make()->GetIniLevel(), 8u);
 }
 
 TEST_F(CDebugTest, EnvironmentWinsOverFileAndFileOverDefault)
 {
-    testsupport::WriteFile(m_Dir.Sub("cfg/a.ini"),
-                           "[testprog]\nFileDebugLevel=2\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\n[EndOfFile]\n");
-    m_ConfigDir = m_Dir.Sub("cfg");
+    WriteConfig("a.ini", "[testprog]\nFileDebugLevel=2\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\n[EndOfFile]\n");
     EXPECT_EQ(Make()->GetLevel(), 2u);
     Set("TR_LOG_DEBUG_LEVEL", "6");
     Set("TR_LOG_FILE_MAX_SIZE", "9999");
@@ -527,19 +476,17 @@ TEST_F(CDebugTest, EnvironmentWinsOverFileAndFileOverDefault)
 
 TEST_F(CDebugTest, FileWithoutEndOfFileIsIgnoredAndFirstFileWins)
 {
-    m_ConfigDir = m_Dir.Sub("cfg");
-    testsupport::WriteFile(m_Dir.Sub("cfg/a.ini"), "[testprog]\nFileDebugLevel=4\n");
-    testsupport::WriteFile(m_Dir.Sub("cfg/b.ini"), "[testprog]\nFileDebugLevel=5\n[EndOfFile]\n[x]\n");
-    testsupport::WriteFile(m_Dir.Sub("cfg/c.ini"), "[testprog]\nFileDebugLevel=6\n[EndOfFile]\nFileDebugLevel=9\n");
-    testsupport::WriteFile(m_Dir.Sub("cfg/d.ini"), "[testprog]\nFileDebugLevel=7\n[EndOfFile]\n");
+    WriteConfig("a.ini", "[testprog]\nFileDebugLevel=4\n");
+    WriteConfig("b.ini", "[testprog]\nFileDebugLevel=5\n[EndOfFile]\n[x]\n");
+    WriteConfig("c.ini", "[testprog]\nFileDebugLevel=6\n[EndOfFile]\nFileDebugLevel=9\n");
+    WriteConfig("d.ini", "[testprog]\nFileDebugLevel=7\n[EndOfFile]\n");
     auto d = Make();
     EXPECT_EQ(d->GetIniLevel(), 6u);
 }
 
 TEST_F(CDebugTest, GlobalFileSetsDynamicUpdate)
 {
-    m_ConfigDir = m_Dir.Sub("cfg");
-    testsupport::WriteFile(m_Dir.Sub("cfg/global_trace.ini"), "[GlobalDebugSettings]\nDynamicUpdate=30\n[EndOfFile]\n");
+    WriteConfig("global_trace.ini", "[GlobalDebugSettings]\nDynamicUpdate=30\n[EndOfFile]\n");
     EXPECT_EQ(Make()->GetDynamicUpdateInterval(), 30u);
     Set("TR_LOG_DYNAMIC_UPDATE", "7");
     EXPECT_EQ(Make()->GetDynamicUpdateInterval(), 7u);
@@ -547,8 +494,7 @@ TEST_F(CDebugTest, GlobalFileSetsDynamicUpdate)
 
 TEST_F(CDebugTest, DynamicUpdateRereadsLevelOfChangedFile)
 {
-    m_ConfigDir = m_Dir.Sub("cfg");
-    std::string file = m_Dir.Sub("cfg/p.ini");
+    std::string file = m_ConfigDir + "/p.ini";
     testsupport::WriteFile(file, "[testprog]\nFileDebugLevel=2\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\n"
                                  "TraceFlags=1\n[EndOfFile]\n");
     // A one-second interval; the check runs again as soon as the clock says
@@ -571,7 +517,7 @@ TEST_F(CDebugTest, DynamicUpdateRereadsLevelOfChangedFile)
     EXPECT_EQ(d->GetSavedLevel(), 5u);
     EXPECT_EQ(d->GetTraceFlags(), 3u);
     EXPECT_EQ(d->GetMemoryTracesFlag(), 0);
-    EXPECT_EQ(d->GetRingBufferSize(), 4u * 256 * static_cast<uint64_t>(sysconf(_SC_PAGESIZE))); // unchanged
+    EXPECT_EQ(d->GetRingBufferSize(), 4u * 256 * kPage); // unchanged
 }
 
 TEST_F(CDebugTest, BuildAppVarNameAndStringToLower)

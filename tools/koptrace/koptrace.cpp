@@ -25,12 +25,6 @@ namespace {
 
 constexpr const char* kDefaultTraceDir = "/var/log/tarvd";
 constexpr long kFollowPollMs = 200;
-// Offsets in an entry line: "yyyy-mm-dd hh:mm:ss.mmm [XXXXXXXX] ".
-constexpr size_t kTimeLength = 23;
-constexpr size_t kThreadOpen = 24;
-constexpr size_t kNameStart = 35;
-// With the memory column: "%8zu KB !" before the name.
-constexpr size_t kMemoryColumnLength = 13;
 
 volatile sig_atomic_t g_Stop = 0;
 void OnSignal(int) { g_Stop = 1; }
@@ -100,39 +94,16 @@ FileKind GuessKind(const std::string& path)
     return FileKind::Log;
 }
 
-/// Splits an entry line into its columns (all bounded by the line's length).
+/// Splits an entry line into its columns, as the trace reader reads them.
 void ParseColumns(Entry& e)
 {
-    const std::string& l = e.line;
-    e.isEntry = CTraceReader::IsEntryLine(l.data(), l.size());
-    e.text = CTraceReader::MessageOf(l);
-    if (!e.isEntry)
-        return;
-    e.time = l.substr(0, kTimeLength);
-    if (l.size() >= kThreadOpen + 10 && l[kThreadOpen] == '[' && l[kThreadOpen + 9] == ']') {
-        std::string hex = l.substr(kThreadOpen + 1, 8);
-        if (std::all_of(hex.begin(), hex.end(), [](char c) { return isxdigit(static_cast<unsigned char>(c)); }))
-            e.thread = static_cast<uint32_t>(strtoul(hex.c_str(), nullptr, 16));
-    }
-    size_t nameStart = kNameStart;
-    if (l.size() >= kNameStart + kMemoryColumnLength && l.compare(kNameStart + 8, 5, " KB !") == 0) {
-        std::string digits = l.substr(kNameStart, 8);
-        size_t p = digits.find_first_not_of(' ');
-        if (p != std::string::npos &&
-            std::all_of(digits.begin() + p, digits.end(), [](char c) { return c >= '0' && c <= '9'; }))
-            e.memoryKb = strtoull(digits.c_str() + p, nullptr, 10);
-        nameStart += kMemoryColumnLength;
-    }
-    // The name column runs up to the message (one blank in between).
-    if (l.size() >= nameStart && l.size() >= e.text.size() + 1) {
-        size_t nameEnd = l.size() - e.text.size() - 1;
-        if (nameEnd >= nameStart) {
-            std::string name = l.substr(nameStart, nameEnd - nameStart);
-            while (!name.empty() && name.back() == ' ')
-                name.pop_back();
-            e.name = name;
-        }
-    }
+    CTraceReader::EntryColumns c = CTraceReader::ParseEntry(e.line);
+    e.isEntry = c.isEntry;
+    e.time = std::move(c.time);
+    e.thread = c.thread;
+    e.memoryKb = c.memoryKb;
+    e.name = std::move(c.name);
+    e.text = std::move(c.text);
 }
 
 /// Reads one file's lines in time order.  False (with a message) when the
@@ -360,99 +331,99 @@ void Follow(const TraceFile& file, FollowState state, const Filter& filter, Prin
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv)
-{
-    tools::ToolInit("koptrace");
+struct Options {
     std::string dir = kDefaultTraceDir;
     bool json = false;
     bool follow = false;
     Filter filter;
     std::vector<std::string> args;
+};
 
+/// The value of --thread: up to 8 hexadecimal digits, "0x" allowed.
+bool ParseThreadId(const char* v, uint32_t& id)
+{
+    std::string t = v ? v : "";
+    if (t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X'))
+        t = t.substr(2);
+    if (!v || t.empty() || t.size() > 8 ||
+        !std::all_of(t.begin(), t.end(), [](char c) { return isxdigit(static_cast<unsigned char>(c)); }))
+        return false;
+    id = static_cast<uint32_t>(strtoull(t.c_str(), nullptr, 16));
+    return true;
+}
+
+/// Parses the command line; an exit status when the program ends here.
+std::optional<int> ParseArguments(int argc, char** argv, Options& o)
+{
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
-        auto needValue = [&](const char* opt) -> const char* {
-            if (i + 1 >= argc)
-                return nullptr;
-            (void)opt;
-            return argv[++i];
-        };
+        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+        auto take = [&]() { return value ? argv[++i] : nullptr; };
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
             return tools::kExitOk;
         } else if (a == "--json") {
-            json = true;
+            o.json = true;
         } else if (a == "--follow" || a == "-f") {
-            follow = true;
+            o.follow = true;
         } else if (a == "--dir") {
-            const char* v = needValue("--dir");
-            if (!v)
+            if (!take())
                 return tools::UsageError("option --dir needs a directory");
-            dir = v;
+            o.dir = value;
         } else if (a == "--thread") {
-            const char* v = needValue("--thread");
-            unsigned long long id = 0;
-            std::string t = v ? v : "";
-            if (t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X'))
-                t = t.substr(2);
-            if (!v || t.empty() || t.size() > 8 ||
-                !std::all_of(t.begin(), t.end(), [](char c) { return isxdigit(static_cast<unsigned char>(c)); }))
+            uint32_t id = 0;
+            if (!ParseThreadId(take(), id))
                 return tools::UsageError("option --thread needs a hexadecimal thread id");
-            id = strtoull(t.c_str(), nullptr, 16);
-            filter.thread = static_cast<uint32_t>(id);
+            o.filter.thread = id;
         } else if (a == "--name") {
-            const char* v = needValue("--name");
-            if (!v)
+            if (!take())
                 return tools::UsageError("option --name needs a text");
-            filter.name = v;
+            o.filter.name = value;
         } else if (a == "--") {
             for (++i; i < argc; ++i)
-                args.push_back(argv[i]);
+                o.args.push_back(argv[i]);
         } else if (!a.empty() && a[0] == '-') {
             return tools::UsageError("unknown option '%s'", a.c_str());
         } else {
-            args.push_back(a);
+            o.args.push_back(a);
         }
     }
-    if (args.empty())
+    if (o.args.empty())
         return tools::UsageError("no program name or trace file given");
+    return std::nullopt;
+}
 
-    std::vector<TraceFile> files;
+/// The files to show: a program's trace files in the directory, or the
+/// files named.  An exit status when there are none.
+std::optional<int> CollectFiles(const Options& o, std::vector<TraceFile>& files)
+{
+    const std::vector<std::string>& args = o.args;
     bool programMode = args.size() == 1 && args[0].find('/') == std::string::npos && !Exists(args[0]);
-    if (programMode) {
-        std::string name = args[0];
-        for (char& c : name)
-            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-        std::string base = dir + "/log." + name;
-        if (Exists(base))
-            files.push_back({base, FileKind::Log});
-        if (Exists(base + "_i.gz"))
-            files.push_back({base + "_i.gz", FileKind::GzipRing});
-        if (Exists(base + "_i"))
-            files.push_back({base + "_i", FileKind::Ring});
-        if (Exists(base + "_a"))
-            files.push_back({base + "_a", FileKind::Ring});
-        if (files.empty())
-            return tools::Fail("no trace files of '%s' in %s", args[0].c_str(), dir.c_str());
-    } else {
+    if (!programMode) {
         for (const std::string& a : args)
             files.push_back({a, GuessKind(a)});
+        return std::nullopt;
     }
+    std::string name = args[0];
+    for (char& c : name)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    std::string base = o.dir + "/log." + name;
+    const std::pair<const char*, FileKind> candidates[] = {
+        {"", FileKind::Log}, {"_i.gz", FileKind::GzipRing}, {"_i", FileKind::Ring}, {"_a", FileKind::Ring}};
+    for (const auto& [suffix, kind] : candidates)
+        if (Exists(base + suffix))
+            files.push_back({base + suffix, kind});
+    if (files.empty())
+        return tools::Fail("no trace files of '%s' in %s", args[0].c_str(), o.dir.c_str());
+    return std::nullopt;
+}
 
-    // The ring buffer that is written now: the active one, or the initial
-    // one while the program is still starting up.
-    const TraceFile* live = nullptr;
-    for (const TraceFile& f : files)
-        if (f.kind == FileKind::Ring)
-            live = &f;
-    if (follow && live == nullptr)
-        return tools::Fail("--follow needs a ring buffer file (log.NAME_a or log.NAME_i)");
-
+/// Reads every file and merges them by time; `followState` gets what was
+/// read from `live`.  false when a file was missing or damaged.
+bool ReadAll(const std::vector<TraceFile>& files, const TraceFile* live, std::vector<Entry>& entries,
+             FollowState& followState)
+{
     bool ok = true;
-    std::vector<Entry> entries;
-    FollowState followState;
     for (const TraceFile& f : files) {
         std::vector<std::string> lines;
         if (!ReadTraceFile(f, lines))
@@ -467,16 +438,43 @@ int main(int argc, char** argv)
     // Merge the files by time; entries of one time keep their file order.
     std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.key < b.key; });
     DropLogCopiesOfRingEntries(entries, files);
+    return ok;
+}
 
-    Printer printer(json);
+} // namespace
+
+int main(int argc, char** argv)
+{
+    tools::ToolInit("koptrace");
+    Options o;
+    if (std::optional<int> status = ParseArguments(argc, argv, o))
+        return *status;
+    std::vector<TraceFile> files;
+    if (std::optional<int> status = CollectFiles(o, files))
+        return *status;
+
+    // The ring buffer that is written now: the active one, or the initial
+    // one while the program is still starting up.
+    const TraceFile* live = nullptr;
+    for (const TraceFile& f : files)
+        if (f.kind == FileKind::Ring)
+            live = &f;
+    if (o.follow && live == nullptr)
+        return tools::Fail("--follow needs a ring buffer file (log.NAME_a or log.NAME_i)");
+
+    std::vector<Entry> entries;
+    FollowState followState;
+    bool ok = ReadAll(files, live, entries, followState);
+
+    Printer printer(o.json);
     printer.Begin();
     bool lastAccepted = true;
     for (const Entry& e : entries)
-        if (filter.Accept(e, lastAccepted))
+        if (o.filter.Accept(e, lastAccepted))
             printer.Print(e);
     fflush(stdout);
-    if (follow)
-        Follow(*live, followState, filter, printer);
+    if (o.follow)
+        Follow(*live, followState, o.filter, printer);
     printer.End();
     return ok ? tools::kExitOk : tools::kExitFailure;
 }

@@ -1,0 +1,67 @@
+#include "support/TraceEnv.h"
+
+#include "trace/CTraceReader.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace testsupport {
+
+void TraceEnv::SetUp()
+{
+    std::string perProgram = "TR_LOG_RINGBUF_WEIGHT_" + m_Program;
+    for (auto& c : perProgram)
+        c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    for (const char* v : {"TR_LOG_DYNAMIC_UPDATE", "TR_LOG_DEBUG_LEVEL", "TR_LOG_FILE_DIR", "TR_LOG_FILE_MAX_SIZE",
+                          "TR_LOG_RINGBUF_WEIGHT", "TR_LOG_NOHDR_TOSDTERR", "TraceFileLimit", perProgram.c_str()})
+        Set(v, nullptr);
+    Set("TR_LOG_RINGBUF_DIR", m_Dir.Path().c_str());
+}
+
+void TraceEnv::Set(const char* name, const char* value) { m_Env.push_back(std::make_unique<ScopedEnv>(name, value)); }
+
+std::unique_ptr<CDebug> TraceEnv::Make(const char* name)
+{
+    auto d = std::make_unique<CDebug>();
+    d->SetSysLogFunction([](int, const char*) {});
+    d->SetConfigDirectory(m_ConfigDir.c_str());
+    d->Init(name ? name : m_Program.c_str());
+    return d;
+}
+
+std::unique_ptr<CDebug> TraceEnv::MakeTracing(const char* level)
+{
+    Set("TR_LOG_DEBUG_LEVEL", level);
+    Set("TraceFileLimit", "1");
+    Set("TR_LOG_RINGBUF_WEIGHT", "1");
+    return Make();
+}
+
+void TraceEnv::WriteConfig(const std::string& file, const std::string& text)
+{
+    ASSERT_TRUE(WriteFile(m_ConfigDir + "/" + file, text));
+}
+
+std::vector<std::string> TraceEnv::Lines(const std::string& path) { return SplitLines(ReadFile(path)); }
+
+std::vector<std::string> TraceEnv::Messages(const std::vector<std::string>& lines)
+{
+    std::vector<std::string> out;
+    for (auto& l : lines)
+        out.push_back(CTraceReader::MessageOf(l));
+    return out;
+}
+
+std::vector<std::string> TraceEnv::RingMessages(const std::string& path, bool* wrapped)
+{
+    std::vector<std::string> entries;
+    CTraceReader::ReadRingBuffer(path, entries, wrapped);
+    return Messages(entries);
+}
+
+bool TraceEnv::Contains(const std::vector<std::string>& v, const std::string& s)
+{
+    return std::find(v.begin(), v.end(), s) != v.end();
+}
+
+} // namespace testsupport
