@@ -5,6 +5,7 @@
 
 #include "HwTestUtil.h"
 #include "hwinfo/CPciConfigList.h"
+#include "hwinfo/CPciConfigListInternal.h"
 #include "hwinfo/CSystemDevices.h"
 
 using namespace hwtest;

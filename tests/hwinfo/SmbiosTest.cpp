@@ -4,6 +4,7 @@
 #include "HwTestUtil.h"
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/CSMBios.h"
+#include "hwinfo/CSMBiosInternal.h"
 
 using namespace hwtest;
 
