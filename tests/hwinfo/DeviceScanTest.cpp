@@ -59,11 +59,9 @@ TEST(DriveAndVolumeScan, FakeMachine)
     ASSERT_TRUE(CSystemDrive::ScanSystemDrives(drives));
     ASSERT_EQ(3u, drives.size());  // loop0 and dm-0 skipped
     EXPECT_EQ(CPciAddress(0, 0x3B, 0, 0), drives[0].GetPciAddress());  // the last PCI component
-    EXPECT_EQ("sda", drives[1].name);
-    EXPECT_EQ("Disk A", drives[1].model);
-    EXPECT_EQ("ATA", drives[1].vendor);
-    EXPECT_EQ(2048u * 512u, drives[1].sizeBytes);
-    EXPECT_EQ(CPciAddress(0, 0, 0x1F, 2), drives[1].GetPciAddress());
+    EXPECT_EQ("sda Disk A ATA 1048576 0000:00:1f.2", drives[1].name + " " + drives[1].model + " " + drives[1].vendor +
+                                                      " " + std::to_string(drives[1].sizeBytes) + " " +
+                                                      drives[1].GetPciAddress().ToString());
     CPciAddress b(0, 1, 2, 3);
     EXPECT_FALSE(CSystemDrive::PciAddressFromPath("/x/0000:00:03.8/0000:0g:00.0/000:00:03.0/dm-0", b));
     EXPECT_EQ(CPciAddress(0, 1, 2, 3), b);
@@ -86,16 +84,21 @@ TEST(DeviceScan, FullScanAndQueries)
     FakeRoot root;
     MakeMachine(root);
     CSystemDeviceScan scan;
+    std::vector<int> seen;
+    scan.SetSubScanHook([&](int kind) { seen.push_back(kind); });
+    ASSERT_EQ(0, scan.ScanHardware(0, true, 1000));
+    EXPECT_FALSE(scan.IsUpdateThreadAlive());  // no watcher flag: never started
+    ASSERT_EQ(0, scan.ScanHardware(CSystemDeviceScan::SCAN_VOLUMES, false, 1000));
+    EXPECT_EQ(0, scan.GetAdapterCount());
     ASSERT_EQ(0, scan.ScanDevices(kNoWatcher, false, 1000));
+    EXPECT_EQ((std::vector<int>{8, 1, 2, 8}), seen);  // flags select the sub-scans, in a fixed order
     EXPECT_EQ(2, scan.GetAdapterCount());
     EXPECT_EQ(3, scan.GetVolumeCount());
     EXPECT_EQ(0, scan.GetDriveCount() + scan.GetPartitionCount());
-    CSystemDrive untouched;
-    untouched.name = "keep";
+    CSystemDrive drive;
     CSystemPartition part;
     CSystemPartitionList parts;
-    EXPECT_EQ(0, scan.GetDrive(untouched, 0) + scan.GetPartition(part, 0) + scan.GetDiskPartitions(parts, untouched));
-    EXPECT_EQ("keep", untouched.name);
+    EXPECT_EQ(0, scan.GetDrive(drive, 0) + scan.GetPartition(part, 0) + scan.GetDiskPartitions(parts, drive));
     CSystemAdapter a, hba, none, host;
     ASSERT_EQ(1, scan.GetAdapter(a, 1));
     EXPECT_EQ("8086:0097", a.deviceIdText);
@@ -120,22 +123,6 @@ TEST(DeviceScan, FullScanAndQueries)
     CSystemDeviceScan copy(scan);  // copies carry the lists
     EXPECT_EQ(2, copy.GetAdapterCount());
     EXPECT_EQ(3, copy.GetVolumeCount());
-}
-
-TEST(DeviceScan, FlagsSelectTheSubScans)
-{
-    FakeRoot root;
-    MakeMachine(root);
-    CSystemDeviceScan scan;
-    std::vector<int> seen;
-    scan.SetSubScanHook([&](int kind) { seen.push_back(kind); });
-    ASSERT_EQ(0, scan.ScanHardware(0, true, 1000));
-    EXPECT_TRUE(seen.empty());
-    EXPECT_FALSE(scan.IsUpdateThreadAlive());  // no watcher flag: never started
-    ASSERT_EQ(0, scan.ScanHardware(CSystemDeviceScan::SCAN_VOLUMES, false, 1000));
-    EXPECT_EQ(std::vector<int>{CSystemDeviceScan::SCAN_VOLUMES}, seen);
-    EXPECT_EQ(0, scan.GetAdapterCount());
-    EXPECT_EQ(3, scan.GetVolumeCount());
 }
 
 TEST(DeviceScan, SecondScanTimesOutWhileTheFirstHoldsTheLock)

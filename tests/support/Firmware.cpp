@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include "common/UniqueHandle.h"
-#include "hwinfo/CPciSlotMap.h"
-#include "hwinfo/HwPaths.h"
 
 #include <gtest/gtest.h>
 
@@ -41,13 +39,9 @@ Bytes Structure(uint8_t type, uint16_t handle, const Bytes& formatted, const std
     Bytes b = {type, static_cast<uint8_t>(4 + formatted.size()), 0, 0};
     PutLe16(b, 2, handle);
     b.insert(b.end(), formatted.begin(), formatted.end());
-    for (const std::string& s : strings) {
-        b.insert(b.end(), s.begin(), s.end());
-        b.push_back(0);
-    }
-    if (strings.empty())
-        b.push_back(0);
-    b.push_back(0);
+    for (const std::string& s : strings)
+        b.insert(b.end(), s.c_str(), s.c_str() + s.size() + 1);
+    b.resize(b.size() + (strings.empty() ? 2 : 1), 0);
     return b;
 }
 
@@ -114,34 +108,6 @@ Bytes SmbiosFixture(const std::string& name)
 {
     std::string s = testsupport::ReadFile(testsupport::FixturesDir() + "/smbios/" + name);
     return Bytes(s.begin(), s.end());
-}
-
-FakeRoot::FakeRoot()
-{
-    hwinfo::SetRootDirectory(m_Dir.Path().c_str());
-    CPciSlotMap::ResetProcessSlotMap();
-}
-
-FakeRoot::~FakeRoot()
-{
-    hwinfo::SetRootDirectory(nullptr);
-    CPciSlotMap::ResetProcessSlotMap();
-}
-
-bool FakeRoot::Write(const std::string& abs, const std::string& content) const
-{
-    return testsupport::WriteFile(Path(abs), content);
-}
-
-void FakeRoot::SetSysfsSmbios(const Bytes& ep, const Bytes& table) const
-{
-    Write(hwinfo::kSysfsSmbiosEntryPoint, ep);
-    Write(hwinfo::kSysfsSmbiosTable, table);
-}
-
-void FakeRoot::SetSysfsTable(const Bytes& table) const
-{
-    SetSysfsSmbios(EntryPoint30(static_cast<uint32_t>(table.size()), 0x20), table);
 }
 
 void FakeRoot::MakeMemory(size_t size) const

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "hwinfo/CPciSlotMap.h"
+#include "hwinfo/HwPaths.h"
 #include "support/TestSupport.h"
 
 namespace hwtest {
@@ -43,17 +45,27 @@ Bytes SmbiosFixture(const std::string& name);
 /// process slot map starts empty) while the object lives.
 class FakeRoot {
 public:
-    FakeRoot();
-    ~FakeRoot();
+    FakeRoot() { Use(m_Dir.Path().c_str()); }
+    ~FakeRoot() { Use(nullptr); }
     FakeRoot(const FakeRoot&) = delete;
     FakeRoot& operator=(const FakeRoot&) = delete;
 
     std::string Path(const std::string& abs) const { return m_Dir.Path() + abs; }
-    bool Write(const std::string& abs, const std::string& content) const;
+    bool Write(const std::string& abs, const std::string& content) const
+    {
+        return testsupport::WriteFile(Path(abs), content);
+    }
     bool Write(const std::string& abs, const Bytes& content) const { return Write(abs, Str(content)); }
-    void SetSysfsSmbios(const Bytes& ep, const Bytes& table) const;
+    void SetSysfsSmbios(const Bytes& ep, const Bytes& table) const
+    {
+        Write(hwinfo::kSysfsSmbiosEntryPoint, ep);
+        Write(hwinfo::kSysfsSmbiosTable, table);
+    }
     /// `table` behind a 3.0 entry point in the sysfs copies.
-    void SetSysfsTable(const Bytes& table) const;
+    void SetSysfsTable(const Bytes& table) const
+    {
+        SetSysfsSmbios(EntryPoint30(static_cast<uint32_t>(table.size()), 0x20), table);
+    }
     /// The fake physical memory: a sparse file of `size` bytes, then bytes at addresses.
     void MakeMemory(size_t size = 0x100000) const;
     void Poke(uint64_t address, const Bytes& bytes) const;
@@ -61,6 +73,11 @@ public:
     void CopyFixture(const std::string& fixture, const std::string& abs) const;
 
 private:
+    static void Use(const char* root)
+    {
+        hwinfo::SetRootDirectory(root);
+        CPciSlotMap::ResetProcessSlotMap();
+    }
     testsupport::TempDir m_Dir;
 };
 
