@@ -13,6 +13,13 @@ PciSlotData Slot(uint8_t bus, uint8_t dev, uint8_t slot, uint8_t type)
     d.bus = bus, d.device = dev, d.slot = slot, d.type = type;
     return d;
 }
+std::string Text(const std::vector<PciSlotData>& list)
+{
+    std::string out;
+    for (const PciSlotData& d : list)
+        out += d.ToString() + ";";
+    return out;
+}
 constexpr uint64_t kPirAddress = 0xF4A60;
 } // namespace
 
@@ -22,10 +29,9 @@ TEST(PciSlotData, SerialRangesTextAndMatching)
         EXPECT_TRUE(Slot(0, 0, 0, static_cast<uint8_t>(t)).IsSerialBus()) << t;
     for (int t : {0x00, 0x02, 0x06, 0x13, 0x24, 0xA4, 0xB7, 0xFF})
         EXPECT_FALSE(Slot(0, 0, 0, static_cast<uint8_t>(t)).IsSerialBus()) << t;
-    EXPECT_EQ("PciSlotData 1a:0.** --> Slot 2 (Serial bus)", Slot(0x1A, 0, 2, 0xA5).ToString());
-    EXPECT_EQ("PciSlotData 0:1f.** --> Slot 0 (Unknown bus type)", Slot(0, 31, 0, 2).ToString());
-    EXPECT_EQ("PciSlotData ff:3.** --> Slot 200 (Unknown bus type)", Slot(0xFF, 3, 200, 0).ToString());
-    EXPECT_EQ("PciSlotData 3:2.** --> Slot 7 (Parallel bus)", Slot(3, 2, 7, 0x06).ToString());
+    EXPECT_EQ("PciSlotData 1a:0.** --> Slot 2 (Serial bus);PciSlotData ff:3.** --> Slot 200 (Unknown bus type);"
+              "PciSlotData 3:2.** --> Slot 7 (Parallel bus);",
+              Text({Slot(0x1A, 0, 2, 0xA5), Slot(0xFF, 3, 200, 0), Slot(3, 2, 7, 0x06)}));
     // A serial slot holds every device on its bus, a parallel one only its own.
     PciSlotData pcie = Slot(3, 0, 1, 0xA5), pci = Slot(3, 2, 1, 0x06);
     EXPECT_TRUE(pcie.Matches(3, 0) && pcie.Matches(3, 17) && !pcie.Matches(4, 0));
@@ -35,19 +41,16 @@ TEST(PciSlotData, SerialRangesTextAndMatching)
 TEST(PciSlotMapSmbios, SkipRulesShortRecordsAndTheEightBitCount)
 {
     FakeRoot root;
+    EXPECT_TRUE(CPciSlotMap::GetSlotMappingFromSMBIOS().empty());
     root.SetSysfsTable(Concat({SlotStructure(1, 0xA5, 3, 1, 0xFF, 0x00),  // bus 0xFF: unavailable
                                SlotStructure(2, 0xA5, 5, 2, 0x04, 0x00),  // usage 5: unavailable
                                SlotStructure(3, 0x06, 4, 3, 0x05, 0x10), OnboardStructure(4, 0x00, 0xFA),
                                EndOfTable(5)}));
-    std::vector<PciSlotData> v = CPciSlotMap::GetSlotMappingFromSMBIOS();
-    ASSERT_EQ(2u, v.size());
-    EXPECT_EQ("PciSlotData 5:2.** --> Slot 3 (Parallel bus)", v[0].ToString());
-    EXPECT_EQ("PciSlotData 0:1f.** --> Slot 0 (Unknown bus type)", v[1].ToString());
+    EXPECT_EQ("PciSlotData 5:2.** --> Slot 3 (Parallel bus);PciSlotData 0:1f.** --> Slot 0 (Unknown bus type);",
+              Text(CPciSlotMap::GetSlotMappingFromSMBIOS()));
     // A type-9 record of SMBIOS 2.0 length last in the table: its bus byte
     // lies past the end and counts as absent.
-    Bytes f(0x0C - 4, 0);
-    f[1] = 0xA5;
-    root.SetSysfsTable(Structure(9, 1, f));
+    root.SetSysfsTable(Structure(9, 1, {0, 0xA5, 0, 0, 0, 0, 0, 0}));
     EXPECT_TRUE(CPciSlotMap::GetSlotMappingFromSMBIOS().empty());
     for (int n : {256, 257}) {
         std::vector<Bytes> parts;
@@ -58,80 +61,57 @@ TEST(PciSlotMapSmbios, SkipRulesShortRecordsAndTheEightBitCount)
         root.SetSysfsTable(Concat(parts));
         EXPECT_EQ(static_cast<size_t>(n % 256), CPciSlotMap::GetSlotMappingFromSMBIOS().size()) << n;
     }
-    FakeRoot empty;
-    EXPECT_TRUE(CPciSlotMap::GetSlotMappingFromSMBIOS().empty());
 }
 
 TEST(PciSlotMapIrq, RoutingTableChecks)
 {
     Bytes zero = Pir({{0, 8, 1}}), large = zero, odd = zero, bad = zero;
     PutLe16(zero, 6, 0);
-    FixChecksum(zero, 31);
     PutLe16(large, 6, static_cast<uint16_t>(0xFFE0 - (kPirAddress - 0xF0000) + 16));
     odd.push_back(0);
     PutLe16(odd, 6, 0x21);
-    FixChecksum(odd, 31);
+    FixChecksum(zero, 31), FixChecksum(odd, 31);
     bad[40] ^= 0x10;
-    struct Case {
-        const char* name;
-        Bytes table;
-        uint64_t at;
-        size_t entries;
-    } cases[] = {
-        {"valid", Pir({{0, 0x08, 0}, {2, 0x18, 3}, {5, 0x00, 7}}), kPirAddress, 3},
-        {"size 0", zero, kPirAddress, 0},
-        {"size past the area", large, kPirAddress, 0},
-        {"size not whole entries", odd, kPirAddress, 0},
-        {"version 11.0", Pir({{0, 8, 1}}, 0x0B00), kPirAddress, 0},
-        {"minor 21", Pir({{0, 8, 1}}, 0x0115), kPirAddress, 0},
-        {"10.20 is the highest", Pir({{0, 8, 1}}, 0x0A14), kPirAddress, 1},
-        {"bad checksum", bad, kPirAddress, 0},
-        {"off a 16-byte boundary", Pir({{0, 8, 1}}), kPirAddress + 4, 0},
+    std::tuple<const char*, Bytes, uint64_t, std::string> cases[] = {
+        {"valid", Pir({{0, 0x08, 0}, {2, 0x18, 7}}), kPirAddress,
+         "PciSlotData 0:1.** --> Slot 0 (Unknown bus type);PciSlotData 2:3.** --> Slot 7 (Unknown bus type);"},
+        {"size 0", zero, kPirAddress, ""},
+        {"size past the area", large, kPirAddress, ""},
+        {"size not whole entries", odd, kPirAddress, ""},
+        {"version 11.0", Pir({{0, 8, 1}}, 0x0B00), kPirAddress, ""},
+        {"minor 21", Pir({{0, 8, 1}}, 0x0115), kPirAddress, ""},
+        {"10.20 is the highest", Pir({{0, 8, 1}}, 0x0A14), kPirAddress, "PciSlotData 0:1.** --> Slot 1 (Unknown bus type);"},
+        {"bad checksum", bad, kPirAddress, ""},
+        {"off a 16-byte boundary", Pir({{0, 8, 1}}), kPirAddress + 4, ""},
     };
-    for (const Case& c : cases) {
+    for (const auto& [name, table, at, slots] : cases) {
         FakeRoot root;
         root.MakeMemory();
-        root.Poke(c.at, c.table);
-        std::vector<PciSlotData> v = CPciSlotMap::GetSlotMappingFromIrqRoutingTable();
-        EXPECT_EQ(c.entries, v.size()) << c.name;
-        if (c.entries == 3) {
-            EXPECT_EQ("PciSlotData 0:1.** --> Slot 0 (Unknown bus type)", v[0].ToString());
-            EXPECT_EQ("PciSlotData 2:3.** --> Slot 3 (Unknown bus type)", v[1].ToString());
-            EXPECT_EQ(7, v[2].slot);
-        }
+        root.Poke(at, table);
+        EXPECT_EQ(slots, Text(CPciSlotMap::GetSlotMappingFromIrqRoutingTable())) << name;
     }
     FakeRoot noMemory;
     EXPECT_TRUE(CPciSlotMap::GetSlotMappingFromIrqRoutingTable().empty());
 }
 
-TEST(PciSlotMapMerge, IrqSlotNumbersWithSmbiosTypes)
-{
-    FakeRoot root;
-    root.MakeMemory();
-    root.Poke(kPirAddress, Pir({{3, 0x10, 9}, {4, 0x08, 8}, {6, 0x00, 6}}));
-    root.SetSysfsTable(Concat({SlotStructure(1, 0xA5, 4, 1, 3, 0x00),  // serial on bus 3: matches device 2
-                               SlotStructure(2, 0x06, 4, 2, 4, 0x10),  // parallel 4:2 does not match 4:1
-                               EndOfTable(3)}));
-    std::vector<PciSlotData> v = CPciSlotMap::GetSlotMapping();
-    ASSERT_EQ(3u, v.size());
-    EXPECT_EQ("PciSlotData 3:2.** --> Slot 9 (Serial bus)", v[0].ToString());
-    EXPECT_EQ(0xA5, v[0].type);
-    EXPECT_EQ(2, v[1].type);
-    EXPECT_EQ(2, v[2].type);
-    EXPECT_EQ(9, GetPciSlotNumber(3, 0));  // serial: any device on bus 3
-    EXPECT_EQ(9, GetPciSlotNumber(3, 30));
-    EXPECT_EQ(8, GetPciSlotNumber(4, 1));
-    EXPECT_EQ(0, GetPciSlotNumber(4, 2));
-}
-
-TEST(PciSlotMapMerge, SmbiosAloneNothingAndBuiltOnce)
+TEST(PciSlotMapMerge, IrqSlotsWithSmbiosTypesSmbiosAloneAndBuiltOnce)
 {
     FakeRoot root;
     EXPECT_TRUE(CPciSlotMap::GetSlotMapping().empty());
     EXPECT_EQ(0, GetPciSlotNumber(2, 3));
     root.SetSysfsTable(Concat({SlotStructure(1, 0x06, 4, 5, 2, 0x18), EndOfTable(3)}));
-    ASSERT_EQ(1u, CPciSlotMap::GetSlotMapping().size());
+    EXPECT_EQ("PciSlotData 2:3.** --> Slot 5 (Parallel bus);", Text(CPciSlotMap::GetSlotMapping()));
     EXPECT_EQ(0, GetPciSlotNumber(2, 3));  // firmware appearing later is not read again
+    root.MakeMemory();
+    root.Poke(kPirAddress, Pir({{3, 0x10, 9}, {4, 0x08, 8}}));
+    root.SetSysfsTable(Concat({SlotStructure(1, 0xA5, 4, 1, 3, 0x00),  // serial on bus 3: matches device 2
+                               SlotStructure(2, 0x06, 4, 2, 4, 0x10),  // parallel 4:2 does not match 4:1
+                               EndOfTable(3)}));
+    EXPECT_EQ("PciSlotData 3:2.** --> Slot 9 (Serial bus);PciSlotData 4:1.** --> Slot 8 (Unknown bus type);",
+              Text(CPciSlotMap::GetSlotMapping()));
     CPciSlotMap::ResetProcessSlotMap();
-    EXPECT_EQ(5, GetPciSlotNumber(2, 3));
+    EXPECT_EQ(9, GetPciSlotNumber(3, 0));  // serial: any device on bus 3
+    EXPECT_EQ(9, GetPciSlotNumber(3, 30));
+    EXPECT_EQ(8, GetPciSlotNumber(4, 1));
+    EXPECT_EQ(0, GetPciSlotNumber(4, 2));
 }

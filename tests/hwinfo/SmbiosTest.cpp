@@ -1,8 +1,6 @@
 // SMBIOS acquisition sources, revision and the structure walk.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/CSMBiosInternal.h"
@@ -18,9 +16,7 @@ CSMBios Walk(const Bytes& table, uint16_t expected = 0, bool* ok = nullptr)
     s.SetTables(CDataStream(), CDataStream(table.data(), table.size()));
     s.SetExpectedStructureCount(expected);
     bool r = s.buildStructureList();
-    if (ok)
-        *ok = r;
-    return s;
+    return (ok ? *ok = r : r), s;
 }
 
 } // namespace

@@ -22,11 +22,10 @@ inline void PutLe16(Bytes& b, size_t off, uint16_t v) { PutLe(b, off, v, 2); }
 Bytes Concat(const std::vector<Bytes>& parts);
 /// Sets byte `at` so that the 8-bit sum of `b` is 0.
 void FixChecksum(Bytes& b, size_t at);
-/// One SMBIOS structure: header, `formatted` bytes, the strings, double NUL.
+/// SMBIOS structures: header, `formatted` bytes, the strings, double NUL;
+/// type 9 (length 0x11) with the fields the slot rules read; type 41 (0x0B).
 Bytes Structure(uint8_t type, uint16_t handle, const Bytes& formatted, const std::vector<std::string>& strings = {});
-/// A type-9 structure (length 0x11) with the fields the slot rules read.
 Bytes SlotStructure(uint16_t handle, uint8_t slotType, uint8_t usage, uint8_t slotId, uint8_t bus, uint8_t devfn);
-/// A type-41 structure (length 0x0B).
 Bytes OnboardStructure(uint16_t handle, uint8_t bus, uint8_t devfn);
 inline Bytes EndOfTable(uint16_t handle) { return Structure(127, handle, {}); }
 /// SMBIOS 2.1 entry point (31 bytes) with a valid checksum; 3.0 entry point (24 bytes).
@@ -69,7 +68,6 @@ public:
     /// The fake physical memory: a sparse file of `size` bytes, then bytes at addresses.
     void MakeMemory(size_t size = 0x100000) const;
     void Poke(uint64_t address, const Bytes& bytes) const;
-    /// Copies the fixture directory `fixture` to `abs`.
     void CopyFixture(const std::string& fixture, const std::string& abs) const;
 
 private:
