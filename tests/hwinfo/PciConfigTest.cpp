@@ -106,7 +106,7 @@ TEST(PciConfigScan, SlotsAndBridgeInheritance)
         uint16_t device;
         uint8_t base, sub, headerType, secondary;
         int slot;
-    } fns[] = {
+    } const fns[] = {
         {"00/01.0", 0x0101, 6, 4, 0x01, 5, 4},     // bridge in slot 4 → bus 5
         {"00/02.0", 0x0102, 2, 0, 0, 0, 0},        // onboard: slot 0
         {"00/03.0", 0x0103, 6, 4, 0x01, 6, -1},    // bridge without slot
