@@ -32,7 +32,6 @@ public:
 
     bool Connect();
     void Disconnect();
-    bool IsConnected() const { return m_bConnected; }
 
     /// Maps `length` bytes at physical address (high:low).  Returns a pointer
     /// to the byte at that address, valid for `length` bytes until the next
