@@ -10,6 +10,7 @@
 
 #include "common/CTRString.h"
 #include "hwinfo/CPciConfigList.h"
+#include "hwinfo/CPciConfigListInternal.h"
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/HwPaths.h"
 

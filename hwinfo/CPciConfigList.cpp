@@ -4,14 +4,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/ByteReader.h"
 #include "common/CTRString.h"
+#include "common/FileIO.h"
 #include "common/UniqueHandle.h"
+#include "hwinfo/CPciConfigListInternal.h"
+#include "hwinfo/HwDirectory.h"
 #include "hwinfo/HwPaths.h"
 #include "trace/CDebug.h"
 
@@ -180,47 +182,59 @@ const char* CPciCommonConfigHeader::GetPciSubClassDescription(const PciConfigHea
 
 namespace {
 
-// Owns the name list that scandir returns.
-class DirEntries {
-public:
-    explicit DirEntries(const std::string& dir) { m_Count = scandir(dir.c_str(), &m_List, nullptr, alphasort); }
-    ~DirEntries()
-    {
-        for (int i = 0; i < m_Count; ++i)
-            free(m_List[i]);
-        free(m_List);
-    }
-    DirEntries(const DirEntries&) = delete;
-    DirEntries& operator=(const DirEntries&) = delete;
-    bool Ok() const { return m_Count >= 0; }
-    int Count() const { return m_Count; }
-    const char* Name(int i) const { return m_List[i]->d_name; }
-
-private:
-    struct dirent** m_List = nullptr;
-    int m_Count = -1;
-};
-
-bool IsHex(const char* s, size_t n)
+// "bb" or "ssss:bb".
+bool ParseBusName(const std::string& name, unsigned& segment, unsigned& bus)
 {
-    for (size_t i = 0; i < n; ++i) {
-        if (!isxdigit(static_cast<unsigned char>(s[i])))
-            return false;
+    if (name.size() == 2) {
+        segment = 0;
+        return hwinfo::ParseHexField(name.c_str(), 2, bus);
     }
-    return true;
+    return name.size() == 7 && name[4] == ':' && hwinfo::ParseHexField(name.c_str(), 4, segment) &&
+           hwinfo::ParseHexField(name.c_str() + 5, 2, bus);
 }
 
-// "bb" or "ssss:bb".
-bool ParseBusName(const char* name, unsigned& segment, unsigned& bus)
+// "dd.f".
+bool ParseFunctionName(const std::string& name, unsigned& device, unsigned& function)
 {
-    size_t len = strlen(name);
-    if (len == 2 && IsHex(name, 2)) {
-        segment = 0;
-        return sscanf(name, "%02x", &bus) == 1;
-    }
-    if (len == 7 && IsHex(name, 4) && name[4] == ':' && IsHex(name + 5, 2))
-        return sscanf(name, "%04x:%02x", &segment, &bus) == 2;
+    return name.size() == 4 && name[2] == '.' && hwinfo::ParseHexField(name.c_str(), 2, device) &&
+           hwinfo::ParseHexField(name.c_str() + 3, 1, function);
+}
+
+// stat() of `path`; false (traced with `who`) when it fails.
+bool StatOrTrace(const std::string& path, struct stat& st, const char* who)
+{
+    if (stat(path.c_str(), &st) == 0)
+        return true;
+    int err = errno;
+    DBG_PRINT(2, "%s  : stat() for %s failed errno=%d (%s)--> ignoring\n", who, path.c_str(), err, strerror(err));
     return false;
+}
+
+// The function files of one bus directory into `list`.
+void AddBusFunctions(const std::string& busDir, unsigned segment, unsigned bus, CDeviceBusIo::NameList& list)
+{
+    std::vector<std::string> functions;
+    if (!hwinfo::ListDirectory(busDir, functions)) {
+        int err = errno;
+        DBG_PRINT(3, "BuildPciDeviceNameList  : scandir for directory %s failed; ## ERROR: errno=%d (%s)\n",
+                  busDir.c_str(), err, strerror(err));
+        return;
+    }
+    for (const std::string& fn : functions) {
+        unsigned device = 0;
+        unsigned function = 0;
+        if (!ParseFunctionName(fn, device, function))
+            continue;
+        std::string path = busDir + "/" + fn;
+        struct stat st {};
+        if (!StatOrTrace(path, st, "IsPciDevFileValid"))
+            continue;
+        if ((st.st_mode & 0xD000) != 0x8000)
+            continue;
+        CPciAddress address(static_cast<uint16_t>(segment), static_cast<uint8_t>(bus), static_cast<uint8_t>(device),
+                            static_cast<uint8_t>(function));
+        list.emplace(address, path);  // the first entry of an address wins
+    }
 }
 
 } // namespace
@@ -229,62 +243,24 @@ bool CDeviceBusIo::BuildPciDeviceNameList(NameList& list)
 {
     std::string root = hwinfo::RootedPath(hwinfo::kProcBusPci);
     DBG_PRINT(3, "BuildPciDeviceNameList  : from directory %s\n", hwinfo::kProcBusPci);
-    DirEntries buses(root);
-    if (!buses.Ok()) {
+    std::vector<std::string> buses;
+    if (!hwinfo::ListDirectory(root, buses)) {
         int err = errno;
         DBG_PRINT(3, "BuildPciDeviceNameList  : scandir for directory %s failed; ## ERROR: errno=%d (%s)\n",
                   root.c_str(), err, strerror(err));
         return false;
     }
-    for (int i = 0; i < buses.Count(); ++i) {
-        const char* name = buses.Name(i);
-        if (name[0] == '\0' || name[0] == '.')
-            continue;
+    for (const std::string& name : buses) {
         unsigned segment = 0;
         unsigned bus = 0;
         if (!ParseBusName(name, segment, bus))
             continue;
         std::string busDir = root + "/" + name;
         struct stat st {};
-        if (stat(busDir.c_str(), &st) != 0) {
-            int err = errno;
-            DBG_PRINT(2, "IsPciDevDirValid  : stat() for %s failed errno=%d (%s)--> ignoring\n", busDir.c_str(), err,
-                      strerror(err));
+        if (!StatOrTrace(busDir, st, "IsPciDevDirValid"))
             continue;
-        }
-        if ((st.st_mode & S_IFMT) != S_IFDIR)
-            continue;
-        DirEntries functions(busDir);
-        if (!functions.Ok()) {
-            int err = errno;
-            DBG_PRINT(3, "BuildPciDeviceNameList  : scandir for directory %s failed; ## ERROR: errno=%d (%s)\n",
-                      busDir.c_str(), err, strerror(err));
-            continue;
-        }
-        for (int j = 0; j < functions.Count(); ++j) {
-            const char* fn = functions.Name(j);
-            if (fn[0] == '\0' || fn[0] == '.' || strlen(fn) != 4)
-                continue;
-            if (!IsHex(fn, 2) || fn[2] != '.' || !IsHex(fn + 3, 1))
-                continue;
-            unsigned device = 0;
-            unsigned function = 0;
-            if (sscanf(fn, "%02x.%01x", &device, &function) != 2)
-                continue;
-            std::string path = busDir + "/" + fn;
-            struct stat fst {};
-            if (stat(path.c_str(), &fst) != 0) {
-                int err = errno;
-                DBG_PRINT(2, "IsPciDevFileValid  : stat() for %s failed errno=%d (%s)--> ignoring\n", path.c_str(), err,
-                          strerror(err));
-                continue;
-            }
-            if ((fst.st_mode & 0xD000) != 0x8000)
-                continue;
-            CPciAddress address(static_cast<uint16_t>(segment), static_cast<uint8_t>(bus),
-                                static_cast<uint8_t>(device), static_cast<uint8_t>(function));
-            list.emplace(address, path);  // the first entry of an address wins
-        }
+        if ((st.st_mode & S_IFMT) == S_IFDIR)
+            AddBusFunctions(busDir, segment, bus, list);
     }
     return true;
 }
@@ -298,17 +274,9 @@ bool CDeviceBusIo::GetPciConfigSpace(const std::string& path, PciConfigHeader& h
         return false;
     }
     PciConfigHeader buffer{};
-    size_t got = 0;
-    bool ok = lseek(fd.Get(), 0, SEEK_SET) == 0;
-    while (ok && got < buffer.size()) {
-        ssize_t n = read(fd.Get(), buffer.data() + got, buffer.size() - got);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        got += static_cast<size_t>(n);
-    }
-    if (!ok || got != buffer.size()) {
+    bool ok = lseek(fd.Get(), 0, SEEK_SET) == 0 &&
+              tarvd::ReadFull(fd.Get(), buffer.data(), buffer.size()) == static_cast<ssize_t>(buffer.size());
+    if (!ok) {
         DBG_PRINT(3, "GetPciConfigSpace : read error from %s\n", path.c_str());
         return false;
     }
@@ -321,15 +289,77 @@ bool CDeviceBusIo::GetPciConfigSpace(const std::string& path, PciConfigHeader& h
 // ---------------------------------------------------------------------------
 // Scan
 
+namespace {
+
+using H = CPciCommonConfigHeader;
+using BridgeSlots = std::map<uint8_t, uint8_t>;  // secondary bus → slot
+
+void TraceFunction(const CPciAddress& address, const PciConfigHeader& header)
+{
+    DBG_PRINT(3, "\nCPciConfigList      : ## Found PCI Device (Segment %d Bus %d, Device %d Function %d) ##",
+              address.GetSegment(), address.GetBus(), address.GetDevice(), address.GetFunction());
+    DBG_PRINT(3, "\nCPciConfigList      :    Header Type   : 0x%02X", H::HeaderType(header));
+    DBG_PRINT(3, "\nCPciConfigList      :    Vendor Id     : 0x%04X   SubVendor Id: 0x%04X", H::VendorId(header),
+              H::SubVendorId(header));
+    DBG_PRINT(3, "\nCPciConfigList      :    Device Id     : 0x%04X   SubDevice Id: 0x%04X", H::DeviceId(header),
+              H::SubDeviceId(header));
+    DBG_PRINT(3, "\nCPciConfigList      :    Base Class    : 0x%02X     %s", H::BaseClass(header),
+              H::GetPciBaseClassDescription(H::BaseClass(header)));
+    DBG_PRINT(3, "\nCPciConfigList      :    Sub Class     : 0x%02X     %s", H::SubClass(header),
+              H::GetPciSubClassDescription(header));
+}
+
+// The slot of a function: its firmware entry, else the slot of the bridge
+// that created its bus (-1 when neither knows).
+int SlotOf(const CPciAddress& address, const std::vector<PciSlotData>& slots, const BridgeSlots& bridges)
+{
+    const PciSlotData* e = nullptr;
+    if (slots.empty())
+        DBG_PRINT(1, "\nCPciSlotMap::GetPciSlotNumber() : ERROR ## Could not retrieve slot mapping.");
+    else
+        e = CPciSlotMap::FindSlot(slots, address.GetBus(), address.GetDevice());
+    if (e)
+        return e->slot;
+    DBG_PRINT(4, "\nCPciConfigList      : Pci device %d at bus %d not found in BIOS routing table - look up bridge mapping",
+              address.GetDevice(), address.GetBus());
+    auto it = bridges.find(address.GetBus());
+    if (it == bridges.end()) {
+        DBG_PRINT(4, "\nCPciConfigList      : No entry found in PCI bridge mapping table!");
+        return -1;
+    }
+    DBG_PRINT(4, "\nCPciConfigList      : Pci bridge device at slot %d created bus no %d", it->second, it->first);
+    return it->second;
+}
+
+// The slot of a function with the slot lookup on; a bridge in a slot hands
+// its slot on to the bus behind it.
+int SlotWithBridges(const CPciAddress& address, const PciConfigHeader& header, const std::vector<PciSlotData>& slots,
+                    BridgeSlots& bridges)
+{
+    int slot = SlotOf(address, slots, bridges);
+    if (slot >= 0)
+        DBG_PRINT(3, "\nCPciConfigList      :    Slot          : %d", slot);
+    else
+        DBG_PRINT(3, "\nCPciConfigList      :    Slot          : N/A");
+    if (H::IsBridge(header)) {
+        DBG_PRINT(3, "\nCPciConfigList      :    Brigde device:  Primary bus index  : %d", H::PrimaryBus(header));
+        DBG_PRINT(3, "\nCPciConfigList      :    Secondary bus index: %d", H::SecondaryBus(header));
+        if (slot >= 0)
+            bridges[H::SecondaryBus(header)] = static_cast<uint8_t>(slot);
+    }
+    return slot;
+}
+
+} // namespace
+
 bool CPciConfigList::ScanPciSlots(CPciConfigList& list, bool withSlots)
 {
-    using H = CPciCommonConfigHeader;
     CDeviceBusIo::NameList names;
     CDeviceBusIo::BuildPciDeviceNameList(names);
     std::vector<PciSlotData> slots;
     if (withSlots)
         slots = CPciSlotMap::GetSlotMapping();
-    std::map<uint8_t, uint8_t> bridges;  // secondary bus → slot
+    BridgeSlots bridges;
     int count = 0;
     for (const auto& [address, path] : names) {
         PciConfigHeader header{};
@@ -340,51 +370,12 @@ bool CPciConfigList::ScanPciSlots(CPciConfigList& list, bool withSlots)
                       H::VendorId(header), H::DeviceId(header));
             continue;
         }
-        DBG_PRINT(3, "\nCPciConfigList      : ## Found PCI Device (Segment %d Bus %d, Device %d Function %d) ##",
-                  address.GetSegment(), address.GetBus(), address.GetDevice(), address.GetFunction());
-        DBG_PRINT(3, "\nCPciConfigList      :    Header Type   : 0x%02X", H::HeaderType(header));
-        DBG_PRINT(3, "\nCPciConfigList      :    Vendor Id     : 0x%04X   SubVendor Id: 0x%04X", H::VendorId(header),
-                  H::SubVendorId(header));
-        DBG_PRINT(3, "\nCPciConfigList      :    Device Id     : 0x%04X   SubDevice Id: 0x%04X", H::DeviceId(header),
-                  H::SubDeviceId(header));
-        DBG_PRINT(3, "\nCPciConfigList      :    Base Class    : 0x%02X     %s", H::BaseClass(header),
-                  H::GetPciBaseClassDescription(H::BaseClass(header)));
-        DBG_PRINT(3, "\nCPciConfigList      :    Sub Class     : 0x%02X     %s", H::SubClass(header),
-                  H::GetPciSubClassDescription(header));
+        TraceFunction(address, header);
         int slot = -1;
-        if (!withSlots) {
+        if (withSlots)
+            slot = SlotWithBridges(address, header, slots, bridges);
+        else
             DBG_PRINT(3, "\nCPciConfigList      :    Slot          : N/A");
-        } else {
-            const PciSlotData* e = nullptr;
-            if (slots.empty())
-                DBG_PRINT(1, "\nCPciSlotMap::GetPciSlotNumber() : ERROR ## Could not retrieve slot mapping.");
-            else
-                e = CPciSlotMap::FindSlot(slots, address.GetBus(), address.GetDevice());
-            if (e) {
-                slot = e->slot;
-            } else {
-                DBG_PRINT(4, "\nCPciConfigList      : Pci device %d at bus %d not found in BIOS routing table - look up bridge mapping",
-                          address.GetDevice(), address.GetBus());
-                auto it = bridges.find(address.GetBus());
-                if (it != bridges.end()) {
-                    slot = it->second;
-                    DBG_PRINT(4, "\nCPciConfigList      : Pci bridge device at slot %d created bus no %d", it->second,
-                              it->first);
-                } else {
-                    DBG_PRINT(4, "\nCPciConfigList      : No entry found in PCI bridge mapping table!");
-                }
-            }
-            if (slot >= 0)
-                DBG_PRINT(3, "\nCPciConfigList      :    Slot          : %d", slot);
-            else
-                DBG_PRINT(3, "\nCPciConfigList      :    Slot          : N/A");
-            if (H::IsBridge(header)) {
-                DBG_PRINT(3, "\nCPciConfigList      :    Brigde device:  Primary bus index  : %d", H::PrimaryBus(header));
-                DBG_PRINT(3, "\nCPciConfigList      :    Secondary bus index: %d", H::SecondaryBus(header));
-                if (slot >= 0)
-                    bridges[H::SecondaryBus(header)] = static_cast<uint8_t>(slot);
-            }
-        }
         CPciSlotData record;
         record.address = address;
         record.header = header;
@@ -398,7 +389,6 @@ bool CPciConfigList::ScanPciSlots(CPciConfigList& list, bool withSlots)
 
 std::vector<std::string> KelTRScanPciSlots()
 {
-    using H = CPciCommonConfigHeader;
     std::vector<std::string> lines;
     CPciConfigList list;
     CPciConfigList::ScanPciSlots(list, false);

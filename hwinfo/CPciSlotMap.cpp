@@ -5,6 +5,7 @@
 #include "common/ByteReader.h"
 #include "common/CTRString.h"
 #include "hwinfo/CSMBios.h"
+#include "hwinfo/CSMBiosInternal.h"
 #include "trace/CDebug.h"
 
 namespace {
@@ -118,11 +119,78 @@ std::vector<PciSlotData> CPciSlotMap::GetSlotMappingFromSMBIOS()
     return list;
 }
 
+namespace {
+
+// Offset of the "$PIR" signature, searched on 16-byte boundaries.
+bool FindRoutingTable(const CByteReader& r, size_t& off)
+{
+    for (off = 0; off + 4 <= r.Size(); off += 16) {
+        if (r.Data()[off] == '$' && r.Matches(off, "$PIR", 4))
+            return true;
+    }
+    return false;
+}
+
+// Size, version and checksum of the table at `off` (PCI IRQ Routing Table
+// specification); each failure traced.
+bool RoutingTableValid(const CByteReader& r, size_t off, size_t size)
+{
+    uint16_t version = r.Le16Or(off + 4);
+    if (size == 0 || size > kRoutingSizeLimit - off) {
+        DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! Illegal table size in PCI IRQ Routing Table (%d)\n",
+                  static_cast<int>(size));
+        return false;
+    }
+    if (size % kRoutingEntrySize != 0) {
+        DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! PCI IRQ Routing Table size modulo sizeof (IRQ_ROUTING_TABLE_ENTRY) is not zero (%d)\n",
+                  static_cast<int>(size % kRoutingEntrySize));
+        return false;
+    }
+    if (version > 0x0AFF || (version & 0xFF) > 20) {
+        DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! Illegal version number in PCI IRQ Routing Table (%d.%d)\n",
+                  version >> 8, version & 0xFF);
+        return false;
+    }
+    uint8_t sum = 0;
+    CByteReader table = r.Sub(off, size);
+    for (size_t i = 0; i < table.Size(); ++i)
+        sum = static_cast<uint8_t>(sum + table.U8Or(i));
+    if (table.Size() != size || sum != 0) {
+        DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! Illegal checksum in PCI IRQ Routing Table (%02X)\n", sum);
+        return false;
+    }
+    return true;
+}
+
+// The slot entries of the table at `off`, as slot records.
+void CollectRoutingEntries(const CByteReader& r, size_t off, size_t size, std::vector<PciSlotData>& list)
+{
+    size_t n = size > kRoutingHeaderSize ? (size - kRoutingHeaderSize) / kRoutingEntrySize : 0;
+    for (size_t i = 0; i < n; ++i) {
+        CByteReader e = r.Sub(off + kRoutingHeaderSize + i * kRoutingEntrySize, kRoutingEntrySize);
+        if (e.Size() != kRoutingEntrySize)
+            break;
+        if (Debug.IsEnabled()) {
+            CTRString line("\nCDeviceBiosBase::GetRoutingTable   : ");
+            for (size_t j = 0; j < e.Size(); ++j)
+                line.AppendFormat("%02X ", e.U8Or(j));
+            Debug.Print(5, "%s", line.c_str());
+        }
+        PciSlotData d;
+        d.bus = e.U8Or(0);
+        d.device = static_cast<uint8_t>(e.U8Or(1) >> 3);
+        d.slot = e.U8Or(14);
+        d.type = kSlotTypeUnknown;
+        list.push_back(d);
+    }
+}
+
+} // namespace
+
 std::vector<PciSlotData> CPciSlotMap::GetSlotMappingFromIrqRoutingTable()
 {
     std::vector<PciSlotData> list;
     DBG_PRINT(4, "\nCPciSlotMap::GetSlotMappingFromIrqRoutingTable(): Attempt to get Slot Mapping from IRQ Routing Table.\n");
-    std::vector<std::vector<uint8_t>> entries;
     {
         CDeviceBios bios;
         bios.Connect();
@@ -134,75 +202,21 @@ std::vector<PciSlotData> CPciSlotMap::GetSlotMappingFromIrqRoutingTable()
         }
         CByteReader r(area, kRoutingAreaLength);
         size_t off = 0;
-        bool found = false;
-        for (; off + 4 <= r.Size(); off += 16) {
-            if (r.Data()[off] == '$' && r.Matches(off, "$PIR", 4)) {
-                found = true;
-                break;
-            }
-        }
-        if (found) {
+        if (FindRoutingTable(r, off)) {
             size_t size = r.Le16Or(off + 6);
-            uint16_t version = r.Le16Or(off + 4);
-            bool valid = true;
-            if (size == 0 || size > kRoutingSizeLimit - off) {
-                DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! Illegal table size in PCI IRQ Routing Table (%d)\n",
-                          static_cast<int>(size));
-                valid = false;
-            } else if (size % kRoutingEntrySize != 0) {
-                DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! PCI IRQ Routing Table size modulo sizeof (IRQ_ROUTING_TABLE_ENTRY) is not zero (%d)\n",
-                          static_cast<int>(size % kRoutingEntrySize));
-                valid = false;
-            } else if (version > 0x0AFF || (version & 0xFF) > 20) {
-                DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! Illegal version number in PCI IRQ Routing Table (%d.%d)\n",
-                          version >> 8, version & 0xFF);
-                valid = false;
-            } else {
-                uint8_t sum = 0;
-                CByteReader table = r.Sub(off, size);
-                for (size_t i = 0; i < table.Size(); ++i)
-                    sum = static_cast<uint8_t>(sum + table.U8Or(i));
-                if (table.Size() != size || sum != 0) {
-                    DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! Illegal checksum in PCI IRQ Routing Table (%02X)\n",
-                              sum);
-                    valid = false;
-                }
-            }
-            if (valid && size > kRoutingHeaderSize) {
-                size_t n = (size - kRoutingHeaderSize) / kRoutingEntrySize;
-                for (size_t i = 0; i < n; ++i) {
-                    CByteReader e = r.Sub(off + kRoutingHeaderSize + i * kRoutingEntrySize, kRoutingEntrySize);
-                    if (e.Size() != kRoutingEntrySize)
-                        break;
-                    entries.emplace_back(e.Data(), e.Data() + e.Size());
-                    if (Debug.IsEnabled()) {
-                        CTRString line("\nCDeviceBiosBase::GetRoutingTable   : ");
-                        for (uint8_t b : entries.back())
-                            line.AppendFormat("%02X ", b);
-                        Debug.Print(5, "%s", line.c_str());
-                    }
-                }
-            }
+            if (RoutingTableValid(r, off, size))
+                CollectRoutingEntries(r, off, size, list);
         }
         bios.UnmapPhysicalMemory();
         bios.Disconnect();
     }
-    for (const auto& e : entries) {
-        PciSlotData d;
-        d.bus = e[0];
-        d.device = static_cast<uint8_t>(e[1] >> 3);
-        d.slot = e[14];
-        d.type = kSlotTypeUnknown;
-        list.push_back(d);
+    for (const PciSlotData& d : list)
         DBG_PRINT(3, "\nCPciSlotMap::GetSlotMappingFromIrqRoutingTable(): Add device - %s.", d.ToString().c_str());
-    }
-    if (entries.empty())
+    if (list.empty())
         DBG_PRINT(1, "\nCPciSlotMap::GetSlotMappingFromIrqRoutingTable(): ERROR ## Empty IRQ Routing Table.\n");
-    else if (!list.empty())
+    else
         DBG_PRINT(4, "\nCPciSlotMap::GetSlotMappingFromIrqRoutingTable(): Success! Gathered %u slots from IRQ Routing Table\n",
                   static_cast<unsigned>(list.size()));
-    else
-        DBG_PRINT(1, "\nCPciSlotMap::GetSlotMappingFromIrqRoutingTable(): ERROR ## No slot data in IRQ Routing Table!\n");
     return list;
 }
 

@@ -48,9 +48,6 @@ public:
     /// firmware again (for replaying another machine's snapshot).
     static void ResetProcessSlotMap();
 
-    const std::vector<PciSlotData>& GetSlots() const { return m_Slots; }
-    bool IsMappingBuilt() const { return m_bMappingBuilt; }
-
 private:
     static CPciSlotMap& Instance();
 

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include "common/CTRString.h"
+#include "common/FileIO.h"
+#include "hwinfo/CSMBiosInternal.h"
 #include "hwinfo/HwPaths.h"
 #include "trace/CDebug.h"
 
@@ -23,6 +25,7 @@ constexpr size_t kEsxHeaderLength = 31;
 constexpr size_t kEsxFirstRead = 64;
 constexpr size_t kEsxTableSlack = 32;
 constexpr size_t kSystabLine = 255;
+constexpr uint8_t kEndOfTableType = 127;
 
 size_t PageSize()
 {
@@ -37,6 +40,18 @@ void TraceDump(unsigned level, const CDataStream& s)
 }
 
 } // namespace
+
+const char* SmbiosSourceName(SmbiosSource source)
+{
+    switch (source) {
+    case SmbiosSource::Sysfs: return "sysfs";
+    case SmbiosSource::UefiMemory: return "uefi-memory";
+    case SmbiosSource::Esx: return "esx";
+    case SmbiosSource::BiosShadow: return "bios-shadow";
+    case SmbiosSource::None: break;
+    }
+    return "none";
+}
 
 // ---------------------------------------------------------------------------
 // Physical memory
@@ -158,10 +173,6 @@ bool CBiosTables::GetAnySMBiosFromSysfs(CDataStream& header, CDataStream& data)
         DBG_PRINT(2, "\nCBiosTables::GetAnySMBiosFromSysfs() Could not read SMBios data table file.");
         return false;
     }
-    if (h.IsEmpty() || d.IsEmpty()) {
-        DBG_PRINT(2, "\nCBiosTables::GetAnySMBiosFromSysfs() : Invalid SMBios.");
-        return false;
-    }
     header = h;
     data = d;
     DBG_PRINT(2, "\nCBiosTables::GetAnySMBiosFromSysfs() Success : Header (%u) bytes, Data (%u) bytes",
@@ -189,34 +200,32 @@ bool CBiosTables::GetAnySMBiosFromMemory(CDataStream& header, CDataStream& data)
     }
     DBG_PRINT(2, "\nCBiosTables::GetAnySMBiosFromMemory() : Read SMBios header (%u) bytes, data (%u) bytes",
               static_cast<unsigned>(h.GetSize()), static_cast<unsigned>(d.GetSize()));
-    if (!h.IsEmpty() && !d.IsEmpty()) {
-        header = h;
-        data = d;
-        DBG_PRINT(4, "\nCBiosTables::GetAnySMBiosFromMemory() Success.");
-        return true;
-    }
-    DBG_PRINT(4, "\nCBiosTables::GetAnySMBiosFromMemory() Failed.");
-    return false;
+    // GetBiosData succeeds only with both streams filled.
+    header = h;
+    data = d;
+    DBG_PRINT(4, "\nCBiosTables::GetAnySMBiosFromMemory() Success.");
+    return true;
 }
 
 namespace {
 
-// read() until `want` bytes or end of file; -1 on error.
-ssize_t ReadFull(int fd, uint8_t* buffer, size_t want)
+// Skips the entry point of `entryLength` bytes at the start of the ESX
+// device, in reads of at most kEsxFirstRead bytes.
+bool SkipEsxEntryPoint(int fd, const std::string& path, size_t entryLength)
 {
-    size_t got = 0;
-    while (got < want) {
-        ssize_t n = read(fd, buffer + got, want - got);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return -1;
+    uint8_t buffer[kEsxFirstRead];
+    size_t skipped = 0;
+    while (skipped < entryLength) {
+        size_t chunk = entryLength - skipped < kEsxFirstRead ? entryLength - skipped : kEsxFirstRead;
+        ssize_t n = tarvd::ReadFull(fd, buffer, chunk);
+        if (n <= 0) {
+            DBG_PRINT(1, "GetBiosTableESX        : ERROR: read SMBIOS header from %s failed! (len = %d, BytesToRead = %d), Reason: %s\n",
+                      path.c_str(), static_cast<int>(n), static_cast<int>(chunk), n < 0 ? strerror(errno) : "end of file");
+            return false;
         }
-        if (n == 0)
-            break;
-        got += static_cast<size_t>(n);
+        skipped += static_cast<size_t>(n);
     }
-    return static_cast<ssize_t>(got);
+    return true;
 }
 
 } // namespace
@@ -230,10 +239,7 @@ bool CBiosTables::GetBiosTableESX(CDataStream& header, CDataStream& data)
     DBG_PRINT(1, "GetBiosTableESX        : we are running on ESX; file %s succesfully opened!\n", path.c_str());
 
     uint8_t first[kEsxFirstRead];
-    ssize_t got;
-    do {
-        got = read(fd.Get(), first, sizeof first);
-    } while (got < 0 && errno == EINTR);
+    ssize_t got = tarvd::ReadFull(fd.Get(), first, sizeof first);
     if (got < static_cast<ssize_t>(kEsxHeaderLength)) {
         int err = got < 0 ? errno : 0;
         DBG_PRINT(1, "GetBiosTableESX        : ERROR: read SMBIOS header from %s failed! (readlen = %d, hdrlen = %d), Reason: %s\n",
@@ -241,8 +247,7 @@ bool CBiosTables::GetBiosTableESX(CDataStream& header, CDataStream& data)
         return false;
     }
     fd.Reset();
-    CDataStream firstBytes(first, static_cast<size_t>(got));
-    TraceDump(5, firstBytes);
+    TraceDump(5, CDataStream(first, static_cast<size_t>(got)));
 
     CDataStream h(first, kEsxHeaderLength);
     CByteReader hr = h.Reader();
@@ -255,24 +260,12 @@ bool CBiosTables::GetBiosTableESX(CDataStream& header, CDataStream& data)
                   path.c_str(), 0, static_cast<int>(entryLength), strerror(errno));
         return false;
     }
-    // Skip the entry point again; the table follows it on the device.
-    size_t skipped = 0;
-    while (skipped < entryLength) {
-        size_t chunk = entryLength - skipped < kEsxFirstRead ? entryLength - skipped : kEsxFirstRead;
-        ssize_t n = read(fd.Get(), first, chunk);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            DBG_PRINT(1, "GetBiosTableESX        : ERROR: read SMBIOS header from %s failed! (len = %d, BytesToRead = %d), Reason: %s\n",
-                      path.c_str(), static_cast<int>(n), static_cast<int>(chunk), n < 0 ? strerror(errno) : "end of file");
-            return false;
-        }
-        skipped += static_cast<size_t>(n);
-    }
-
+    // The table follows the entry point on the device.
+    if (!SkipEsxEntryPoint(fd.Get(), path, entryLength))
+        return false;
     size_t toRead = tableLength + kEsxTableSlack;
     std::vector<uint8_t> table(toRead, 0);
-    ssize_t len = ReadFull(fd.Get(), table.data(), toRead);
+    ssize_t len = tarvd::ReadFull(fd.Get(), table.data(), toRead);
     if (len < 0) {
         DBG_PRINT(1, "GetBiosTableESX        : ERROR: read SMBIOS Table from %s failed! (BytesToRead = %d), Reason: %s\n",
                   path.c_str(), static_cast<int>(toRead), strerror(errno));
@@ -290,35 +283,34 @@ bool CBiosTables::GetBiosTableESX(CDataStream& header, CDataStream& data)
     return true;
 }
 
-bool CBiosTables::GetSmbiosData(CDataStream& header, CDataStream& data, CSMBios* shadow, bool* fromShadow)
+bool CBiosTables::GetSmbiosData(CDataStream& header, CDataStream& data, CSMBios* shadow, SmbiosSource* source)
 {
     DBG_PRINT(5, "\nCBiosTables::GetSmbiosData() Start.");
-    if (fromShadow)
-        *fromShadow = false;
+    SmbiosSource found = SmbiosSource::None;
     if (GetAnySMBiosFromSysfs(header, data)) {
         DBG_PRINT(5, "\nCBiosTables::GetSmbiosData() : Found in sysfs.");
-        return true;
-    }
-    if (GetAnySMBiosFromMemory(header, data)) {
+        found = SmbiosSource::Sysfs;
+    } else if (GetAnySMBiosFromMemory(header, data)) {
         DBG_PRINT(5, "\nCBiosTables::GetSmbiosData() : Found in memory.");
-        return true;
-    }
-    if (GetBiosTableESX(header, data)) {
+        found = SmbiosSource::UefiMemory;
+    } else if (GetBiosTableESX(header, data)) {
         DBG_PRINT(5, "\nCBiosTables::GetSmbiosData() : ESXi specific SMBios found.");
-        return true;
+        found = SmbiosSource::Esx;
+    } else {
+        DBG_PRINT(1, "\nCBiosTables::GetSmbiosData() : ERROR ## No SMBios found!");
+        CSMBios local;
+        CSMBios& s = shadow ? *shadow : local;
+        if (s.getSmbiosDataFromBiosShadowMemory(header, data)) {
+            DBG_PRINT(4, "\nCSMBios (Connect)   : Got SMBIOS data from BIOS shadow memory (%d bytes)",
+                      static_cast<int>(data.GetSize()));
+            found = SmbiosSource::BiosShadow;
+        } else {
+            DBG_PRINT(1, "\nCSMBios (Connect)   : ## ERROR! Could not find any SMBIOS data!");
+        }
     }
-    DBG_PRINT(1, "\nCBiosTables::GetSmbiosData() : ERROR ## No SMBios found!");
-    CSMBios local;
-    CSMBios& s = shadow ? *shadow : local;
-    if (s.getSmbiosDataFromBiosShadowMemory(header, data)) {
-        DBG_PRINT(4, "\nCSMBios (Connect)   : Got SMBIOS data from BIOS shadow memory (%d bytes)",
-                  static_cast<int>(data.GetSize()));
-        if (fromShadow)
-            *fromShadow = true;
-        return true;
-    }
-    DBG_PRINT(1, "\nCSMBios (Connect)   : ## ERROR! Could not find any SMBIOS data!");
-    return false;
+    if (source)
+        *source = found;
+    return found != SmbiosSource::None;
 }
 
 // ---------------------------------------------------------------------------
@@ -360,6 +352,8 @@ uint64_t SMBiosTableFromMemory<EPS>::GetUEFIAddress() const
     DBG_PRINT(3, "\nSMBiosTableFromMemory::GetUEFIAddress() : UEFI interface detected: try to get %s address info from '%s'",
               key, used.c_str());
     uint64_t address = 0;
+    // The system table is read with a fixed line buffer: a longer line is
+    // taken in pieces, each looked at as a line of its own.
     char line[kSystabLine];
     while (fgets(line, sizeof line, file.Get())) {
         char* eq = strchr(line, '=');
@@ -367,6 +361,7 @@ uint64_t SMBiosTableFromMemory<EPS>::GetUEFIAddress() const
             continue;
         *eq = '\0';
         if (strcmp(line, key) == 0) {
+            // Automatic base: "0x..." is hexadecimal, as the kernel writes it.
             address = strtoul(eq + 1, nullptr, 0);
             break;
         }
@@ -378,6 +373,25 @@ uint64_t SMBiosTableFromMemory<EPS>::GetUEFIAddress() const
                   static_cast<unsigned long long>(address));
     return address;
 }
+
+namespace {
+
+// Copies `length` bytes at physical `address` of the memory device into
+// `out`; false (traced) when the range cannot be mapped.
+bool CopyPhysical(int fd, uint64_t address, uint64_t length, CDataStream& out)
+{
+    UniqueMapping m;
+    const uint8_t* p = hwinfo::MapPhysicalRange(fd, address, length, false, m);
+    if (!p) {
+        int err = errno;
+        DBG_PRINT(1, "\nSMBiosTableFromMemory::GetBiosData() : ERROR # mmap failed : (errno=%d) %s", err, strerror(err));
+        return false;
+    }
+    out.SetAt(p, static_cast<size_t>(length));
+    return true;
+}
+
+} // namespace
 
 template <typename EPS>
 bool SMBiosTableFromMemory<EPS>::GetBiosData(CDataStream& header, CDataStream& data)
@@ -397,20 +411,12 @@ bool SMBiosTableFromMemory<EPS>::GetBiosData(CDataStream& header, CDataStream& d
     size_t page = PageSize();
     CDataStream h;
     CDataStream d;
-    {
-        DBG_PRINT(3, "\nSMBiosTableFromMemory::GetBiosData() : Map SMBios header (address=0x%016llx, size=0x%016llx, offset=0x%016llx)",
-                  static_cast<unsigned long long>(address - address % page),
-                  static_cast<unsigned long long>(address % page + HeaderSize()),
-                  static_cast<unsigned long long>(address % page));
-        UniqueMapping m;
-        const uint8_t* p = hwinfo::MapPhysicalRange(fd.Get(), address, HeaderSize(), false, m);
-        if (!p) {
-            int err = errno;
-            DBG_PRINT(1, "\nSMBiosTableFromMemory::GetBiosData() : ERROR # mmap failed : (errno=%d) %s", err, strerror(err));
-            return false;
-        }
-        h.SetAt(p, HeaderSize());
-    }
+    DBG_PRINT(3, "\nSMBiosTableFromMemory::GetBiosData() : Map SMBios header (address=0x%016llx, size=0x%016llx, offset=0x%016llx)",
+              static_cast<unsigned long long>(address - address % page),
+              static_cast<unsigned long long>(address % page + HeaderSize()),
+              static_cast<unsigned long long>(address % page));
+    if (!CopyPhysical(fd.Get(), address, HeaderSize(), h))
+        return false;
     const uint8_t* hp = h.IsEmpty() ? nullptr : h.GetData();
     uint64_t length = GetDataLength(hp);
     uint64_t tableAddress = GetDataAddress(hp);
@@ -422,14 +428,8 @@ bool SMBiosTableFromMemory<EPS>::GetBiosData(CDataStream& header, CDataStream& d
         DBG_PRINT(3, "\nSMBiosTableFromMemory::GetBiosData() : Map SMBios data table (address=0x%016llx, size=0x%016llx, offset=0x%016llx)",
                   static_cast<unsigned long long>(tableAddress - tableAddress % page),
                   static_cast<unsigned long long>(mapLength), static_cast<unsigned long long>(tableAddress % page));
-        UniqueMapping m;
-        const uint8_t* p = hwinfo::MapPhysicalRange(fd.Get(), tableAddress, length, false, m);
-        if (!p) {
-            int err = errno;
-            DBG_PRINT(1, "\nSMBiosTableFromMemory::GetBiosData() : ERROR # mmap failed : (errno=%d) %s", err, strerror(err));
+        if (!CopyPhysical(fd.Get(), tableAddress, length, d))
             return false;
-        }
-        d.SetAt(p, static_cast<size_t>(length));
     }
     fd.Reset();
     if (!h.IsEmpty() && !d.IsEmpty()) {
@@ -472,12 +472,19 @@ uint64_t SMBiosTableFromMemoryV2::GetDataAddress(const uint8_t* header) const
 // ---------------------------------------------------------------------------
 // CSMBios
 
-bool CSMBios::Connect()
+bool CSMBios::Acquire()
 {
-    bool fromShadow = false;
-    if (CBiosTables::GetSmbiosData(m_Header, m_Data, this, &fromShadow) && !fromShadow)
+    m_Source = SmbiosSource::None;
+    bool found = CBiosTables::GetSmbiosData(m_Header, m_Data, this, &m_Source);
+    if (found && m_Source != SmbiosSource::BiosShadow)
         DBG_PRINT(4, "\nCSMBios (Connect)   : SMBIOS data got from operating system (%d bytes)",
                   static_cast<int>(m_Data.GetSize()));
+    return found;
+}
+
+bool CSMBios::Connect()
+{
+    Acquire();
     setSmbiosRevisionFromHeader();
     if (m_Data.IsEmpty()) {
         DBG_PRINT(4, "\nCSMBios (Connect)   : SMBIOS %s connected", "NOT");
@@ -497,6 +504,7 @@ void CSMBios::Disconnect()
     m_Index.clear();
     m_Major = 0;
     m_Minor = 0;
+    m_Source = SmbiosSource::None;
     m_LastError.clear();
     DBG_PRINT(4, "\nCSMBios (Disconnect): Disconnected");
 }
@@ -529,89 +537,115 @@ void CSMBios::setSmbiosRevisionFromHeader()
     DBG_PRINT(1, "\nCSMBios::setSmbiosRevisionFromHeader() : Error # Invalid SMBios version! (no anchor string matched)");
 }
 
+// ---------------------------------------------------------------------------
+// Legacy shadow scan
+
+namespace {
+
+// Offset of the first "_SM_" anchor on a paragraph boundary in the shadow
+// area, searched up to kShadowScanEnd; false when there is none.
+bool FindShadowAnchor(const CByteReader& area, size_t& anchor)
+{
+    const uint8_t* base = area.Data();
+    for (size_t off = 0; off < kShadowScanEnd; ++off) {
+        const void* u = memchr(base + off, '_', kShadowScanEnd - off);
+        if (!u)
+            return false;
+        off = static_cast<size_t>(static_cast<const uint8_t*>(u) - base);
+        uint64_t phys = kShadowStart + off;
+        if (phys % 16 != 0) {
+            DBG_PRINT(6, "\nScanForSignature    :   '_' found at a non-paragraph address (0x%08X), continue searching",
+                      static_cast<unsigned>(phys));
+            continue;
+        }
+        if (area.Matches(off, "_SM_", 4)) {
+            DBG_PRINT(3, "\nScanForSignature    : SMBIOS signature \"_SM_\" found (SM BIOS >= 2.1) at 0x%08X",
+                      static_cast<unsigned>(phys));
+            anchor = off;
+            return true;
+        }
+    }
+    return false;
+}
+
+// The entry point's checksum over its own length E (byte 0x05).  E = 0
+// forms no sum and stores an empty header.  True when `header` was stored.
+bool StoreCheckedEntryPoint(const CByteReader& ep, CDataStream& header)
+{
+    size_t entryLength = ep.U8Or(0x05);
+    if (entryLength != 0) {
+        uint8_t sum = 0;
+        bool inside = ep.Contains(0, entryLength);
+        for (size_t i = 0; inside && i < entryLength; ++i)
+            sum = static_cast<uint8_t>(sum + ep.U8Or(i));
+        if (!inside || sum != 0) {
+            DBG_PRINT(1, "\nCheckSmbiosHeader   : ## CHECKSUM ERROR in DMI structure header!\n");
+            return false;
+        }
+    }
+    DBG_PRINT(2, "\nCheckSmbiosHeader   : Checksum OK, storing header");
+    if (entryLength != 0)
+        header.SetAt(ep.Data(), entryLength);
+    return true;
+}
+
+// The shadow scan proper on a connected device: anchor, entry point,
+// checksum, table.  `expected` receives the entry point's structure count.
+bool ReadShadowTables(CDeviceBios& bios, CDataStream& header, CDataStream& data, uint16_t& expected,
+                      CTRString& error)
+{
+    const uint8_t* area = bios.MapPhysicalMemory(0, static_cast<uint32_t>(kShadowStart), kShadowLength, false);
+    if (!area) {
+        error.Format("Could not map SMBIOS physical memory (LastError = 0x%08X)!", static_cast<unsigned>(bios.GetLastErrno()));
+        return false;
+    }
+    CByteReader r(area, kShadowLength);
+    size_t anchor = 0;
+    if (!FindShadowAnchor(r, anchor)) {
+        error = "No SMBIOS structures found!";
+        return false;
+    }
+    CByteReader ep = r.Sub(anchor, r.Size() - anchor);
+    uint32_t tableAddress = ep.Le32Or(0x18);
+    uint16_t tableLength = ep.Le16Or(0x16);
+    expected = ep.Le16Or(0x1C);
+    DBG_PRINT(3, "\nCSMBios (GetShadow) : SMBIOS header size %u, anchor \"_SM_\"", static_cast<unsigned>(ep.U8Or(0x05)));
+    DBG_PRINT(2, "\nCSMBios (GetShadow) : DMI Version:    %d.%d (BCD Rev: %02X)", ep.U8Or(0x06), ep.U8Or(0x07),
+              ep.U8Or(0x1E));
+    DBG_PRINT(2, "\nCSMBios (GetShadow) : Number of structures %d, table address 0x%08X, table size %d", expected,
+              tableAddress, tableLength);
+    CDataStream h;
+    bool stored = StoreCheckedEntryPoint(ep, h);
+    DBG_PRINT(3, "\nScanForSignature    : -> SMBIOS %sdetected", stored ? "" : "NOT ");
+    if (!stored) {
+        error = "No SMBIOS structures found!";
+        return false;
+    }
+    if (tableAddress == 0) {
+        error = "No address for SMBIOS strucures detected!";
+        return false;
+    }
+    DBG_PRINT(2, "\nCSMBios (GetShadow) : ## SMBIOS/DMI structures found ##\n");
+    const uint8_t* table = bios.MapPhysicalMemory(0, tableAddress, tableLength, false);
+    if (!table) {
+        error.Format("Remapping of SMBIOS structure memory failed (LastError = 0x%08X)!",
+                     static_cast<unsigned>(bios.GetLastErrno()));
+        return false;
+    }
+    header = h;
+    data.SetAt(table, tableLength);
+    return true;
+}
+
+} // namespace
+
 bool CSMBios::getSmbiosDataFromBiosShadowMemory(CDataStream& header, CDataStream& data)
 {
     CDeviceBios bios;
     bios.Connect();
     DBG_PRINT(2, "\nCSMBios (GetShadow) : Get SMBIOS data from BIOS shadow memory (E0000...FFFFF)");
-    bool result = false;
     CTRString error;
-    const uint8_t* area = bios.MapPhysicalMemory(0, static_cast<uint32_t>(kShadowStart), kShadowLength, false);
-    if (!area) {
-        error.Format("Could not map SMBIOS physical memory (LastError = 0x%08X)!", static_cast<unsigned>(bios.GetLastErrno()));
-    } else {
-        CByteReader r(area, kShadowLength);
-        size_t anchor = 0;
-        bool found = false;
-        for (size_t off = 0; off < kShadowScanEnd; ++off) {
-            const void* u = memchr(area + off, '_', kShadowScanEnd - off);
-            if (!u)
-                break;
-            off = static_cast<size_t>(static_cast<const uint8_t*>(u) - area);
-            uint64_t phys = kShadowStart + off;
-            if (phys % 16 != 0) {
-                DBG_PRINT(6, "\nScanForSignature    :   '_' found at a non-paragraph address (0x%08X), continue searching",
-                          static_cast<unsigned>(phys));
-                continue;
-            }
-            if (r.Matches(off, "_SM_", 4)) {
-                DBG_PRINT(3, "\nScanForSignature    : SMBIOS signature \"_SM_\" found (SM BIOS >= 2.1) at 0x%08X",
-                          static_cast<unsigned>(phys));
-                anchor = off;
-                found = true;
-                break;
-            }
-        }
-        if (!found) {
-            error = "No SMBIOS structures found!";
-        } else {
-            CByteReader ep = r.Sub(anchor, r.Size() - anchor);
-            uint32_t tableAddress = ep.Le32Or(0x18);
-            uint16_t tableLength = ep.Le16Or(0x16);
-            m_ExpectedCount = ep.Le16Or(0x1C);
-            size_t entryLength = ep.U8Or(0x05);
-            DBG_PRINT(3, "\nCSMBios (GetShadow) : SMBIOS header size %u, anchor \"_SM_\"", static_cast<unsigned>(entryLength));
-            DBG_PRINT(2, "\nCSMBios (GetShadow) : DMI Version:    %d.%d (BCD Rev: %02X)", ep.U8Or(0x06), ep.U8Or(0x07),
-                      ep.U8Or(0x1E));
-            DBG_PRINT(2, "\nCSMBios (GetShadow) : Number of structures %d, table address 0x%08X, table size %d",
-                      m_ExpectedCount, tableAddress, tableLength);
-            bool stored = false;
-            CDataStream h;
-            if (entryLength == 0) {
-                DBG_PRINT(2, "\nCheckSmbiosHeader   : Checksum OK, storing header");
-                stored = true;
-            } else {
-                uint8_t sum = 0;
-                bool inside = ep.Contains(0, entryLength);
-                for (size_t i = 0; inside && i < entryLength; ++i)
-                    sum = static_cast<uint8_t>(sum + ep.U8Or(i));
-                if (!inside || sum != 0) {
-                    DBG_PRINT(1, "\nCheckSmbiosHeader   : ## CHECKSUM ERROR in DMI structure header!\n");
-                } else {
-                    DBG_PRINT(2, "\nCheckSmbiosHeader   : Checksum OK, storing header");
-                    h.SetAt(ep.Data(), entryLength);
-                    stored = true;
-                }
-            }
-            DBG_PRINT(3, "\nScanForSignature    : -> SMBIOS %sdetected", stored ? "" : "NOT ");
-            if (!stored) {
-                error = "No SMBIOS structures found!";
-            } else if (tableAddress == 0) {
-                error = "No address for SMBIOS strucures detected!";
-            } else {
-                DBG_PRINT(2, "\nCSMBios (GetShadow) : ## SMBIOS/DMI structures found ##\n");
-                const uint8_t* table = bios.MapPhysicalMemory(0, tableAddress, tableLength, false);
-                if (!table) {
-                    error.Format("Remapping of SMBIOS structure memory failed (LastError = 0x%08X)!",
-                                 static_cast<unsigned>(bios.GetLastErrno()));
-                } else {
-                    header = h;
-                    data.SetAt(table, tableLength);
-                    result = true;
-                }
-            }
-        }
-    }
+    bool result = ReadShadowTables(bios, header, data, m_ExpectedCount, error);
     bios.UnmapPhysicalMemory();
     bios.Disconnect();
     if (!result) {
@@ -621,6 +655,9 @@ bool CSMBios::getSmbiosDataFromBiosShadowMemory(CDataStream& header, CDataStream
     return result;
 }
 
+// ---------------------------------------------------------------------------
+// Structure list
+
 _DMI_20_HEADER CSMBios::HeaderOf(const CByteReader& s)
 {
     _DMI_20_HEADER h;
@@ -629,6 +666,51 @@ _DMI_20_HEADER CSMBios::HeaderOf(const CByteReader& s)
     h.handle = s.Le16Or(2);
     return h;
 }
+
+namespace {
+
+// Level-5 dump of a structure's formatted area, 16 bytes a line.
+void TraceFormattedArea(const CByteReader& area)
+{
+    for (size_t line = 0; line < area.Size(); line += 16) {
+        CTRString text("\nBuildStructureList  :    ");
+        std::string chars;
+        for (size_t i = line; i < line + 16 && i < area.Size(); ++i) {
+            uint8_t b = area.U8Or(i);
+            text.AppendFormat("%02X ", b);
+            chars += (b >= 0x20 && b <= 0x7E) ? static_cast<char>(b) : '.';
+        }
+        Debug.Print(5, "%s%s", text.c_str(), chars.c_str());
+    }
+}
+
+// Walks the string set that starts at `s`; returns where the double NUL
+// starts, or the table end when there is none.
+size_t EndOfStringSet(const CByteReader& t, size_t s)
+{
+    const size_t end = t.Size();
+    size_t q = s;
+    size_t stringStart = s;
+    while (q < end) {
+        if (t.U8Or(q) != 0) {
+            ++q;
+            continue;
+        }
+        // A NUL followed by a NUL ends the string set; a byte past the
+        // table counts as absent, not as a NUL.
+        if (q + 1 < end && t.U8Or(q + 1) == 0)
+            break;
+        if (Debug.IsEnabled() && q > stringStart) {
+            std::string str(reinterpret_cast<const char*>(t.Data() + stringStart), q - stringStart);
+            Debug.Print(6, "\nBuildStructureList  :    -> found string \"%s\"", str.c_str());
+        }
+        ++q;
+        stringStart = q;
+    }
+    return q;
+}
+
+} // namespace
 
 bool CSMBios::buildStructureList()
 {
@@ -648,19 +730,8 @@ bool CSMBios::buildStructureList()
     for (;;) {
         _DMI_20_HEADER hdr = HeaderOf(t.Sub(p, end));
         DBG_PRINT(4, "\nBuildStructureList  : - found struct type %d (handle=%d, len=%d)", hdr.type, hdr.handle, hdr.length);
-        if (Debug.IsEnabled()) {
-            CByteReader area = t.Sub(p, hdr.length);
-            for (size_t line = 0; line < area.Size(); line += 16) {
-                CTRString text("\nBuildStructureList  :    ");
-                std::string chars;
-                for (size_t i = line; i < line + 16 && i < area.Size(); ++i) {
-                    uint8_t b = area.U8Or(i);
-                    text.AppendFormat("%02X ", b);
-                    chars += (b >= 0x20 && b <= 0x7E) ? static_cast<char>(b) : '.';
-                }
-                Debug.Print(5, "%s%s", text.c_str(), chars.c_str());
-            }
-        }
+        if (Debug.IsEnabled())
+            TraceFormattedArea(t.Sub(p, hdr.length));
         if (p >= end) {
             error.Format("## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while reading struct header!\n   struct[%d], type=0x%02X, handle=%d",
                          n, hdr.type, hdr.handle);
@@ -673,25 +744,7 @@ bool CSMBios::buildStructureList()
                          n, hdr.type, hdr.handle, static_cast<unsigned>(p));
             break;
         }
-        size_t q = s;
-        size_t stringStart = s;
-        while (q < end) {
-            if (t.U8Or(q) != 0) {
-                ++q;
-                continue;
-            }
-            // A NUL followed by a NUL ends the string set; a byte past the
-            // table counts as absent, not as a NUL.
-            if (q + 1 < end && t.U8Or(q + 1) == 0)
-                break;
-            if (Debug.IsEnabled() && q > stringStart) {
-                std::string str(reinterpret_cast<const char*>(t.Data() + stringStart), q - stringStart);
-                Debug.Print(6, "\nBuildStructureList  :    -> found string \"%s\"", str.c_str());
-            }
-            ++q;
-            stringStart = q;
-        }
-        size_t next = q + 2;
+        size_t next = EndOfStringSet(t, s) + 2;
         if (next > end) {
             error.Format("## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while when string table end found!\n   struct[%d], type=0x%02X, handle=%d\n   struct Offset 0x%04X",
                          n, hdr.type, hdr.handle, static_cast<unsigned>(p));
@@ -703,7 +756,7 @@ bool CSMBios::buildStructureList()
             break;
         }
         ++n;
-        if (hdr.type == 127) {
+        if (hdr.type == kEndOfTableType) {
             ok = true;
             break;
         }
@@ -715,14 +768,20 @@ bool CSMBios::buildStructureList()
                   m_LastError.c_str());
         DBG_PRINT(3, "\n   p = 0x%08X, table end = 0x%08X ", static_cast<unsigned>(p), static_cast<unsigned>(end));
     }
-    int found = n + 1;
+    SettleStructureCount(n + 1, n);
+    return ok;
+}
+
+// The count of the entry point wins when there is one; a differing count
+// found by the walk is only traced (with the visited number, as always).
+void CSMBios::SettleStructureCount(int found, int visited)
+{
     if (m_ExpectedCount == 0)
         m_ExpectedCount = static_cast<uint16_t>(found);
     else if (m_ExpectedCount != found)
         DBG_PRINT(1, "\nBuildStructureList  : ## ERROR! Number of SMBIOS structures found (%d) does not match to number in header (%d)!\n",
-                  n, m_ExpectedCount);
+                  visited, m_ExpectedCount);
     DBG_PRINT(4, "\nBuildStructureList  : %d SMBIOS structures found", m_ExpectedCount);
-    return ok;
 }
 
 std::vector<CByteReader> CSMBios::GetStructures(uint8_t type) const

@@ -10,18 +10,7 @@
 
 #include "common/ByteReader.h"
 #include "common/CDataStream.h"
-#include "common/UniqueHandle.h"
 
-/// The 64-bit SMBIOS 3.0 entry point ("_SM3_", 24 bytes), as raw bytes.
-struct _DMI_30_EPS {
-    static constexpr size_t kSize = 24;
-    uint8_t bytes[kSize];
-};
-/// The 32-bit SMBIOS 2.1 entry point ("_SM_", 31 bytes), as raw bytes.
-struct _DMI_21_EPS {
-    static constexpr size_t kSize = 31;
-    uint8_t bytes[kSize];
-};
 /// The common 4-byte header of every SMBIOS structure, decoded.
 struct _DMI_20_HEADER {
     uint8_t type = 0;
@@ -29,45 +18,12 @@ struct _DMI_20_HEADER {
     uint16_t handle = 0;
 };
 
-/// Physical memory through the memory device (under hwinfo's root).  When
-/// the device is a regular file (a snapshot), a range beyond its end is
-/// refused instead of mapped, so reading never faults.
-class CDeviceBios {
-public:
-    CDeviceBios() = default;
-    ~CDeviceBios() { Disconnect(); }
-    CDeviceBios(const CDeviceBios&) = delete;
-    CDeviceBios& operator=(const CDeviceBios&) = delete;
+/// The source that delivered an SMBIOS table, in the order they are tried.
+enum class SmbiosSource { None, Sysfs, UefiMemory, Esx, BiosShadow };
 
-    bool Connect();
-    void Disconnect();
-    bool IsConnected() const { return m_bConnected; }
-
-    /// Maps `length` bytes at physical address (high:low).  Returns a pointer
-    /// to the byte at that address, valid for `length` bytes until the next
-    /// map or unmap, or null (traced; errno kept in GetLastErrno()).  An
-    /// existing mapping is released first.
-    const uint8_t* MapPhysicalMemory(uint32_t addressHigh, uint32_t addressLow, unsigned long length,
-                                     bool readWrite);
-    /// Releases the mapping and closes the device.
-    void UnmapPhysicalMemory();
-    int GetLastErrno() const { return m_LastErrno; }
-
-private:
-    bool m_bConnected = false;
-    uint8_t* m_pBase = nullptr;  // mapping base (page aligned)
-    size_t m_Length = 0;         // mapping length
-    UniqueMapping m_Mapping;
-    UniqueFd m_Fd;
-    int m_LastErrno = 0;
-};
-
-namespace hwinfo {
-/// Maps [address, address + length) of the open memory device `fd` read-only
-/// into `mapping`; returns a pointer to the byte at `address` or null with
-/// errno set.  Regular files are size-checked first (no SIGBUS).
-const uint8_t* MapPhysicalRange(int fd, uint64_t address, uint64_t length, bool readWrite, UniqueMapping& mapping);
-} // namespace hwinfo
+/// Short name of a source: "sysfs", "uefi-memory", "esx", "bios-shadow";
+/// "none" for SmbiosSource::None.
+const char* SmbiosSourceName(SmbiosSource source);
 
 class CSMBios;
 
@@ -83,63 +39,24 @@ public:
     static bool GetBiosTableESX(CDataStream& header, CDataStream& data);
     /// The fallback chain: sysfs, memory, ESX, BIOS shadow scan (run on
     /// `shadow`, which receives the expected structure count and error text;
-    /// a temporary object when null).  `fromShadow` tells which way it went.
+    /// a temporary object when null).  `source` (may be null) receives the
+    /// source that answered, SmbiosSource::None when none did.
     static bool GetSmbiosData(CDataStream& header, CDataStream& data, CSMBios* shadow = nullptr,
-                              bool* fromShadow = nullptr);
+                              SmbiosSource* source = nullptr);
 };
-
-namespace smbios_tables {
-
-/// Reads an SMBIOS table from the physical address that the UEFI system
-/// table publishes, for one entry-point revision.
-template <typename EPS>
-class SMBiosTableFromMemory {
-public:
-    SMBiosTableFromMemory();
-    virtual ~SMBiosTableFromMemory();
-    virtual size_t HeaderSize() const = 0;
-    virtual const char* GetVersionString() const = 0;
-    /// Table length from the header; 0 for a null header.
-    virtual uint64_t GetDataLength(const uint8_t* header) const = 0;
-    /// Table address from the header; 0 for a null header.
-    virtual uint64_t GetDataAddress(const uint8_t* header) const = 0;
-
-    /// Header and table into the outputs (only on success).
-    bool GetBiosData(CDataStream& header, CDataStream& data);
-    /// The address published under GetVersionString(); 0 when none.
-    uint64_t GetUEFIAddress() const;
-};
-
-class SMBiosTableFromMemoryV3 : public SMBiosTableFromMemory<_DMI_30_EPS> {
-public:
-    size_t HeaderSize() const override { return _DMI_30_EPS::kSize; }
-    const char* GetVersionString() const override { return "SMBIOS3"; }
-    uint64_t GetDataLength(const uint8_t* header) const override;
-    uint64_t GetDataAddress(const uint8_t* header) const override;
-};
-
-class SMBiosTableFromMemoryV2 : public SMBiosTableFromMemory<_DMI_21_EPS> {
-public:
-    size_t HeaderSize() const override { return _DMI_21_EPS::kSize; }
-    const char* GetVersionString() const override { return "SMBIOS"; }
-    uint64_t GetDataLength(const uint8_t* header) const override;
-    uint64_t GetDataAddress(const uint8_t* header) const override;
-};
-
-extern template class SMBiosTableFromMemory<_DMI_30_EPS>;
-extern template class SMBiosTableFromMemory<_DMI_21_EPS>;
-
-} // namespace smbios_tables
 
 /// The SMBIOS structure list of the running machine.
 class CSMBios {
 public:
     CSMBios() = default;
 
-    /// Acquisition chain, revision, structure list.  True when a table was
-    /// found and walked without a fatal error.
+    /// Acquire(), revision, structure list.  True when a table was found
+    /// and walked without a fatal error.
     bool Connect();
-    /// Clears streams, index, revision and error text.
+    /// The acquisition chain alone into the object's streams; GetSource()
+    /// tells which source answered.  True when one did.
+    bool Acquire();
+    /// Clears streams, index, revision, source and error text.
     void Disconnect();
 
     /// The legacy scan of 0xE0000-0xFFFFF for a "_SM_" entry point.
@@ -169,16 +86,21 @@ public:
     uint8_t GetMinor() const { return m_Minor; }
     uint16_t GetExpectedStructureCount() const { return m_ExpectedCount; }
     void SetExpectedStructureCount(uint16_t n) { m_ExpectedCount = n; }
+    /// The source of the last Acquire() (None before, or when none answered).
+    SmbiosSource GetSource() const { return m_Source; }
     const std::string& GetLastErrorText() const { return m_LastError; }
     const CDataStream& GetHeader() const { return m_Header; }
     const CDataStream& GetData() const { return m_Data; }
 
 private:
+    void SettleStructureCount(int found, int visited);
+
     CDataStream m_Header;
     CDataStream m_Data;
     uint8_t m_Major = 0;
     uint8_t m_Minor = 0;
     std::map<uint8_t, std::vector<size_t>> m_Index;  // offsets into m_Data
     uint16_t m_ExpectedCount = 0;
+    SmbiosSource m_Source = SmbiosSource::None;
     std::string m_LastError;
 };

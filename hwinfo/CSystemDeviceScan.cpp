@@ -142,12 +142,6 @@ bool CSystemDeviceScan::ScanSystemVolumes()
     return CSystemVolume::ScanSystemVolumes(m_Volumes);
 }
 
-bool CSystemDeviceScan::ScanSystemPartitions()
-{
-    DBG_PRINT(3, "\nCSystemDeviceScan   : Scan system partitions ...");
-    return true;
-}
-
 // ---------------------------------------------------------------------------
 // Watcher
 

@@ -95,7 +95,6 @@ private:
     bool ScanSystemAdapters();
     bool ScanSystemDrives();
     bool ScanSystemVolumes();
-    bool ScanSystemPartitions();
     void ScanVolumes();
     void WatchPartitions();
     static void* LaunchAsThread_WatchPartitions(void* self);

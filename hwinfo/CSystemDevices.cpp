@@ -8,9 +8,11 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-#include "common/CDataStream.h"
+#include "common/FileIO.h"
+#include "common/NumberParse.h"
 #include "common/CTRString.h"
 #include "common/UniqueHandle.h"
+#include "hwinfo/HwDirectory.h"
 #include "hwinfo/HwPaths.h"
 #include "trace/CDebug.h"
 #include "trace/CIniFile.h"
@@ -24,10 +26,9 @@ constexpr size_t kMaxMountLine = 8192;
 // A small sysfs attribute, without trailing white space.
 std::string ReadAttribute(const std::string& path)
 {
-    CDataStream s;
-    if (!s.ReadFromFile(path.c_str(), kMaxAttributeFile))
+    std::string text;
+    if (tarvd::ReadFileBounded(path.c_str(), kMaxAttributeFile, text) != 0)
         return {};
-    std::string text(reinterpret_cast<const char*>(s.GetData()), s.GetSize());
     size_t nul = text.find('\0');
     if (nul != std::string::npos)
         text.resize(nul);
@@ -44,7 +45,7 @@ bool HexField(const std::string& s, size_t pos, size_t n)
     if (pos + n > s.size())
         return false;
     for (size_t i = pos; i < pos + n; ++i) {
-        if (!isxdigit(static_cast<unsigned char>(s[i])))
+        if (tarvd::HexDigitValue(s[i]) < 0)
             return false;
     }
     return true;
@@ -148,18 +149,11 @@ bool CSystemDrive::ScanSystemDrives(std::vector<CSystemDrive>& drives)
 {
     static const char* const kSkippedPrefixes[] = {"loop", "ram", "zram", "nbd", "fd"};
     std::string dir = hwinfo::RootedPath(hwinfo::kSysBlock);
-    struct dirent** list = nullptr;
-    int n = scandir(dir.c_str(), &list, nullptr, alphasort);
-    if (n < 0) {
+    std::vector<std::string> names;
+    if (!hwinfo::ListDirectory(dir, names)) {
         DBG_PRINT(1, "\nCSystemDrive        : Cannot list %s (%s)", dir.c_str(), strerror(errno));
         return false;
     }
-    std::vector<std::string> names;
-    for (int i = 0; i < n; ++i) {
-        names.emplace_back(list[i]->d_name);
-        free(list[i]);
-    }
-    free(list);
 
     drives.clear();
     for (const std::string& name : names) {

@@ -12,6 +12,7 @@
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/CSystemDeviceScan.h"
 #include "hwinfo/HwPaths.h"
+#include "hwinfo/SmbiosSlots.h"
 #include "trace/CDebug.h"
 
 #include <cerrno>
@@ -34,7 +35,6 @@ CDebug Debug;
 namespace {
 
 constexpr const char* kSysBusPciSlots = "/sys/bus/pci/slots";
-constexpr const char* kSysFirmwareDmiTables = "/sys/firmware/dmi/tables";
 constexpr const char* kSysDevices = "/sys/devices";
 constexpr unsigned int kScanTimeoutMs = 60000;
 /// Upper bounds of captured files: firmware tables and configuration
@@ -126,99 +126,19 @@ struct SmbiosSummary {
     std::string source;
     unsigned major = 0, minor = 0;
     std::map<unsigned, unsigned> countByType;
-    struct Slot {
-        std::optional<std::string> designation;
-        unsigned type = 0, usage = 0;
-        unsigned length = 0;
-        std::optional<unsigned> segment, bus, device, function;
-    };
-    std::vector<Slot> slots;
+    std::vector<SmbiosSystemSlot> slots;
     std::string error;
 };
-
-/// String `index` (1-based) of the structure `s`, bounded by the table.
-std::optional<std::string> StructureString(const CByteReader& s, unsigned index)
-{
-    size_t pos = s.U8Or(1);
-    if (index == 0 || pos > s.Size())
-        return std::nullopt;
-    for (unsigned n = 1; pos < s.Size(); ++n) {
-        size_t end = pos;
-        while (end < s.Size() && s.Data()[end] != 0)
-            ++end;
-        if (end == pos)
-            return std::nullopt;  // the double NUL ends the strings
-        if (n == index)
-            return std::string(reinterpret_cast<const char*>(s.Data()) + pos, end - pos);
-        pos = end + 1;
-    }
-    return std::nullopt;
-}
-
-const char* SlotTypeName(unsigned t)
-{
-    static const std::map<unsigned, const char*> kNames = {
-        {0x01, "Other"}, {0x02, "Unknown"}, {0x03, "ISA"}, {0x04, "MCA"}, {0x05, "EISA"}, {0x06, "PCI"},
-        {0x07, "PC Card (PCMCIA)"}, {0x08, "VL-VESA"}, {0x09, "Proprietary"}, {0x0A, "Processor Card Slot"},
-        {0x0B, "Proprietary Memory Card Slot"}, {0x0C, "I/O Riser Card Slot"}, {0x0D, "NuBus"},
-        {0x0E, "PCI - 66MHz Capable"}, {0x0F, "AGP"}, {0x10, "AGP 2X"}, {0x11, "AGP 4X"}, {0x12, "PCI-X"},
-        {0x13, "AGP 8X"}, {0x14, "M.2 Socket 1-DP"}, {0x15, "M.2 Socket 1-SD"}, {0x16, "M.2 Socket 2"},
-        {0x17, "M.2 Socket 3"}, {0x18, "MXM Type I"}, {0x19, "MXM Type II"}, {0x1A, "MXM Type III"},
-        {0x1B, "MXM Type III-HE"}, {0x1C, "MXM Type IV"}, {0x1D, "MXM 3.0 Type A"}, {0x1E, "MXM 3.0 Type B"},
-        {0x1F, "PCI Express Gen 2 SFF-8639 (U.2)"}, {0x20, "PCI Express Gen 3 SFF-8639 (U.2)"},
-        {0x21, "PCI Express Mini 52-pin with bottom-side keep-outs"},
-        {0x22, "PCI Express Mini 52-pin without bottom-side keep-outs"}, {0x23, "PCI Express Mini 76-pin"},
-        {0x24, "PCI Express Gen 4 SFF-8639 (U.2)"}, {0x25, "PCI Express Gen 5 SFF-8639 (U.2)"},
-        {0x26, "OCP NIC 3.0 Small Form Factor"}, {0x27, "OCP NIC 3.0 Large Form Factor"},
-        {0x28, "OCP NIC Prior to 3.0"}, {0x30, "CXL Flexbus 1.0"}, {0xA0, "PC-98/C20"}, {0xA1, "PC-98/C24"},
-        {0xA2, "PC-98/E"}, {0xA3, "PC-98/Local Bus"}, {0xA4, "PC-98/Card"}, {0xA5, "PCI Express"},
-        {0xA6, "PCI Express x1"}, {0xA7, "PCI Express x2"}, {0xA8, "PCI Express x4"}, {0xA9, "PCI Express x8"},
-        {0xAA, "PCI Express x16"}, {0xAB, "PCI Express Gen 2"}, {0xAC, "PCI Express Gen 2 x1"},
-        {0xAD, "PCI Express Gen 2 x2"}, {0xAE, "PCI Express Gen 2 x4"}, {0xAF, "PCI Express Gen 2 x8"},
-        {0xB0, "PCI Express Gen 2 x16"}, {0xB1, "PCI Express Gen 3"}, {0xB2, "PCI Express Gen 3 x1"},
-        {0xB3, "PCI Express Gen 3 x2"}, {0xB4, "PCI Express Gen 3 x4"}, {0xB5, "PCI Express Gen 3 x8"},
-        {0xB6, "PCI Express Gen 3 x16"}, {0xB8, "PCI Express Gen 4"}, {0xB9, "PCI Express Gen 4 x1"},
-        {0xBA, "PCI Express Gen 4 x2"}, {0xBB, "PCI Express Gen 4 x4"}, {0xBC, "PCI Express Gen 4 x8"},
-        {0xBD, "PCI Express Gen 4 x16"}, {0xBE, "PCI Express Gen 5"}, {0xBF, "PCI Express Gen 5 x1"},
-        {0xC0, "PCI Express Gen 5 x2"}, {0xC1, "PCI Express Gen 5 x4"}, {0xC2, "PCI Express Gen 5 x8"},
-        {0xC3, "PCI Express Gen 5 x16"}, {0xC4, "PCI Express Gen 6 and Beyond"},
-        {0xC5, "EDSFF E1.S, E1.L"}, {0xC6, "EDSFF E3.S, E3.L"},
-    };
-    auto it = kNames.find(t);
-    return it == kNames.end() ? "Unknown type" : it->second;
-}
-
-const char* SlotUsageName(unsigned u)
-{
-    switch (u) {
-    case 1: return "Other";
-    case 2: return "Unknown";
-    case 3: return "Available";
-    case 4: return "In use";
-    case 5: return "Unavailable";
-    default: return "Unknown usage";
-    }
-}
 
 SmbiosSummary ReadSmbios()
 {
     SmbiosSummary sum;
     CSMBios bios;
-    CDataStream header, data;
-    // The acquisition chain, step by step so that the source can be named.
-    if (CBiosTables::GetAnySMBiosFromSysfs(header, data))
-        sum.source = "sysfs";
-    else if (CBiosTables::GetAnySMBiosFromMemory(header, data))
-        sum.source = "uefi-memory";
-    else if (CBiosTables::GetBiosTableESX(header, data))
-        sum.source = "esx";
-    else if (bios.getSmbiosDataFromBiosShadowMemory(header, data))
-        sum.source = "bios-shadow";
-    else {
+    if (!bios.Acquire()) {
         sum.error = bios.GetLastErrorText().empty() ? "no SMBIOS table found" : bios.GetLastErrorText();
         return sum;
     }
-    bios.SetTables(header, data);
+    sum.source = SmbiosSourceName(bios.GetSource());
     bios.setSmbiosRevisionFromHeader();
     if (!bios.buildStructureList())
         sum.error = bios.GetLastErrorText().empty() ? "the structure table is damaged" : bios.GetLastErrorText();
@@ -230,21 +150,8 @@ SmbiosSummary ReadSmbios()
         if (!list.empty())
             sum.countByType[t] = static_cast<unsigned>(list.size());
     }
-    for (const CByteReader& s : bios.GetStructures(9)) {
-        SmbiosSummary::Slot slot;
-        slot.length = s.U8Or(1);
-        if (slot.length >= 0x05)
-            slot.designation = StructureString(s, s.U8Or(0x04));
-        slot.type = s.U8Or(0x05);
-        slot.usage = s.U8Or(0x07);
-        if (slot.length >= 0x11 && s.Contains(0x0D, 4)) {
-            slot.segment = s.Le16Or(0x0D);
-            slot.bus = s.U8Or(0x0F);
-            slot.device = s.U8Or(0x10) >> 3;
-            slot.function = s.U8Or(0x10) & 7;
-        }
-        sum.slots.push_back(slot);
-    }
+    for (const CByteReader& s : bios.GetStructures(kSmbiosSystemSlotsType))
+        sum.slots.push_back(DecodeSystemSlot(s));
     return sum;
 }
 
@@ -254,220 +161,267 @@ struct Report {
     bool pci = false, devices = false, smbios = false;
 };
 
+std::string SlotText(int slot, const char* none)
+{
+    return slot >= 0 ? std::to_string(slot) : std::string(none);
+}
+
+void WriteSlot(CJsonWriter& w, int slot)
+{
+    w.Key("slot");
+    if (slot >= 0)
+        w.Number(slot);
+    else
+        w.Null();
+}
+
+/// One PCI function: its JSON object, and its text line unless `json`.
+void ShowPciFunction(CJsonWriter& w, bool json, const CPciAddress& addr, const CPciSlotData& rec,
+                     const std::optional<std::string>& kslot, const std::optional<std::string>& mismatch)
+{
+    const PciConfigHeader& h = rec.header;
+    std::string ids = Hex(CPciCommonConfigHeader::VendorId(h), 4) + ":" + Hex(CPciCommonConfigHeader::DeviceId(h), 4);
+    const char* cls = CPciCommonConfigHeader::GetPciBaseClassDescription(CPciCommonConfigHeader::BaseClass(h));
+    const char* sub = CPciCommonConfigHeader::GetPciSubClassDescription(h);
+    w.BeginObject();
+    w.Key("address").String(addr.ToString());
+    w.Key("vendor_id").String(Hex(CPciCommonConfigHeader::VendorId(h), 4));
+    w.Key("device_id").String(Hex(CPciCommonConfigHeader::DeviceId(h), 4));
+    w.Key("subsystem_vendor_id").String(Hex(CPciCommonConfigHeader::SubVendorId(h), 4));
+    w.Key("subsystem_id").String(Hex(CPciCommonConfigHeader::SubDeviceId(h), 4));
+    w.Key("class").Unsigned(CPciCommonConfigHeader::BaseClass(h));
+    w.Key("subclass").Unsigned(CPciCommonConfigHeader::SubClass(h));
+    w.Key("class_name").String(cls);
+    w.Key("subclass_name").String(sub);
+    WriteSlot(w, rec.slot);
+    w.Key("kernel_slot").OptString(kslot);
+    w.Key("slot_disagreement").OptString(mismatch);
+    w.EndObject();
+    if (json)
+        return;
+    printf("  %s  %s  %s / %s  slot %s", addr.ToString().c_str(), ids.c_str(), cls, sub, SlotText(rec.slot, "-").c_str());
+    if (kslot)
+        printf("  kernel slot %s", kslot->c_str());
+    if (mismatch)
+        printf("  ** DISAGREES **");
+    printf("\n");
+}
+
+/// The PCI functions with their slots, checked against the kernel's list.
+bool ShowPci(CJsonWriter& w, bool json)
+{
+    CPciConfigList list;
+    bool ok = CPciConfigList::ScanPciSlots(list, true);
+    auto kernel = KernelSlots();
+    std::vector<std::string> disagreements;
+    if (!json)
+        printf("PCI functions (%zu):\n", list.size());
+    w.Key("pci").BeginArray();
+    for (const auto& [addr, rec] : list) {
+        std::optional<std::string> kslot;
+        auto k = kernel.find({addr.GetSegment(), addr.GetBus(), addr.GetDevice()});
+        if (k != kernel.end())
+            kslot = k->second;
+        std::optional<std::string> mismatch;
+        if (kslot && *kslot != SlotText(rec.slot, "-")) {
+            mismatch = "slot " + SlotText(rec.slot, "unknown") + ", kernel slot " + *kslot;
+            disagreements.push_back(addr.ToString() + ": " + *mismatch);
+        }
+        ShowPciFunction(w, json, addr, rec, kslot, mismatch);
+    }
+    w.EndArray();
+    w.Key("slot_disagreements").BeginArray();
+    for (auto& d : disagreements)
+        w.String(d);
+    w.EndArray();
+    if (!json && !disagreements.empty()) {
+        printf("Slot disagreements with the kernel (%zu):\n", disagreements.size());
+        for (auto& d : disagreements)
+            printf("  %s\n", d.c_str());
+    }
+    return ok;
+}
+
+void ShowAdapters(CJsonWriter& w, bool json, CSystemDeviceScan& scan, int count)
+{
+    if (!json)
+        printf("Adapters (%d):\n", count);
+    w.Key("adapters").BeginArray();
+    for (int i = 0; i < count; ++i) {
+        CSystemAdapter a;
+        if (!scan.GetAdapter(a, i))
+            continue;
+        w.BeginObject();
+        w.Key("address").String(a.address.ToString());
+        w.Key("id").String(a.deviceIdText);
+        w.Key("name").String(a.name);
+        w.Key("class_name").String(a.className);
+        w.Key("subclass_name").String(a.subClassName);
+        WriteSlot(w, a.slot);
+        w.EndObject();
+        if (!json)
+            printf("  %s  %s  %s  slot %s\n", a.address.ToString().c_str(), a.deviceIdText.c_str(), a.name.c_str(),
+                   SlotText(a.slot, "-").c_str());
+    }
+    w.EndArray();
+}
+
+void ShowDrives(CJsonWriter& w, bool json, const CSystemDriveList& drives)
+{
+    if (!json)
+        printf("Drives (%d):\n", static_cast<int>(drives.size()));
+    w.Key("drives").BeginArray();
+    for (const CSystemDrive& d : drives) {
+        w.BeginObject();
+        w.Key("name").String(d.name);
+        w.Key("vendor").String(d.vendor);
+        w.Key("model").String(d.model);
+        w.Key("size_bytes").Unsigned(d.sizeBytes);
+        w.Key("pci_address");
+        if (d.hasPciAddress)
+            w.String(d.pciAddress.ToString());
+        else
+            w.Null();
+        w.EndObject();
+        if (!json)
+            printf("  %s  \"%s\" \"%s\"  %llu bytes  at %s\n", d.name.c_str(), d.vendor.c_str(), d.model.c_str(),
+                   static_cast<unsigned long long>(d.sizeBytes), d.hasPciAddress ? d.pciAddress.ToString().c_str() : "-");
+    }
+    w.EndArray();
+}
+
+void ShowVolumes(CJsonWriter& w, bool json, CSystemDeviceScan& scan, int count)
+{
+    if (!json)
+        printf("Volumes (%d):\n", count);
+    w.Key("volumes").BeginArray();
+    for (int i = 0; i < count; ++i) {
+        CSystemVolume v;
+        if (!scan.GetVolume(v, i))
+            continue;
+        w.BeginObject();
+        w.Key("device").String(v.device);
+        w.Key("mount_point").String(v.mountPoint);
+        w.Key("fs_type").String(v.fsType);
+        w.Key("total_bytes").Unsigned(v.totalBytes);
+        w.Key("free_bytes").Unsigned(v.freeBytes);
+        w.Key("available_bytes").Unsigned(v.availableBytes);
+        w.EndObject();
+        if (!json)
+            printf("  %s on %s type %s  %llu bytes, %llu free\n", v.device.c_str(), v.mountPoint.c_str(),
+                   v.fsType.c_str(), static_cast<unsigned long long>(v.totalBytes),
+                   static_cast<unsigned long long>(v.freeBytes));
+    }
+    w.EndArray();
+}
+
+/// Adapters, drives and volumes; false when the scan did not run.
+bool ShowDevices(CJsonWriter& w, bool json, bool& anything)
+{
+    CSystemDeviceScan scan;
+    int rc = scan.ScanHardware(CSystemDeviceScan::SCAN_ADAPTERS | CSystemDeviceScan::SCAN_DRIVES |
+                                   CSystemDeviceScan::SCAN_VOLUMES,
+                               false, kScanTimeoutMs);
+    if (rc != 0)
+        return false;
+    // The scan object's drive queries answer nothing in this version, so
+    // the drives come from the drive scan itself.
+    CSystemDriveList drives;
+    CSystemDrive::ScanSystemDrives(drives);
+    int na = scan.GetAdapterCount(), nv = scan.GetVolumeCount();
+    anything = anything || na > 0 || !drives.empty() || nv > 0;
+    ShowAdapters(w, json, scan, na);
+    ShowDrives(w, json, drives);
+    ShowVolumes(w, json, scan, nv);
+    return true;
+}
+
+std::string SlotAddress(const SmbiosSystemSlot& sl)
+{
+    return Hex(*sl.segment, 4) + ":" + Hex(*sl.bus, 2) + ":" + Hex(*sl.device, 2) + "." + Hex(*sl.function, 1);
+}
+
+void PrintSmbiosText(const SmbiosSummary& s)
+{
+    if (!s.found) {
+        printf("SMBIOS: not found (%s)\n", s.error.c_str());
+        return;
+    }
+    printf("SMBIOS %u.%u from %s%s%s\n", s.major, s.minor, s.source.c_str(), s.error.empty() ? "" : ", ",
+           s.error.c_str());
+    printf("Structures by type:");
+    for (auto& [t, n] : s.countByType)
+        printf(" %u:%u", t, n);
+    printf("\nSystem slots (%zu):\n", s.slots.size());
+    for (auto& sl : s.slots) {
+        printf("  \"%s\"  %s (0x%02x)  %s", sl.designation ? sl.designation->c_str() : "", SmbiosSlotTypeName(sl.type),
+               sl.type, SmbiosSlotUsageName(sl.usage));
+        if (sl.segment)
+            printf("  at %s", SlotAddress(sl).c_str());
+        printf("\n");
+    }
+}
+
+/// The SMBIOS summary; true when a table was found.
+bool ShowSmbios(CJsonWriter& w, bool json)
+{
+    SmbiosSummary s = ReadSmbios();
+    w.Key("smbios").BeginObject();
+    w.Key("found").Bool(s.found);
+    w.Key("source").OptString(s.found ? std::optional<std::string>(s.source) : std::nullopt);
+    w.Key("version").OptString(s.found ? std::optional<std::string>(std::to_string(s.major) + "." +
+                                                                     std::to_string(s.minor))
+                                       : std::nullopt);
+    w.Key("error").OptString(s.error.empty() ? std::nullopt : std::optional<std::string>(s.error));
+    w.Key("structures").BeginObject();
+    for (auto& [t, n] : s.countByType)
+        w.Key(std::to_string(t)).Unsigned(n);
+    w.EndObject();
+    w.Key("system_slots").BeginArray();
+    for (auto& sl : s.slots) {
+        w.BeginObject();
+        w.Key("designation").OptString(sl.designation);
+        w.Key("type").Unsigned(sl.type);
+        w.Key("type_name").String(SmbiosSlotTypeName(sl.type));
+        w.Key("current_usage").Unsigned(sl.usage);
+        w.Key("current_usage_name").String(SmbiosSlotUsageName(sl.usage));
+        w.Key("address");
+        if (sl.segment)
+            w.String(SlotAddress(sl));
+        else
+            w.Null();
+        w.EndObject();
+    }
+    w.EndArray();
+    w.EndObject();
+    if (!json)
+        PrintSmbiosText(s);
+    return s.found;
+}
+
+const char* RootText()
+{
+    return hwinfo::GetRootDirectory().empty() ? "/" : hwinfo::GetRootDirectory().c_str();
+}
+
 int Show(const Report& what, bool json)
 {
     CJsonWriter w;
     w.BeginObject();
-    w.Key("root").String(hwinfo::GetRootDirectory().empty() ? "/" : hwinfo::GetRootDirectory());
+    w.Key("root").String(RootText());
     bool anything = false;
-    std::vector<std::string> disagreements;
-
-    if (what.pci) {
-        CPciConfigList list;
-        bool ok = CPciConfigList::ScanPciSlots(list, true);
-        anything = anything || ok;
-        auto kernel = KernelSlots();
-        if (!json)
-            printf("PCI functions (%zu):\n", list.size());
-        w.Key("pci").BeginArray();
-        for (const auto& [addr, rec] : list) {
-            const PciConfigHeader& h = rec.header;
-            std::string ids = Hex(CPciCommonConfigHeader::VendorId(h), 4) + ":" +
-                              Hex(CPciCommonConfigHeader::DeviceId(h), 4);
-            const char* cls = CPciCommonConfigHeader::GetPciBaseClassDescription(CPciCommonConfigHeader::BaseClass(h));
-            const char* sub = CPciCommonConfigHeader::GetPciSubClassDescription(h);
-            std::optional<std::string> kslot;
-            auto k = kernel.find({addr.GetSegment(), addr.GetBus(), addr.GetDevice()});
-            if (k != kernel.end())
-                kslot = k->second;
-            std::optional<std::string> mismatch;
-            if (kslot && *kslot != (rec.slot >= 0 ? std::to_string(rec.slot) : std::string("-"))) {
-                mismatch = "slot " + (rec.slot >= 0 ? std::to_string(rec.slot) : std::string("unknown")) +
-                           ", kernel slot " + *kslot;
-                disagreements.push_back(addr.ToString() + ": " + *mismatch);
-            }
-            w.BeginObject();
-            w.Key("address").String(addr.ToString());
-            w.Key("vendor_id").String(Hex(CPciCommonConfigHeader::VendorId(h), 4));
-            w.Key("device_id").String(Hex(CPciCommonConfigHeader::DeviceId(h), 4));
-            w.Key("subsystem_vendor_id").String(Hex(CPciCommonConfigHeader::SubVendorId(h), 4));
-            w.Key("subsystem_id").String(Hex(CPciCommonConfigHeader::SubDeviceId(h), 4));
-            w.Key("class").Unsigned(CPciCommonConfigHeader::BaseClass(h));
-            w.Key("subclass").Unsigned(CPciCommonConfigHeader::SubClass(h));
-            w.Key("class_name").String(cls);
-            w.Key("subclass_name").String(sub);
-            w.Key("slot");
-            if (rec.slot >= 0)
-                w.Number(rec.slot);
-            else
-                w.Null();
-            w.Key("kernel_slot").OptString(kslot);
-            w.Key("slot_disagreement").OptString(mismatch);
-            w.EndObject();
-            if (!json) {
-                printf("  %s  %s  %s / %s  slot %s", addr.ToString().c_str(), ids.c_str(), cls, sub,
-                       rec.slot >= 0 ? std::to_string(rec.slot).c_str() : "-");
-                if (kslot)
-                    printf("  kernel slot %s", kslot->c_str());
-                if (mismatch)
-                    printf("  ** DISAGREES **");
-                printf("\n");
-            }
-        }
-        w.EndArray();
-        w.Key("slot_disagreements").BeginArray();
-        for (auto& d : disagreements)
-            w.String(d);
-        w.EndArray();
-        if (!json && !disagreements.empty()) {
-            printf("Slot disagreements with the kernel (%zu):\n", disagreements.size());
-            for (auto& d : disagreements)
-                printf("  %s\n", d.c_str());
-        }
-    }
-
-    if (what.devices) {
-        CSystemDeviceScan scan;
-        int rc = scan.ScanHardware(CSystemDeviceScan::SCAN_ADAPTERS | CSystemDeviceScan::SCAN_DRIVES |
-                                       CSystemDeviceScan::SCAN_VOLUMES,
-                                   false, kScanTimeoutMs);
-        if (rc != 0)
-            return tools::Fail("the device scan did not run");
-        // The scan object's drive queries answer nothing in this version, so
-        // the drives come from the drive scan itself.
-        CSystemDriveList drives;
-        CSystemDrive::ScanSystemDrives(drives);
-        int na = scan.GetAdapterCount(), nd = static_cast<int>(drives.size()), nv = scan.GetVolumeCount();
-        anything = anything || na > 0 || nd > 0 || nv > 0;
-        if (!json)
-            printf("Adapters (%d):\n", na);
-        w.Key("adapters").BeginArray();
-        for (int i = 0; i < na; ++i) {
-            CSystemAdapter a;
-            if (!scan.GetAdapter(a, i))
-                continue;
-            w.BeginObject();
-            w.Key("address").String(a.address.ToString());
-            w.Key("id").String(a.deviceIdText);
-            w.Key("name").String(a.name);
-            w.Key("class_name").String(a.className);
-            w.Key("subclass_name").String(a.subClassName);
-            w.Key("slot");
-            if (a.slot >= 0)
-                w.Number(a.slot);
-            else
-                w.Null();
-            w.EndObject();
-            if (!json)
-                printf("  %s  %s  %s  slot %s\n", a.address.ToString().c_str(), a.deviceIdText.c_str(),
-                       a.name.c_str(), a.slot >= 0 ? std::to_string(a.slot).c_str() : "-");
-        }
-        w.EndArray();
-        if (!json)
-            printf("Drives (%d):\n", nd);
-        w.Key("drives").BeginArray();
-        for (int i = 0; i < nd; ++i) {
-            const CSystemDrive& d = drives[static_cast<size_t>(i)];
-            w.BeginObject();
-            w.Key("name").String(d.name);
-            w.Key("vendor").String(d.vendor);
-            w.Key("model").String(d.model);
-            w.Key("size_bytes").Unsigned(d.sizeBytes);
-            w.Key("pci_address");
-            if (d.hasPciAddress)
-                w.String(d.pciAddress.ToString());
-            else
-                w.Null();
-            w.EndObject();
-            if (!json)
-                printf("  %s  \"%s\" \"%s\"  %llu bytes  at %s\n", d.name.c_str(), d.vendor.c_str(), d.model.c_str(),
-                       static_cast<unsigned long long>(d.sizeBytes),
-                       d.hasPciAddress ? d.pciAddress.ToString().c_str() : "-");
-        }
-        w.EndArray();
-        if (!json)
-            printf("Volumes (%d):\n", nv);
-        w.Key("volumes").BeginArray();
-        for (int i = 0; i < nv; ++i) {
-            CSystemVolume v;
-            if (!scan.GetVolume(v, i))
-                continue;
-            w.BeginObject();
-            w.Key("device").String(v.device);
-            w.Key("mount_point").String(v.mountPoint);
-            w.Key("fs_type").String(v.fsType);
-            w.Key("total_bytes").Unsigned(v.totalBytes);
-            w.Key("free_bytes").Unsigned(v.freeBytes);
-            w.Key("available_bytes").Unsigned(v.availableBytes);
-            w.EndObject();
-            if (!json)
-                printf("  %s on %s type %s  %llu bytes, %llu free\n", v.device.c_str(), v.mountPoint.c_str(),
-                       v.fsType.c_str(), static_cast<unsigned long long>(v.totalBytes),
-                       static_cast<unsigned long long>(v.freeBytes));
-        }
-        w.EndArray();
-    }
-
-    if (what.smbios) {
-        SmbiosSummary s = ReadSmbios();
-        anything = anything || s.found;
-        w.Key("smbios").BeginObject();
-        w.Key("found").Bool(s.found);
-        w.Key("source").OptString(s.found ? std::optional<std::string>(s.source) : std::nullopt);
-        w.Key("version").OptString(s.found ? std::optional<std::string>(std::to_string(s.major) + "." +
-                                                                         std::to_string(s.minor))
-                                           : std::nullopt);
-        w.Key("error").OptString(s.error.empty() ? std::nullopt : std::optional<std::string>(s.error));
-        w.Key("structures").BeginObject();
-        for (auto& [t, n] : s.countByType)
-            w.Key(std::to_string(t)).Unsigned(n);
-        w.EndObject();
-        w.Key("system_slots").BeginArray();
-        for (auto& sl : s.slots) {
-            w.BeginObject();
-            w.Key("designation").OptString(sl.designation);
-            w.Key("type").Unsigned(sl.type);
-            w.Key("type_name").String(SlotTypeName(sl.type));
-            w.Key("current_usage").Unsigned(sl.usage);
-            w.Key("current_usage_name").String(SlotUsageName(sl.usage));
-            w.Key("address");
-            if (sl.segment)
-                w.String(Hex(*sl.segment, 4) + ":" + Hex(*sl.bus, 2) + ":" + Hex(*sl.device, 2) + "." +
-                         Hex(*sl.function, 1));
-            else
-                w.Null();
-            w.EndObject();
-        }
-        w.EndArray();
-        w.EndObject();
-        if (!json) {
-            if (!s.found) {
-                printf("SMBIOS: not found (%s)\n", s.error.c_str());
-            } else {
-                printf("SMBIOS %u.%u from %s%s%s\n", s.major, s.minor, s.source.c_str(),
-                       s.error.empty() ? "" : ", ", s.error.c_str());
-                printf("Structures by type:");
-                for (auto& [t, n] : s.countByType)
-                    printf(" %u:%u", t, n);
-                printf("\nSystem slots (%zu):\n", s.slots.size());
-                for (auto& sl : s.slots) {
-                    printf("  \"%s\"  %s (0x%02x)  %s", sl.designation ? sl.designation->c_str() : "",
-                           SlotTypeName(sl.type), sl.type, SlotUsageName(sl.usage));
-                    if (sl.segment)
-                        printf("  at %s:%s:%s.%s", Hex(*sl.segment, 4).c_str(), Hex(*sl.bus, 2).c_str(),
-                               Hex(*sl.device, 2).c_str(), Hex(*sl.function, 1).c_str());
-                    printf("\n");
-                }
-            }
-        }
-    }
+    if (what.pci)
+        anything = ShowPci(w, json) || anything;
+    if (what.devices && !ShowDevices(w, json, anything))
+        return tools::Fail("the device scan did not run");
+    if (what.smbios)
+        anything = ShowSmbios(w, json) || anything;
     w.EndObject();
     if (json)
         printf("%s\n", w.Text().c_str());
     fflush(stdout);
     if (!anything)
-        return tools::Fail("no hardware information could be read under %s",
-                           hwinfo::GetRootDirectory().empty() ? "/" : hwinfo::GetRootDirectory().c_str());
+        return tools::Fail("no hardware information could be read under %s", RootText());
     return tools::kExitOk;
 }
 
@@ -564,7 +518,6 @@ public:
         CopyFile(hwinfo::kAdapterIniFile, kMaxFirmwareFile);
         for (const std::string& n : ListDir(hwinfo::RootedPath(kSysBusPciSlots)))
             CopyFile(std::string(kSysBusPciSlots) + "/" + n + "/address", 256);
-        (void)kSysFirmwareDmiTables;
         if (m_Failed)
             return tools::Fail("the snapshot in %s is incomplete", m_Dest.c_str());
         if (m_Files == 0)
@@ -579,50 +532,62 @@ private:
     bool m_Failed = false;
 };
 
-} // namespace
-
-int main(int argc, char** argv)
-{
-    tools::ToolInit("kophw");
+struct Options {
     bool json = false;
     std::string root;
     std::vector<std::string> args;
+};
+
+/// Fills `o` from the command line; -1 to go on, else the exit status.
+int ParseOptions(int argc, char** argv, Options& o)
+{
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
             return tools::kExitOk;
         } else if (a == "--json") {
-            json = true;
+            o.json = true;
         } else if (a == "--root") {
             if (i + 1 >= argc)
                 return tools::UsageError("option --root needs a directory");
-            root = argv[++i];
+            o.root = argv[++i];
         } else if (!a.empty() && a[0] == '-') {
             return tools::UsageError("unknown option '%s'", a.c_str());
         } else {
-            args.push_back(a);
+            o.args.push_back(a);
         }
     }
-    if (!root.empty()) {
-        struct stat st {};
-        if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-            return tools::Fail("%s is not a directory", root.c_str());
-        char resolved[PATH_MAX];
-        if (realpath(root.c_str(), resolved))
-            root = resolved;
-        hwinfo::SetRootDirectory(root.c_str());
-    }
-    std::string cmd = args.empty() ? "all" : args[0];
+    return -1;
+}
+
+/// Reads everything under `root` from now on; -1 to go on, else the exit status.
+int UseRoot(std::string root)
+{
+    if (root.empty())
+        return -1;
+    struct stat st {};
+    if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return tools::Fail("%s is not a directory", root.c_str());
+    char resolved[PATH_MAX];
+    if (realpath(root.c_str(), resolved))
+        root = resolved;
+    hwinfo::SetRootDirectory(root.c_str());
+    return -1;
+}
+
+int RunCommand(const Options& o)
+{
+    std::string cmd = o.args.empty() ? "all" : o.args[0];
     if (cmd == "capture") {
-        if (args.size() != 2)
+        if (o.args.size() != 2)
             return tools::UsageError("usage: capture DIR");
-        std::string dest = args[1];
+        std::string dest = o.args[1];
         while (dest.size() > 1 && dest.back() == '/')
             dest.pop_back();
         return Capture(dest).Run();
     }
-    if (args.size() > 1)
+    if (o.args.size() > 1)
         return tools::UsageError("too many arguments");
     Report r;
     if (cmd == "all")
@@ -635,5 +600,17 @@ int main(int argc, char** argv)
         r.smbios = true;
     else
         return tools::UsageError("unknown command '%s'", cmd.c_str());
-    return Show(r, json);
+    return Show(r, o.json);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    tools::ToolInit("kophw");
+    Options o;
+    int rc = ParseOptions(argc, argv, o);
+    if (rc < 0)
+        rc = UseRoot(o.root);
+    return rc < 0 ? RunCommand(o) : rc;
 }
