@@ -88,7 +88,7 @@ TEST(ProcParse, LongLinesAreNeverSplitIntoTwo)
     testsupport::TempDir dir;
     // A line longer than the line buffer whose continuation would look like
     // an interface line, then a line longer than the longest kept line.
-    std::string longLine = std::string(kLineBufferSize - 1, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
+    std::string longLine = std::string(255, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
     std::string hugeLine = "eth8: " + std::string(3 * kMaxLineLength, '7');
     std::string text = longLine + "\n" + hugeLine + "\n" + NetLine("eth0") + "last line without newline";
     ASSERT_TRUE(testsupport::WriteFile(dir.Sub("f"), text));
@@ -182,7 +182,7 @@ TEST(CNetworkInterfaceTable, NeverAnswersTheNoneValueForManyInterfaces)
 TEST(CNetworkInterfaceTable, LongLineContinuationIsNotAnInterface)
 {
     testsupport::TempDir dir;
-    std::string text = NetDevHeader() + std::string(kLineBufferSize - 2, ' ') + "x" +
+    std::string text = NetDevHeader() + std::string(254, ' ') + "x" +
                        "eth7: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n" + NetLine("eth0");
     ASSERT_TRUE(testsupport::WriteFile(dir.Sub("net/dev"), text));
     CNetworkInterfaceTable table(dir.Path());
