@@ -198,7 +198,7 @@ TEST(CPerfMonNetwork, UnknownLinkSpeedGivesNoSample)
     ASSERT_NE(r.mon.StartMonitoring(kNet, 0), 0u);  // no speed known for eth0
     NextReading(r, {{"eth0", 65536, 0}}, 5000);
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 0u);
-    EXPECT_GE(r.speed->Queries(), 3);
+    EXPECT_GE(r.speed->queries, 3);
     int result = -1;
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_USAGE, 0, &result), 0);
     EXPECT_EQ(result, 1);

@@ -2,10 +2,8 @@
 // test sets.
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "perfmon/CPerfMon.h"
@@ -21,42 +19,23 @@ constexpr int kSys = CPerfMon::PERF_MONITOR_SYSTEM;
 constexpr int kNet = CPerfMon::PERF_MONITOR_NETWORK;
 constexpr int kProc = CPerfMon::PERF_MONITOR_PROCESSES;
 
-class FakeLinkSpeed : public perfmon::IPerfLinkSpeed {
-public:
+// The snapshots that ask these run on the test's own thread (a zero period).
+struct FakeLinkSpeed : perfmon::IPerfLinkSpeed {
+    std::map<std::string, uint32_t> speeds;
+    int queries = 0;
+    void Set(const std::string& name, uint32_t mbps) { speeds[name] = mbps; }
     bool GetLinkSpeedMbps(const std::string& name, uint32_t& mbps) override
     {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        ++m_Queries;
-        auto it = m_Speeds.find(name);
-        if (it == m_Speeds.end())
-            return false;
-        mbps = it->second;
-        return true;
+        ++queries;
+        auto it = speeds.find(name);
+        return it != speeds.end() && (mbps = it->second, true);
     }
-    void Set(const std::string& name, uint32_t mbps)
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Speeds[name] = mbps;
-    }
-    int Queries()
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Queries;
-    }
-
-private:
-    std::mutex m_Mutex;
-    std::map<std::string, uint32_t> m_Speeds;
-    int m_Queries = 0;
 };
 
-class FakeClock : public perfmon::IPerfClock {
-public:
-    uint64_t NowMs() override { return m_Now.load(); }
-    void Set(uint64_t ms) { m_Now.store(ms); }
-
-private:
-    std::atomic<uint64_t> m_Now{1000};
+struct FakeClock : perfmon::IPerfClock {
+    uint64_t now = 1000;
+    void Set(uint64_t ms) { now = ms; }
+    uint64_t NowMs() override { return now; }
 };
 
 struct Rig {
@@ -72,14 +51,12 @@ struct Rig {
         mon.SetClock(clock);
     }
     /// The current (or average) percentage; `result` gets the call's answer.
-    int Current(PMV v, int instance = 0, int* result = nullptr) { return Get(v, instance, result, true); }
-    int Average(PMV v, int instance = 0, int* result = nullptr) { return Get(v, instance, result, false); }
-
-private:
-    int Get(PMV v, int instance, int* result, bool current)
+    int Current(PMV v, int instance = 0, int* result = nullptr) { return Get(v, instance, result, 0); }
+    int Average(PMV v, int instance = 0, int* result = nullptr) { return Get(v, instance, result, 1); }
+    int Get(PMV v, int instance, int* result, int mode)
     {
         unsigned char p = 222;
-        int r = current ? mon.GetCurrentPercent(v, p, instance) : mon.GetAveragePercent(v, p, instance);
+        int r = mon.GetUsagePercent(p, v, mode, instance);
         if (result)
             *result = r;
         return p;
