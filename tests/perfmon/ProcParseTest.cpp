@@ -144,6 +144,7 @@ TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
     EXPECT_FALSE(table.GetInterfaceName(3, name));
     EXPECT_FALSE(table.GetInterfaceName(-1, name));
     EXPECT_EQ(name, "unchanged");
+    EXPECT_EQ(CNetworkInterfaceTable(proc.Root() + "/").GetNumberInterfaces(), 3);  // no doubled separator
     proc.NetDev({{"lo", 1, 2}});
     EXPECT_EQ(table.GetNumberInterfaces(), 0);
 }
