@@ -7,8 +7,10 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/NumberParse.h"
 #include "common/UniqueHandle.h"
 #include "perfmon/CNetworkInterfaceTable.h"
+#include "perfmon/PerfMonSeams.h"
 #include "perfmon/PerfMonPaths.h"
 #include "perfmon/ProcParse.h"
 #include "trace/CDebug.h"
@@ -238,16 +240,12 @@ bool CountDirectoryEntries(const std::string& path, uint64_t& count)
 
 bool IsPidName(const char* name, int& pid)
 {
-    size_t len = strnlen(name, 11);
+    const size_t len = strnlen(name, 11);
     if (len == 0 || len > 10)
         return false;
+    const char* p = name;
     uint64_t v = 0;
-    for (size_t i = 0; i < len; ++i) {
-        if (name[i] < '0' || name[i] > '9')
-            return false;
-        v = v * 10 + static_cast<unsigned>(name[i] - '0');
-    }
-    if (v == 0 || v > INT32_MAX)
+    if (!tarvd::ParseDigits(p, name + len, v) || p != name + len || v == 0 || v > INT32_MAX)
         return false;
     pid = static_cast<int>(v);
     return true;
@@ -406,6 +404,54 @@ bool CPerfMon::IsMonitorValue(int value, int type)
     }
 }
 
+// Makes the histories of the groups selected by `types`; false when none
+// is to be monitored.  Called with the monitor's lock held.
+bool CPerfMon::MakeHistories(int types)
+{
+    const bool processes = (types & (PERF_MONITOR_PROCESSES | PERF_MONITOR_PROCESSES_EXTRA)) != 0;
+    if (types & PERF_MONITOR_MEMORY) {
+        DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor memory usage");
+        m_MemoryHistory = std::make_shared<CDataHistoryBuffer<_PerfDataMemory>>(m_HistoryLength, 1);
+    }
+    if (types & PERF_MONITOR_SYSTEM) {
+        DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor system utilization");
+        m_SystemHistory = std::make_shared<CDataHistoryBuffer<_PerfDataSystem>>(m_HistoryLength, 1);
+        m_PrevSystem = SystemPrev();
+    }
+    if (types & PERF_MONITOR_CPU) {
+        // Per-processor usage is not sampled: the group keeps no history.
+        DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor CPU usage");
+    }
+    if (types & PERF_MONITOR_NETWORK) {
+        DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor network usage");
+        CNetworkInterfaceTable table(m_ProcRoot);
+        int interfaces = table.GetNumberInterfaces();
+        if (interfaces != perfmon::kNoInterfaces && interfaces > 0) {
+            m_NetworkHistory = std::make_shared<CDataHistoryBuffer<_PerfDataNetwork>>(
+                m_HistoryLength, static_cast<unsigned>(interfaces));
+            m_NetState.assign(static_cast<size_t>(interfaces), NetState());
+        }
+    }
+    m_MonitorProcesses.store(processes);
+    if (processes) {
+        DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor processes");
+        m_ProcessHistory = std::make_shared<CDataHistoryBuffer<_PerfDataProcess>>(m_HistoryLength, 1);
+        m_PrevProcess = ProcessPrev();
+        m_ProcessSlow = ProcessSlow();
+    }
+    return m_MemoryHistory || m_SystemHistory || m_NetworkHistory || processes;
+}
+
+void CPerfMon::ResetHistories()
+{
+    m_MemoryHistory.reset();
+    m_SystemHistory.reset();
+    m_CpuHistory.reset();
+    m_NetworkHistory.reset();
+    m_ProcessHistory.reset();
+    m_NetState.clear();
+}
+
 unsigned long CPerfMon::StartMonitoring(int types, unsigned int periodMs)
 {
     CCriticalSectionLock startStop(m_StartStopLock);
@@ -414,49 +460,12 @@ unsigned long CPerfMon::StartMonitoring(int types, unsigned int periodMs)
     if (unsigned long id = m_ThreadId.load())
         return id;
 
-    const bool processes = (types & (PERF_MONITOR_PROCESSES | PERF_MONITOR_PROCESSES_EXTRA)) != 0;
     {
         CCriticalSectionLock lock(m_Lock);
         m_Types.store(types);
         // Not running: whatever a failed start left behind goes.
-        m_MemoryHistory.reset();
-        m_SystemHistory.reset();
-        m_CpuHistory.reset();
-        m_NetworkHistory.reset();
-        m_ProcessHistory.reset();
-        m_NetState.clear();
-
-        if (types & PERF_MONITOR_MEMORY) {
-            DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor memory usage");
-            m_MemoryHistory = std::make_shared<CDataHistoryBuffer<_PerfDataMemory>>(m_HistoryLength, 1);
-        }
-        if (types & PERF_MONITOR_SYSTEM) {
-            DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor system utilization");
-            m_SystemHistory = std::make_shared<CDataHistoryBuffer<_PerfDataSystem>>(m_HistoryLength, 1);
-            m_PrevSystem = SystemPrev();
-        }
-        if (types & PERF_MONITOR_CPU) {
-            // Per-processor usage is not sampled: the group keeps no history.
-            DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor CPU usage");
-        }
-        if (types & PERF_MONITOR_NETWORK) {
-            DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor network usage");
-            CNetworkInterfaceTable table(m_ProcRoot);
-            int interfaces = table.GetNumberInterfaces();
-            if (interfaces != perfmon::kNoInterfaces && interfaces > 0) {
-                m_NetworkHistory = std::make_shared<CDataHistoryBuffer<_PerfDataNetwork>>(
-                    m_HistoryLength, static_cast<unsigned>(interfaces));
-                m_NetState.assign(static_cast<size_t>(interfaces), NetState());
-            }
-        }
-        m_MonitorProcesses.store(processes);
-        if (processes) {
-            DBG_PRINT(4, "\nCPerfMon::Start     :   - monitor processes");
-            m_ProcessHistory = std::make_shared<CDataHistoryBuffer<_PerfDataProcess>>(m_HistoryLength, 1);
-            m_PrevProcess = ProcessPrev();
-            m_ProcessSlow = ProcessSlow();
-        }
-        if (!m_MemoryHistory && !m_SystemHistory && !m_NetworkHistory && !processes)
+        ResetHistories();
+        if (!MakeHistories(types))
             return 0;
     }
 
@@ -490,12 +499,7 @@ void CPerfMon::StopMonitoring()
     }
     {
         CCriticalSectionLock lock(m_Lock);
-        m_MemoryHistory.reset();
-        m_SystemHistory.reset();
-        m_CpuHistory.reset();
-        m_NetworkHistory.reset();
-        m_ProcessHistory.reset();
-        m_NetState.clear();
+        ResetHistories();
     }
     DBG_PRINT(4, "\nCPerfMon::Stop      :   history data destroyed");
 }
@@ -674,6 +678,18 @@ void CPerfMon::RefreshProcessMap() const
     }
 }
 
+// pid_max and the limit of open files: at the first snapshot after a start,
+// then now and then.
+void CPerfMon::RefreshSlowProcessFigures()
+{
+    if (m_PrevProcess.seen && ++m_ProcessSlow.age < perfmon::kSlowRefreshSnapshots)
+        return;
+    m_ProcessSlow.age = 0;
+    m_ProcessSlow.pidMaxValid = ReadNumberFile(JoinPath(m_ProcRoot, perfmon::kPidMaxFile), m_ProcessSlow.pidMax);
+    m_ProcessSlow.limitValid =
+        ReadOpenFileLimit(JoinPath(m_ProcRoot, perfmon::kSelfLimitsFile), m_ProcessSlow.openFileLimit);
+}
+
 void CPerfMon::SnapshotProcesses(const SharedReadings& shared)
 {
     ProcessPrev now;
@@ -696,15 +712,7 @@ void CPerfMon::SnapshotProcesses(const SharedReadings& shared)
         now.ownTicks = self.cpuTicks;
     }
 
-    // pid_max and the limit of open files: at the first snapshot after a
-    // start, then now and then.
-    if (!m_PrevProcess.seen || ++m_ProcessSlow.age >= perfmon::kSlowRefreshSnapshots) {
-        m_ProcessSlow.age = 0;
-        m_ProcessSlow.pidMaxValid =
-            ReadNumberFile(JoinPath(m_ProcRoot, perfmon::kPidMaxFile), m_ProcessSlow.pidMax);
-        m_ProcessSlow.limitValid =
-            ReadOpenFileLimit(JoinPath(m_ProcRoot, perfmon::kSelfLimitsFile), m_ProcessSlow.openFileLimit);
-    }
+    RefreshSlowProcessFigures();
 
     _PerfDataProcess sample;
     // A quantity whose whole is unknown keeps part and whole 0, so that it

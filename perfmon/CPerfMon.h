@@ -65,7 +65,6 @@
 
 #include "common/CCriticalSection.h"
 #include "perfmon/CDataHistoryBuffer.h"
-#include "perfmon/PerfMonSeams.h"
 #include "trace/CEvent.h"
 #include "trace/CThread.h"
 
@@ -119,6 +118,11 @@ struct PerfProcessRecord {
 };
 
 namespace perfmon {
+
+// The link-speed and clock sources a test or replay may put in place of the
+// system's (declared in the monitor's internal seams).
+class IPerfLinkSpeed;
+class IPerfClock;
 
 /// One sample as seen by a percentage: part and whole.
 struct PartWhole {
@@ -287,6 +291,9 @@ private:
     void SnapshotSystem(SharedReadings& shared);
     void SnapshotNetwork();
     void SnapshotProcesses(const SharedReadings& shared);
+    void RefreshSlowProcessFigures();
+    void ResetHistories();
+    bool MakeHistories(int types);
     void RefreshProcessMap() const;
 
     int GetPercent(PerfMonitorValue value, unsigned char& percent, int instance, bool current);

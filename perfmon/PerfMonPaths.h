@@ -20,11 +20,12 @@ inline constexpr const char* kSelfFdDir = "self/fd";
 inline constexpr const char* kPidMaxFile = "sys/kernel/pid_max";
 inline constexpr const char* kLoadAvgFile = "loadavg";
 
-/// The kernel's own lines are well below this; it is the size of the
-/// buffer that a line is read through.  Longer lines are put together from
-/// several pieces up to kMaxLineLength, never split into two lines.
-inline constexpr size_t kLineBufferSize = 256;
-/// Longest logical line kept; the rest of a longer line is skipped.
+/// Largest text file read for its lines.  /proc/stat of a machine with
+/// thousands of interrupts holds some hundred kilobytes, net/dev about 130
+/// bytes an interface: the cap leaves room for tens of thousands of them.
+inline constexpr size_t kMaxTextFile = 4u << 20;
+/// Longest line kept (the kernel's own lines are well below it); the rest of
+/// a longer line is skipped.
 inline constexpr size_t kMaxLineLength = 4096;
 /// Largest small file (a process's stat line, pid_max) read whole.
 inline constexpr size_t kMaxSmallFile = 4096;

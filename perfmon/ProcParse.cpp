@@ -1,13 +1,10 @@
 #include "perfmon/ProcParse.h"
 
-#include "common/NumberParse.h"
-
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
+
+#include "common/FileIO.h"
+#include "common/NumberParse.h"
 
 #include "perfmon/PerfMonPaths.h"
 
@@ -24,52 +21,37 @@ std::string JoinPath(const std::string& root, const char* relative)
 
 bool CProcLineReader::Open(const std::string& path)
 {
-    m_File.Reset(fopen(path.c_str(), "re"));
-    return static_cast<bool>(m_File);
+    m_Pos = 0;
+    bool cut = false;
+    if (int err = tarvd::ReadFileBounded(path.c_str(), kMaxTextFile, m_Text, &cut)) {
+        m_Text.clear();
+        errno = err;
+        return false;
+    }
+    if (cut) {
+        // A line cut by the cap would read as a shorter line of its own.
+        const size_t lastNewline = m_Text.rfind('\n');
+        m_Text.resize(lastNewline == std::string::npos ? 0 : lastNewline + 1);
+    }
+    return true;
 }
 
 bool CProcLineReader::Next(std::string& line)
 {
     line.clear();
-    if (!m_File)
+    if (m_Pos >= m_Text.size())
         return false;
-    char buffer[kLineBufferSize];
-    bool gotAny = false;
-    while (fgets(buffer, sizeof buffer, m_File.Get())) {
-        gotAny = true;
-        size_t len = strnlen(buffer, sizeof buffer);
-        bool complete = len > 0 && buffer[len - 1] == '\n';
-        if (complete)
-            --len;
-        if (line.size() < kMaxLineLength)
-            line.append(buffer, std::min(len, kMaxLineLength - line.size()));
-        if (complete)
-            return true;
-    }
-    return gotAny;  // a last line without newline
+    size_t end = m_Text.find('\n', m_Pos);
+    if (end == std::string::npos)
+        end = m_Text.size();  // a last line without newline
+    line.assign(m_Text, m_Pos, std::min(end - m_Pos, kMaxLineLength));
+    m_Pos = end + 1;
+    return true;
 }
 
 bool ReadSmallFile(const std::string& path, std::string& out)
 {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd)
-        return false;
-    std::string text(kMaxSmallFile, '\0');
-    size_t used = 0;
-    while (used < text.size()) {
-        ssize_t n = ::read(fd.Get(), text.data() + used, text.size() - used);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        if (n == 0)
-            break;
-        used += static_cast<size_t>(n);
-    }
-    text.resize(used);
-    out = std::move(text);
-    return true;
+    return tarvd::ReadFileBounded(path.c_str(), kMaxSmallFile, out) == 0;
 }
 
 bool ParseU64(const char*& p, const char* end, uint64_t& value)

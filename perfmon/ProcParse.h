@@ -9,26 +9,25 @@
 #include <string_view>
 #include <vector>
 
-#include "common/UniqueHandle.h"
-
 namespace perfmon {
 
 /// root + "/" + relative (no doubled separator).
 std::string JoinPath(const std::string& root, const char* relative);
 
-/// Reads a text file line by line through a kLineBufferSize buffer.  A line
-/// longer than the buffer is put together from its pieces (up to
-/// kMaxLineLength characters; the rest is skipped), so a long line never
-/// turns into several lines.
+/// The lines of a text file, read whole (at most kMaxTextFile bytes; a
+/// longer file is taken up to its last whole line within the cap).  A line
+/// keeps at most kMaxLineLength characters (the rest is skipped), so a long
+/// line never turns into several lines.
 class CProcLineReader {
 public:
-    /// Opens the file (close-on-exec).  false on failure, errno kept.
+    /// Reads the file.  false on failure, with errno set to the cause.
     bool Open(const std::string& path);
-    /// The next line without its newline; false at end of file.
+    /// The next line without its newline; false (line empty) at the end.
     bool Next(std::string& line);
 
 private:
-    UniqueFile m_File;
+    std::string m_Text;
+    size_t m_Pos = 0;
 };
 
 /// Reads a whole file of at most kMaxSmallFile bytes (the rest is ignored).

@@ -1,27 +1,23 @@
 // The monitoring thread's life cycle, concurrent readers, and a run against
-// the machine's own /proc.
+// the machine's own /proc.  Nothing here depends on the machine's speed: a
+// wait either ends by an event or is bounded far above what it should take.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <thread>
 
-#include "PerfMonTestSupport.h"
+#include "PerfMonRig.h"
 
-using perfmontest::Rig;
+using namespace perfmontest;
 using Clock = std::chrono::steady_clock;
-using PMV = CPerfMon::PerfMonitorValue;
 
 namespace {
 
-constexpr int kMem = CPerfMon::PERF_MONITOR_MEMORY;
-constexpr int kSys = CPerfMon::PERF_MONITOR_SYSTEM;
-
 // Waits (at most `limit`) until the memory history holds `count` samples.
-bool WaitForMemorySamples(CPerfMon& mon, unsigned count, std::chrono::seconds limit = std::chrono::seconds(20))
+bool WaitForMemorySamples(CPerfMon& mon, unsigned count, std::chrono::seconds limit = std::chrono::seconds(60))
 {
-    auto deadline = Clock::now() + limit;
-    while (Clock::now() < deadline) {
+    for (auto deadline = Clock::now() + limit; Clock::now() < deadline;) {
         if (mon.GetHistoryCount(kMem, 0) >= count)
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -31,91 +27,58 @@ bool WaitForMemorySamples(CPerfMon& mon, unsigned count, std::chrono::seconds li
 
 } // namespace
 
-TEST(CPerfMonThread, ZeroPeriodThreadReturnsAtOnce)
+TEST(CPerfMonThread, ZeroPeriodThreadTakesNoSnapshot)
 {
     Rig r;
     r.proc.MemInfo(1000, 500, 0, 0);
-    unsigned long id = r.mon.StartMonitoring(kMem, 0);
-    ASSERT_NE(id, 0u);
+    ASSERT_NE(r.mon.StartMonitoring(kMem, 0), 0u);
     EXPECT_TRUE(r.mon.IsStarted());
     // A looping thread would add a sample per iteration; give it time to.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(r.mon.GetHistoryCount(kMem, 0), 2u);
     r.mon.StopMonitoring();
     EXPECT_FALSE(r.mon.IsStarted());
+    r.mon.StopMonitoring();  // a second stop is harmless
+    for (int types : {int(CPerfMon::PERF_MONITOR_CPU), 0, 0x20 | 0x400 /* bits of no group */})
+        EXPECT_EQ(r.mon.StartMonitoring(types, 100), 0u) << types;  // nothing to monitor
+    EXPECT_FALSE(r.mon.IsStarted());
 }
 
-TEST(CPerfMonThread, SecondStartOnlyChangesThePeriod)
+TEST(CPerfMonThread, SecondStartOnlyChangesThePeriodAndStopWakesTheThread)
 {
     Rig r;
     r.proc.MemInfo(1000, 500, 0, 0);
     r.proc.Stat(1, 1, 1, 1);
-    unsigned long id = r.mon.StartMonitoring(kMem, 20);
+    // The start's two snapshots and the thread's first, then an hour's wait.
+    unsigned long id = r.mon.StartMonitoring(kMem, 3600000);
     ASSERT_NE(id, 0u);
-    ASSERT_TRUE(WaitForMemorySamples(r.mon, 4));
-
-    // Another selection and a long period: same thread, no new history.
-    auto before = Clock::now();
-    EXPECT_EQ(r.mon.StartMonitoring(kMem | kSys, 60000), id);
-    EXPECT_LT(Clock::now() - before, std::chrono::milliseconds(200)) << "no snapshots on a second start";
+    ASSERT_TRUE(WaitForMemorySamples(r.mon, 3));
+    // Another selection: same thread, no new history, no snapshot.
+    EXPECT_EQ(r.mon.StartMonitoring(kMem | kSys, 3600000), id);
     EXPECT_EQ(r.mon.GetNumberInstances(kSys), 0u);
-    // The thread takes at most one more sample (the wait it was in when
-    // the period changed), then sleeps the new period.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    unsigned settled = r.mon.GetHistoryCount(kMem, 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    EXPECT_LE(r.mon.GetHistoryCount(kMem, 0), settled + 1);
-
-    // The stop ends the long wait at once.
-    before = Clock::now();
-    r.mon.StopMonitoring();
-    EXPECT_LT(Clock::now() - before, std::chrono::milliseconds(1900));
-}
-
-TEST(CPerfMonThread, StopEndsTheThreadWithinOnePeriodAndDestroysHistories)
-{
-    Rig r;
-    r.proc.MemInfo(1000, 500, 0, 0);
-    ASSERT_NE(r.mon.StartMonitoring(kMem, 30000), 0u);
+    EXPECT_EQ(r.mon.GetHistoryCount(kMem, 0), 3u);
+    // The stop ends the hour's wait: well before the stop gives up waiting.
     auto before = Clock::now();
     r.mon.StopMonitoring();
     EXPECT_LT(Clock::now() - before, std::chrono::milliseconds(1900));
-    EXPECT_FALSE(r.mon.IsStarted());
     EXPECT_EQ(r.mon.GetNumberInstances(kMem), 0u);
     int result = -1;
     EXPECT_EQ(r.Current(CPerfMon::PERF_MEMORY_USAGE, 0, &result), 0);
     EXPECT_EQ(result, 0);
-    // A second stop is harmless.
-    r.mon.StopMonitoring();
 }
 
-TEST(CPerfMonThread, RestartAfterStop)
+TEST(CPerfMonThread, RestartAfterStopHasAFreshHistory)
 {
     Rig r;
     r.proc.MemInfo(1000, 500, 0, 0);
     ASSERT_NE(r.mon.StartMonitoring(kMem, 20), 0u);
     ASSERT_TRUE(WaitForMemorySamples(r.mon, 4));
     r.mon.StopMonitoring();
-
     r.proc.MemInfo(1000, 100, 0, 0);
-    unsigned long id = r.mon.StartMonitoring(kMem, 20);
-    ASSERT_NE(id, 0u);
-    EXPECT_TRUE(r.mon.IsStarted());
+    ASSERT_NE(r.mon.StartMonitoring(kMem, 20), 0u);
     ASSERT_TRUE(WaitForMemorySamples(r.mon, 3));
-    // Fresh history: only samples of the new run.
     EXPECT_EQ(r.Average(CPerfMon::PERF_MEMORY_USAGE), 90);
     r.mon.StopMonitoring();
-}
-
-TEST(CPerfMonThread, NothingToMonitorStartsNothing)
-{
-    Rig r;
-    r.proc.MemInfo(1000, 500, 0, 0);
-    EXPECT_EQ(r.mon.StartMonitoring(CPerfMon::PERF_MONITOR_CPU, 100), 0u);
-    EXPECT_FALSE(r.mon.IsStarted());
-    EXPECT_EQ(r.mon.StartMonitoring(0, 100), 0u);
-    EXPECT_EQ(r.mon.StartMonitoring(0x20 | 0x400, 100), 0u);  // bits of no group
-    EXPECT_FALSE(r.mon.IsStarted());
 }
 
 TEST(CPerfMonThread, ReadersDuringStartsAndStops)
@@ -130,8 +93,7 @@ TEST(CPerfMonThread, ReadersDuringStartsAndStops)
             for (int v = 0; v <= 20; ++v) {
                 unsigned char p = 0;
                 r.mon.GetUsagePercent(p, static_cast<PMV>(v), v % 2, -1);
-                if (p > 100)
-                    outOfRange = true;
+                outOfRange = outOfRange || p > 100;
             }
         }
     });
@@ -151,35 +113,24 @@ TEST(CPerfMonThread, DestructorStopsARunningThread)
     {
         Rig r;
         r.proc.MemInfo(1000, 500, 0, 0);
-        ASSERT_NE(r.mon.StartMonitoring(kMem, 60000), 0u);
+        ASSERT_NE(r.mon.StartMonitoring(kMem, 3600000), 0u);
     }
-    EXPECT_LT(Clock::now() - before, std::chrono::seconds(10));
+    EXPECT_LT(Clock::now() - before, std::chrono::minutes(10)) << "the destructor waited out the period";
 }
 
 TEST(CPerfMonLive, RealProcGivesSaneFigures)
 {
     CPerfMon mon(50);
-    const unsigned period = 100;
-    auto started = Clock::now();
-    unsigned long id = mon.StartMonitoring(CPerfMon::PERF_MONITOR_ALL, period);
-    ASSERT_NE(id, 0u);
+    ASSERT_NE(mon.StartMonitoring(CPerfMon::PERF_MONITOR_ALL, 100), 0u);
     unsigned initial = mon.GetHistoryCount(kMem, 0);
     EXPECT_GE(initial, 2u);  // the start's two, perhaps the thread's first
     ASSERT_TRUE(WaitForMemorySamples(mon, initial + 3)) << "the thread adds samples";
-    unsigned count = mon.GetHistoryCount(kMem, 0);
-    auto elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
-    // One sample a period at most (the start's two, the thread's first at
-    // once, then one per period), never more.
-    EXPECT_LE(count, 3u + static_cast<unsigned>(elapsedMs / period) + 1u);
-
     for (int v = 0; v <= 20; ++v) {
         for (int mode : {0, 1}) {
             unsigned char p = 222;
             int result = mon.GetUsagePercent(p, static_cast<PMV>(v), mode, -1);
             EXPECT_LE(p, 100) << "value " << v;
-            if (CPerfMon::IsMonitorValue(v, CPerfMon::PERF_MONITOR_CPU)) {
-                EXPECT_EQ(result, 0);
-            }
+            EXPECT_TRUE(result == 0 || !CPerfMon::IsMonitorValue(v, CPerfMon::PERF_MONITOR_CPU)) << v;
         }
     }
     unsigned char p = 0;

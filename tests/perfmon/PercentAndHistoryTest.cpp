@@ -13,58 +13,35 @@ using perfmon::AveragePercent;
 using perfmon::CurrentPercent;
 using perfmon::PartWhole;
 
-TEST(PerfPercent, CurrentAndAverageRoundDifferently)
+// Checked by hand: each quotient is part × 100000 ÷ whole, truncated; the
+// current form is (sum × 100 + 50000) ÷ (n × 100000), the average form
+// rounds the truncated mean.  Samples without a whole do not count; when
+// none counts, current reports the low byte of the last part.
+TEST(PerfPercent, CurrentAndAverageByHand)
 {
-    // Quotients 1000 (1 %) and 0: the current form divides the half-percent
-    // bias by n as well, the average form rounds the mean.
-    std::vector<PartWhole> s = {{1000, 100000}, {0, 100000}};
-    EXPECT_EQ(CurrentPercent(s), 0);
-    EXPECT_EQ(AveragePercent(s), 1);
-}
-
-TEST(PerfPercent, SingleSampleRoundsToNearest)
-{
-    EXPECT_EQ(CurrentPercent({{499, 100000}}), 0);
-    EXPECT_EQ(CurrentPercent({{500, 100000}}), 1);
-    EXPECT_EQ(AveragePercent({{499, 100000}}), 0);
-    EXPECT_EQ(AveragePercent({{500, 100000}}), 1);
-    EXPECT_EQ(CurrentPercent({{1, 3}}), 33);
-    EXPECT_EQ(AveragePercent({{2, 3}}), 67);
-    // Each quotient is truncated before it is summed: 2/3 -> 66666.
-    EXPECT_EQ(AveragePercent({{2, 3}, {2, 3}, {2, 3}}), 67);
-}
-
-TEST(PerfPercent, BothClampAtHundred)
-{
-    EXPECT_EQ(CurrentPercent({{300, 100}}), 100);
-    EXPECT_EQ(AveragePercent({{300, 100}}), 100);
-    EXPECT_EQ(CurrentPercent({{100, 100}}), 100);
-    EXPECT_EQ(AveragePercent({{100, 100}}), 100);
-    // Just below: 99.5 % rounds up to 100, 99.49 % stays 99.
-    EXPECT_EQ(AveragePercent({{99500, 100000}}), 100);
-    EXPECT_EQ(AveragePercent({{99499, 100000}}), 99);
-    EXPECT_EQ(CurrentPercent({{99499, 100000}}), 99);
-    // Parts far beyond the whole neither overflow nor wrap.
-    EXPECT_EQ(CurrentPercent({{UINT64_MAX, 1}, {UINT64_MAX, 1}}), 100);
-    EXPECT_EQ(AveragePercent({{UINT64_MAX, 1}, {UINT64_MAX, 1}}), 100);
-    EXPECT_EQ(CurrentPercent({{UINT64_MAX / 2, UINT64_MAX}}), 50);
-}
-
-TEST(PerfPercent, ZeroWholesAreSkipped)
-{
-    // Every sample without a whole: current reports the last raw part,
-    // average 0.
-    std::vector<PartWhole> none = {{5, 0}, {42, 0}};
-    EXPECT_EQ(CurrentPercent(none), 42);
-    EXPECT_EQ(AveragePercent(none), 0);
-    // The raw part is reported in the percent byte (its low byte).
-    EXPECT_EQ(CurrentPercent({{0x1234, 0}}), 0x34);
-    // Mixed: the zero-whole sample neither counts nor dilutes.
-    std::vector<PartWhole> mixed = {{50, 100}, {7, 0}};
-    EXPECT_EQ(CurrentPercent(mixed), 50);
-    EXPECT_EQ(AveragePercent(mixed), 50);
-    EXPECT_EQ(CurrentPercent({}), 0);
-    EXPECT_EQ(AveragePercent({}), 0);
+    struct Case { std::vector<PartWhole> samples; int current; int average; };
+    const Case cases[] = {
+        {{{1000, 100000}, {0, 100000}}, 0, 1},  // the current form divides the bias by n as well
+        {{{499, 100000}}, 0, 0},
+        {{{500, 100000}}, 1, 1},
+        {{{1, 3}}, 33, 33},
+        {{{2, 3}}, 67, 67},
+        {{{2, 3}, {2, 3}, {2, 3}}, 66, 67},  // 66666 each
+        {{{300, 100}}, 100, 100},
+        {{{100, 100}}, 100, 100},
+        {{{99500, 100000}}, 100, 100},
+        {{{99499, 100000}}, 99, 99},
+        {{{UINT64_MAX, 1}, {UINT64_MAX, 1}}, 100, 100},  // no overflow, no wrap
+        {{{UINT64_MAX / 2, UINT64_MAX}}, 50, 50},
+        {{{5, 0}, {42, 0}}, 42, 0},
+        {{{0x1234, 0}}, 0x34, 0},
+        {{{50, 100}, {7, 0}}, 50, 50},  // the zero-whole sample neither counts nor dilutes
+        {{}, 0, 0},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        EXPECT_EQ(CurrentPercent(cases[i].samples), cases[i].current) << "case " << i;
+        EXPECT_EQ(AveragePercent(cases[i].samples), cases[i].average) << "case " << i;
+    }
 }
 
 TEST(CDataHistoryBuffer, DropsOldestAtMaximum)
@@ -77,6 +54,12 @@ TEST(CDataHistoryBuffer, DropsOldestAtMaximum)
     ASSERT_TRUE(h.GetAll(0, items));
     EXPECT_EQ(items, (std::vector<int>{3, 4, 5}));
     EXPECT_EQ(h.GetCount(1), 1u);
+    CDataHistoryBuffer<int> zero(0, 1);  // a zero maximum still keeps the newest
+    zero.Add(0, 1);
+    zero.Add(0, 2);
+    std::vector<int> newest;
+    zero.GetAll(0, newest);
+    EXPECT_EQ(newest, (std::vector<int>{2}));
     int item = -1;
     EXPECT_TRUE(h.GetItem(0, 0, item));
     EXPECT_EQ(item, 3);
@@ -103,16 +86,6 @@ TEST(CDataHistoryBuffer, OutOfRangeRequestsChangeNothing)
     h.Clear();
     EXPECT_EQ(h.GetCount(0), 0u);
     EXPECT_EQ(h.GetNumberInstances(), 1u);
-}
-
-TEST(CDataHistoryBuffer, ZeroMaximumStillKeepsTheNewest)
-{
-    CDataHistoryBuffer<int> h(0, 1);
-    h.Add(0, 1);
-    h.Add(0, 2);
-    std::vector<int> items;
-    h.GetAll(0, items);
-    EXPECT_EQ(items, (std::vector<int>{2}));
 }
 
 TEST(CDataHistoryBuffer, LockIsRecursiveAndGuardsWriters)

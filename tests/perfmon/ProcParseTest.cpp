@@ -7,114 +7,105 @@
 #include "perfmon/CNetworkInterfaceTable.h"
 #include "perfmon/PerfMonPaths.h"
 #include "perfmon/ProcParse.h"
-#include "support/TestSupport.h"
+#include "support/FakeProc.h"
 
 using namespace perfmon;
 
 namespace {
 
-uint64_t Parse(const std::string& text, bool* ok = nullptr)
+std::vector<std::string> Lines(const std::string& path)
 {
-    const char* p = text.data();
-    uint64_t v = 12345;
-    bool r = ParseU64(p, p + text.size(), v);
-    if (ok)
-        *ok = r;
-    return v;
-}
-
-std::string NetDevHeader()
-{
-    return "Inter-|   Receive                                                |  Transmit\n"
-           " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs drop fifo colls carrier compressed\n";
-}
-
-std::string NetLine(const std::string& name, uint64_t rx = 1, uint64_t tx = 2)
-{
-    return "  " + name + ": " + std::to_string(rx) + " 0 0 0 0 0 0 0 " + std::to_string(tx) + " 0 0 0 0 0 0 0\n";
-}
-
-} // namespace
-
-TEST(ProcParse, NumbersSaturateInsteadOfOverflowing)
-{
-    bool ok = false;
-    EXPECT_EQ(Parse("  42 kB", &ok), 42u);
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(Parse("18446744073709551615"), UINT64_MAX);
-    EXPECT_EQ(Parse("18446744073709551616"), UINT64_MAX);
-    EXPECT_EQ(Parse("999999999999999999999999999999999999"), UINT64_MAX);
-    Parse("  -5", &ok);
-    EXPECT_FALSE(ok);
-    Parse("", &ok);
-    EXPECT_FALSE(ok);
-    Parse("   ", &ok);
-    EXPECT_FALSE(ok);
-
-    // The parser stops at the end it is given, even inside digits.
-    std::string text = "123456";
-    const char* p = text.data();
-    uint64_t v = 0;
-    ASSERT_TRUE(ParseU64(p, text.data() + 3, v));
-    EXPECT_EQ(v, 123u);
-    EXPECT_EQ(p, text.data() + 3);
-}
-
-TEST(ProcParse, NumberListStopsAtTheFirstNonNumber)
-{
-    uint64_t v[16] = {};
-    EXPECT_EQ(ParseU64List(" 1 2\t3 4 5", v, 4), 4);
-    EXPECT_EQ(v[3], 4u);
-    EXPECT_EQ(ParseU64List("1 2 x 4", v, 16), 2);
-    EXPECT_EQ(ParseU64List("1 2 3abc 4", v, 16), 3);
-    EXPECT_EQ(ParseU64List("", v, 16), 0);
-    EXPECT_EQ(ParseU64List("99999999999999999999999 7", v, 16), 2);
-    EXPECT_EQ(v[0], UINT64_MAX);
-    EXPECT_EQ(v[1], 7u);
-}
-
-TEST(ProcParse, KeyedNumbersNeedTheKeyAtTheStart)
-{
-    uint64_t v = 0;
-    EXPECT_TRUE(ParseKeyedU64("MemTotal:     16384 kB", "MemTotal:", v));
-    EXPECT_EQ(v, 16384u);
-    EXPECT_FALSE(ParseKeyedU64(" MemTotal: 5 kB", "MemTotal:", v));
-    EXPECT_FALSE(ParseKeyedU64("MemTotal: kB", "MemTotal:", v));
-    EXPECT_FALSE(ParseKeyedU64("MemTot", "MemTotal:", v));
-}
-
-TEST(ProcParse, LongLinesAreNeverSplitIntoTwo)
-{
-    testsupport::TempDir dir;
-    // A line longer than the line buffer whose continuation would look like
-    // an interface line, then a line longer than the longest kept line.
-    std::string longLine = std::string(kLineBufferSize - 1, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
-    std::string hugeLine = "eth8: " + std::string(3 * kMaxLineLength, '7');
-    std::string text = longLine + "\n" + hugeLine + "\n" + NetLine("eth0") + "last line without newline";
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("f"), text));
-
     CProcLineReader reader;
-    ASSERT_TRUE(reader.Open(dir.Sub("f")));
+    EXPECT_TRUE(reader.Open(path));
     std::vector<std::string> lines;
     std::string line;
     while (reader.Next(line))
         lines.push_back(line);
+    return lines;
+}
+
+std::string NetLine(const std::string& name)
+{
+    return "  " + name + ": 1 0 0 0 0 0 0 0 2 0 0 0 0 0 0 0\n";
+}
+
+} // namespace
+
+TEST(ProcParse, NumbersSaturateAndStopAtTheEndGiven)
+{
+    // `stop`: where the parser leaves the pointer (0 when nothing is read).
+    struct Case { std::string text; size_t end; bool ok; uint64_t value; size_t stop; };
+    const Case cases[] = {{"  42 kB", 7, true, 42, 4},
+                          {"18446744073709551615", 20, true, UINT64_MAX, 20},
+                          {"18446744073709551616", 20, true, UINT64_MAX, 20},
+                          {"999999999999999999999999999999999999", 36, true, UINT64_MAX, 36},
+                          {"123456", 3, true, 123, 3},  // the end lies inside the digits
+                          {"  -5", 4, false, 12345, 0}, {"", 0, false, 12345, 0}, {"   ", 3, false, 12345, 0}};
+    for (const Case& c : cases) {
+        const char* p = c.text.data();
+        uint64_t v = 12345;
+        EXPECT_EQ(ParseU64(p, c.text.data() + c.end, v), c.ok) << c.text;
+        EXPECT_EQ(v, c.value) << c.text;
+        EXPECT_EQ(p, c.text.data() + c.stop) << c.text;
+    }
+}
+
+TEST(ProcParse, NumberListsAndKeyedNumbers)
+{
+    struct Case { const char* text; int max; int count; uint64_t last; };
+    const Case lists[] = {{" 1 2\t3 4 5", 4, 4, 4}, {"1 2 x 4", 16, 2, 2}, {"1 2 3abc 4", 16, 3, 3},
+                          {"", 16, 0, 0}, {"99999999999999999999999 7", 16, 2, 7}};
+    for (const Case& c : lists) {
+        uint64_t v[16] = {};
+        EXPECT_EQ(ParseU64List(c.text, v, c.max), c.count) << c.text;
+        EXPECT_EQ(c.count ? v[c.count - 1] : 0, c.last) << c.text;
+    }
+    uint64_t v = 0;
+    EXPECT_TRUE(ParseKeyedU64("MemTotal:     16384 kB", "MemTotal:", v));
+    EXPECT_EQ(v, 16384u);
+    for (const char* bad : {" MemTotal: 5 kB", "MemTotal: kB", "MemTot"})
+        EXPECT_FALSE(ParseKeyedU64(bad, "MemTotal:", v)) << bad;
+}
+
+TEST(ProcParse, LongLinesAreNeverSplitIntoTwo)
+{
+    testsupport::FakeProc dir;
+    // A line whose continuation would look like an interface line, then a
+    // line longer than the longest kept line.
+    std::string longLine = std::string(255, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
+    dir.Write("f", longLine + "\neth8: " + std::string(3 * kMaxLineLength, '7') + "\n\nlast line without newline");
+    std::vector<std::string> lines = Lines(dir.Path("f"));
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0], longLine);
     EXPECT_EQ(lines[1].size(), kMaxLineLength);
-    EXPECT_EQ(lines[2], NetLine("eth0").substr(0, NetLine("eth0").size() - 1));
+    EXPECT_EQ(lines[2], "");
     EXPECT_EQ(lines[3], "last line without newline");
 }
 
-TEST(ProcParse, MissingFileCannotBeOpened)
+TEST(ProcParse, FileOverTheCapEndsAtItsLastWholeLine)
 {
-    testsupport::TempDir dir;
+    testsupport::FakeProc dir;
+    const std::string line(99, 'a');
+    std::string text;
+    while (text.size() <= kMaxTextFile)
+        text += line + "\n";
+    dir.Write("big", text);
+    std::vector<std::string> lines = Lines(dir.Path("big"));
+    EXPECT_EQ(lines.size(), kMaxTextFile / 100);
+    EXPECT_EQ(lines.back(), line);
+}
+
+TEST(ProcParse, MissingFileCannotBeRead)
+{
+    testsupport::FakeProc dir;
     CProcLineReader reader;
-    EXPECT_FALSE(reader.Open(dir.Sub("absent")));
+    EXPECT_FALSE(reader.Open(dir.Path("absent")));
+    EXPECT_EQ(errno, ENOENT);
     std::string line = "x";
     EXPECT_FALSE(reader.Next(line));
+    EXPECT_EQ(line, "");
     std::string out = "keep";
-    EXPECT_FALSE(ReadSmallFile(dir.Sub("absent"), out));
+    EXPECT_FALSE(ReadSmallFile(dir.Path("absent"), out));
     EXPECT_EQ(out, "keep");
 }
 
@@ -124,29 +115,25 @@ TEST(ProcParse, InterfaceNamesByPrefix)
         EXPECT_TRUE(IsMonitoredInterfaceName(name)) << name;
     for (const char* name : {"lo", "ifb0", "wlan0", "docker0", "veth12", "enp3s0", "et", "b", "", "Inter-|", "xen"})
         EXPECT_FALSE(IsMonitoredInterfaceName(name)) << name;
-
-    NetDevLine entry;
-    EXPECT_TRUE(SplitNetDevLine("  eth0: 1 2", entry));
-    EXPECT_EQ(entry.name, "eth0");
-    EXPECT_EQ(entry.counters, " 1 2");
     // Old kernels write the first counter right after the colon.
-    EXPECT_TRUE(SplitNetDevLine("eth1:123 4", entry));
-    EXPECT_EQ(entry.name, "eth1");
-    EXPECT_EQ(entry.counters, "123 4");
-    EXPECT_FALSE(SplitNetDevLine("  eth0 1 2 3", entry));  // no colon
-    EXPECT_FALSE(SplitNetDevLine("    lo: 1 2", entry));
-    EXPECT_FALSE(SplitNetDevLine("", entry));
-    EXPECT_FALSE(SplitNetDevLine("      ", entry));
+    struct Case { const char* line; bool ok; const char* name; const char* counters; };
+    const Case cases[] = {{"  eth0: 1 2", true, "eth0", " 1 2"}, {"eth1:123 4", true, "eth1", "123 4"},
+                          {"  eth0 1 2 3", false, "", ""},  {"    lo: 1 2", false, "", ""},
+                          {"", false, "", ""},              {"      ", false, "", ""}};
+    for (const Case& c : cases) {
+        NetDevLine entry;
+        EXPECT_EQ(SplitNetDevLine(c.line, entry), c.ok) << c.line;
+        EXPECT_EQ(entry.name, c.name);
+        EXPECT_EQ(entry.counters, c.counters);
+    }
 }
 
 TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
 {
-    testsupport::TempDir dir;
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("net/dev"), NetDevHeader() + NetLine("lo") + NetLine("ifb0") +
-                                                               NetLine("eth0") + NetLine("docker0") +
-                                                               NetLine("bond0") + NetLine("wlan0") +
-                                                               NetLine("xenbr0")));
-    CNetworkInterfaceTable table(dir.Path());
+    testsupport::FakeProc proc;
+    CNetworkInterfaceTable table(proc.Root());
+    EXPECT_EQ(table.GetNumberInterfaces(), kNoInterfaces);  // unreadable
+    proc.NetDev({{"lo", 1, 2}, {"ifb0", 1, 2}, {"eth0", 1, 2}, {"docker0", 1, 2}, {"bond0", 1, 2}, {"xenbr0", 1, 2}});
     EXPECT_EQ(table.GetNumberInterfaces(), 3);
     std::string name;
     EXPECT_TRUE(table.GetInterfaceName(0, name));
@@ -157,34 +144,20 @@ TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
     EXPECT_FALSE(table.GetInterfaceName(3, name));
     EXPECT_FALSE(table.GetInterfaceName(-1, name));
     EXPECT_EQ(name, "unchanged");
-}
-
-TEST(CNetworkInterfaceTable, NoneAndUnreadable)
-{
-    testsupport::TempDir dir;
-    CNetworkInterfaceTable table(dir.Path());
-    EXPECT_EQ(table.GetNumberInterfaces(), kNoInterfaces);
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("net/dev"), NetDevHeader() + NetLine("lo")));
+    EXPECT_EQ(CNetworkInterfaceTable(proc.Root() + "/").GetNumberInterfaces(), 3);  // no doubled separator
+    proc.NetDev({{"lo", 1, 2}});
     EXPECT_EQ(table.GetNumberInterfaces(), 0);
 }
 
-TEST(CNetworkInterfaceTable, NeverAnswersTheNoneValueForManyInterfaces)
+TEST(CNetworkInterfaceTable, ManyInterfacesAndLongLineContinuations)
 {
-    testsupport::TempDir dir;
-    std::string text = NetDevHeader();
+    testsupport::FakeProc proc;
+    std::string text = "Inter-|\n face |\n";
     for (int i = 0; i < 300; ++i)
         text += NetLine("eth" + std::to_string(i));
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("net/dev"), text));
-    CNetworkInterfaceTable table(dir.Path());
-    EXPECT_EQ(table.GetNumberInterfaces(), 254);
-}
-
-TEST(CNetworkInterfaceTable, LongLineContinuationIsNotAnInterface)
-{
-    testsupport::TempDir dir;
-    std::string text = NetDevHeader() + std::string(kLineBufferSize - 2, ' ') + "x" +
-                       "eth7: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n" + NetLine("eth0");
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("net/dev"), text));
-    CNetworkInterfaceTable table(dir.Path());
+    proc.Write("net/dev", text);
+    CNetworkInterfaceTable table(proc.Root());
+    EXPECT_EQ(table.GetNumberInterfaces(), 254);  // never the "none" value
+    proc.Write("net/dev", "Inter-|\n face |\n" + std::string(254, ' ') + "x" + NetLine("eth7") + NetLine("eth0"));
     EXPECT_EQ(table.GetNumberInterfaces(), 1);
 }

@@ -1,6 +1,7 @@
 // kophw against an inventory snapshot made of the shared fixtures.
 #include "ToolTestSupport.h"
 
+#include "common/UniqueHandle.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -8,8 +9,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
-using tooltest::Json;
-using tooltest::ParseJson;
+using tooltest::json;
 
 namespace {
 
@@ -17,10 +17,10 @@ const std::string kTool = KOPHW_PATH;
 
 void CopyTree(const std::string& from, const std::string& to)
 {
-    DIR* d = opendir(from.c_str());
-    ASSERT_NE(d, nullptr) << from;
+    UniqueDir d(opendir(from.c_str()));
+    ASSERT_TRUE(d) << from;
     testsupport::MakeDirs(to);
-    while (struct dirent* e = readdir(d)) {
+    while (struct dirent* e = readdir(d.Get())) {
         std::string n = e->d_name;
         if (n == "." || n == ".." || n == "lspci.txt")
             continue;
@@ -29,7 +29,6 @@ void CopyTree(const std::string& from, const std::string& to)
         else
             testsupport::WriteFile(to + "/" + n, testsupport::ReadFile(from + "/" + n));
     }
-    closedir(d);
 }
 
 class KophwTest : public ::testing::Test {
@@ -56,21 +55,13 @@ protected:
         testsupport::WriteFile(root + "/sys/bus/pci/slots/bad/address", "junk\n");
         testsupport::WriteFile(root + "/etc/tarvd/Adapter.ini", "[Adapters]\n1af4:1045=Balloon Device\n");
     }
-    Json Inventory(const std::string& root)
+    static json Inventory(const std::string& root, int exitCode = 0)
     {
         auto r = tooltest::Run(kTool, {"--root", root, "--json"});
-        EXPECT_TRUE(r.Exited(0)) << r.exitCode << " " << r.err;
-        Json j;
-        std::string err;
-        EXPECT_TRUE(ParseJson(r.out, j, &err)) << err << r.out.substr(0, 1000);
+        EXPECT_TRUE(r.Exited(exitCode)) << r.exitCode << " " << r.signal << " " << r.err;
+        json j = tooltest::ParseOutput(r.out);
+        EXPECT_FALSE(j.is_discarded()) << r.out.substr(0, 1000);
         return j;
-    }
-    static const Json* FindPci(const Json& j, const std::string& address)
-    {
-        for (auto& f : j["pci"].items)
-            if (f["address"].text == address)
-                return &f;
-        return nullptr;
     }
     testsupport::TempDir m_Snap;
 };
@@ -79,58 +70,58 @@ protected:
 
 TEST_F(KophwTest, SnapshotShowsFunctionsSlotsDevicesAndSmbios)
 {
-    Json j = Inventory(m_Snap.Path());
-    ASSERT_EQ(j["pci"].type, Json::Array);
-    EXPECT_GE(j["pci"].Size(), 4u);
-    const Json* host = FindPci(j, "0000:00:00.0");
+    json j = Inventory(m_Snap.Path());
+    ASSERT_TRUE(j.at("pci").is_array());
+    EXPECT_GE(j.at("pci").size(), 4u);
+    const json* host = tooltest::FindBy(j.at("pci"), "address", "0000:00:00.0");
     ASSERT_NE(host, nullptr);
-    EXPECT_EQ((*host)["vendor_id"].text, "8086");
-    EXPECT_EQ((*host)["device_id"].text, "0d57");
-    EXPECT_EQ((*host)["class"].number, 6);
-    EXPECT_EQ((*host)["subclass_name"].text, "Host bridge");
-    EXPECT_TRUE((*host)["kernel_slot"].IsNull());
+    EXPECT_EQ(host->at("vendor_id"), "8086");
+    EXPECT_EQ(host->at("device_id"), "0d57");
+    EXPECT_EQ(host->at("class"), 6);
+    EXPECT_EQ(host->at("subclass_name"), "Host bridge");
+    EXPECT_TRUE(host->at("kernel_slot").is_null());
 
     // 00:01.0 sits in SMBIOS slot 1 (bus 0, device 1), as the kernel says.
-    const Json* balloon = FindPci(j, "0000:00:01.0");
+    const json* balloon = tooltest::FindBy(j.at("pci"), "address", "0000:00:01.0");
     ASSERT_NE(balloon, nullptr);
-    EXPECT_EQ((*balloon)["slot"].number, 1);
-    EXPECT_EQ((*balloon)["kernel_slot"].text, "1");
-    EXPECT_TRUE((*balloon)["slot_disagreement"].IsNull());
-    const Json* third = FindPci(j, "0000:00:03.0");
+    EXPECT_EQ(balloon->at("slot"), 1);
+    EXPECT_EQ(balloon->at("kernel_slot"), "1");
+    EXPECT_TRUE(balloon->at("slot_disagreement").is_null());
+    const json* third = tooltest::FindBy(j.at("pci"), "address", "0000:00:03.0");
     ASSERT_NE(third, nullptr);
-    EXPECT_EQ((*third)["kernel_slot"].text, "9");
-    EXPECT_FALSE((*third)["slot_disagreement"].IsNull());
-    ASSERT_EQ(j["slot_disagreements"].Size(), 1u);
-    EXPECT_EQ(j["slot_disagreements"][0].text.rfind("0000:00:03.0: ", 0), 0u);
+    EXPECT_EQ(third->at("kernel_slot"), "9");
+    EXPECT_FALSE(third->at("slot_disagreement").is_null());
+    ASSERT_EQ(j.at("slot_disagreements").size(), 1u);
+    EXPECT_EQ(j.at("slot_disagreements")[0].get<std::string>().rfind("0000:00:03.0: ", 0), 0u);
 
     // Adapters with names from the adapter list, the drive and the volume.
-    bool named = false;
-    for (auto& a : j["adapters"].items)
-        named = named || (a["address"].text == "0000:00:01.0" && a["name"].text == "Balloon Device");
-    EXPECT_TRUE(named);
-    ASSERT_EQ(j["drives"].Size(), 1u);
-    EXPECT_EQ(j["drives"][0]["name"].text, "sda");
-    EXPECT_EQ(j["drives"][0]["model"].text, "Test Disk");
-    EXPECT_EQ(j["drives"][0]["vendor"].text, "ACME");
-    EXPECT_EQ(j["drives"][0]["size_bytes"].number, 2048.0 * 512);
-    EXPECT_EQ(j["drives"][0]["pci_address"].text, "0000:00:01.0");
-    ASSERT_EQ(j["volumes"].Size(), 1u);
-    EXPECT_EQ(j["volumes"][0]["device"].text, "/dev/sda1");
+    const json* adapter = tooltest::FindBy(j.at("adapters"), "address", "0000:00:01.0");
+    ASSERT_NE(adapter, nullptr);
+    EXPECT_EQ(adapter->at("name"), "Balloon Device");
+    ASSERT_EQ(j.at("drives").size(), 1u);
+    const json& drive = j.at("drives")[0];
+    EXPECT_EQ(drive.at("name"), "sda");
+    EXPECT_EQ(drive.at("model"), "Test Disk");
+    EXPECT_EQ(drive.at("vendor"), "ACME");
+    EXPECT_EQ(drive.at("size_bytes"), 2048 * 512);
+    EXPECT_EQ(drive.at("pci_address"), "0000:00:01.0");
+    ASSERT_EQ(j.at("volumes").size(), 1u);
+    EXPECT_EQ(j.at("volumes")[0].at("device"), "/dev/sda1");
 
-    const Json& s = j["smbios"];
-    EXPECT_TRUE(s["found"].boolean);
-    EXPECT_EQ(s["source"].text, "sysfs");
-    EXPECT_EQ(s["version"].text, "2.7");
-    EXPECT_EQ(s["structures"]["9"].number, 8);
-    EXPECT_EQ(s["structures"]["41"].number, 1);
-    ASSERT_EQ(s["system_slots"].Size(), 8u);
-    const Json& first = s["system_slots"][0];
-    EXPECT_EQ(first["type"].number, 0xAA);
-    EXPECT_EQ(first["type_name"].text, "PCI Express x16");
-    EXPECT_EQ(first["designation"].type, Json::String);
-    EXPECT_FALSE(first["designation"].text.empty());
-    EXPECT_GE(first["current_usage"].number, 1);
-    EXPECT_LE(first["current_usage"].number, 5);
+    const json& s = j.at("smbios");
+    EXPECT_EQ(s.at("found"), true);
+    EXPECT_EQ(s.at("source"), "sysfs");
+    EXPECT_EQ(s.at("version"), "2.7");
+    EXPECT_EQ(s.at("structures").at("9"), 8);
+    EXPECT_EQ(s.at("structures").at("41"), 1);
+    ASSERT_EQ(s.at("system_slots").size(), 8u);
+    const json& first = s.at("system_slots")[0];
+    EXPECT_EQ(first.at("type"), 0xAA);
+    EXPECT_EQ(first.at("type_name"), "PCI Express x16");
+    ASSERT_TRUE(first.at("designation").is_string());
+    EXPECT_FALSE(first.at("designation").get<std::string>().empty());
+    EXPECT_GE(first.at("current_usage"), 1);
+    EXPECT_LE(first.at("current_usage"), 5);
 
     // Human form.
     auto r = tooltest::Run(kTool, {"--root", m_Snap.Path(), "pci"});
@@ -157,20 +148,19 @@ TEST_F(KophwTest, CaptureOfSnapshotReplaysTheSame)
     EXPECT_EQ(testsupport::ReadFile(dest + "/proc/bus/pci/00/01.0"),
               testsupport::ReadFile(m_Snap.Path() + "/proc/bus/pci/00/01.0"));
 
-    Json a = Inventory(m_Snap.Path());
-    Json b = Inventory(dest);
-    ASSERT_EQ(a["pci"].Size(), b["pci"].Size());
-    for (size_t i = 0; i < a["pci"].Size(); ++i) {
-        EXPECT_EQ(a["pci"][i]["address"].text, b["pci"][i]["address"].text);
-        EXPECT_EQ(a["pci"][i]["slot"].number, b["pci"][i]["slot"].number);
-        EXPECT_EQ(a["pci"][i]["kernel_slot"].text, b["pci"][i]["kernel_slot"].text);
+    json a = Inventory(m_Snap.Path());
+    json b = Inventory(dest);
+    ASSERT_EQ(a.at("pci").size(), b.at("pci").size());
+    for (size_t i = 0; i < a.at("pci").size(); ++i) {
+        for (const char* key : {"address", "slot", "kernel_slot"})
+            EXPECT_EQ(a.at("pci")[i].at(key), b.at("pci")[i].at(key)) << i << " " << key;
     }
-    EXPECT_EQ(b["drives"][0]["pci_address"].text, "0000:00:01.0");
-    EXPECT_EQ(b["drives"][0]["model"].text, "Test Disk");
-    EXPECT_EQ(b["smbios"]["version"].text, "2.7");
-    EXPECT_EQ(b["smbios"]["system_slots"].Size(), 8u);
-    EXPECT_EQ(b["volumes"].Size(), 1u);
-    EXPECT_EQ(b["adapters"].Size(), a["adapters"].Size());
+    EXPECT_EQ(b.at("drives")[0].at("pci_address"), "0000:00:01.0");
+    EXPECT_EQ(b.at("drives")[0].at("model"), "Test Disk");
+    EXPECT_EQ(b.at("smbios").at("version"), "2.7");
+    EXPECT_EQ(b.at("smbios").at("system_slots").size(), 8u);
+    EXPECT_EQ(b.at("volumes").size(), 1u);
+    EXPECT_EQ(b.at("adapters").size(), a.at("adapters").size());
 }
 
 TEST_F(KophwTest, EmptyMissingAndDamagedRoots)
@@ -179,10 +169,10 @@ TEST_F(KophwTest, EmptyMissingAndDamagedRoots)
     auto r = tooltest::Run(kTool, {"--root", empty.Path(), "--json"});
     EXPECT_TRUE(r.Exited(1)) << r.exitCode << " " << r.signal;
     EXPECT_NE(r.err.find("kophw: no hardware information"), std::string::npos) << r.err;
-    Json j;
-    ASSERT_TRUE(ParseJson(r.out, j)) << r.out;
-    EXPECT_FALSE(j["smbios"]["found"].boolean);
-    EXPECT_TRUE(j["smbios"]["version"].IsNull());
+    json j = tooltest::ParseOutput(r.out);
+    ASSERT_FALSE(j.is_discarded()) << r.out;
+    EXPECT_EQ(j.at("smbios").at("found"), false);
+    EXPECT_TRUE(j.at("smbios").at("version").is_null());
 
     r = tooltest::Run(kTool, {"--root", empty.Sub("nowhere")});
     EXPECT_TRUE(r.Exited(1));
@@ -192,14 +182,9 @@ TEST_F(KophwTest, EmptyMissingAndDamagedRoots)
     std::string dmi = m_Snap.Path() + "/sys/firmware/dmi/tables/DMI";
     testsupport::WriteFile(dmi, testsupport::ReadFile(dmi).substr(0, 300));
     testsupport::WriteFile(m_Snap.Path() + "/proc/bus/pci/00/02.0", "\x86\x80");
-    r = tooltest::Run(kTool, {"--root", m_Snap.Path(), "--json"});
-    EXPECT_EQ(r.signal, 0);
-    EXPECT_TRUE(r.Exited(0)) << r.err;
-    EXPECT_TRUE(ParseJson(r.out, j)) << r.out;
+    Inventory(m_Snap.Path());
 
-    EXPECT_TRUE(tooltest::Run(kTool, {"frob"}).Exited(2));
-    EXPECT_TRUE(tooltest::Run(kTool, {"--bogus"}).Exited(2));
-    EXPECT_TRUE(tooltest::Run(kTool, {"capture"}).Exited(2));
-    EXPECT_TRUE(tooltest::Run(kTool, {"--root"}).Exited(2));
+    for (const char* bad : {"frob", "--bogus", "capture", "--root"})
+        EXPECT_TRUE(tooltest::Run(kTool, {bad}).Exited(2)) << bad;
     EXPECT_TRUE(tooltest::Run(kTool, {"--help"}).Exited(0));
 }

@@ -1,105 +1,76 @@
 // kopperf against a fake proc tree.
 #include "ToolTestSupport.h"
 
+#include "support/FakeProc.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
-using tooltest::Json;
-using tooltest::ParseJson;
+using tooltest::json;
 
 namespace {
 
 const std::string kTool = KOPPERF_PATH;
 
-void FakeProc(const std::string& root)
+// 75 % of memory and 25 % of swap in use; eth0 is monitored, lo is not.
+void WriteProc(testsupport::FakeProc& proc)
 {
-    testsupport::WriteFile(root + "/meminfo", "MemTotal:       1000000 kB\nMemFree:         250000 kB\n"
-                                              "SwapTotal:       400000 kB\nSwapFree:        300000 kB\n");
-    testsupport::WriteFile(root + "/stat", "cpu  100 0 50 850 0 0 0 0 0 0\ncpu0 100 0 50 850 0 0 0 0 0 0\n");
-    testsupport::WriteFile(root + "/net/dev",
-                           "Inter-|   Receive |  Transmit\n face |bytes packets|bytes packets\n"
-                           "  eth0: 1000 1 0 0 0 0 0 0 2000 1 0 0 0 0 0 0\n"
-                           "    lo: 1000 1 0 0 0 0 0 0 2000 1 0 0 0 0 0 0\n");
-    testsupport::WriteFile(root + "/sys/kernel/pid_max", "32768\n");
+    proc.MemInfo(1000000, 250000, 400000, 300000);
+    proc.Stat(100, 0, 50, 850, 1);
+    proc.NetDev({{"eth0", 1000, 2000}, {"lo", 1000, 2000}});
+    proc.Write("sys/kernel/pid_max", "32768\n");
 }
 
-const Json* Group(const Json& j, const std::string& name)
+const json& Instances(const json& j, const char* group)
 {
-    for (auto& g : j["groups"].items)
-        if (g["group"].text == name)
-            return &g;
-    return nullptr;
-}
-
-const Json* Value(const Json& group, int instance, int value)
-{
-    for (auto& i : group["instances"].items)
-        if (i["instance"].number == instance)
-            for (auto& v : i["values"].items)
-                if (v["value"].number == value)
-                    return &v;
-    return nullptr;
+    const json* g = tooltest::FindBy(j.at("groups"), "group", group);
+    static const json kNone = json::array();
+    return g ? g->at("instances") : kNone;
 }
 
 } // namespace
 
 TEST(Kopperf, FakeProcGivesGroupsAndPercentages)
 {
-    testsupport::TempDir proc;
-    FakeProc(proc.Path());
-    auto r = tooltest::Run(kTool, {"--seconds", "0", "--proc", proc.Path(), "--json"});
+    testsupport::FakeProc proc;
+    WriteProc(proc);
+    auto r = tooltest::Run(kTool, {"--seconds", "0", "--proc", proc.Root(), "--json"});
     ASSERT_TRUE(r.Exited(0)) << r.exitCode << " " << r.signal << " " << r.err;
-    Json j;
-    std::string err;
-    ASSERT_TRUE(ParseJson(r.out, j, &err)) << err << r.out;
-    EXPECT_EQ(j["proc_root"].text, proc.Path());
-    const Json* mem = Group(j, "memory");
-    ASSERT_NE(mem, nullptr);
-    ASSERT_EQ((*mem)["instances"].Size(), 1u);
-    EXPECT_GE((*mem)["instances"][0]["samples"].number, 2);  // two at start, the thread may add one
-    ASSERT_NE(Value(*mem, 0, 8), nullptr);
-    EXPECT_EQ((*Value(*mem, 0, 8))["current"].number, 75);
-    EXPECT_EQ((*Value(*mem, 0, 8))["average"].number, 75);
-    EXPECT_EQ((*Value(*mem, 0, 9))["current"].number, 25);
-    EXPECT_EQ((*Value(*mem, 0, 9))["name"].text, "swap");
-
-    const Json* sys = Group(j, "system");
-    ASSERT_NE(sys, nullptr);
-    ASSERT_EQ((*sys)["instances"].Size(), 1u);
-    ASSERT_EQ((*sys)["instances"][0]["values"].Size(), 4u);
-
+    json j = tooltest::ParseOutput(r.out);
+    ASSERT_FALSE(j.is_discarded()) << r.out;
+    EXPECT_EQ(j.at("proc_root"), proc.Root());
+    const json& mem = Instances(j, "memory");
+    ASSERT_EQ(mem.size(), 1u);
+    EXPECT_GE(mem[0].at("samples"), 2);  // two at start, the thread may add one
+    EXPECT_EQ(mem[0].at("values"), json::parse(R"([
+        {"value": 8, "name": "memory", "current": 75, "average": 75},
+        {"value": 9, "name": "swap", "current": 25, "average": 25}])"));
+    ASSERT_EQ(Instances(j, "system").size(), 1u);
+    EXPECT_EQ(Instances(j, "system")[0].at("values").size(), 4u);
     // One monitored interface (lo is not one), named.
-    const Json* net = Group(j, "network");
-    ASSERT_NE(net, nullptr);
-    ASSERT_EQ((*net)["instances"].Size(), 1u);
-    EXPECT_EQ((*net)["instances"][0]["name"].text, "eth0");
+    ASSERT_EQ(Instances(j, "network").size(), 1u);
+    EXPECT_EQ(Instances(j, "network")[0].at("name"), "eth0");
+    const json& procs = Instances(j, "processes");
+    ASSERT_EQ(procs.size(), 1u);
+    ASSERT_EQ(procs[0].at("values").size(), 8u);
+    for (const json& v : procs[0].at("values"))
+        EXPECT_TRUE(v.at("current").is_null() || v.at("current").is_number_unsigned()) << v;
 
-    const Json* procs = Group(j, "processes");
-    ASSERT_NE(procs, nullptr);
-    ASSERT_EQ((*procs)["instances"].Size(), 1u);
-    EXPECT_EQ((*procs)["instances"][0]["values"].Size(), 8u);
-    for (auto& v : (*procs)["instances"][0]["values"].items)
-        EXPECT_TRUE(v["current"].IsNull() || v["current"].type == Json::Number);
-
-    r = tooltest::Run(kTool, {"--seconds", "0", "--proc", proc.Path()});
+    r = tooltest::Run(kTool, {"--seconds", "0", "--proc", proc.Root()});
     ASSERT_TRUE(r.Exited(0)) << r.err;
-    EXPECT_NE(r.out.find("memory     0          memory (8)"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("75%"), std::string::npos);
+    EXPECT_NE(r.out.find("memory     0          memory (8)              75%      75%\n"), std::string::npos) << r.out;
 }
 
 TEST(Kopperf, SamplesOverTimeWithShortInterval)
 {
-    testsupport::TempDir proc;
-    FakeProc(proc.Path());
-    auto r = tooltest::Run(kTool, {"--seconds", "1", "--interval", "100", "--proc", proc.Path(), "--json"});
+    testsupport::FakeProc proc;
+    WriteProc(proc);
+    auto r = tooltest::Run(kTool, {"--seconds", "1", "--interval", "100", "--proc", proc.Root(), "--json"});
     ASSERT_TRUE(r.Exited(0)) << r.err;
-    Json j;
-    ASSERT_TRUE(ParseJson(r.out, j)) << r.out;
-    const Json* mem = Group(j, "memory");
-    ASSERT_NE(mem, nullptr);
-    EXPECT_GE((*mem)["instances"][0]["samples"].number, 3);
-    EXPECT_EQ(j["interval_ms"].number, 100);
+    json j = tooltest::ParseOutput(r.out);
+    ASSERT_FALSE(j.is_discarded()) << r.out;
+    EXPECT_GE(Instances(j, "memory").at(0).at("samples"), 3);
+    EXPECT_EQ(j.at("interval_ms"), 100);
 }
 
 TEST(Kopperf, BadInput)
@@ -107,7 +78,7 @@ TEST(Kopperf, BadInput)
     testsupport::TempDir proc;
     auto r = tooltest::Run(kTool, {"--seconds", "0", "--proc", proc.Path()});
     EXPECT_TRUE(r.Exited(1)) << r.exitCode << " " << r.signal;
-    EXPECT_NE(r.err.find("kopperf: "), std::string::npos);
+    EXPECT_NE(r.err.find("kopperf: no samples could be taken from " + proc.Path()), std::string::npos) << r.err;
     r = tooltest::Run(kTool, {"--proc", proc.Sub("missing")});
     EXPECT_TRUE(r.Exited(1));
     EXPECT_NE(r.err.find("is not a directory"), std::string::npos);

@@ -5,8 +5,7 @@
 
 #include <gtest/gtest.h>
 
-using tooltest::Json;
-using tooltest::ParseJson;
+using tooltest::json;
 
 namespace {
 
@@ -30,15 +29,15 @@ protected:
         EXPECT_TRUE(r.Exited(0)) << r.err;
         return r.out;
     }
-    Json ListJson(const std::string& key)
+    json JsonOf(const std::vector<std::string>& args)
     {
-        auto r = Reg({"--json", "list", key});
+        auto r = Reg(args);
         EXPECT_TRUE(r.Exited(0)) << r.err;
-        Json j;
-        std::string err;
-        EXPECT_TRUE(ParseJson(r.out, j, &err)) << err << r.out;
+        json j = tooltest::ParseOutput(r.out);
+        EXPECT_FALSE(j.is_discarded()) << r.out;
         return j;
     }
+    json ListJson(const std::string& key) { return JsonOf({"--json", "list", key}); }
     testsupport::TempDir m_Dir;
 };
 
@@ -74,38 +73,29 @@ TEST_F(KopregTest, SetGetAllFourTypesAndFileForm)
     EXPECT_NE(file.find("Blob=b=0a ff 00 \n"), std::string::npos);
     EXPECT_NE(file.find("Path=es=%KOPREG_TEST_VAR%/bin\n"), std::string::npos);
 
-    Json j = ListJson(kKey);
-    EXPECT_EQ(j["key"].text, "HKEY_LOCAL_MACHINE\\SOFTWARE\\Tools");
-    ASSERT_EQ(j["values"].Size(), 6u);
-    for (auto& v : j["values"].items) {
-        if (v["name"].text == "Big") {
-            EXPECT_EQ(v["type"].text, "d");
-            EXPECT_EQ(v["data"].number, 4294967295.0);
-        }
-        if (v["name"].text == "Blob") {
-            EXPECT_EQ(v["data"].text, "0a ff 00");
-        }
-        if (v["name"].text == "Path") {
-            EXPECT_EQ(v["type"].text, "es");
-        }
-    }
-    auto r = Reg({"--json", "get", kKey, "Text"});
-    Json g;
-    ASSERT_TRUE(ParseJson(r.out, g)) << r.out;
-    EXPECT_EQ(g["data"].text, "hello world");
-    EXPECT_EQ(g["type"].text, "s");
+    json j = ListJson(kKey);
+    EXPECT_EQ(j.at("key"), "HKEY_LOCAL_MACHINE\\SOFTWARE\\Tools");
+    ASSERT_EQ(j.at("values").size(), 6u);
+    const json* big = tooltest::FindBy(j.at("values"), "name", "Big");
+    ASSERT_NE(big, nullptr);
+    EXPECT_EQ(big->at("type"), "d");
+    EXPECT_EQ(big->at("data"), 4294967295u);
+    EXPECT_EQ(tooltest::FindBy(j.at("values"), "name", "Blob")->at("data"), "0a ff 00");
+    EXPECT_EQ(tooltest::FindBy(j.at("values"), "name", "Path")->at("type"), "es");
+    json g = JsonOf({"--json", "get", kKey, "Text"});
+    EXPECT_EQ(g.at("data"), "hello world");
+    EXPECT_EQ(g.at("type"), "s");
 
     // The root: the five predefined keys.
-    Json root = ListJson("");
-    EXPECT_EQ(root["subkeys"].Size(), 5u);
+    EXPECT_EQ(ListJson("").at("subkeys").size(), 5u);
 }
 
 TEST_F(KopregTest, StringsWithControlAndNonUtf8BytesGiveValidJson)
 {
     Ok({"set", kKey, "Odd", "--type", "s", std::string("a\x01\tb\xff\"c\\")});
-    Json j = ListJson(kKey);
-    ASSERT_EQ(j["values"].Size(), 1u);
-    EXPECT_EQ(j["values"][0]["data"].text, "a\x01\tb\xef\xbf\xbd\"c\\");
+    json j = ListJson(kKey);
+    ASSERT_EQ(j.at("values").size(), 1u);
+    EXPECT_EQ(j.at("values")[0].at("data"), "a\x01\tb\xef\xbf\xbd\"c\\");
 }
 
 TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
@@ -129,9 +119,9 @@ TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
     Ok({"import", "HKLM\\SOFTWARE\\Copy", exported});
     EXPECT_EQ(Get("HKLM\\SOFTWARE\\Copy", "A"), "one\n");
     EXPECT_EQ(Get("HKLM\\SOFTWARE\\Copy\\Sub\\Deep", "N"), "42\n");
-    Json j = ListJson("HKLM\\SOFTWARE\\Copy");
-    ASSERT_EQ(j["subkeys"].Size(), 2u);
-    EXPECT_EQ(j["subkeys"][0].text, "EmptyKey");
+    json j = ListJson("HKLM\\SOFTWARE\\Copy");
+    ASSERT_EQ(j.at("subkeys").size(), 2u);
+    EXPECT_EQ(j.at("subkeys")[0], "EmptyKey");
 
     Ok({"delete-value", "HKLM\\SOFTWARE\\Copy", "A"});
     r = Reg({"get", "HKLM\\SOFTWARE\\Copy", "A"});
@@ -208,5 +198,5 @@ TEST_F(KopregTest, UsageErrorsExit2)
     Ok({"create", std::string(kKey) + "\\K"});
     r = Reg({"set", kKey, "K", "--type", "d", "1"});
     EXPECT_TRUE(r.Exited(1));
-    EXPECT_EQ(ListJson(kKey)["subkeys"].Size(), 1u);
+    EXPECT_EQ(ListJson(kKey).at("subkeys").size(), 1u);
 }

@@ -1,14 +1,13 @@
-// Helpers of the tool tests: a strict JSON parser to check and read their
-// output (the tools run through the child-process runner of the support).
+// Helpers of the tool tests: the child-process runner of the support and a
+// strict JSON parser (nlohmann::json) to check and read the tools' output.
 #pragma once
 
 #include "support/ChildProcess.h"
 
-#include <chrono>
-#include <map>
-#include <memory>
+#include <nlohmann/json.hpp>
+
 #include <string>
-#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace tooltest {
@@ -16,8 +15,18 @@ namespace tooltest {
 using testsupport::Child;
 using testsupport::Run;
 using testsupport::RunResult;
+using nlohmann::json;
 
-/// A parsed JSON value.
+/// The whole of `text` as JSON (surrounding white space allowed); a value
+/// whose is_discarded() is true when the text is not strict JSON.
+inline json ParseOutput(const std::string& text) { return json::parse(text, nullptr, false); }
+
+/// The element of array `items` whose member `key` equals `value`; null
+/// when there is none.
+const json* FindBy(const json& items, const char* key, const json& value);
+
+/// A parsed document as a plain tree, for the trace tool's tests, which
+/// still read their output in this form.
 struct Json {
     enum Type { Null, Bool, Number, String, Array, Object } type = Null;
     bool boolean = false;
@@ -34,7 +43,7 @@ struct Json {
     size_t Size() const { return type == Array ? items.size() : members.size(); }
 };
 
-/// Strict RFC 8259 parse of the whole text (surrounding white space allowed).
+/// Strict parse of the whole text into the plain tree.
 bool ParseJson(const std::string& text, Json& out, std::string* error = nullptr);
 
 } // namespace tooltest

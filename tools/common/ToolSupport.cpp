@@ -1,5 +1,6 @@
 #include "tools/common/ToolSupport.h"
 
+#include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 #include "trace/CDebug.h"
 
@@ -9,7 +10,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 extern CDebug Debug;
 
@@ -69,22 +69,9 @@ int UsageError(const char* format, ...)
 
 bool ReadFileBounded(const std::string& path, size_t limit, std::string& out)
 {
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd)
+    if (int err = tarvd::ReadFileBounded(path.c_str(), limit, out)) {
+        errno = err;
         return false;
-    out.clear();
-    char buf[65536];
-    while (out.size() < limit) {
-        size_t want = std::min(sizeof buf, limit - out.size());
-        ssize_t n = read(fd.Get(), buf, want);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        if (n == 0)
-            break;
-        out.append(buf, static_cast<size_t>(n));
     }
     return true;
 }
@@ -92,19 +79,7 @@ bool ReadFileBounded(const std::string& path, size_t limit, std::string& out)
 bool WriteWholeFile(const std::string& path, const std::string& content)
 {
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!fd)
-        return false;
-    size_t done = 0;
-    while (done < content.size()) {
-        ssize_t n = write(fd.Get(), content.data() + done, content.size() - done);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
+    return fd && tarvd::WriteAll(fd.Get(), content.data(), content.size());
 }
 
 bool MakeDirectories(const std::string& path)

@@ -90,120 +90,180 @@ void SleepMs(unsigned long long ms)
     nanosleep(&ts, nullptr);
 }
 
-} // namespace
-
-int main(int argc, char** argv)
-{
-    tools::ToolInit("kopperf");
-    unsigned long long seconds = 5, interval = kDefaultIntervalMs;
+struct Options {
+    unsigned long long seconds = 5;
+    unsigned long long interval = kDefaultIntervalMs;
     bool json = false;
     std::string procRoot = perfmon::kDefaultProcRoot;
-    for (int i = 1; i < argc; ++i) {
+};
+
+/// Takes the value `v` of option `a`; kExitOk, or the usage error's code.
+int TakeValue(const std::string& a, const char* v, Options& o)
+{
+    if (a == "--proc") {
+        o.procRoot = v;
+    } else if (a == "--seconds") {
+        if (!tools::ParseUnsigned(v, kMaxSeconds, o.seconds))
+            return tools::UsageError("--seconds needs a whole number from 0 to %llu", kMaxSeconds);
+    } else if (!tools::ParseUnsigned(v, kMaxIntervalMs, o.interval) || o.interval == 0) {
+        return tools::UsageError("--interval needs milliseconds from 1 to %llu", kMaxIntervalMs);
+    }
+    return tools::kExitOk;
+}
+
+/// false when the program ends here with `exitCode` (help, usage error).
+bool ParseArguments(int argc, char** argv, Options& o, int& exitCode)
+{
+    exitCode = tools::kExitOk;
+    for (int i = 1; i < argc && exitCode == tools::kExitOk; ++i) {
         std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
-            return tools::kExitOk;
+            return false;
         } else if (a == "--json") {
-            json = true;
+            o.json = true;
         } else if (a == "--seconds" || a == "--interval" || a == "--proc") {
             if (i + 1 >= argc)
-                return tools::UsageError("option %s needs a value", a.c_str());
-            const char* v = argv[++i];
-            if (a == "--proc") {
-                procRoot = v;
-            } else if (a == "--seconds") {
-                if (!tools::ParseUnsigned(v, kMaxSeconds, seconds))
-                    return tools::UsageError("--seconds needs a whole number from 0 to %llu", kMaxSeconds);
-            } else if (!tools::ParseUnsigned(v, kMaxIntervalMs, interval) || interval == 0) {
-                return tools::UsageError("--interval needs milliseconds from 1 to %llu", kMaxIntervalMs);
-            }
+                exitCode = tools::UsageError("option %s needs a value", a.c_str());
+            else
+                exitCode = TakeValue(a, argv[++i], o);
         } else {
-            return tools::UsageError("%s '%s'", a[0] == '-' ? "unknown option" : "unexpected argument", a.c_str());
+            exitCode = tools::UsageError("%s '%s'", a[0] == '-' ? "unknown option" : "unexpected argument", a.c_str());
         }
     }
-    struct stat st {};
-    if (stat(procRoot.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-        return tools::Fail("%s is not a directory", procRoot.c_str());
+    return exitCode == tools::kExitOk;
+}
 
+void CatchStopSignals()
+{
     struct sigaction sa {};
     sa.sa_handler = OnSignal;
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+}
 
-    unsigned history = static_cast<unsigned>(seconds * 1000 / interval + 4);
+/// Writes the figures of a running monitor as a table on standard output
+/// and, at the same time, as a JSON document.
+class CReport {
+public:
+    CReport(CPerfMon& monitor, const Options& o) : m_Monitor(monitor), m_Interfaces(o.procRoot), m_Json(o.json)
+    {
+        m_Writer.BeginObject();
+        m_Writer.Key("seconds").Unsigned(o.seconds);
+        m_Writer.Key("interval_ms").Unsigned(o.interval);
+        m_Writer.Key("proc_root").String(o.procRoot);
+        m_Writer.Key("groups").BeginArray();
+        if (!m_Json)
+            printf("%-10s %-10s %-18s %8s %8s\n", "group", "instance", "value", "current", "average");
+    }
+
+    void AddGroup(const Group& g)
+    {
+        unsigned n = m_Monitor.GetNumberInstances(g.type);
+        m_Writer.BeginObject();
+        m_Writer.Key("group").String(g.name);
+        m_Writer.Key("instances").BeginArray();
+        for (unsigned inst = 0; inst < n; ++inst)
+            AddInstance(g, inst);
+        m_Writer.EndArray();
+        m_Writer.EndObject();
+    }
+
+    /// Ends the document; the JSON form goes out here.
+    void Finish()
+    {
+        m_Writer.EndArray();
+        m_Writer.EndObject();
+        if (m_Json)
+            printf("%s\n", m_Writer.Text().c_str());
+        fflush(stdout);
+    }
+
+    /// Whether a group other than the processes had a sample.
+    bool AnySample() const { return m_AnySample; }
+
+private:
+    void AddInstance(const Group& g, unsigned inst)
+    {
+        std::optional<std::string> name;
+        std::string ifName;
+        if (g.type == CPerfMon::PERF_MONITOR_NETWORK && m_Interfaces.GetInterfaceName(static_cast<int>(inst), ifName))
+            name = ifName;
+        unsigned samples = m_Monitor.GetHistoryCount(g.type, static_cast<int>(inst));
+        // Process samples are taken even when nothing of them can be
+        // read, so only the other groups tell whether sampling worked.
+        if (g.type != CPerfMon::PERF_MONITOR_PROCESSES)
+            m_AnySample = m_AnySample || samples > 0;
+        m_Writer.BeginObject();
+        m_Writer.Key("instance").Unsigned(inst);
+        m_Writer.Key("name").OptString(name);
+        m_Writer.Key("samples").Unsigned(samples);
+        m_Writer.Key("values").BeginArray();
+        const std::string instText = name ? *name : std::to_string(inst);
+        for (const ValueInfo& v : g.values)
+            AddValue(g, v, static_cast<int>(inst), samples > 0, instText);
+        m_Writer.EndArray();
+        m_Writer.EndObject();
+    }
+
+    void AddValue(const Group& g, const ValueInfo& v, int inst, bool sampled, const std::string& instText)
+    {
+        unsigned char cur = 0, avg = 0;
+        auto value = static_cast<CPerfMon::PerfMonitorValue>(v.value);
+        bool haveCur = sampled && m_Monitor.GetCurrentPercent(value, cur, inst) == 1;
+        bool haveAvg = sampled && m_Monitor.GetAveragePercent(value, avg, inst) == 1;
+        m_Writer.BeginObject();
+        m_Writer.Key("value").Number(v.value);
+        m_Writer.Key("name").String(v.name);
+        m_Writer.Key("current").OptUnsigned(haveCur ? std::optional<uint64_t>(cur) : std::nullopt);
+        m_Writer.Key("average").OptUnsigned(haveAvg ? std::optional<uint64_t>(avg) : std::nullopt);
+        m_Writer.EndObject();
+        if (m_Json)
+            return;
+        std::string valueText = std::string(v.name) + " (" + std::to_string(v.value) + ")";
+        std::string c = haveCur ? std::to_string(cur) + "%" : "-";
+        std::string a = haveAvg ? std::to_string(avg) + "%" : "-";
+        printf("%-10s %-10s %-18s %8s %8s\n", g.name, instText.c_str(), valueText.c_str(), c.c_str(), a.c_str());
+    }
+
+    CPerfMon& m_Monitor;
+    CNetworkInterfaceTable m_Interfaces;
+    CJsonWriter m_Writer;
+    bool m_Json;
+    bool m_AnySample = false;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    tools::ToolInit("kopperf");
+    Options o;
+    int exitCode = tools::kExitOk;
+    if (!ParseArguments(argc, argv, o, exitCode))
+        return exitCode;
+    struct stat st {};
+    if (stat(o.procRoot.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return tools::Fail("%s is not a directory", o.procRoot.c_str());
+    CatchStopSignals();
+
+    unsigned history = static_cast<unsigned>(o.seconds * 1000 / o.interval + 4);
     CPerfMon monitor(history);
-    monitor.SetProcRoot(procRoot);
+    monitor.SetProcRoot(o.procRoot);
     int types = CPerfMon::PERF_MONITOR_SYSTEM | CPerfMon::PERF_MONITOR_MEMORY | CPerfMon::PERF_MONITOR_NETWORK |
                 CPerfMon::PERF_MONITOR_PROCESSES;
-    if (monitor.StartMonitoring(types, static_cast<unsigned>(interval)) == 0)
+    if (monitor.StartMonitoring(types, static_cast<unsigned>(o.interval)) == 0)
         return tools::Fail("the performance monitor could not be started");
-    for (unsigned long long waited = 0; waited < seconds * 1000 && !g_Stop; waited += 100)
+    for (unsigned long long waited = 0; waited < o.seconds * 1000 && !g_Stop; waited += 100)
         SleepMs(100);
     // Read everything before stopping: stopping destroys the histories.
-    CNetworkInterfaceTable interfaces(procRoot);
-    CJsonWriter w;
-    w.BeginObject();
-    w.Key("seconds").Unsigned(seconds);
-    w.Key("interval_ms").Unsigned(interval);
-    w.Key("proc_root").String(procRoot);
-    w.Key("groups").BeginArray();
-    bool anySample = false;
-    if (!json)
-        printf("%-10s %-10s %-18s %8s %8s\n", "group", "instance", "value", "current", "average");
-    for (const Group& g : Groups()) {
-        unsigned n = monitor.GetNumberInstances(g.type);
-        w.BeginObject();
-        w.Key("group").String(g.name);
-        w.Key("instances").BeginArray();
-        for (unsigned inst = 0; inst < n; ++inst) {
-            std::optional<std::string> name;
-            std::string ifName;
-            if (g.type == CPerfMon::PERF_MONITOR_NETWORK && interfaces.GetInterfaceName(static_cast<int>(inst), ifName))
-                name = ifName;
-            unsigned samples = monitor.GetHistoryCount(g.type, static_cast<int>(inst));
-            // Process samples are taken even when nothing of them can be
-            // read, so only the other groups tell whether sampling worked.
-            if (g.type != CPerfMon::PERF_MONITOR_PROCESSES)
-                anySample = anySample || samples > 0;
-            w.BeginObject();
-            w.Key("instance").Unsigned(inst);
-            w.Key("name").OptString(name);
-            w.Key("samples").Unsigned(samples);
-            w.Key("values").BeginArray();
-            for (const ValueInfo& v : g.values) {
-                unsigned char cur = 0, avg = 0;
-                auto value = static_cast<CPerfMon::PerfMonitorValue>(v.value);
-                bool haveCur = samples > 0 && monitor.GetCurrentPercent(value, cur, static_cast<int>(inst)) == 1;
-                bool haveAvg = samples > 0 && monitor.GetAveragePercent(value, avg, static_cast<int>(inst)) == 1;
-                w.BeginObject();
-                w.Key("value").Number(v.value);
-                w.Key("name").String(v.name);
-                w.Key("current").OptUnsigned(haveCur ? std::optional<uint64_t>(cur) : std::nullopt);
-                w.Key("average").OptUnsigned(haveAvg ? std::optional<uint64_t>(avg) : std::nullopt);
-                w.EndObject();
-                if (!json) {
-                    std::string instText = name ? *name : std::to_string(inst);
-                    std::string valueText = std::string(v.name) + " (" + std::to_string(v.value) + ")";
-                    std::string c = haveCur ? std::to_string(cur) + "%" : "-";
-                    std::string a = haveAvg ? std::to_string(avg) + "%" : "-";
-                    printf("%-10s %-10s %-18s %8s %8s\n", g.name, instText.c_str(), valueText.c_str(), c.c_str(),
-                           a.c_str());
-                }
-            }
-            w.EndArray();
-            w.EndObject();
-        }
-        w.EndArray();
-        w.EndObject();
-    }
-    w.EndArray();
-    w.EndObject();
+    CReport report(monitor, o);
+    for (const Group& g : Groups())
+        report.AddGroup(g);
     monitor.StopMonitoring();
-    if (json)
-        printf("%s\n", w.Text().c_str());
-    fflush(stdout);
-    if (!anySample)
-        return tools::Fail("no samples could be taken from %s", procRoot.c_str());
+    report.Finish();
+    if (!report.AnySample())
+        return tools::Fail("no samples could be taken from %s", o.procRoot.c_str());
     return tools::kExitOk;
 }

@@ -1,0 +1,66 @@
+// A monitor on a made-up proc root, with a link speed and a clock that the
+// test sets.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "perfmon/CPerfMon.h"
+#include "perfmon/PerfMonSeams.h"
+#include "support/FakeProc.h"
+
+namespace perfmontest {
+
+using testsupport::NetIf;
+using PMV = CPerfMon::PerfMonitorValue;
+constexpr int kMem = CPerfMon::PERF_MONITOR_MEMORY;
+constexpr int kSys = CPerfMon::PERF_MONITOR_SYSTEM;
+constexpr int kNet = CPerfMon::PERF_MONITOR_NETWORK;
+constexpr int kProc = CPerfMon::PERF_MONITOR_PROCESSES;
+
+// The snapshots that ask these run on the test's own thread (a zero period).
+struct FakeLinkSpeed : perfmon::IPerfLinkSpeed {
+    std::map<std::string, uint32_t> speeds;
+    int queries = 0;
+    void Set(const std::string& name, uint32_t mbps) { speeds[name] = mbps; }
+    bool GetLinkSpeedMbps(const std::string& name, uint32_t& mbps) override
+    {
+        ++queries;
+        auto it = speeds.find(name);
+        return it != speeds.end() && (mbps = it->second, true);
+    }
+};
+
+struct FakeClock : perfmon::IPerfClock {
+    uint64_t now = 1000;
+    void Set(uint64_t ms) { now = ms; }
+    uint64_t NowMs() override { return now; }
+};
+
+struct Rig {
+    testsupport::FakeProc proc;
+    std::shared_ptr<FakeLinkSpeed> speed = std::make_shared<FakeLinkSpeed>();
+    std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
+    CPerfMon mon;
+
+    explicit Rig(unsigned history = 100) : mon(history)
+    {
+        mon.SetProcRoot(proc.Root());
+        mon.SetLinkSpeedSource(speed);
+        mon.SetClock(clock);
+    }
+    /// The current (or average) percentage; `result` gets the call's answer.
+    int Current(PMV v, int instance = 0, int* result = nullptr) { return Get(v, instance, result, 0); }
+    int Average(PMV v, int instance = 0, int* result = nullptr) { return Get(v, instance, result, 1); }
+    int Get(PMV v, int instance, int* result, int mode)
+    {
+        unsigned char p = 222;
+        int r = mon.GetUsagePercent(p, v, mode, instance);
+        if (result)
+            *result = r;
+        return p;
+    }
+};
+
+} // namespace perfmontest
