@@ -5,31 +5,12 @@
 // is a recording stand-in found through LD_LIBRARY_PATH.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <csignal>
 #include <cstring>
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 #include <utmp.h>
 
-#include "support/TestSupport.h"
 #include "KopdTestSupport.h"
 
 using namespace kopdtest;
-using testsupport::FileExists;
-using testsupport::ReadFile;
-using testsupport::SplitLines;
-using testsupport::TempDir;
-using testsupport::WriteFile;
 
 TEST_F(KopdTest, NotRootIsRefusedBeforeTouchingTheLock)
 {
@@ -200,7 +181,9 @@ TEST_F(KopdTest, MissingRunLevelFileMeansSimpleStop)
 
 TEST_F(KopdTest, WithoutSystemctlOlderSystemsUseUtmpAndNewerOnesTheFile)
 {
-    ENTER_NAMESPACE(NamespaceOptions{true});
+    SandboxOptions options;
+    options.hideSystemctl = true;
+    ENTER_NAMESPACE(options);
     ASSERT_FALSE(FileExists(NsPath("/usr/bin/systemctl")));
 
     // An older system: the utmp run-level record says halt ('0').

@@ -102,16 +102,6 @@ void WaitInSignalLoop(pid_t pid)
     WaitFor([&] { return Contains(ReadFile(wchan), "sigtimedwait"); });
 }
 
-/// Shared pending signals of the process; 0 also when it is gone.
-unsigned long long SharedPending(pid_t pid)
-{
-    std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
-    size_t pos = status.find("ShdPnd:");
-    if (pos == std::string::npos)
-        return 0;
-    return std::stoull(status.substr(pos + 7), nullptr, 16);
-}
-
 int OpenDescriptors(pid_t pid)
 {
     std::string dir = "/proc/" + std::to_string(pid) + "/fd";

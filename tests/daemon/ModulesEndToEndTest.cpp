@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "KopdTestSupport.h"
+#include "support/ChildProcess.h"
 #include "modules/ModuleTestSupport.h"
 
 using namespace kopdtest;
@@ -15,17 +16,11 @@ namespace {
 
 class ModulesEndToEndTest : public KopdTest {
 protected:
-    /// Runs `command` and returns its standard output.
+    /// Runs `command` with the shell; its output.
     static std::string Run(const std::string& command)
     {
         std::string out;
-        if (FILE* p = popen((command + " 2>&1").c_str(), "re")) {
-            char buffer[4096];
-            size_t n;
-            while ((n = fread(buffer, 1, sizeof buffer, p)) > 0)
-                out.append(buffer, n);
-            pclose(p);
-        }
+        testsupport::Shell(command, &out);
         return out;
     }
 
