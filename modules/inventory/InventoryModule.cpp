@@ -14,6 +14,7 @@
 #include "framework/tarvd_module.h"
 #include "hwinfo/CSystemDeviceScan.h"
 #include "hwinfo/HwPaths.h"
+#include "modules/common/ModuleNotify.h"
 #include "modules/common/ModuleSettings.h"
 #include "modules/inventory/InventoryModel.h"
 #include "registry/CRegistry.h"
@@ -299,15 +300,9 @@ void Notify(uint32_t event, const void* data)
 {
     if (!g_State)
         return;
-    if (event == TARVD_EVENT_DAEMON_STOPPING) {
+    if (event == TARVD_EVENT_DAEMON_STOPPING)
         g_State->noNewWork = true;
-        DBG_PRINT(2, "\nInventoryModule     : notified: daemon is stopping, no further scans");
-    } else if (event == TARVD_EVENT_OS_SHUTDOWN && data) {
-        DBG_PRINT(2, "\nInventoryModule     : notified: operating system shutdown, run level %d",
-                  *static_cast<const int32_t*>(data));
-    } else {
-        DBG_PRINT(2, "\nInventoryModule     : notified: event 0x%X", event);
-    }
+    tarvdmod::TraceNotification("InventoryModule", event, data, ", no further scans");
 }
 
 void Unload()

@@ -94,6 +94,16 @@ protected:
 
     std::string Output() const { return ReadFile(m_LastOutput); }
 
+    /// Starts kopd, waits until its modules started, stops it with SIGTERM
+    /// and expects status 0.
+    void StartAndStop(const Launch& launch)
+    {
+        pid_t pid = Start(launch);
+        ASSERT_TRUE(WaitStarted()) << Output();
+        ASSERT_TRUE(SignalAndWaitTaken(pid, SIGTERM));
+        EXPECT_EQ(WaitExit(pid), 0);
+    }
+
     /// Waits until the daemon has handed its modules to the framework
     /// (signals are blocked from before that point on).
     bool WaitStarted(const std::string& line = "slot4")

@@ -28,7 +28,7 @@ std::string Quote(const std::string& s);
 /// Runs `script` with /bin/sh (like Run); stdout and stderr, interleaved,
 /// in `output`.  The exit status, or -1 when the shell did not exit.
 int Shell(const std::string& script, std::string* output = nullptr,
-          std::chrono::seconds timeout = std::chrono::seconds(600));
+          std::chrono::seconds timeout = std::chrono::seconds(300));
 
 /// A child whose output is read while it runs; killed when still running
 /// at destruction.
