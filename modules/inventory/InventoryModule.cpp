@@ -14,7 +14,7 @@
 #include "framework/tarvd_module.h"
 #include "hwinfo/CSystemDeviceScan.h"
 #include "hwinfo/HwPaths.h"
-#include "modules/common/ModuleNotify.h"
+#include "modules/common/ModuleLifecycle.h"
 #include "modules/common/ModuleSettings.h"
 #include "modules/inventory/InventoryModel.h"
 #include "registry/CRegistry.h"
@@ -271,14 +271,11 @@ int Start()
     // A fresh scan object per start: a terminated one skips every scan.
     st.scan = std::make_unique<CSystemDeviceScan>();
     st.scan->SetWatcherPeriod(st.settings.volumeCheckMs);
-    if (!st.thread.Start(InventoryThread, &st, 0, false, 0, 0, true, "inventory")) {
-        DBG_PRINT(1, "\nInventoryModule     : ## ERROR! cannot start the inventory thread");
+    st.running = tarvdmod::StartWorker(st.thread, InventoryThread, &st, "InventoryModule", "inventory",
+                                       "inventory thread");
+    if (!st.running)
         st.scan.reset();
-        return 0;
-    }
-    st.running = true;
-    DBG_PRINT(2, "\nInventoryModule     : started");
-    return 1;
+    return st.running ? 1 : 0;
 }
 
 void Stop()

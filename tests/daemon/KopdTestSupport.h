@@ -18,18 +18,7 @@
 
 namespace kopdtest {
 
-using testsupport::CanUseMountNamespace;
-using testsupport::Contains;
-using testsupport::CountOf;
-using testsupport::FileExists;
-using testsupport::ReadFile;
-using testsupport::Sandbox;
-using testsupport::SandboxOptions;
-using testsupport::SplitLines;
-using testsupport::TempDir;
-using testsupport::WaitExit;
-using testsupport::WaitFor;
-using testsupport::WriteFile;
+using namespace testsupport;
 
 /// Shared pending signals of the process; 0 also when it is gone.
 inline unsigned long long SharedPending(pid_t pid)
@@ -85,7 +74,7 @@ protected:
     pid_t Start(const Launch& launch)
     {
         m_LastOutput = m_Dir.Sub("out" + std::to_string(++m_Launches) + ".txt");
-        std::vector<std::string> env = testsupport::DaemonEnv(TraceDir());
+        std::vector<std::string> env = DaemonEnv(TraceDir());
         env.insert(env.end(), {"LD_LIBRARY_PATH=" + launch.switchDir, "TEST_SWITCH_RECORD=" + RecordPath(),
                                "SHIM_RECORD=" + ShimRecordPath()});
         env.insert(env.end(), launch.env.begin(), launch.env.end());
@@ -134,7 +123,7 @@ protected:
     template <typename F>
     void IfTrace(F check)
     {
-        std::string trace = testsupport::ReadDaemonTrace(TraceDir());
+        std::string trace = ReadDaemonTrace(TraceDir());
         if (trace.empty())
             std::cout << "[   NOTE   ] trace produced no file: trace assertions skipped\n";
         else

@@ -81,20 +81,14 @@ std::string Prepare(const std::string& stage, const SandboxOptions& options)
     return {};
 }
 
-[[noreturn]] void Exec(const SandboxProgram& launch)
+/// The null-terminated array of the strings' texts, for execve.
+std::vector<char*> Pointers(std::vector<std::string>& strings)
 {
-    std::vector<std::string> store{launch.program};
-    store.insert(store.end(), launch.args.begin(), launch.args.end());
-    std::vector<char*> argv, envp;
-    for (auto& a : store)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> env = launch.env;
-    for (auto& e : env)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-    execve(launch.program.c_str(), argv.data(), envp.data());
-    _exit(124);
+    std::vector<char*> pointers;
+    for (auto& s : strings)
+        pointers.push_back(s.data());
+    pointers.push_back(nullptr);
+    return pointers;
 }
 
 } // namespace
@@ -112,8 +106,7 @@ Sandbox::Sandbox(const std::string& stage, const SandboxOptions& options)
         close(control[1]);
         std::string error = Prepare(stage, options);
         std::string answer = error.empty() ? "1" : "0" + error;
-        ssize_t ignored = write(ready[1], answer.data(), answer.size());
-        (void)ignored;
+        (void)!write(ready[1], answer.data(), answer.size());
         close(ready[1]);
         char c;
         while (read(control[0], &c, 1) > 0) {
@@ -167,7 +160,10 @@ pid_t Sandbox::Spawn(const SandboxProgram& launch) const
         }
         close(3);
     }
-    Exec(launch);
+    std::vector<std::string> args{launch.program}, env = launch.env;
+    args.insert(args.end(), launch.args.begin(), launch.args.end());
+    execve(launch.program.c_str(), Pointers(args).data(), Pointers(env).data());
+    _exit(124);
 }
 
 int Sandbox::RunScript(const std::string& script, const std::string& outputFile, std::string* output) const
