@@ -80,17 +80,15 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
     IfTrace([](const std::string& t) {
         ExpectTraced(t, {"SWITCH API          : Loading modules, force rescan = 1", "KOPD-MAIN: RUN MODE: 0",
                          "KOPD-MAIN: running as x86_64 (64-Bit) process; Build on SLES11 GA x86_64 (64-Bit)",
-                         "kopd Version=\"9.80-16\" Milestone=\"-\"",
+                         "kopd Version=\"9.80-16\" Milestone=\"-\"", "KOPD-MAIN: ## Done initializing ##",
                          "KOPD-MAIN::DiscoverSmbusDriverInfo: cannot open /dev/pci/smbus (errno=2: ",
-                         "KOPD-MAIN: INFO: smbus-driver is not available on this OS",
-                         "KOPD-MAIN: ## Done initializing ##", "KOPD-MAIN:  Waiting for signals...",
-                         "KOPD-MAIN: Signal 1 (SIGHUP) caught", "KOPD-MAIN: Trace reset due to SIGHUP",
-                         "KOPD-MAIN: Trace forced due to SIGHUP",
+                         "KOPD-MAIN: INFO: smbus-driver is not available on this OS", "KOPD-MAIN: Current RunLevel = 6",
+                         "KOPD-MAIN:  Waiting for signals...", "KOPD-MAIN: Signal 1 (SIGHUP) caught",
+                         "KOPD-MAIN: Trace reset due to SIGHUP", "KOPD-MAIN: Trace forced due to SIGHUP",
                          "KOPD-MAIN: WARNING: Signal 14 (SIGALRM) caught -> ignoring",
                          "KOPD-MAIN: Signal 15 caught -> processing", "KOPD-MAIN: /usr/bin/systemctl detected on this OS",
                          "KOPD-MAIN: OS shutdown reguired: RunLevel = 6 from /etc/tarvd/RunLevel",
-                         "KOPD-MAIN: Current RunLevel = 6", "KOPD-MAIN: ## Someone signaled exit state ##",
-                         "KOPD-MAIN: ## EXIT PROCESS KOPD ##"});
+                         "KOPD-MAIN: ## Someone signaled exit state ##", "KOPD-MAIN: ## EXIT PROCESS KOPD ##"});
     });
 }
 

@@ -60,7 +60,7 @@ protected:
 
 } // namespace
 
-TEST_F(InstallTest, FilesInTheirPlaces)
+TEST_F(InstallTest, FilesInTheirPlacesAndNoSearchPathOfTheirOwn)
 {
     const std::string lib = TEST_INSTALL_LIBDIR, doc = TEST_INSTALL_DOCDIR, inc = TEST_INSTALL_INCLUDEDIR "/tarvd/";
     for (const std::string& f : std::vector<std::string>{
@@ -80,6 +80,15 @@ TEST_F(InstallTest, FilesInTheirPlaces)
                 << tool;
             EXPECT_TRUE(FileExists(In(TEST_INSTALL_MANDIR "/man1/" + tool + ".1"))) << tool;
         }
+
+    // Under a system library directory the loader finds libtarvd and
+    // libswitch.so by default; anywhere else the RUNPATH must name it.
+    std::string out = Ok("readelf -d " + Quote(In(TEST_INSTALL_SBINDIR "/kopd")));
+    if (lib == "/usr/lib/x86_64-linux-gnu" || lib == "/usr/lib" || lib == "/lib")
+        EXPECT_FALSE(Has(out, "RUNPATH") || Has(out, "RPATH")) << out;
+    else
+        EXPECT_TRUE(Has(out, "[" + lib + "]")) << out;
+    EXPECT_FALSE(Has(out, TARVD_BINARY_DIR)) << out;  // no build-tree path in installed files
 }
 
 TEST_F(InstallTest, ConfigurationUnitsAndSamplesNameTheInstalledPaths)
@@ -104,19 +113,6 @@ TEST_F(InstallTest, ConfigurationUnitsAndSamplesNameTheInstalledPaths)
         std::string text = ReadFile(doc + "TraceConfig/" + f);
         EXPECT_EQ(text.substr(std::min(text.rfind('['), text.size())), "[EndOfFile]\n") << f;
     }
-}
-
-TEST_F(InstallTest, InstalledDaemonNeedsNoSearchPathOfItsOwn)
-{
-    // Under a system library directory the loader finds libtarvd and
-    // libswitch.so by default; anywhere else the RUNPATH must name it.
-    std::string out = Ok("readelf -d " + Quote(In(TEST_INSTALL_SBINDIR "/kopd")));
-    const std::string lib = TEST_INSTALL_LIBDIR;
-    if (lib == "/usr/lib/x86_64-linux-gnu" || lib == "/usr/lib" || lib == "/lib")
-        EXPECT_FALSE(Has(out, "RUNPATH") || Has(out, "RPATH")) << out;
-    else
-        EXPECT_TRUE(Has(out, "[" + lib + "]")) << out;
-    EXPECT_FALSE(Has(out, TARVD_BINARY_DIR)) << out;  // no build-tree path in installed files
 }
 
 TEST_F(InstallTest, ExampleBuildsOutOfTreeWithPkgConfig)

@@ -112,7 +112,8 @@ TEST(ServiceNotify, TakesTheAddressOutOfTheEnvironment)
 
 namespace {
 
-/// kopd in a sandbox, started by the "service manager".
+/// kopd in a sandbox, started by the "service manager"; each run traces
+/// into a directory of its own.
 class ReadinessTest : public ::testing::Test {
 protected:
     // The forking daemon leaves its parent: adopted, so that it can be collected.
@@ -121,25 +122,21 @@ protected:
     {
         if (!CanUseMountNamespace())
             GTEST_SKIP() << "needs root and mount namespaces";
-        m_Box = std::make_unique<Sandbox>(m_Dir.Sub("stage"));
-        ASSERT_EQ(m_Box->Error(), "");
+        ASSERT_EQ(m_Box.Error(), "");
     }
 
     pid_t StartKopd(const std::string& notifySocket, std::vector<std::string> args)
     {
-        std::vector<std::string> env = DaemonEnv(TraceDir(++m_Runs));
+        std::vector<std::string> env = DaemonEnv(m_Dir.Sub("trace" + std::to_string(++m_Runs)));
         env.insert(env.end(), {"LD_LIBRARY_PATH=" TEST_FRAMEWORK_DIR, "TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR,
                                "NOTIFY_SOCKET=" + notifySocket});
-        return m_Box->Spawn({TEST_KOPD_PATH, std::move(args), env, m_Dir.Sub("out.txt")});
+        return m_Box.Spawn({TEST_KOPD_PATH, std::move(args), env, m_Dir.Sub("out.txt")});
     }
-
-    /// Each run traces into a directory of its own.
-    std::string TraceDir(int run) const { return m_Dir.Sub("trace" + std::to_string(run)); }
-    std::string Log() const { return ReadFile(TraceDir(m_Runs) + "/log.kopd"); }
+    std::string Log() const { return ReadFile(m_Dir.Sub("trace" + std::to_string(m_Runs) + "/log.kopd")); }
     std::string Output() const { return ReadFile(m_Dir.Sub("out.txt")); }
 
     TempDir m_Dir;
-    std::unique_ptr<Sandbox> m_Box;
+    Sandbox m_Box{m_Dir.Sub("stage")};
     int m_Runs = 0;
 };
 
@@ -153,19 +150,16 @@ TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationAndStoppingAtStop)
         FakeManager manager(address);
         ASSERT_TRUE(manager.Bound());
         pid_t pid = StartKopd(address, {"-n"});
-        std::string ready = manager.Receive(60000);
         // The moment READY arrives the daemon has written its last start-up line.
-        std::string logAtReady = Log();
-        ASSERT_EQ(ready, "READY=1") << Output();
-        EXPECT_TRUE(Contains(logAtReady, "KOPD-MAIN: ## Done initializing ##")) << logAtReady;
-        EXPECT_FALSE(Contains(logAtReady, "Someone signaled exit state"));
+        ASSERT_EQ(manager.Receive(60000), "READY=1") << Output();
+        std::string log = Log();
+        EXPECT_TRUE(Contains(log, "KOPD-MAIN: ## Done initializing ##")) << log;
+        EXPECT_FALSE(Contains(log, "Someone signaled exit state"));
         EXPECT_EQ(manager.Receive(200), "");  // nothing else while it runs
 
         ASSERT_EQ(kill(pid, SIGTERM), 0);
-        std::string stopping = manager.Receive(60000);
-        std::string logAtStopping = Log();
-        EXPECT_EQ(stopping, "STOPPING=1");
-        EXPECT_TRUE(Contains(logAtStopping, "## Someone signaled exit state ##")) << logAtStopping;
+        EXPECT_EQ(manager.Receive(60000), "STOPPING=1");
+        EXPECT_TRUE(Contains(Log(), "## Someone signaled exit state ##")) << Log();
         EXPECT_EQ(WaitExit(pid), 0) << Output();
         EXPECT_EQ(manager.Receive(200), "");
     }
@@ -178,11 +172,10 @@ TEST_F(ReadinessTest, ForkingModeDoesNotNotify)
     FakeManager manager(m_Dir.Sub("notify"));
     ASSERT_TRUE(manager.Bound());
     EXPECT_EQ(WaitExit(StartKopd(m_Dir.Sub("notify"), {})), 0) << Output();
-    std::string pidText;
-    ASSERT_TRUE(WaitFor([&] { return Contains(pidText = ReadFile(m_Box->Path("/run/kopd.pid")), "\n"); }));
+    std::string pid;
+    ASSERT_TRUE(WaitFor([&] { return Contains(pid = ReadFile(m_Box.Path("/run/kopd.pid")), "\n"); }));
     ASSERT_TRUE(WaitFor([&] { return Contains(Log(), "KOPD-MAIN: ## Done initializing ##"); })) << Log();
-    pid_t daemon = static_cast<pid_t>(std::stol(pidText));
-    ASSERT_EQ(kill(daemon, SIGTERM), 0);
-    EXPECT_EQ(WaitExit(daemon), 0);
+    ASSERT_EQ(kill(std::stoi(pid), SIGTERM), 0);
+    EXPECT_EQ(WaitExit(std::stoi(pid)), 0);
     EXPECT_EQ(manager.Receive(100), "");
 }
