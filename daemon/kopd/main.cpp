@@ -263,24 +263,23 @@ void NotifyServiceManager(CServiceNotify& notify, const char* state)
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+/// Refuses a user other than root and a second instance, then detaches
+/// unless told not to.  False when the daemon must end with status 1.
+bool TakeLockAndDetach(int argc, char** argv, std::unique_ptr<CFileLock>& lock, CServiceNotify& serviceNotify)
 {
     const char* self = argc > 0 ? argv[0] : kProgramName;
-
     if (getuid() != 0) {
         fprintf(stderr, "%s: %s-MAIN: Error! Permission denied\n", self, kPrefix);
-        return 1;
+        return false;
     }
 
     // The lock is taken before the fork on purpose: a second instance is
     // refused in the foreground, with its message on the terminal.  The
     // child inherits the open lock file and with it the flock.
-    auto lock = std::make_unique<CFileLock>();
+    lock = std::make_unique<CFileLock>();
     if (!lock->Lock(kLockName, kProgramName, 0)) {
         fprintf(stderr, "%s: %s-MAIN: Error! Another process instance is already running!\n", self, kPrefix);
-        return 1;
+        return false;
     }
 
     bool noDemon = false;
@@ -289,28 +288,26 @@ int main(int argc, char** argv)
             noDemon = true;
     // A service manager that starts the daemon in the foreground may ask to
     // be told when start-up is done and when the daemon begins to stop.
-    CServiceNotify serviceNotify;
     if (noDemon) {
         fprintf(stderr, "%s: %s-MAIN: started in \"No Demon\" Mode\n", self, kPrefix);
         serviceNotify.TakeFromEnvironment();
-    } else {
-        pid_t pid = fork();
-        if (pid < 0) {
-            int err = errno;
-            fprintf(stderr, "%s: %s-MAIN: Error! Cannot fork --> no demon !!!: %s\n", self, kPrefix, strerror(err));
-            return 1;
-        }
-        if (pid > 0)
-            exit(0);  // the lock object stays alive: the child holds the lock now
+        return true;
     }
+    pid_t pid = fork();
+    if (pid < 0) {
+        int err = errno;
+        fprintf(stderr, "%s: %s-MAIN: Error! Cannot fork --> no demon !!!: %s\n", self, kPrefix, strerror(err));
+        return false;
+    }
+    if (pid > 0)
+        exit(0);  // the lock object stays alive: the child holds the lock now
+    return true;
+}
 
-    Debug.Init(kProgramName);
-    Debug.SetMainParams(argc, argv);
-
-    _ExtensionModuleLoaderConfig config{0, 0};
-    ParseCommandLine(argc, argv, config);
-    DBG_PRINT(2, "%s-MAIN: RUN MODE: %d", kPrefix, static_cast<int>(config.RunMode));
-
+/// Session, working directory, file mode mask and signal dispositions of
+/// the daemon.
+void PrepareProcess()
+{
     setsid();  // fails harmlessly in "No Demon" mode when we lead a group
     if (chdir("/") != 0) {
         // Nothing depends on the working directory afterwards.
@@ -323,26 +320,10 @@ int main(int argc, char** argv)
     // the block and these signals arrive only through sigwait() below.
     FillDaemonSignals(&g_BlockedSignals);
     sigprocmask(SIG_BLOCK, &g_BlockedSignals, nullptr);
+}
 
-    TraceVersion();
-
-    tzset();
-    openlog(kProgramName, LOG_PID | LOG_NOWAIT, LOG_DAEMON);
-    DBG_PRINT(3, "%s-MAIN: Syslog %s openend,", kPrefix, kProgramName);
-
-    if (config.RunMode == SW_RUNMODE_FULL)
-        DiscoverSmbusDriverInfo();
-
-    CSwitchApi switchApi;
-    if (!switchApi.LoadSwitch()) {
-        Debug.PrintAlways(0, "%s-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!", kPrefix);
-        switchApi.CloseLibrary();
-        lock.reset();
-        return 1;
-    }
-
-    WritePidFile();
-
+void LoadAndStartModules(CSwitchApi& switchApi, _ExtensionModuleLoaderConfig& config)
+{
     DBG_PRINT(2, "%s-MAIN: Load extension modules ...", kPrefix);
     if (static_cast<uint8_t>(switchApi.LoadModules(config)) != 0) {
         DBG_PRINT(2, "%s-MAIN: ... extension modules loaded", kPrefix);
@@ -354,12 +335,11 @@ int main(int argc, char** argv)
         // Go on without modules, so that the daemon can still be stopped in order.
         DBG_PRINT(1, "%s-MAIN: ERROR! Load extension modules FAILED!", kPrefix);
     }
+}
 
-    sleep(1);
-    Debug.PrintAlways(0, "%s-MAIN: ## Done initializing ##\n", kPrefix);
-    Debug.SetApplInitDone();
-    NotifyServiceManager(serviceNotify, "READY=1");
-
+/// Takes the daemon's signals until one of them asks it to exit.
+void WaitForExit(CSwitchApi& switchApi)
+{
     FillDaemonSignals(&g_WaitSignals);
     Debug.PrintAlways(0, "\n%s-MAIN:  Waiting for signals...", kPrefix);
 
@@ -384,8 +364,11 @@ int main(int argc, char** argv)
         if (g_ExitEvent.IsSet())
             break;
     }
+}
 
-    // OnExitService
+/// Stops and unloads the modules and releases the framework.
+void OnExitService(CSwitchApi& switchApi, CServiceNotify& serviceNotify)
+{
     Debug.PrintAlways(0, "%s-MAIN: ## Someone signaled exit state ##\n", kPrefix);
     NotifyServiceManager(serviceNotify, "STOPPING=1");
     DBG_PRINT(2, "%s-MAIN::OnExitService      : Stopping all modules...\n", kPrefix);
@@ -398,6 +381,52 @@ int main(int argc, char** argv)
               kPrefix);
     switchApi.Release();
     Debug.PrintAlways(0, "%s-MAIN: ## EXIT PROCESS %s ##\n", kPrefix, kPrefix);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::unique_ptr<CFileLock> lock;
+    CServiceNotify serviceNotify;
+    if (!TakeLockAndDetach(argc, argv, lock, serviceNotify))
+        return 1;
+
+    Debug.Init(kProgramName);
+    Debug.SetMainParams(argc, argv);
+
+    _ExtensionModuleLoaderConfig config{0, 0};
+    ParseCommandLine(argc, argv, config);
+    DBG_PRINT(2, "%s-MAIN: RUN MODE: %d", kPrefix, static_cast<int>(config.RunMode));
+
+    PrepareProcess();
+    TraceVersion();
+
+    tzset();
+    openlog(kProgramName, LOG_PID | LOG_NOWAIT, LOG_DAEMON);
+    DBG_PRINT(3, "%s-MAIN: Syslog %s openend,", kPrefix, kProgramName);
+
+    if (config.RunMode == SW_RUNMODE_FULL)
+        DiscoverSmbusDriverInfo();
+
+    CSwitchApi switchApi;
+    if (!switchApi.LoadSwitch()) {
+        Debug.PrintAlways(0, "%s-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!", kPrefix);
+        switchApi.CloseLibrary();
+        lock.reset();
+        return 1;
+    }
+
+    WritePidFile();
+    LoadAndStartModules(switchApi, config);
+
+    sleep(1);
+    Debug.PrintAlways(0, "%s-MAIN: ## Done initializing ##\n", kPrefix);
+    Debug.SetApplInitDone();
+    NotifyServiceManager(serviceNotify, "READY=1");
+
+    WaitForExit(switchApi);
+    OnExitService(switchApi, serviceNotify);
     unlink(kPidFile);
     lock.reset();
     return 0;

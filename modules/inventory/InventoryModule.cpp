@@ -14,6 +14,7 @@
 #include "framework/tarvd_module.h"
 #include "hwinfo/CSystemDeviceScan.h"
 #include "hwinfo/HwPaths.h"
+#include "modules/common/ModuleLifecycle.h"
 #include "modules/common/ModuleSettings.h"
 #include "modules/inventory/InventoryModel.h"
 #include "registry/CRegistry.h"
@@ -270,14 +271,11 @@ int Start()
     // A fresh scan object per start: a terminated one skips every scan.
     st.scan = std::make_unique<CSystemDeviceScan>();
     st.scan->SetWatcherPeriod(st.settings.volumeCheckMs);
-    if (!st.thread.Start(InventoryThread, &st, 0, false, 0, 0, true, "inventory")) {
-        DBG_PRINT(1, "\nInventoryModule     : ## ERROR! cannot start the inventory thread");
+    st.running = tarvdmod::StartWorker(st.thread, InventoryThread, &st, "InventoryModule", "inventory",
+                                       "inventory thread");
+    if (!st.running)
         st.scan.reset();
-        return 0;
-    }
-    st.running = true;
-    DBG_PRINT(2, "\nInventoryModule     : started");
-    return 1;
+    return st.running ? 1 : 0;
 }
 
 void Stop()
@@ -299,15 +297,9 @@ void Notify(uint32_t event, const void* data)
 {
     if (!g_State)
         return;
-    if (event == TARVD_EVENT_DAEMON_STOPPING) {
+    if (event == TARVD_EVENT_DAEMON_STOPPING)
         g_State->noNewWork = true;
-        DBG_PRINT(2, "\nInventoryModule     : notified: daemon is stopping, no further scans");
-    } else if (event == TARVD_EVENT_OS_SHUTDOWN && data) {
-        DBG_PRINT(2, "\nInventoryModule     : notified: operating system shutdown, run level %d",
-                  *static_cast<const int32_t*>(data));
-    } else {
-        DBG_PRINT(2, "\nInventoryModule     : notified: event 0x%X", event);
-    }
+    tarvdmod::TraceNotification("InventoryModule", event, data, ", no further scans");
 }
 
 void Unload()

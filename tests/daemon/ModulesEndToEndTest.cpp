@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "KopdTestSupport.h"
+#include "support/ChildProcess.h"
 #include "modules/ModuleTestSupport.h"
 
 using namespace kopdtest;
@@ -15,22 +16,16 @@ namespace {
 
 class ModulesEndToEndTest : public KopdTest {
 protected:
-    /// Runs `command` and returns its standard output.
-    static std::string Run(const std::string& command)
-    {
-        std::string out;
-        if (FILE* p = popen((command + " 2>&1").c_str(), "re")) {
-            char buffer[4096];
-            size_t n;
-            while ((n = fread(buffer, 1, sizeof buffer, p)) > 0)
-                out.append(buffer, n);
-            pclose(p);
-        }
-        return out;
-    }
-
     std::string Registry() const { return ReadFile(NsPath("/etc/tarvd/registry")); }
 };
+
+/// What `command` printed (stdout and stderr).
+std::string ToolOutput(const std::string& command)
+{
+    std::string out;
+    testsupport::Shell(command, &out);
+    return out;
+}
 
 } // namespace
 
@@ -61,46 +56,41 @@ TEST_F(ModulesEndToEndTest, InventoryAndUsageReachTheRegistryAndSigtermStopsEver
     })) << Output() << Registry();
     EXPECT_EQ(WaitPidFile(), pid);
 
-    auto stopStart = std::chrono::steady_clock::now();
     ASSERT_TRUE(SignalAndWaitTaken(pid, SIGTERM));
     EXPECT_EQ(WaitExit(pid), 0) << Output();
-    EXPECT_LT(std::chrono::steady_clock::now() - stopStart, std::chrono::seconds(10));
     ExpectCleanStop();
 
-    std::string registry = Registry();
-    EXPECT_TRUE(Contains(registry, "[0000:00:02.0]\n")) << registry;
-    EXPECT_TRUE(Contains(registry, "[%2Fsrv%2Fdata dir]\n")) << registry;
-    EXPECT_TRUE(Contains(registry, "[Processes]\n")) << registry;
+    for (const char* section : {"[0000:00:02.0]\n", "[%2Fsrv%2Fdata dir]\n", "[Processes]\n"})
+        EXPECT_TRUE(Contains(Registry(), section)) << section << Registry();
 
 #ifdef TEST_KOPREG_PATH
     const std::string kopreg = std::string(TEST_KOPREG_PATH) + " --dir '" + NsPath("/etc/tarvd") + "' ";
-    std::string adapters = Run(kopreg + "list 'HKLM\\SOFTWARE\\Tarvis\\Inventory\\Adapters'");
+    std::string adapters = ToolOutput(kopreg + "list 'HKLM\\SOFTWARE\\Tarvis\\Inventory\\Adapters'");
     for (const char* a : {"0000:00:00.0", "0000:00:01.0", "0000:00:02.0", "0000:00:03.0", "0000:00:04.0",
                           "0000:00:05.0"})
         EXPECT_TRUE(Contains(adapters, std::string("[") + a + "]")) << adapters;
-    std::string vendor = Run(kopreg + "--json get 'HKLM\\SOFTWARE\\Tarvis\\Inventory\\Adapters\\0000:00:02.0' VendorId");
+    std::string vendor = ToolOutput(kopreg + "--json get 'HKLM\\SOFTWARE\\Tarvis\\Inventory\\Adapters\\0000:00:02.0' VendorId");
     EXPECT_TRUE(std::regex_search(vendor, std::regex(R"("data"\s*:\s*6900\b)"))) << vendor;  // 0x1af4
-    std::string host = Run(kopreg + "get 'HKLM\\SOFTWARE\\Tarvis\\Inventory\\Drives\\vda' HostAdapter");
+    std::string host = ToolOutput(kopreg + "get 'HKLM\\SOFTWARE\\Tarvis\\Inventory\\Drives\\vda' HostAdapter");
     EXPECT_TRUE(Contains(host, "0000:00:02.0")) << host;
-    std::string memory = Run(kopreg + "--json get 'HKLM\\SOFTWARE\\Tarvis\\Performance\\Memory' CurrentUsage");
+    std::string memory = ToolOutput(kopreg + "--json get 'HKLM\\SOFTWARE\\Tarvis\\Performance\\Memory' CurrentUsage");
     EXPECT_TRUE(std::regex_search(memory, std::regex(R"("data"\s*:\s*75\b)"))) << memory;
-    std::string net = Run(kopreg + "get 'HKLM\\SOFTWARE\\Tarvis\\Performance\\Network\\0' Name");
+    std::string net = ToolOutput(kopreg + "get 'HKLM\\SOFTWARE\\Tarvis\\Performance\\Network\\0' Name");
     EXPECT_TRUE(Contains(net, "eth0")) << net;
 #endif
 #ifdef TEST_KOPHW_PATH
     // The tool sees the same PCI functions in the snapshot as the module published.
-    std::string pci = Run(std::string(TEST_KOPHW_PATH) + " --root '" + snap + "' --json pci");
+    std::string pci = ToolOutput(std::string(TEST_KOPHW_PATH) + " --root '" + snap + "' --json pci");
     for (const char* a : {"0000:00:00.0", "0000:00:02.0", "0000:00:05.0"})
         EXPECT_TRUE(std::regex_search(pci, std::regex(std::string(R"("address"\s*:\s*")") + a + "\"")))
             << a << "\n" << pci;
 #endif
 
     IfTrace([](const std::string& t) {
-        EXPECT_TRUE(Contains(t, "InventoryModule     : started"));
-        EXPECT_TRUE(Contains(t, "PerfModule          : started"));
-        EXPECT_TRUE(Contains(t, "InventoryModule     : notified: daemon is stopping"));
-        EXPECT_TRUE(Contains(t, "InventoryModule     : stopped after 1 full scan(s)"));
-        EXPECT_TRUE(Contains(t, "PerfModule          : stopped after"));
-        EXPECT_TRUE(Contains(t, "KOPD-MAIN: ## EXIT PROCESS KOPD ##"));
+        for (const char* line : {"InventoryModule     : started", "PerfModule          : started",
+                                 "InventoryModule     : notified: daemon is stopping",
+                                 "InventoryModule     : stopped after 1 full scan(s)", "PerfModule          : stopped after",
+                                 "KOPD-MAIN: ## EXIT PROCESS KOPD ##"})
+            EXPECT_TRUE(Contains(t, line)) << line;
     });
 }

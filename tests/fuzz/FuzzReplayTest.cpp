@@ -10,33 +10,24 @@
 
 #include "FuzzSupport.h"
 
-extern "C" int FuzzEntryProcStatus(const uint8_t* data, size_t size);
-extern "C" int FuzzEntryTraceReader(const uint8_t* data, size_t size);
-extern "C" int FuzzEntryTraceConfig(const uint8_t* data, size_t size);
-extern "C" int FuzzEntryIniFile(const uint8_t* data, size_t size);
-extern "C" int FuzzEntryRegistry(const uint8_t* data, size_t size);
-extern "C" int FuzzEntryProcText(const uint8_t* data, size_t size);
-extern "C" int FuzzEntrySmbios(const uint8_t* data, size_t size);
-extern "C" int FuzzEntryLegacyBios(const uint8_t* data, size_t size);
-extern "C" int FuzzEntryPciConfig(const uint8_t* data, size_t size);
-extern "C" int FuzzEntryPerfMonProc(const uint8_t* data, size_t size);
+// name of the corpus folder, name of the body
+#define TARVD_FUZZ_TARGETS(X)                                                                     \
+    X(proc_status, ProcStatus) X(trace_reader, TraceReader) X(trace_config, TraceConfig)         \
+    X(ini_file, IniFile) X(registry, Registry) X(proc_text, ProcText) X(smbios, Smbios)          \
+    X(legacy_bios, LegacyBios) X(pci_config, PciConfig) X(perf_mon_proc, PerfMonProc)
+
+#define DECLARE_ENTRY(dir, name) extern "C" int FuzzEntry##name(const uint8_t* data, size_t size);
+TARVD_FUZZ_TARGETS(DECLARE_ENTRY)
 
 namespace {
 
-using Entry = int (*)(const uint8_t*, size_t);
-
 struct Target {
     const char* name;
-    Entry entry;
+    int (*entry)(const uint8_t*, size_t);
 };
 
-const Target kTargets[] = {
-    {"proc_status", FuzzEntryProcStatus}, {"trace_reader", FuzzEntryTraceReader},
-    {"trace_config", FuzzEntryTraceConfig}, {"ini_file", FuzzEntryIniFile},
-    {"registry", FuzzEntryRegistry},     {"proc_text", FuzzEntryProcText},
-    {"smbios", FuzzEntrySmbios},         {"legacy_bios", FuzzEntryLegacyBios},
-    {"pci_config", FuzzEntryPciConfig},  {"perf_mon_proc", FuzzEntryPerfMonProc},
-};
+#define TARGET_ROW(dir, name) {#dir, FuzzEntry##name},
+const Target kTargets[] = {TARVD_FUZZ_TARGETS(TARGET_ROW)};
 
 class FuzzReplay : public ::testing::TestWithParam<Target> {};
 

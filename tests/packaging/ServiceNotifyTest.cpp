@@ -1,24 +1,22 @@
 // The readiness protocol: CServiceNotify against a datagram socket of the
-// test's own, and kopd -n in a private mount namespace reporting READY=1
-// only after start-up is done and STOPPING=1 when it stops.
+// test's own, and kopd in a sandbox reporting READY=1 only after start-up
+// is done and STOPPING=1 when it stops, and nothing when it forks.
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <cstring>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "PackagingTestSupport.h"
 #include "common/UniqueHandle.h"
 #include "daemon/CServiceNotify.h"
+#include "support/Sandbox.h"
 #include "support/TestSupport.h"
 
-using pkgtest::Quote;
-using testsupport::FileExists;
-using testsupport::ReadFile;
-using testsupport::TempDir;
+using namespace testsupport;
 
 namespace {
 
@@ -26,7 +24,7 @@ namespace {
 class FakeManager {
 public:
     /// `address`: a path, or "@name" for the abstract namespace.
-    explicit FakeManager(const std::string& address) : m_Address(address)
+    explicit FakeManager(const std::string& address)
     {
         m_Fd.Reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         sockaddr_un addr{};
@@ -45,15 +43,12 @@ public:
     std::string Receive(int ms)
     {
         pollfd p{m_Fd.Get(), POLLIN, 0};
-        if (poll(&p, 1, ms) != 1)
-            return "";
         char buffer[512];
-        ssize_t n = recv(m_Fd.Get(), buffer, sizeof buffer, 0);
+        ssize_t n = poll(&p, 1, ms) == 1 ? recv(m_Fd.Get(), buffer, sizeof buffer, 0) : 0;
         return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
     }
 
 private:
-    std::string m_Address;
     UniqueFd m_Fd;
     bool m_Bound = false;
 };
@@ -65,32 +60,23 @@ std::string UniqueAbstractName()
 
 } // namespace
 
-TEST(ServiceNotify, SendsToAPathSocket)
+TEST(ServiceNotify, SendsToPathAndAbstractSockets)
 {
     TempDir dir;
-    FakeManager manager(dir.Sub("notify"));
-    ASSERT_TRUE(manager.Bound());
-    CServiceNotify notify;
-    ASSERT_TRUE(notify.SetAddress(dir.Sub("notify")));
-    EXPECT_TRUE(notify.Enabled());
-    EXPECT_TRUE(notify.Notify("READY=1"));
-    EXPECT_EQ(manager.Receive(5000), "READY=1");
-    EXPECT_TRUE(notify.Notify("STOPPING=1"));
-    EXPECT_EQ(manager.Receive(5000), "STOPPING=1");
+    for (const std::string& address : {dir.Sub("notify"), UniqueAbstractName()}) {
+        FakeManager manager(address);
+        ASSERT_TRUE(manager.Bound()) << address;
+        CServiceNotify notify;
+        ASSERT_TRUE(notify.SetAddress(address));
+        EXPECT_TRUE(notify.Enabled());
+        for (const char* state : {"READY=1", "STOPPING=1"}) {
+            EXPECT_TRUE(notify.Notify(state));
+            EXPECT_EQ(manager.Receive(5000), state);
+        }
+    }
 }
 
-TEST(ServiceNotify, SendsToAnAbstractSocket)
-{
-    std::string name = UniqueAbstractName();
-    FakeManager manager(name);
-    ASSERT_TRUE(manager.Bound());
-    CServiceNotify notify;
-    ASSERT_TRUE(notify.SetAddress(name));
-    EXPECT_TRUE(notify.Notify("READY=1"));
-    EXPECT_EQ(manager.Receive(5000), "READY=1");
-}
-
-TEST(ServiceNotify, RejectsUnusableAddresses)
+TEST(ServiceNotify, RejectsUnusableAddressesAndReportsWhenNobodyListens)
 {
     CServiceNotify notify;
     for (const std::string& bad : {std::string(), std::string("/"), std::string("@"), std::string("relative/path"),
@@ -101,12 +87,7 @@ TEST(ServiceNotify, RejectsUnusableAddresses)
     }
     // The longest path sun_path holds with its terminator is still fine.
     EXPECT_TRUE(notify.SetAddress("/" + std::string(sizeof(sockaddr_un{}.sun_path) - 2, 'x')));
-}
-
-TEST(ServiceNotify, ReportsWhenNobodyListens)
-{
     TempDir dir;
-    CServiceNotify notify;
     ASSERT_TRUE(notify.SetAddress(dir.Sub("absent")));
     EXPECT_FALSE(notify.Notify("READY=1"));
     EXPECT_EQ(notify.LastError(), ENOENT);
@@ -116,113 +97,85 @@ TEST(ServiceNotify, TakesTheAddressOutOfTheEnvironment)
 {
     TempDir dir;
     {
-        testsupport::ScopedEnv env(CServiceNotify::kSocketVariable, dir.Sub("sock").c_str());
+        ScopedEnv env(CServiceNotify::kSocketVariable, dir.Sub("sock").c_str());
         CServiceNotify notify;
         EXPECT_TRUE(notify.TakeFromEnvironment());
         EXPECT_EQ(notify.Address(), dir.Sub("sock"));
         // Children of the daemon must not inherit the manager's socket.
         EXPECT_EQ(getenv(CServiceNotify::kSocketVariable), nullptr);
     }
-    {
-        testsupport::ScopedEnv env(CServiceNotify::kSocketVariable, nullptr);
-        CServiceNotify notify;
-        EXPECT_FALSE(notify.TakeFromEnvironment());
-        EXPECT_FALSE(notify.Enabled());
-    }
+    ScopedEnv env(CServiceNotify::kSocketVariable, nullptr);
+    CServiceNotify notify;
+    EXPECT_FALSE(notify.TakeFromEnvironment());
+    EXPECT_FALSE(notify.Enabled());
 }
 
 namespace {
 
-/// kopd -n in a private mount namespace, started by the "service manager".
+/// kopd in a sandbox, started by the "service manager"; each run traces
+/// into a directory of its own.
 class ReadinessTest : public ::testing::Test {
 protected:
+    // The forking daemon leaves its parent: adopted, so that it can be collected.
+    static void SetUpTestSuite() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
     void SetUp() override
     {
-        if (!testsupport::CanUseMountNamespace())
+        if (!CanUseMountNamespace())
             GTEST_SKIP() << "needs root and mount namespaces";
+        ASSERT_EQ(m_Box.Error(), "");
     }
 
-    pid_t StartKopd(const std::string& notifySocket, const std::string& args)
+    pid_t StartKopd(const std::string& notifySocket, std::vector<std::string> args)
     {
-        testsupport::MakeDirs(TraceDir());
-        std::string script = pkgtest::PrivateSystemDirs(m_Dir.Sub("stage")) +
-                             "mkdir -p /etc/tarvd\n"
-                             "exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin"
-                             " LD_LIBRARY_PATH=" + Quote(TEST_FRAMEWORK_DIR) +
-                             " TARVD_MODULES_DIR=" + Quote(TEST_EXAMPLE_CONF_DIR) +
-                             " NOTIFY_SOCKET=" + Quote(notifySocket) +
-                             " TR_LOG_DEBUG_LEVEL=3 TR_LOG_RINGBUF_DIR=" + Quote(TraceDir()) +
-                             " TraceFileLimit=1 TR_LOG_RINGBUF_WEIGHT=1"
-                             " ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 " +
-                             Quote(TEST_KOPD_PATH) + " " + args + "\n";
-        return pkgtest::SpawnInNamespace(script, m_Dir.Sub("out.txt"));
+        std::vector<std::string> env = DaemonEnv(m_Dir.Sub("trace" + std::to_string(++m_Runs)));
+        env.insert(env.end(), {"LD_LIBRARY_PATH=" TEST_FRAMEWORK_DIR, "TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR,
+                               "NOTIFY_SOCKET=" + notifySocket});
+        return m_Box.Spawn({TEST_KOPD_PATH, std::move(args), env, m_Dir.Sub("out.txt")});
     }
-
-    std::string TraceDir() const { return m_Dir.Sub("trace"); }
-    std::string LogFile() const { return TraceDir() + "/log.kopd"; }
+    std::string Log() const { return ReadFile(m_Dir.Sub("trace" + std::to_string(m_Runs) + "/log.kopd")); }
     std::string Output() const { return ReadFile(m_Dir.Sub("out.txt")); }
 
     TempDir m_Dir;
+    Sandbox m_Box{m_Dir.Sub("stage")};
+    int m_Runs = 0;
 };
 
 } // namespace
 
 TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationAndStoppingAtStop)
 {
-    FakeManager manager(m_Dir.Sub("notify"));
-    ASSERT_TRUE(manager.Bound());
-    pid_t pid = StartKopd(m_Dir.Sub("notify"), "-n");
-
-    std::string ready = manager.Receive(60000);
-    // The moment READY arrives the daemon has written its last start-up line.
-    std::string logAtReady = ReadFile(LogFile());
-    ASSERT_EQ(ready, "READY=1") << Output();
-    EXPECT_NE(logAtReady.find("KOPD-MAIN: ## Done initializing ##"), std::string::npos) << logAtReady;
-    EXPECT_EQ(logAtReady.find("Someone signaled exit state"), std::string::npos);
-    EXPECT_EQ(manager.Receive(200), "");  // nothing else while it runs
-
-    ASSERT_EQ(kill(pid, SIGTERM), 0);
-    std::string stopping = manager.Receive(60000);
-    std::string logAtStopping = ReadFile(LogFile());
-    EXPECT_EQ(stopping, "STOPPING=1");
-    EXPECT_NE(logAtStopping.find("## Someone signaled exit state ##"), std::string::npos) << logAtStopping;
-    EXPECT_EQ(pkgtest::WaitExit(pid), 0) << Output();
-    EXPECT_EQ(manager.Receive(200), "");
-}
-
-TEST_F(ReadinessTest, AbstractSocketAddress)
-{
-    std::string name = UniqueAbstractName();
-    FakeManager manager(name);
-    ASSERT_TRUE(manager.Bound());
     // The abstract namespace belongs to the network namespace, which the
     // mount namespace shares.
-    pid_t pid = StartKopd(name, "-n");
-    EXPECT_EQ(manager.Receive(60000), "READY=1") << Output();
-    ASSERT_EQ(kill(pid, SIGTERM), 0);
-    EXPECT_EQ(manager.Receive(60000), "STOPPING=1");
-    EXPECT_EQ(pkgtest::WaitExit(pid), 0) << Output();
+    for (const std::string& address : {m_Dir.Sub("notify"), UniqueAbstractName()}) {
+        FakeManager manager(address);
+        ASSERT_TRUE(manager.Bound());
+        pid_t pid = StartKopd(address, {"-n"});
+        // The moment READY arrives the daemon has written its last start-up line.
+        ASSERT_EQ(manager.Receive(60000), "READY=1") << Output();
+        std::string log = Log();
+        EXPECT_TRUE(Contains(log, "KOPD-MAIN: ## Done initializing ##")) << log;
+        EXPECT_FALSE(Contains(log, "Someone signaled exit state"));
+        EXPECT_EQ(manager.Receive(200), "");  // nothing else while it runs
+
+        ASSERT_EQ(kill(pid, SIGTERM), 0);
+        EXPECT_EQ(manager.Receive(60000), "STOPPING=1");
+        EXPECT_TRUE(Contains(Log(), "## Someone signaled exit state ##")) << Log();
+        EXPECT_EQ(WaitExit(pid), 0) << Output();
+        EXPECT_EQ(manager.Receive(200), "");
+    }
 }
 
 TEST_F(ReadinessTest, ForkingModeDoesNotNotify)
 {
+    // Without -n the daemon forks and is not the process the manager
+    // started: it must keep quiet, also past the end of its start-up.
     FakeManager manager(m_Dir.Sub("notify"));
     ASSERT_TRUE(manager.Bound());
-    // Without -n the daemon forks and is not the process the manager
-    // started: it must keep quiet.  The script stays in the namespace until
-    // the daemon's pid file appears, then stops it.
-    std::string script = pkgtest::PrivateSystemDirs(m_Dir.Sub("stage")) +
-                         "mkdir -p /etc/tarvd\n"
-                         "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LD_LIBRARY_PATH=" + Quote(TEST_FRAMEWORK_DIR) +
-                         " TARVD_MODULES_DIR=" + Quote(TEST_EXAMPLE_CONF_DIR) +
-                         " NOTIFY_SOCKET=" + Quote(m_Dir.Sub("notify")) +
-                         " ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 " + Quote(TEST_KOPD_PATH) + "\n"
-                         "i=0; while [ ! -s /run/kopd.pid ] && [ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n"
-                         "sleep 2\n"
-                         "pid=$(cat /run/kopd.pid)\n"
-                         "kill -TERM $pid\n"
-                         "while kill -0 $pid 2>/dev/null; do sleep 0.1; done\n";
-    std::string out;
-    EXPECT_EQ(pkgtest::RunInNamespace(script, &out), 0) << out;
+    EXPECT_EQ(WaitExit(StartKopd(m_Dir.Sub("notify"), {})), 0) << Output();
+    std::string pid;
+    ASSERT_TRUE(WaitFor([&] { return Contains(pid = ReadFile(m_Box.Path("/run/kopd.pid")), "\n"); }));
+    ASSERT_TRUE(WaitFor([&] { return Contains(Log(), "KOPD-MAIN: ## Done initializing ##"); })) << Log();
+    ASSERT_EQ(kill(std::stoi(pid), SIGTERM), 0);
+    EXPECT_EQ(WaitExit(std::stoi(pid)), 0);
     EXPECT_EQ(manager.Receive(100), "");
 }

@@ -1,4 +1,4 @@
-// Running a program of the build as a child process, without a shell.
+// Running programs as child processes, without a shell unless asked for.
 #pragma once
 
 #include <chrono>
@@ -22,7 +22,16 @@ struct RunResult {
 RunResult Run(const std::string& program, const std::vector<std::string>& args,
               std::chrono::seconds timeout = std::chrono::seconds(60));
 
-/// A child whose standard output is read while it runs.
+/// Quotes `s` for a POSIX shell.
+std::string Quote(const std::string& s);
+
+/// Runs `script` with /bin/sh (like Run); stdout and stderr, interleaved,
+/// in `output`.  The exit status, or -1 when the shell did not exit.
+int Shell(const std::string& script, std::string* output = nullptr,
+          std::chrono::seconds timeout = std::chrono::seconds(300));
+
+/// A child whose output is read while it runs; killed when still running
+/// at destruction.
 class Child {
 public:
     Child(const std::string& program, const std::vector<std::string>& args);
@@ -35,13 +44,14 @@ public:
     /// Sends `sig` and waits (up to `timeout`) for the end; the rest of the
     /// output is collected.
     RunResult Stop(int sig, std::chrono::milliseconds timeout);
+    /// Reads until both outputs close (SIGKILL after `timeout`), then reaps.
+    RunResult Finish(std::chrono::milliseconds timeout);
     const std::string& Output() const { return m_Out; }
 
 private:
-    void ReadAvailable(int waitMs);
+    bool Pump(int waitMs);
     pid_t m_Pid = -1;
-    int m_OutFd = -1;
-    int m_ErrFd = -1;
+    int m_Fds[2] = {-1, -1};  // stdout, stderr
     std::string m_Out;
     std::string m_Err;
 };

@@ -2,15 +2,13 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <sched.h>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <sched.h>
 #include <unistd.h>
-
-#include <filesystem>
 
 namespace testsupport {
 
@@ -18,15 +16,15 @@ TempDir::TempDir()
 {
     const char* base = getenv("TMPDIR");
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/tarvd-test-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) != nullptr)
-        m_Path = buf.data();
+    if (mkdtemp(pattern.data()) != nullptr)
+        m_Path = pattern;
 }
 
 TempDir::~TempDir()
 {
-    if (!m_Path.empty())
+    // Only the process that made it: a forked child leaving through the
+    // test's scope must not take the directory from its parent.
+    if (!m_Path.empty() && getpid() == m_Owner)
         RemoveTree(m_Path);
 }
 
@@ -43,19 +41,15 @@ bool WriteFile(const std::string& path, const std::string& content)
     if (slash != std::string::npos && slash > 0)
         MakeDirs(path.substr(0, slash));
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out)
-        return false;
-    out.write(content.data(), static_cast<std::streamsize>(content.size()));
-    return static_cast<bool>(out);
+    return out && out.write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
 std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return std::string();
     std::ostringstream ss;
-    ss << in.rdbuf();
+    if (in)
+        ss << in.rdbuf();
     return ss.str();
 }
 
@@ -74,23 +68,16 @@ void RemoveTree(const std::string& path)
 std::vector<std::string> SplitLines(const std::string& text)
 {
     std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t nl = text.find('\n', start);
-        if (nl == std::string::npos) {
-            lines.push_back(text.substr(start));
-            break;
-        }
+    for (size_t start = 0, nl; start < text.size(); start = nl + 1) {
+        nl = text.find('\n', start);
+        if (nl == std::string::npos)
+            nl = text.size();
         lines.push_back(text.substr(start, nl - start));
-        start = nl + 1;
     }
     return lines;
 }
 
-std::string FixturesDir()
-{
-    return TARVD_FIXTURES_DIR;
-}
+std::string FixturesDir() { return TARVD_FIXTURES_DIR; }
 
 ScopedEnv::ScopedEnv(const char* name, const char* value) : m_Name(name)
 {
@@ -117,17 +104,12 @@ bool CanUseMountNamespace()
     if (geteuid() != 0)
         return false;
     pid_t pid = fork();
-    if (pid < 0)
-        return false;
-    if (pid == 0) {
-        if (unshare(CLONE_NEWNS) != 0)
-            _exit(1);
-        _exit(0);
-    }
+    if (pid == 0)
+        _exit(unshare(CLONE_NEWNS) == 0 ? 0 : 1);
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 } // namespace testsupport

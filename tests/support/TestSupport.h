@@ -2,11 +2,13 @@
 #pragma once
 
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace testsupport {
 
-/// A temporary directory, removed with its contents on destruction.
+/// A temporary directory, removed with its contents on destruction (by the
+/// process that made it).
 class TempDir {
 public:
     TempDir();
@@ -20,6 +22,7 @@ public:
 
 private:
     std::string m_Path;
+    pid_t m_Owner = getpid();
 };
 
 /// Writes `content` to `path` (creating parent directories); true on success.

@@ -1,128 +1,101 @@
 // The Debian package built by CPack: its control data and contents, and a
-// real installation with dpkg in a private mount namespace whose /usr,
-// /etc and /var take their changes on a tmpfs.
+// real installation with dpkg in a sandbox whose /usr, /etc and /var take
+// their changes on a tmpfs.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
 
-#include "PackagingTestSupport.h"
+#include "support/ChildProcess.h"
+#include "support/Sandbox.h"
 #include "support/TestSupport.h"
 
-using pkgtest::Quote;
-using testsupport::TempDir;
+using namespace testsupport;
 
 namespace {
-
-std::string FindDeb()
-{
-    std::string found;
-    if (DIR* d = opendir(TEST_DEB_DIR)) {
-        while (dirent* e = readdir(d)) {
-            std::string name = e->d_name;
-            if (name.size() > 4 && name.compare(name.size() - 4, 4, ".deb") == 0)
-                found = std::string(TEST_DEB_DIR) + "/" + name;
-        }
-        closedir(d);
-    }
-    return found;
-}
 
 class DebPackage : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        m_Deb = FindDeb();
+        if (DIR* d = opendir(TEST_DEB_DIR)) {
+            while (dirent* e = readdir(d))
+                if (std::string name = e->d_name; name.size() > 4 && name.compare(name.size() - 4, 4, ".deb") == 0)
+                    m_Deb = std::string(TEST_DEB_DIR) + "/" + name;
+            closedir(d);
+        }
         ASSERT_FALSE(m_Deb.empty()) << "no package in " TEST_DEB_DIR " (the packaging_build_deb test makes it)";
     }
 
-    std::string Run(const std::string& cmd)
+    static std::string Ok(const std::string& cmd)
     {
         std::string out;
-        EXPECT_EQ(pkgtest::Shell(cmd, &out), 0) << cmd << "\n" << out;
+        EXPECT_EQ(Shell(cmd, &out), 0) << cmd << "\n" << out;
         return out;
     }
 
     std::string m_Deb;
 };
 
-bool Has(const std::string& text, const std::string& what)
-{
-    return text.find(what) != std::string::npos;
-}
-
 } // namespace
 
 TEST_F(DebPackage, ControlDataNamesDependenciesAndScripts)
 {
-    std::string info = Run("dpkg-deb --info " + Quote(m_Deb));
-    EXPECT_TRUE(Has(info, "Package: tarvd\n")) << info;
-    EXPECT_TRUE(Has(info, "Version: " TEST_PROJECT_VERSION)) << info;
-    EXPECT_TRUE(Has(info, "Architecture: amd64\n")) << info;
-    std::string depends = Run("dpkg-deb --field " + Quote(m_Deb) + " Depends");
+    std::string info = Ok("dpkg-deb --info " + Quote(m_Deb));
+    std::string depends = Ok("dpkg-deb --field " + Quote(m_Deb) + " Depends");
+    for (const char* field : {"Package: tarvd\n", "Version: " TEST_PROJECT_VERSION, "Architecture: amd64\n",
+                              " postinst", " prerm", " postrm", " conffiles"})
+        EXPECT_TRUE(Contains(info, field)) << field << " missing in:\n" << info;
     for (const char* dep : {"libc6", "libstdc++6", "libgcc-s1", "gzip"})
-        EXPECT_TRUE(Has(depends, dep)) << dep << " missing in: " << depends;
-    for (const char* script : {" postinst", " prerm", " postrm", " conffiles"})
-        EXPECT_TRUE(Has(info, script)) << script << " missing in:\n" << info;
+        EXPECT_TRUE(Contains(depends, dep)) << dep << " missing in: " << depends;
 
     TempDir dir;
-    Run("dpkg-deb --control " + Quote(m_Deb) + " " + Quote(dir.Sub("control")));
-    std::string conffiles = testsupport::ReadFile(dir.Sub("control/conffiles"));
-    EXPECT_TRUE(Has(conffiles, TEST_MODULE_CONF_DIR "/example.conf\n")) << conffiles;
+    Ok("dpkg-deb --control " + Quote(m_Deb) + " " + Quote(dir.Sub("control")));
+    std::string conffiles = ReadFile(dir.Sub("control/conffiles"));
+    EXPECT_TRUE(Contains(conffiles, TEST_MODULE_CONF_DIR "/example.conf\n")) << conffiles;
     // Every conffile is a module configuration file.
-    for (const std::string& line : testsupport::SplitLines(conffiles))
+    for (const std::string& line : SplitLines(conffiles))
         EXPECT_EQ(line.rfind(TEST_MODULE_CONF_DIR "/", 0), 0u) << line;
-    // The maintainer scripts are valid shell.
-    for (const char* script : {"postinst", "prerm", "postrm"})
-        Run("sh -n " + Quote(dir.Sub(std::string("control/") + script)));
+    for (const char* script : {"postinst", "prerm", "postrm"})  // valid shell
+        Ok("sh -n " + Quote(dir.Sub(std::string("control/") + script)));
 }
 
 TEST_F(DebPackage, ContentsFollowTheInstallLayout)
 {
-    std::string contents = Run("dpkg-deb --contents " + Quote(m_Deb));
-    for (std::string path : {std::string(TEST_INSTALL_SBINDIR) + "/kopd", std::string(TEST_INSTALL_LIBDIR) + "/libswitch.so",
-                             std::string(TEST_INSTALL_LIBDIR) + "/libtarvd.so.9",
-                             std::string(TEST_INSTALL_LIBDIR) + "/tarvd/modules/libtarvd_example.so",
-                             std::string(TEST_INSTALL_LIBDIR) + "/pkgconfig/tarvd.pc",
-                             std::string(TEST_INSTALL_LIBDIR) + "/cmake/tarvd/tarvdConfig.cmake",
-                             std::string(TEST_INSTALL_LIBDIR) + "/cmake/tarvd/tarvdConfigVersion.cmake",
-                             std::string(TEST_INSTALL_INCLUDEDIR) + "/tarvd/tarvd_module.h",
-                             std::string(TEST_MODULE_CONF_DIR) + "/example.conf",
-                             std::string(TEST_UNIT_DIR) + "/kopd.service",
-                             std::string(TEST_UNIT_DIR) + "/kopd-runlevel.service",
-                             std::string(TEST_INSTALL_HELPER), std::string(TEST_INSTALL_MANDIR) + "/man8/kopd.8"})
-        EXPECT_TRUE(Has(contents, " ." + path + "\n") || Has(contents, " ." + path + " -> ")) << path;
-    if (testsupport::FileExists(std::string(TARVD_SOURCE_DIR) + "/tools/CMakeLists.txt")) {
-        for (const char* tool : {"koptrace", "kopreg", "kophw", "kopperf"}) {
-            EXPECT_TRUE(Has(contents, std::string("/") + tool + "\n")) << tool;
-            EXPECT_TRUE(Has(contents, std::string(TEST_INSTALL_MANDIR) + "/man1/" + tool + ".1\n")) << tool;
+    std::string contents = Ok("dpkg-deb --contents " + Quote(m_Deb));
+    const std::string lib = TEST_INSTALL_LIBDIR;
+    std::vector<std::string> paths = {
+        TEST_INSTALL_SBINDIR "/kopd", lib + "/libswitch.so", lib + "/libtarvd.so.9",
+        lib + "/tarvd/modules/libtarvd_example.so", lib + "/pkgconfig/tarvd.pc", lib + "/cmake/tarvd/tarvdConfig.cmake",
+        lib + "/cmake/tarvd/tarvdConfigVersion.cmake", TEST_INSTALL_INCLUDEDIR "/tarvd/tarvd_module.h",
+        TEST_MODULE_CONF_DIR "/example.conf", TEST_UNIT_DIR "/kopd.service", TEST_UNIT_DIR "/kopd-runlevel.service",
+        TEST_INSTALL_HELPER, TEST_INSTALL_MANDIR "/man8/kopd.8"};
+    if (FileExists(TARVD_SOURCE_DIR "/tools/CMakeLists.txt"))
+        for (std::string tool : {"koptrace", "kopreg", "kophw", "kopperf"}) {
+            EXPECT_TRUE(Contains(contents, "/" + tool + "\n")) << tool;
+            paths.push_back(TEST_INSTALL_MANDIR "/man1/" + tool + ".1");
         }
-    }
+    for (const std::string& path : paths)
+        EXPECT_TRUE(Contains(contents, " ." + path + "\n") || Contains(contents, " ." + path + " -> ")) << path;
     // Owned by root, and nothing of the build tree.
-    EXPECT_FALSE(Has(contents, TARVD_BINARY_DIR));
-    for (const std::string& line : testsupport::SplitLines(contents))
-        EXPECT_TRUE(Has(line, " root/root ")) << line;
+    EXPECT_FALSE(Contains(contents, TARVD_BINARY_DIR));
+    for (const std::string& line : SplitLines(contents))
+        EXPECT_TRUE(Contains(line, " root/root ")) << line;
 }
 
 TEST_F(DebPackage, InstallsAndPurgesWithDpkg)
 {
-    if (!testsupport::CanUseMountNamespace())
+    if (!CanUseMountNamespace())
         GTEST_SKIP() << "needs root and mount namespaces";
-    std::string probe;
-    if (pkgtest::Shell("command -v dpkg", &probe) != 0)
+    if (Shell("command -v dpkg") != 0)
         GTEST_SKIP() << "no dpkg";
     TempDir dir;
-    std::string stage = dir.Sub("stage");
-    std::string s = Quote(stage);
+    SandboxOptions options;
+    options.writable = {"/usr", "/etc", "/var"};
+    Sandbox box(dir.Sub("stage"), options);
+    ASSERT_EQ(box.Error(), "");
     // /run is a fresh tmpfs: no systemd is seen there, so the scripts leave
     // the service manager alone.
     std::string script =
-        "mkdir -p " + s + " && mount -t tmpfs -o mode=0700 tmpfs " + s + "\n"
-        "for d in usr etc var; do\n"
-        "  mkdir -p " + s + "/$d-up " + s + "/$d-work\n"
-        "  mount -t overlay overlay -o lowerdir=/$d,upperdir=" + s + "/$d-up,workdir=" + s + "/$d-work /$d\n"
-        "done\n"
-        "mount -t tmpfs -o mode=0755 tmpfs /run\n"
-        "mkdir -p /run/lock && chmod 1777 /run/lock\n"
         "rm -rf /etc/tarvd /var/log/tarvd\n"
         "dpkg -i " + Quote(m_Deb) + "\n"
         "echo status=$(dpkg-query -W -f='${Status}' tarvd)\n"
@@ -140,14 +113,9 @@ TEST_F(DebPackage, InstallsAndPurgesWithDpkg)
         "test -e /var/log/tarvd || echo log-removed\n"
         "test -e " TEST_MODULE_CONF_DIR "/example.conf || echo conf-removed\n";
     std::string out;
-    ASSERT_EQ(pkgtest::RunInNamespace(script, &out), 0) << out;
-    EXPECT_TRUE(Has(out, "status=install ok installed")) << out;
-    EXPECT_TRUE(Has(out, "etc=755 root:root log=750 root:root")) << out;
-    EXPECT_TRUE(Has(out, " " TEST_MODULE_CONF_DIR "/example.conf ")) << out;
-    EXPECT_TRUE(Has(out, "kopd-installed")) << out;
-    EXPECT_TRUE(Has(out, "ldcache-ok")) << out;
-    EXPECT_TRUE(Has(out, "kopd-stopped")) << out;
-    EXPECT_TRUE(Has(out, "kopd-removed")) << out;
-    EXPECT_TRUE(Has(out, "log-removed")) << out;
-    EXPECT_TRUE(Has(out, "conf-removed")) << out;
+    ASSERT_EQ(box.RunScript(script, dir.Sub("out.txt"), &out), 0) << out;
+    for (const char* said : {"status=install ok installed", "etc=755 root:root log=750 root:root",
+                             " " TEST_MODULE_CONF_DIR "/example.conf ", "kopd-installed", "ldcache-ok", "kopd-stopped",
+                             "kopd-removed", "log-removed", "conf-removed"})
+        EXPECT_TRUE(Contains(out, said)) << said << "\n" << out;
 }

@@ -1,3 +1,0 @@
-// The fuzz target's body under a name of its own, for the replay test.
-#define TARVD_FUZZ_ENTRY FuzzEntryIniFile
-#include "../../fuzz/FuzzIniFile.cpp"
