@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "framework/tarvd_module.h"
+#include "modules/common/ModuleLifecycle.h"
 #include "modules/common/ModuleSettings.h"
 #include "perfmon/CNetworkInterfaceTable.h"
 #include "perfmon/CPerfMon.h"
@@ -234,13 +235,11 @@ int Start()
     st.monitor->SetProcRoot(st.procRoot);
     // Starting the monitor takes two samples a quarter second apart: that
     // is done on the module's thread, so start() returns at once.
-    if (!st.thread.Start(PerfThread, &st, 0, false, 0, 0, true, "perf-registry")) {
-        DBG_PRINT(1, "\nPerfModule          : ## ERROR! cannot start the update thread");
+    if (!tarvdmod::StartWorker(st.thread, PerfThread, &st, "PerfModule", "perf-registry", "update thread")) {
         st.monitor.reset();
         return 0;
     }
     st.running = true;
-    DBG_PRINT(2, "\nPerfModule          : started");
     return 1;
 }
 
@@ -262,15 +261,9 @@ void Notify(uint32_t event, const void* data)
 {
     if (!g_State)
         return;
-    if (event == TARVD_EVENT_DAEMON_STOPPING) {
+    if (event == TARVD_EVENT_DAEMON_STOPPING)
         g_State->noNewWork = true;
-        DBG_PRINT(2, "\nPerfModule          : notified: daemon is stopping, no further updates");
-    } else if (event == TARVD_EVENT_OS_SHUTDOWN && data) {
-        DBG_PRINT(2, "\nPerfModule          : notified: operating system shutdown, run level %d",
-                  *static_cast<const int32_t*>(data));
-    } else {
-        DBG_PRINT(2, "\nPerfModule          : notified: event 0x%X", event);
-    }
+    tarvdmod::TraceNotification("PerfModule", event, data, ", no further updates");
 }
 
 void Unload()
