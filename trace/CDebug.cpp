@@ -5,6 +5,8 @@
 
 #include "trace/CDebugInternal.h"
 
+#include "common/FailureTrace.h"
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -60,6 +62,16 @@ bool FormatPath(char (&dst)[kPathSize], const char* fmt, ...)
 void CopyPath(char (&dst)[kPathSize], const char* src) { snprintf(dst, sizeof(dst), "%s", src ? src : ""); }
 
 } // namespace tracedetail
+
+// The shared types below the trace report their failures through this
+// writer, installed when the library is loaded.
+namespace {
+
+void TraceSharedTypeFailure(const char* text) { DBG_PRINT(1, "\n%s", text); }
+
+[[maybe_unused]] const bool g_FailureTraceInstalled = (tarvd::SetFailureTrace(TraceSharedTypeFailure), true);
+
+} // namespace
 
 // ---- The hand-made re-entrant lock ---------------------------------------------
 
@@ -200,6 +212,28 @@ void CDebug::Impl::CloseAll()
     logFile.Close();
 }
 
+void CDebug::Impl::ClassInit()
+{
+    CloseAll();
+    logFile = tracedetail::CDebugLogFile();
+    ring.size = 0;
+    ring.MarkInitEnd(); // the closed ring's position is 0
+    ring.inHeader = false;
+    pid = 0;
+    argc = 0;
+    argv = nullptr;
+    startTime[0] = '\0';
+    applInitDone = false;
+    entry[0] = '\0';
+    activeRingPath[0] = '\0';
+    initialRingPath[0] = '\0';
+    environment.clear();
+    configuration.clear();
+    lastHeaderLength = 0;
+    lastCheck = 0;
+    settings.traceFlags = 0;
+}
+
 void CDebug::Impl::SwitchOff()
 {
     self.m_bEnabled = false;
@@ -232,6 +266,14 @@ CDebug::~CDebug()
     if (m_Impl->mutexUsable)
         pthread_mutex_destroy(&m_Impl->mutex);
     delete m_Impl;
+}
+
+void CDebug::ClassInit()
+{
+    m_Impl->Enter();
+    m_bEnabled = false;
+    m_Impl->ClassInit();
+    m_Impl->Leave();
 }
 
 bool CDebug::Init(const char* programName)

@@ -37,6 +37,12 @@ public:
     CDebug& operator=(const CDebug&) = delete;
 
     bool IsMaster() const override { return true; }
+    /// Back to the state of a new object: outputs closed (descriptors and
+    /// mappings released, not dropped), process id, arguments, target,
+    /// trace flags, start-up flag, positions, counters, paths and buffers
+    /// cleared, log maximum size 51200.  Level, configuration directory and
+    /// syslog function stay.  Takes the trace lock.
+    void ClassInit();
     /// Reads the configuration, opens the log file and, when tracing is
     /// enabled, creates the initial ring buffer.
     bool Init(const char* programName) override;
@@ -80,8 +86,8 @@ public:
     /// Reads the configuration files and the environment into the object
     /// (called by Init under the trace lock).  Always returns true.
     bool ReadDebugConfig(const char* programName);
-    /// Creates (truncates) the ring buffer file `path` of `length` bytes
-    /// (rounded down to a multiple of 1024), maps it, makes it the target and
+    /// Creates (truncates) the ring buffer file `path`, pre-filled in whole
+    /// 1024-byte lines up to at least `length` bytes, maps `length` bytes, makes it the target and
     /// writes the log header and the start markers into it.  Takes the trace
     /// lock.  @return false (ring closed, target unchanged) on failure, which
     /// is reported to the log file.

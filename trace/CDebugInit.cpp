@@ -27,7 +27,9 @@ bool CDebug::Impl::Init(const char* name)
     struct tm tmv;
     if (!(localtime_r(&now, &tmv) && asctime_r(&tmv, startTime)))
         snprintf(startTime, sizeof(startTime), "%s", "\nwww mmm dd hh:mm:ss yyyy");
-    lastCheck = now;
+    // The time of the last check of the configuration files is left as it
+    // is (cleared for a new object): with an interval set, the first entry
+    // after Init already looks at the files.
     TakeEnvironmentSnapshot();
 
     ReadDebugConfig(programName.c_str());

@@ -258,6 +258,7 @@ struct CDebug::Impl {
     bool PlaceRingStart(const char* path, uint64_t length);
     void CloseRingBuffer();
     void CloseAll();
+    void ClassInit();
     bool ReadDebugConfig(const char* name);
     bool Init(const char* name);
     void OpenLogFile(const char* lowerName);

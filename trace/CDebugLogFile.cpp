@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <syslog.h>
 
@@ -29,6 +30,9 @@ bool CDebugLogFile::Open(const char* filePath)
 void CDebugLogFile::Write(char* entry, size_t len, size_t headerLength, CDebugSysLog& sysLog)
 {
     FILE* f = m_File.Get();
+    // The log file is a text file: an entry ends at its first NUL byte (a
+    // message formatted with "%c" and 0 ends there), as a C string does.
+    len = strnlen(entry, len);
     size_t written = fwrite(entry, 1, len, f);
     fflush(f);
     m_ByteCount += static_cast<unsigned>(written);
@@ -47,7 +51,7 @@ void CDebugLogFile::Write(char* entry, size_t len, size_t headerLength, CDebugSy
     size_t h = headerLength;
     int n = snprintf(entry + h, kMessageSize, "------ WRAP ----- Cycle=%d, CntInitEnd=%u, CurrentByteCnt=%u (MaxCnt=%u)\n",
                      static_cast<int>(m_WrapCycle), m_InitEnd, m_ByteCount, maxSize);
-    size_t wrapLen = h + (n > 0 ? std::min(static_cast<size_t>(n), kMessageSize - 1) : 0);
+    size_t wrapLen = strnlen(entry, h + (n > 0 ? std::min(static_cast<size_t>(n), kMessageSize - 1) : 0));
     written = fwrite(entry, 1, wrapLen, f);
     fflush(f);
     m_ByteCount += static_cast<unsigned>(written);

@@ -271,9 +271,10 @@ void CDebug::Impl::TraceToRingBuffer(const char* format, va_list args, const cha
 
 bool CDebug::Impl::InitRingBuffer(const char* path, uint64_t length)
 {
-    length -= length % kRingLine;
     // Pre-fill with lines of underscores, each with an entry header, so that
-    // a reader sees the untouched part of a fresh ring as such.
+    // a reader sees the untouched part of a fresh ring as such.  Whole lines
+    // only: a length that is not a multiple of a line leaves the file up to
+    // one line longer than the mapping, which covers exactly `length`.
     char line[kRingLine];
     int h = ClipHeaderLength(SetEntryHeader(line, kHeaderArea, nullptr), kHeaderArea);
     memset(line + h, '_', kRingLine - 1 - static_cast<size_t>(h));

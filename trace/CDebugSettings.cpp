@@ -61,8 +61,6 @@ struct NameList {
     }
 };
 
-int SelectFilesInDir(const struct dirent* e) { return strstr(e->d_name, kIniFilter) != nullptr; }
-
 // The keys of one section (global or program) into the file values.
 void ReadKeys(CDebugSettings& s, const CDebugTraceConfigFile& file, bool global, bool rereading)
 {
@@ -105,7 +103,7 @@ void RereadIfChanged(CDebugSettings& s, CDebugTraceConfigFile& file, const char*
 void CDebugSettings::Read(const char* programName)
 {
     NameList list;
-    list.count = scandir(configDirectory.c_str(), &list.names, SelectFilesInDir, alphasort);
+    list.count = scandir(configDirectory.c_str(), &list.names, CDirectoryList::SelectFilesInDir, alphasort);
     if (list.count == 0)
         return; // a directory without files switches tracing off, whatever the environment says
     if (list.count < 0) {

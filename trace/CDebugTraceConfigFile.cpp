@@ -1,12 +1,19 @@
 #include "trace/CDebugTraceConfigFile.h"
 
 #include "common/FileIO.h"
+#include "trace/CDebugInternal.h"
 
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <strings.h>
 #include <sys/stat.h>
+
+int CDirectoryList::SelectFilesInDir(const struct dirent* entry)
+{
+    return entry && strstr(entry->d_name, tracedetail::kIniFilter) != nullptr;
+}
 
 namespace {
 

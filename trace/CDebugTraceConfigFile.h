@@ -8,6 +8,16 @@
 #include <string>
 #include <vector>
 
+struct dirent;
+
+/// The listing of the trace configuration directory.
+class CDirectoryList {
+public:
+    /// The scandir(3) filter of the listing: accepts every entry whose name
+    /// contains ".ini" anywhere ("kopd.ini", but also "old.ini.bak").
+    static int SelectFilesInDir(const struct dirent* entry);
+};
+
 class CDebugTraceConfigFile {
 public:
     /// Longest value taken from a line (the directory value has its own limit).
