@@ -214,7 +214,9 @@ int CSystemDeviceScan::StopUpdateThread(unsigned int timeoutMs)
     m_bExitRequest = true;
     m_ExitEvent.Set();
     DBG_PRINT(3, "\nCSystemDeviceScan   : Wait %d seconds for thread termination ...", static_cast<int>(timeoutMs / 1000));
-    bool ended = m_UpdateThread.WaitForTermination(timeoutMs);
+    // A bounded wait for the routine's end: the thread's own wait would
+    // join without limit.
+    bool ended = m_UpdateThread.WaitForExit(timeoutMs);
     if (ended) {
         DBG_PRINT(1, "\nCSystemDeviceScan   : Update thread did exit!");
         m_UpdateThread.Kill();

@@ -146,14 +146,6 @@ bool CThread::Start(Routine routine, void* argument, unsigned int priority, bool
     auto* block = new StartBlock{shared};
     pthread_t id = 0;
     rc = pthread_create(&id, &attr, Trampoline, block);
-    if (rc == EPERM && priority != 0) {
-        // Real-time scheduling needs privileges the process may lack; the
-        // thread then runs with the creator's scheduling rather than not
-        // at all.
-        DBG_PRINT(2, "\nCThread::Start: WARNING: priority %d not permitted, thread inherits the scheduling", priority);
-        pthread_attr_setinheritsched(&attr, PTHREAD_INHERIT_SCHED);
-        rc = pthread_create(&id, &attr, Trampoline, block);
-    }
     if (rc != 0) {
         delete block;
         DBG_PRINT(2, "\npthread_create failed: %d", rc);
@@ -181,14 +173,6 @@ bool CThread::WaitForTermination(unsigned int timeoutMs)
         DBG_PRINT(1, "\nCThread::WaitForTermination: WARNING: Can't wait for detached thread 0x%08X", Hex32(m_Thread));
         return false;
     }
-    if (timeoutMs != TR_INFINITE && m_Shared) {
-        // Bounded: wait for the routine's end first, so that a thread that
-        // does not stop in time leaves the caller free to go on.
-        std::unique_lock<std::mutex> lock(m_Shared->mutex);
-        if (!m_Shared->finishedCv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                           [this] { return m_Shared->finished; }))
-            return false;
-    }
     void* status = nullptr;
     int rc = pthread_join(m_Thread, &status);
     if (rc != 0) {
@@ -200,6 +184,19 @@ bool CThread::WaitForTermination(unsigned int timeoutMs)
     m_Thread = 0;
     m_Alive = false;
     return true;
+}
+
+bool CThread::WaitForExit(unsigned int timeoutMs) const
+{
+    if (m_Thread == 0 || !m_Shared)
+        return true;
+    std::unique_lock<std::mutex> lock(m_Shared->mutex);
+    auto finished = [this] { return m_Shared->finished; };
+    if (timeoutMs == TR_INFINITE) {
+        m_Shared->finishedCv.wait(lock, finished);
+        return true;
+    }
+    return m_Shared->finishedCv.wait_for(lock, std::chrono::milliseconds(timeoutMs), finished);
 }
 
 bool CThread::Kill(unsigned int)

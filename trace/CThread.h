@@ -20,8 +20,9 @@ public:
 
     /// Starts `routine(argument)`; a thread this object still holds is
     /// killed (see Kill) first.  A priority other than 0 selects SCHED_RR
-    /// with that priority (when the process may not use it, the thread
-    /// inherits the creator's scheduling).  Suspend and stack size are
+    /// with that priority (when the process may not use it, the start
+    /// fails: a thread asked to run real-time does not silently run at
+    /// ordinary priority).  Suspend and stack size are
     /// traced only.  A thread that is not waitable is created detached.
     /// `name` (optional, at most 15 characters used) names the thread for
     /// the system tools.  False when the thread could not be made (or the
@@ -29,11 +30,17 @@ public:
     bool Start(Routine routine, void* argument, unsigned int priority = 0, bool suspend = false,
                unsigned int stackSize = 0, uint64_t reserved = 0, bool waitable = true,
                const char* name = nullptr);
-    /// Joins the thread.  True when there is no thread or it was joined (the
-    /// object then holds none).  False for a detached thread, when the join
-    /// failed, or when a finite time-out (ms) ran out before the routine
-    /// returned; the thread is still held then and may be waited for again.
+    /// Joins the thread.  A finite time-out is not supported: it is traced
+    /// as a warning and the wait goes on until the thread has ended, so that
+    /// a caller that goes on to free what the thread uses is safe.  True
+    /// when there is no thread or it was joined (the object then holds
+    /// none); false for a detached thread or when the join failed.
     bool WaitForTermination(unsigned int timeoutMs = TR_INFINITE);
+    /// Waits up to `timeoutMs` (TR_INFINITE: without limit) for the started
+    /// routine to return, without joining.  True when it has returned (or
+    /// there is no thread); the thread is still held and is collected by
+    /// WaitForTermination or Kill, which then do not block.
+    bool WaitForExit(unsigned int timeoutMs) const;
     /// Joins a joinable thread (blocking until it ends: the caller must have
     /// told it to stop; the time-out is not used); cancels a detached one
     /// that still runs.  The object holds no thread afterwards.  False when
