@@ -53,15 +53,14 @@ uint64_t DiffOrZero(uint64_t now, uint64_t then)
 
 // The increase of an interface byte counter.  Older drivers keep 32-bit
 // counters: one that went down from a value that fits in 32 bits has wrapped
-// once.  A 64-bit counter that went down was reset (the interface was
-// re-created) and counts from zero again.
+// once.  Otherwise the plain unsigned difference is taken, as for every
+// other counter: a figure made absurd by it (a 64-bit counter reset with its
+// interface) is held at 100 by the percentage rules.
 uint64_t CounterDelta(uint64_t now, uint64_t then)
 {
-    if (now >= then)
-        return now - then;
-    if (then < k32BitWrap)
+    if (now < then && then < k32BitWrap)
         return now + (k32BitWrap - then);
-    return now;
+    return now - then;
 }
 
 // Sum of the fixed-point quotients of the samples whose whole is not 0.
@@ -555,10 +554,13 @@ void CPerfMon::SnapshotMemory(SharedReadings& shared)
     shared.memValid = true;
     shared.mem = info;
     _PerfDataMemory sample;
-    sample.memTotal = SatMul(info.memTotalKb, 1024);
-    sample.memUsed = SatMul(DiffOrZero(info.memTotalKb, info.memFreeKb), 1024);
-    sample.swapTotal = SatMul(info.swapTotalKb, 1024);
-    sample.swapUsed = SatMul(DiffOrZero(info.swapTotalKb, info.swapFreeKb), 1024);
+    // Plain unsigned arithmetic, as for every sample: a free figure above the
+    // total (a torn read of meminfo) makes an absurd figure that the
+    // percentage rules hold at 100.
+    sample.memTotal = info.memTotalKb * 1024;
+    sample.memUsed = (info.memTotalKb - info.memFreeKb) * 1024;
+    sample.swapTotal = info.swapTotalKb * 1024;
+    sample.swapUsed = (info.swapTotalKb - info.swapFreeKb) * 1024;
     m_MemoryHistory->Add(0, sample);
     DBG_PRINT(5, "\nCPerfMon::SnapData  :   - memory history: %d entries", static_cast<int>(m_MemoryHistory->GetCount(0)));
 }
@@ -573,20 +575,22 @@ void CPerfMon::SnapshotSystem(SharedReadings& shared)
     shared.stat = st;
     SystemPrev now;
     now.valid = true;
-    now.user = SatAdd(st.user, st.nice);
+    now.user = st.user + st.nice;
     now.kernel = st.system;
     now.idle = st.idle;
-    now.total = SatAdd(SatAdd(now.user, now.kernel), now.idle);
+    now.total = now.user + now.kernel + now.idle;
     if (m_PrevSystem.valid) {
         _PerfDataSystem sample;
         sample.rawUser = now.user;
         sample.rawKernel = now.kernel;
         sample.rawIdle = now.idle;
         sample.rawTotal = now.total;
-        sample.user = DiffOrZero(now.user, m_PrevSystem.user);
-        sample.kernel = DiffOrZero(now.kernel, m_PrevSystem.kernel);
-        sample.idle = DiffOrZero(now.idle, m_PrevSystem.idle);
-        sample.total = SatAdd(SatAdd(sample.user, sample.kernel), sample.idle);
+        // Plain unsigned differences of the counters.  When nothing moved
+        // the whole is 0 and the sample is skipped by the percentages.
+        sample.user = now.user - m_PrevSystem.user;
+        sample.kernel = now.kernel - m_PrevSystem.kernel;
+        sample.idle = now.idle - m_PrevSystem.idle;
+        sample.total = now.total - m_PrevSystem.total;
         DBG_PRINT(5, "GetPerfDataSystem: Total=%llu, User=%llu, Kern=%llu, Idle=%llu\n",
                   static_cast<unsigned long long>(sample.total), static_cast<unsigned long long>(sample.user),
                   static_cast<unsigned long long>(sample.kernel), static_cast<unsigned long long>(sample.idle));
@@ -627,11 +631,11 @@ void CPerfMon::SnapshotNetwork()
 
         NetState& prev = m_NetState[i];
         NetState reading{true, now, rx, tx, capacity};
-        if (!prev.valid || now < prev.timeMs) {
-            // First reading, or the clock was set back: start afresh.
+        if (!prev.valid) {
             prev = reading;
             continue;
         }
+        // A clock set back gives a huge elapsed time and so rates near 0.
         const uint64_t elapsed = now - prev.timeMs;
         const u128 room = static_cast<u128>(elapsed) * capacity;
         if (room <= kMinIntervalRoom)
