@@ -1,8 +1,12 @@
 #include "common/CDataStream.h"
 
+#include <cerrno>
 #include <cstdio>
 
+#include "common/FailureTrace.h"
 #include "common/FileIO.h"
+
+#include <new>
 
 namespace {
 
@@ -49,19 +53,31 @@ void CDataStream::Append(const void* data, size_t length)
     m_Data.insert(m_Data.end(), p, p + length);
 }
 
+bool CDataStream::Fail(std::string text)
+{
+    m_LastError = std::move(text);
+    tarvd::TraceFailure(m_LastError.c_str());
+    return false;
+}
+
 bool CDataStream::ReadFromFile(const char* path, size_t maxSize)
 {
-    if (path == nullptr || *path == '\0') {
-        m_LastError = "CDataStream::ReadFromFile() : Argument file path is empty!";
-        return false;
-    }
-    // A file longer than the cap is read up to the cap.
+    if (path == nullptr || *path == '\0')
+        return Fail("CDataStream::ReadFromFile() : Argument file path is empty!");
+    // The whole file or nothing: a file longer than the cap is refused, not
+    // cut, so that a caller never parses a truncated table as a whole one.
     std::string text;
-    if (tarvd::ReadFileBounded(path, maxSize, text) != 0) {
-        m_LastError = std::string("CDataStream::ReadFromFile() : Could not read file : '") + path + "'";
-        return false;
+    bool cut = false;
+    int err = 0;
+    try {
+        err = tarvd::ReadFileBounded(path, maxSize, text, &cut);
+        if (err == 0 && !cut)
+            m_Data.assign(text.begin(), text.end());
+    } catch (const std::bad_alloc&) {
+        err = ENOMEM;
     }
-    m_Data.assign(text.begin(), text.end());
+    if (err != 0 || cut)
+        return Fail(std::string("CDataStream::ReadFromFile() : Could not read file : '") + path + "'");
     m_LastError.clear();
     return true;
 }

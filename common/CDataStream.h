@@ -20,13 +20,18 @@ public:
     void Append(const void* data, size_t length);
     void Clear() { m_Data.clear(); }
 
+    /// The largest file ReadFromFile takes by default: the largest table a
+    /// 32-bit length field describes, plus room for its header.
+    static constexpr size_t kMaxFileSize = (size_t{1} << 32) + 4096;
+
     /// Reads the whole file (binary) into the stream.  On failure the
-    /// contents are unchanged and the reason is kept as the last error text
-    /// (callers trace it):
+    /// contents are unchanged, the reason is traced and kept as the last
+    /// error text:
     ///   "CDataStream::ReadFromFile() : Argument file path is empty!"
     ///   "CDataStream::ReadFromFile() : Could not read file : '<path>'"
-    /// `maxSize` caps what is read from files that never end (devices).
-    bool ReadFromFile(const char* path, size_t maxSize = 64u * 1024 * 1024);
+    /// A file longer than `maxSize` (a device that never ends) fails as
+    /// unreadable; it is never cut short.
+    bool ReadFromFile(const char* path, size_t maxSize = kMaxFileSize);
 
     /// Hex and character dump, 16 bytes a line: offset, "%02X " per byte,
     /// then the printable characters ('.' for others).
@@ -47,6 +52,8 @@ public:
     friend bool operator==(const CDataStream& a, const CDataStream& b) { return a.m_Data == b.m_Data; }
 
 private:
+    bool Fail(std::string text);
+
     std::vector<uint8_t> m_Data;
     std::string m_LastError;
 };
