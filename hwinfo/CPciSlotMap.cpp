@@ -136,7 +136,9 @@ bool FindRoutingTable(const CByteReader& r, size_t& off)
 bool RoutingTableValid(const CByteReader& r, size_t off, size_t size)
 {
     uint16_t version = r.Le16Or(off + 4);
-    if (size == 0 || size > kRoutingSizeLimit - off) {
+    // A table whose offset is past the limit has no room at all (the
+    // subtraction alone would wrap and let any size through).
+    if (size == 0 || off > kRoutingSizeLimit || size > kRoutingSizeLimit - off) {
         DBG_PRINT(1, "\nCDeviceBiosBase::GetRoutingTable   : ## ERROR! Illegal table size in PCI IRQ Routing Table (%d)\n",
                   static_cast<int>(size));
         return false;
