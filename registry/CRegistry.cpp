@@ -83,6 +83,44 @@ size_t NextSeparator(const std::string& path, size_t pos)
     return sep;
 }
 
+// The registry file is line based: a section line '[' name ']' opens a key,
+// a value line is name '=' type '=' text.  A line feed in a name or a text,
+// an '=' in a name, a name that starts with '[' or a key name with a ']'
+// would be written as it is and read back as keys and values nobody set
+// (a text "x\n\n[Injected]" adds a key).  Such names and texts are refused,
+// so that the file always reads back to the tree that was saved.
+bool StorableName(const char* name, bool keyName)
+{
+    if (name == nullptr || name[0] == '[')
+        return name == nullptr;
+    for (const char* p = name; *p; ++p)
+        if (*p == '\n' || *p == '=' || (keyName && *p == ']'))
+            return false;
+    return true;
+}
+
+// Every component of a key path, split as CreateKey splits it.
+bool StorableKeyPath(const char* path)
+{
+    std::string work(path);
+    size_t pos = 0;
+    while (pos < work.size()) {
+        size_t sep = NextSeparator(work, pos);
+        if (!StorableName(work.substr(pos, sep == std::string::npos ? std::string::npos : sep - pos).c_str(), true))
+            return false;
+        if (sep == std::string::npos)
+            break;
+        work[sep] = '/';
+        pos = sep + 1;
+    }
+    return true;
+}
+
+bool StorableText(const unsigned char* data, size_t size)
+{
+    return data == nullptr || memchr(data, '\n', size) == nullptr;
+}
+
 char* DupOrNull(const char* text)
 {
     return text ? strdup(text) : nullptr;
@@ -463,6 +501,13 @@ int CRegistry::CreateKey(CRegistryNode* parent, const char* path, bool, int)
     CRegistryNode* node = parent ? parent : m_hKey;
     if (node == nullptr || path == nullptr)
         return -1;
+    // Checked whole before anything is created: a refused path leaves no
+    // part of itself behind.
+    if (!StorableKeyPath(path)) {
+        DBG_PRINT(1, "CRegistry::CreateKey ## ERROR! key \"%s\" cannot be stored in the registry file\n", path);
+        m_Status = kInvalid;
+        return -1;
+    }
     std::string work(path);
     size_t pos = 0;
     while (pos < work.size()) {
@@ -738,6 +783,13 @@ bool CRegistry::SetValue(const char* name, const unsigned char* data, unsigned i
     CRegistryNode* node = KeyOrCurrent(key);
     if (node == nullptr)
         return false;
+    const bool text = type == RegString || type == RegExpandString;
+    if (!StorableName(name, false) || (text && !StorableText(data, size))) {
+        DBG_PRINT(1, "CRegistry::SetValue ## ERROR! value \"%s\" cannot be stored in the registry file\n",
+                  name ? name : "");
+        m_Status = kInvalid;
+        return false;
+    }
     State().dirty = true;
     DBG_PRINT(2, "CRegistry::SetValue \"%s\" %d %d\n", name ? name : "", static_cast<int>(size),
               static_cast<int>(type));

@@ -1,5 +1,6 @@
 #include "registry/CRegistryNode.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -18,8 +19,6 @@ namespace {
 constexpr size_t kLineSize = 1024;
 /// Sections nested deeper than this are skipped with their whole block, so
 /// that a hostile file cannot build a tree too deep to write or destroy.
-constexpr size_t kMaxDepth = 256;
-
 char* CopyText(const char* text)
 {
     return strdup(text);
@@ -240,10 +239,42 @@ uint32_t CRegistryNode::BinaryCount(const void* payload)
     return count;
 }
 
+namespace {
+
+struct PendingDelete {
+    CRegistryNode* node;
+    std::string name;
+};
+
+// The subkeys met while a subtree is destroyed on this thread.  The
+// outermost deleteNode destroys them one after the other instead of each
+// destructor recursing into its subkeys, so that a tree as deep as a file
+// can describe costs no C stack.
+thread_local std::vector<PendingDelete>* t_PendingDeletes = nullptr;
+
+} // namespace
+
 void CRegistryNode::deleteNode(CRegistryNode* node, const char* name)
 {
-    DBG_PRINT(2, "CRegistryNode::deleteNode \"%s\"\n", name ? name : "");
-    delete node;
+    if (t_PendingDeletes != nullptr) {
+        t_PendingDeletes->push_back(PendingDelete{node, name ? name : ""});
+        return;
+    }
+    std::vector<PendingDelete> pending;
+    pending.push_back(PendingDelete{node, name ? name : ""});
+    t_PendingDeletes = &pending;
+    while (!pending.empty()) {
+        PendingDelete next = std::move(pending.back());
+        pending.pop_back();
+        DBG_PRINT(2, "CRegistryNode::deleteNode \"%s\"\n", next.name.c_str());
+        const size_t mark = pending.size();
+        delete next.node;
+        // Its subkeys were queued in entry order: the first goes on top, so
+        // that keys are destroyed (and traced) in the order of a recursive
+        // walk.
+        std::reverse(pending.begin() + static_cast<std::ptrdiff_t>(mark), pending.end());
+    }
+    t_PendingDeletes = nullptr;
 }
 
 void CRegistryNode::DeletePayload(Entry& entry)
@@ -263,10 +294,8 @@ void CRegistryNode::DeletePayload(Entry& entry)
     entry.payload.ptr = nullptr;
 }
 
-bool CRegistryNode::dumpNode(FILE* file) const
+bool CRegistryNode::dumpValues(FILE* file, int count) const
 {
-    CCriticalSectionLock lock(GetLock());
-    const int count = GetCount();
     for (int i = 0; i < count; ++i) {
         const Entry& e = At(i);
         if (e.name == nullptr)
@@ -301,18 +330,59 @@ bool CRegistryNode::dumpNode(FILE* file) const
             break;
         }
     }
-    for (int i = 0; i < count; ++i) {
-        const Entry& e = At(i);
-        if (e.name == nullptr || e.type != RegSubKey || e.payload.ptr == nullptr)
+    return true;
+}
+
+bool CRegistryNode::dumpNode(FILE* file) const
+{
+    // A walk with an explicit stack (a tree may be deeper than the C stack
+    // allows), writing and locking as a recursive walk would: each key's
+    // lock is held from its values until the blocks of all its subkeys
+    // are written.
+    struct Frame {
+        const CRegistryNode* node;
+        int count;  // the entries when the key was entered
+        int next;   // the next entry to look at for a subkey
+    };
+    std::vector<Frame> stack;
+    struct Unlock {
+        std::vector<Frame>& frames;
+        ~Unlock()
+        {
+            for (auto it = frames.rbegin(); it != frames.rend(); ++it)
+                it->node->GetLock().Leave();
+        }
+    } unlock{stack};
+    auto enter = [&](const CRegistryNode* node) {
+        node->GetLock().Enter();
+        stack.push_back(Frame{node, node->GetCount(), 0});
+        return node->dumpValues(file, stack.back().count);
+    };
+    if (!enter(this))
+        return false;
+    while (!stack.empty()) {
+        Frame& f = stack.back();
+        const Entry* sub = nullptr;
+        while (sub == nullptr && f.next < f.count) {
+            const Entry& e = f.node->At(f.next++);
+            if (e.name != nullptr && e.type == RegSubKey && e.payload.ptr != nullptr)
+                sub = &e;
+        }
+        if (sub != nullptr) {
+            fputc('[', file);
+            fputs(sub->name, file);
+            fputs("]\n", file);
+            if (!enter(static_cast<const CRegistryNode*>(sub->payload.ptr)))
+                return false;
             continue;
-        fputc('[', file);
-        fputs(e.name, file);
-        fputs("]\n", file);
-        if (!static_cast<const CRegistryNode*>(e.payload.ptr)->dumpNode(file))
+        }
+        fputc('\n', file);
+        f.node->GetLock().Leave();
+        stack.pop_back();
+        if (ferror(file) != 0)
             return false;
     }
-    fputc('\n', file);
-    return ferror(file) == 0;
+    return true;
 }
 
 bool CRegistryNode::restoreNode(FILE* file)
@@ -354,7 +424,7 @@ bool CRegistryNode::restoreNode(FILE* file)
             if (char* close = strchr(line, ']')) {
                 *close = '\0';
                 Frame child{nullptr, nullptr, std::string(line + 1), false};
-                if (current.node != nullptr && stack.size() <= kMaxDepth) {
+                if (current.node != nullptr) {
                     child.own.reset(new (std::nothrow) CRegistryNode);
                     child.node = child.own.get();
                 }

@@ -47,10 +47,15 @@ public:
     /// Reads a block (values and nested sections) from `file` into this key
     /// until an empty line or the end of the file.  True when at least one
     /// value line was recognised in this block or a nested one.  Lines are
-    /// handled in pieces of at most 1023 characters; nesting depth is bounded
-    /// only by memory (no recursion).
+    /// handled in pieces of at most 1023 characters.  Blocks nest to any
+    /// depth (an explicit stack, no recursion), so every tree dumpNode
+    /// writes reads back whole.
     bool restoreNode(FILE* file);
 
     /// Number of bytes in a binary payload (its leading count).
     static uint32_t BinaryCount(const void* payload);
+
+private:
+    /// The value lines of the first `count` entries (the caller holds the lock).
+    bool dumpValues(FILE* file, int count) const;
 };
