@@ -57,9 +57,16 @@ public:
             DBG_PRINT(2, "\nSWITCH              : loading modules from %s (run mode %u, flags 0x%X)", dir.c_str(),
                       m_Config.RunMode, m_Config.Flags);
             std::vector<std::string> files;
-            if (!ListModuleConfigs(dir, files)) {
+            int listError = 0;
+            ListModuleConfigs(dir, files, &listError);
+            if (listError == ENOENT) {
+                // A machine without modules installed has no directory for
+                // them: nothing is configured, which is not a failure.
+                DBG_PRINT(2, "\nSWITCH              : the modules directory %s is missing: no modules configured",
+                          dir.c_str());
+            } else if (listError != 0) {
                 DBG_PRINT(1, "\nSWITCH              : ## ERROR! cannot read the modules directory %s (errno=%d: %s)",
-                          dir.c_str(), errno, strerror(errno));
+                          dir.c_str(), listError, strerror(listError));
                 return 0;
             }
             std::vector<ModuleDescriptor> wanted;

@@ -201,9 +201,11 @@ std::string ModulesDirectory()
     return (dir && *dir) ? dir : kDefaultModulesDir;
 }
 
-bool ListModuleConfigs(const std::string& dir, std::vector<std::string>& files)
+bool ListModuleConfigs(const std::string& dir, std::vector<std::string>& files, int* error)
 {
     UniqueDir d(opendir(dir.c_str()));
+    if (error)
+        *error = d ? 0 : errno;
     if (!d)
         return false;
     while (struct dirent* e = readdir(d.Get())) {

@@ -41,7 +41,7 @@ bool ParseModuleConfig(const std::string& path, ModuleDescriptor& out, std::stri
 std::string ModulesDirectory();
 
 /// The "*.conf" files of `dir`, sorted by name.  @return false when the
-/// directory cannot be read.
-bool ListModuleConfigs(const std::string& dir, std::vector<std::string>& files);
+/// directory cannot be read; `error` (may be null) gets its errno, 0 on success.
+bool ListModuleConfigs(const std::string& dir, std::vector<std::string>& files, int* error = nullptr);
 
 } // namespace tarvdfw
