@@ -48,6 +48,42 @@ bool IsNoDemonOption(const char* arg)
     return strcmp(arg, "-n") == 0 || strcmp(arg, "-nodemon") == 0;
 }
 
+constexpr const char* kUsage =
+    "Usage: %s [-n|-nodemon] [-rescan] [-agentless|-tinst|-tupd|-tupd-agentless]\n"
+    "The server-management agent's daemon: loads the module framework and its\n"
+    "extension modules and runs until SIGTERM or SIGINT (SIGHUP switches tracing\n"
+    "off and on again).  Runs as root; one instance at a time.\n"
+    "\n"
+    "  -n, -nodemon     stay in the foreground\n"
+    "  -rescan          ask the modules for a full rescan\n"
+    "  -agentless       run mode 5 (agentless)\n"
+    "  -tinst           run mode 7\n"
+    "  -tupd            run mode 8\n"
+    "  -tupd-agentless  run mode 10\n"
+    "  --help           this text\n"
+    "  --version        the daemon's version and build\n"
+    "\n"
+    "Other arguments are ignored.  Exit status: 0 after a normal stop (and from\n"
+    "the parent right after the daemon detached), 1 when it cannot run.\n";
+
+/// --help and --version, answered for any user before anything else (no
+/// lock, no trace, no fork).  @return the exit status, or -1 to go on.
+int AnswerInformationRequest(int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--help") == 0) {
+            printf(kUsage, kProgramName);
+            return 0;
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            printf("%s (%s) %s, built %s\n", kProgramName, g_BuildInfo.Product, g_BuildInfo.Version,
+                   g_BuildInfo.BuildTime);
+            return 0;
+        }
+    }
+    return -1;
+}
+
 void ParseCommandLine(int argc, char** argv, _ExtensionModuleLoaderConfig& config)
 {
     for (int i = 1; i < argc; ++i) {
@@ -387,6 +423,8 @@ void OnExitService(CSwitchApi& switchApi, CServiceNotify& serviceNotify)
 
 int main(int argc, char** argv)
 {
+    if (int status = AnswerInformationRequest(argc, argv); status >= 0)
+        return status;
     std::unique_ptr<CFileLock> lock;
     CServiceNotify serviceNotify;
     if (!TakeLockAndDetach(argc, argv, lock, serviceNotify))

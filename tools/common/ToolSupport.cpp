@@ -57,6 +57,12 @@ void Warn(const char* format, ...)
     va_end(args);
 }
 
+int PrintVersion()
+{
+    printf("%s (tarvd) %s\n", g_Name.c_str(), TARVD_VERSION_TEXT);
+    return kExitOk;
+}
+
 int UsageError(const char* format, ...)
 {
     va_list args;

@@ -20,6 +20,8 @@ enum ExitCode : int {
 void ToolInit(const char* name);
 const char* ToolName();
 
+/// "<tool> (tarvd) <version>\n" on standard output; returns kExitOk.
+int PrintVersion();
 /// "<tool>: <message>\n" on standard error; returns kExitFailure.
 int Fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
 /// "<tool>: warning: <message>\n" on standard error.

@@ -57,6 +57,7 @@ const char* const kUsage =
     "  --root DIR  read everything under DIR (a captured snapshot)\n"
     "  --json      output as JSON\n"
     "  --help      this text\n"
+    "  --version   the tool's version\n"
     "\n"
     "Exit status: 0 ok, 1 nothing could be read or the capture failed,\n"
     "2 usage error.\n";
@@ -546,6 +547,8 @@ int ParseOptions(int argc, char** argv, Options& o)
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
             return tools::kExitOk;
+        } else if (a == "--version") {
+            return tools::PrintVersion();
         } else if (a == "--json") {
             o.json = true;
         } else if (a == "--root") {

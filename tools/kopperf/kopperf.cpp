@@ -50,6 +50,7 @@ const char* const kUsage =
     "  --proc DIR     read DIR instead of /proc (a captured or fake proc tree)\n"
     "  --json         output as JSON\n"
     "  --help         this text\n"
+    "  --version      the tool's version\n"
     "\n"
     "Exit status: 0 ok, 1 nothing could be sampled, 2 usage error.\n";
 
@@ -119,6 +120,9 @@ bool ParseArguments(int argc, char** argv, Options& o, int& exitCode)
         std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
+            return false;
+        } else if (a == "--version") {
+            tools::PrintVersion();
             return false;
         } else if (a == "--json") {
             o.json = true;

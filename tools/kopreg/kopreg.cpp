@@ -47,6 +47,7 @@ const char* const kUsage =
     "  --dir DIR   registry directory (files registry, registry.old, registry.default)\n"
     "  --json      output as JSON\n"
     "  --help      this text\n"
+    "  --version   the tool's version\n"
     "\n"
     "Exit status: 0 ok, 1 registry not loadable, unknown key or value, write\n"
     "failure, 2 usage error.\n";
@@ -479,6 +480,8 @@ int ParseArguments(int argc, char** argv, Options& o)
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
             return tools::kExitOk;
+        } else if (a == "--version") {
+            return tools::PrintVersion();
         } else if (a == "--json") {
             o.json = true;
         } else if (a == "--expand") {

@@ -45,6 +45,7 @@ const char* const kUsage =
     "  --json           a JSON array of entries: file, time, thread,\n"
     "                   memory_kb, name, text\n"
     "  --help           this text\n"
+    "  --version        the tool's version\n"
     "\n"
     "Exit status: 0 ok, 1 missing, truncated or damaged file, 2 usage error.\n";
 
@@ -362,6 +363,8 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& o)
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
             return tools::kExitOk;
+        } else if (a == "--version") {
+            return tools::PrintVersion();
         } else if (a == "--json") {
             o.json = true;
         } else if (a == "--follow" || a == "-f") {
