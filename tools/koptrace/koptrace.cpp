@@ -1,6 +1,6 @@
 // koptrace: prints the trace files of a program (the log file, the initial
 // ring buffer, plain or compressed, and the active ring buffer) in time
-// order, optionally filtered, and can follow the active ring buffer.
+// order, optionally filtered, and can follow the file written now.
 #include "tools/common/JsonWriter.h"
 #include "tools/common/ToolSupport.h"
 
@@ -41,6 +41,7 @@ const char* const kUsage =
     "  --thread HEX     only entries of this thread id\n"
     "  --name TEXT      only entries whose name column is TEXT\n"
     "  --follow         keep printing new entries of the active ring buffer\n"
+    "                   (or of the log file when there is no ring buffer)\n"
     "                   until interrupted (SIGINT or SIGTERM)\n"
     "  --json           a JSON array of entries: file, time, thread,\n"
     "                   memory_kb, name, text\n"
@@ -456,14 +457,18 @@ int main(int argc, char** argv)
     if (std::optional<int> status = CollectFiles(o, files))
         return *status;
 
-    // The ring buffer that is written now: the active one, or the initial
-    // one while the program is still starting up.
+    // The file written now: the active ring buffer, the initial one while
+    // the program is still starting up, or the log file of a program that
+    // traces without a ring buffer.
     const TraceFile* live = nullptr;
     for (const TraceFile& f : files)
         if (f.kind == FileKind::Ring)
             live = &f;
+    for (const TraceFile& f : files)
+        if (live == nullptr && f.kind == FileKind::Log)
+            live = &f;
     if (o.follow && live == nullptr)
-        return tools::Fail("--follow needs a ring buffer file (log.NAME_a or log.NAME_i)");
+        return tools::Fail("--follow needs a ring buffer or log file (log.NAME_a, log.NAME_i or log.NAME)");
 
     std::vector<Entry> entries;
     FollowState followState;
