@@ -15,6 +15,7 @@
 #include "framework/ModuleConfig.h"
 #include "framework/tarvd_module.h"
 #include "trace/CDebug.h"
+#include "trace/FailureReport.h"
 
 namespace {
 
@@ -65,7 +66,7 @@ public:
                 DBG_PRINT(2, "\nSWITCH              : the modules directory %s is missing: no modules configured",
                           dir.c_str());
             } else if (listError != 0) {
-                DBG_PRINT(1, "\nSWITCH              : ## ERROR! cannot read the modules directory %s (errno=%d: %s)",
+                ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! cannot read the modules directory %s (errno=%d: %s)",
                           dir.c_str(), listError, strerror(listError));
                 return 0;
             }
@@ -74,7 +75,7 @@ public:
                 ModuleDescriptor desc;
                 std::string error;
                 if (!ParseModuleConfig(file, desc, error)) {
-                    DBG_PRINT(1, "\nSWITCH              : ## ERROR! %s -> module skipped", error.c_str());
+                    ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! %s -> module skipped", error.c_str());
                     continue;
                 }
                 if (!desc.enabled) {
@@ -96,7 +97,7 @@ public:
             DBG_PRINT(2, "\nSWITCH              : %zu module(s) loaded", m_Modules.size());
             return 1;
         } catch (...) {
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! exception while loading the modules");
+            ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! exception while loading the modules");
             return 0;
         }
     }
@@ -124,7 +125,7 @@ public:
                 try {
                     ok = !m->table->start || m->table->start() != 0;
                 } catch (...) {
-                    DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s threw in start", m->desc.name.c_str());
+                    ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s threw in start", m->desc.name.c_str());
                     ok = false;
                 }
                 if (ok) {
@@ -132,7 +133,7 @@ public:
                     ++started;
                     DBG_PRINT(3, "\nSWITCH              : module %s started", m->desc.name.c_str());
                 } else {
-                    DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s failed to start", m->desc.name.c_str());
+                    ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s failed to start", m->desc.name.c_str());
                 }
             }
             return started;
@@ -237,13 +238,13 @@ private:
         UniqueLibrary lib(dlopen(m->desc.library.c_str(), RTLD_NOW | RTLD_LOCAL));
         if (!lib.Get()) {
             const char* e = dlerror();
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s: cannot load %s: %s -> skipped", name,
+            ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s: cannot load %s: %s -> skipped", name,
                       m->desc.library.c_str(), e ? e : "");
             return;
         }
         auto entry = reinterpret_cast<TarvdModuleEntry>(dlsym(lib.Get(), TARVD_MODULE_ENTRY));
         if (!entry) {
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s: %s exports no %s -> skipped", name,
+            ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s: %s exports no %s -> skipped", name,
                       m->desc.library.c_str(), TARVD_MODULE_ENTRY);
             return;
         }
@@ -251,11 +252,11 @@ private:
         try {
             table = entry();
         } catch (...) {
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s threw in %s -> skipped", name, TARVD_MODULE_ENTRY);
+            ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s threw in %s -> skipped", name, TARVD_MODULE_ENTRY);
             return;
         }
         if (!table) {
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s: %s returned no module table -> skipped", name,
+            ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s: %s returned no module table -> skipped", name,
                       TARVD_MODULE_ENTRY);
             return;
         }
@@ -273,7 +274,7 @@ private:
             return;
         }
         if (!table->load) {
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s: the module table has no load function -> skipped",
+            ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s: the module table has no load function -> skipped",
                       name);
             return;
         }
@@ -289,7 +290,7 @@ private:
         try {
             ok = table->load(&config);
         } catch (...) {
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s threw in load -> skipped", name);
+            ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s threw in load -> skipped", name);
             ok = 0;
             // A module that threw may have half-initialised itself: give it
             // the chance to clean up before it is closed.
@@ -297,7 +298,7 @@ private:
             return;
         }
         if (!ok) {
-            DBG_PRINT(1, "\nSWITCH              : ## ERROR! module %s failed to load -> skipped", name);
+            ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s failed to load -> skipped", name);
             return;
         }
         m->library = std::move(lib);

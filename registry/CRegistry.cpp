@@ -13,6 +13,7 @@
 #include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 #include "trace/CDebug.h"
+#include "trace/FailureReport.h"
 
 CRegistryNode* CRegistry::HKEY_LOCAL_MACHINE = nullptr;
 CRegistryNode* CRegistry::HKEY_CURRENT_USER = nullptr;
@@ -158,14 +159,14 @@ void TraceSaveWarning(void* context, tarvd::AtomicWrite::Step step, const std::s
     const auto& s = *static_cast<const TreeState*>(context);
     switch (step) {
     case tarvd::AtomicWrite::kMode:
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot set the mode of \"%s\": %s\n", path.c_str(), strerror(err));
+        ReportFailure(SysLogTraces::SL_WARNING, "CRegistry: ERROR: Cannot set the mode of \"%s\": %s\n", path.c_str(), strerror(err));
         break;
     case tarvd::AtomicWrite::kBackup:
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", s.current.c_str(), s.backup.c_str(),
+        ReportFailure(SysLogTraces::SL_WARNING, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", s.current.c_str(), s.backup.c_str(),
                   strerror(err));
         break;
     case tarvd::AtomicWrite::kSyncDir:
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot synchronise directory \"%s\": %s\n", path.c_str(), strerror(err));
+        ReportFailure(SysLogTraces::SL_WARNING, "CRegistry: ERROR: Cannot synchronise directory \"%s\": %s\n", path.c_str(), strerror(err));
         break;
     default:
         break;
@@ -178,14 +179,14 @@ void TraceSaveFailure(const TreeState& s, const tarvd::AtomicWrite& w)
     const char* fresh = s.fresh.c_str();
     switch (w.failedStep) {
     case tarvd::AtomicWrite::kOpen:
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", fresh);
+        ReportFailure(SysLogTraces::SL_ERR, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", fresh);
         break;
     case tarvd::AtomicWrite::kReplace:
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", fresh, s.current.c_str(),
+        ReportFailure(SysLogTraces::SL_ERR, "CRegistry: ERROR: Cannot rename \"%s\" to \"%s\": %s\n", fresh, s.current.c_str(),
                   strerror(w.failedErrno));
         break;
     default:  // the write, its fsync or the close
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot write \"%s\": %s\n", fresh, strerror(w.failedErrno));
+        ReportFailure(SysLogTraces::SL_ERR, "CRegistry: ERROR: Cannot write \"%s\": %s\n", fresh, strerror(w.failedErrno));
         break;
     }
 }
@@ -336,12 +337,12 @@ void CRegistry::SetupTree(bool force)
     try {
         s.BuildPaths();
         if (!ReadTree(s.current.c_str(), &s.root)) {
-            DBG_PRINT(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", s.current.c_str());
+            ReportFailure(SysLogTraces::SL_WARNING, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n", s.current.c_str());
             if (!ReadTree(s.backup.c_str(), &s.root)) {
-                DBG_PRINT(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n",
+                ReportFailure(SysLogTraces::SL_WARNING, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n",
                           s.backup.c_str());
                 if (!ReadTree(s.factory.c_str(), &s.root)) {
-                    DBG_PRINT(1, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n",
+                    ReportFailure(SysLogTraces::SL_ERR, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n",
                               s.factory.c_str());
                     return;
                 }
@@ -371,7 +372,7 @@ bool CRegistry::SaveTree()
 
     std::string text;
     if (!FormatTree(s.root, text)) {
-        DBG_PRINT(1, "CRegistry: ERROR: Cannot format the tree for \"%s\"\n", s.fresh.c_str());
+        ReportFailure(SysLogTraces::SL_ERR, "CRegistry: ERROR: Cannot format the tree for \"%s\"\n", s.fresh.c_str());
         s.dirty = true;
         return false;
     }

@@ -10,6 +10,7 @@
 #include "hwinfo/CSystemDeviceScan.h"
 #include "registry/CRegistry.h"
 #include "trace/CDebug.h"
+#include "trace/FailureReport.h"
 
 namespace inventory {
 
@@ -459,7 +460,7 @@ bool ReadCategory(CRegistry& reg, const char* name, Category& out)
 bool WriteCategory(CRegistry& reg, const char* name, const Category& items)
 {
     if (!OpenInventory(reg, true) || reg.CreateKey(nullptr, name) != 0) {
-        DBG_PRINT(1, "\nInventoryModule     : ## ERROR! cannot create the registry key %s\\%s", kInventoryKey, name);
+        ReportFailure(SysLogTraces::SL_ERR, "\nInventoryModule     : ## ERROR! cannot create the registry key %s\\%s", kInventoryKey, name);
         return false;
     }
     CRegistryNode* category = reg.GetKey();
@@ -468,7 +469,7 @@ bool WriteCategory(CRegistry& reg, const char* name, const Category& items)
             reg.DeleteKey(existing.c_str());
     for (const auto& [item, props] : items) {
         if (reg.CreateKey(category, item.c_str()) != 0) {
-            DBG_PRINT(1, "\nInventoryModule     : ## ERROR! cannot create the registry key %s\\%s\\%s", kInventoryKey,
+            ReportFailure(SysLogTraces::SL_ERR, "\nInventoryModule     : ## ERROR! cannot create the registry key %s\\%s\\%s", kInventoryKey,
                       name, item.c_str());
             continue;
         }

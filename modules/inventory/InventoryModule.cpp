@@ -19,6 +19,7 @@
 #include "modules/inventory/InventoryModel.h"
 #include "registry/CRegistry.h"
 #include "trace/CDebug.h"
+#include "trace/FailureReport.h"
 #include "trace/CEvent.h"
 #include "trace/CThread.h"
 
@@ -130,7 +131,7 @@ void FullScan(InventoryState& st)
 {
     DBG_PRINT(3, "\nInventoryModule     : full hardware scan");
     if (st.scan->ScanHardware(CSystemDeviceScan::SCAN_ALL, true, st.settings.scanTimeoutMs) != 0) {
-        DBG_PRINT(1, "\nInventoryModule     : ## ERROR! hardware scan not possible within %u ms",
+        ReportFailure(SysLogTraces::SL_ERR, "\nInventoryModule     : ## ERROR! hardware scan not possible within %u ms",
                   st.settings.scanTimeoutMs);
         return;
     }
@@ -210,9 +211,9 @@ void* InventoryThread(void* arg)
     try {
         InventoryLoop(*static_cast<InventoryState*>(arg));
     } catch (const std::exception& e) {
-        DBG_PRINT(1, "\nInventoryModule     : ## ERROR! inventory thread ended by an exception: %s", e.what());
+        ReportFailure(SysLogTraces::SL_ERR, "\nInventoryModule     : ## ERROR! inventory thread ended by an exception: %s", e.what());
     } catch (...) {
-        DBG_PRINT(1, "\nInventoryModule     : ## ERROR! inventory thread ended by an exception");
+        ReportFailure(SysLogTraces::SL_ERR, "\nInventoryModule     : ## ERROR! inventory thread ended by an exception");
     }
     return nullptr;
 }

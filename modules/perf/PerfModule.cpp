@@ -18,6 +18,7 @@
 #include "perfmon/PerfMonPaths.h"
 #include "registry/CRegistry.h"
 #include "trace/CDebug.h"
+#include "trace/FailureReport.h"
 #include "trace/CEvent.h"
 #include "trace/CThread.h"
 
@@ -118,7 +119,7 @@ template <size_t N>
 void WriteGroup(CRegistry& reg, CPerfMon& mon, const char* key, const Figure (&figures)[N], int instance = 0)
 {
     if (reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, key) != 0) {
-        DBG_PRINT(1, "\nPerfModule          : ## ERROR! cannot create the registry key %s", key);
+        ReportFailure(SysLogTraces::SL_ERR, "\nPerfModule          : ## ERROR! cannot create the registry key %s", key);
         return;
     }
     WriteFigures(reg, mon, figures, N, instance);
@@ -170,7 +171,7 @@ void PerfLoop(PerfState& st)
     if (st.stop.Wait(0) != TR_WAIT_TIMEOUT)
         return;
     if (st.monitor->StartMonitoring(kMonitorTypes, st.periodMs) == 0) {
-        DBG_PRINT(1, "\nPerfModule          : ## ERROR! performance monitoring could not be started (proc root %s)",
+        ReportFailure(SysLogTraces::SL_ERR, "\nPerfModule          : ## ERROR! performance monitoring could not be started (proc root %s)",
                   st.procRoot.c_str());
         return;
     }
@@ -190,9 +191,9 @@ void* PerfThread(void* arg)
     try {
         PerfLoop(*static_cast<PerfState*>(arg));
     } catch (const std::exception& e) {
-        DBG_PRINT(1, "\nPerfModule          : ## ERROR! update thread ended by an exception: %s", e.what());
+        ReportFailure(SysLogTraces::SL_ERR, "\nPerfModule          : ## ERROR! update thread ended by an exception: %s", e.what());
     } catch (...) {
-        DBG_PRINT(1, "\nPerfModule          : ## ERROR! update thread ended by an exception");
+        ReportFailure(SysLogTraces::SL_ERR, "\nPerfModule          : ## ERROR! update thread ended by an exception");
     }
     return nullptr;
 }
