@@ -5,8 +5,10 @@
 // modules", for the keys and the configuration values.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,6 +35,11 @@ constexpr const char* kProcessesKey = "SOFTWARE\\Tarvis\\Performance\\Processes"
 
 constexpr unsigned kDefaultPeriodMs = 1000;
 constexpr unsigned kDefaultHistory = 60;
+// The figures change every period; the registry file is rewritten whenever
+// they are published, so they are published once a minute by default.
+// Live figures come from kopperf, which samples on its own.
+constexpr unsigned kDefaultPublishSeconds = 60;
+constexpr unsigned kMaxPublishSeconds = 86400;
 constexpr int kMonitorTypes = CPerfMon::PERF_MONITOR_SYSTEM | CPerfMon::PERF_MONITOR_MEMORY |
                               CPerfMon::PERF_MONITOR_NETWORK | CPerfMon::PERF_MONITOR_PROCESSES;
 
@@ -72,6 +79,7 @@ constexpr Figure kProcessFigures[] = {
 struct PerfState {
     unsigned periodMs = kDefaultPeriodMs;
     unsigned historyLength = kDefaultHistory;
+    unsigned publishSeconds = kDefaultPublishSeconds;  // 0: every period
     std::string procRoot = perfmon::kDefaultProcRoot;
     uint32_t runMode = 0;
     CEvent stop{false, true, nullptr};  // manual reset: stays set until the next start
@@ -178,10 +186,16 @@ void PerfLoop(PerfState& st)
     DBG_PRINT(3, "\nPerfModule          : monitoring %zu network interface(s), period %u ms", st.interfaces.size(),
               st.periodMs);
     // The monitor samples on its own thread with the same period; the
-    // figures are taken right after, a period later each time.
+    // figures are taken right after, a period later each time, and
+    // published at once and then every publishSeconds.
+    const auto interval = std::chrono::seconds(st.publishSeconds);
+    std::optional<std::chrono::steady_clock::time_point> last;
     do {
-        if (!st.noNewWork.load())
+        const auto now = std::chrono::steady_clock::now();
+        if (!st.noNewWork.load() && (!last || now - *last >= interval)) {
             Publish(st);
+            last = now;
+        }
     } while (st.stop.Wait(st.periodMs) == TR_WAIT_TIMEOUT);
 }
 
@@ -214,12 +228,20 @@ int Load(const TarvdModuleConfig* config)
     if (bad)
         DBG_PRINT(1, "\nPerfModule          : ## WARNING! HistoryLength is not a number from 1 to 100000, using %u",
                   st->historyLength);
+    bad = false;
+    st->publishSeconds = static_cast<unsigned>(
+        tarvdmod::ConfigNumber(config, "PublishSeconds", kDefaultPublishSeconds, 0, kMaxPublishSeconds, &bad));
+    if (bad)
+        DBG_PRINT(1, "\nPerfModule          : ## WARNING! PublishSeconds is not a number from 0 to %u, using %u",
+                  kMaxPublishSeconds, st->publishSeconds);
     if (const char* root = tarvdmod::ConfigText(config, "ProcRoot"); root && *root)
         st->procRoot = root;
     st->runMode = config->runMode;
-    DBG_PRINT(2, "\nPerfModule          : loaded from %s (run mode %u, period %u ms, history %u, proc root %s)",
+    DBG_PRINT(2,
+              "\nPerfModule          : loaded from %s (run mode %u, period %u ms, history %u, published every %u s, "
+              "proc root %s)",
               config->configFile ? config->configFile : "", st->runMode, st->periodMs, st->historyLength,
-              st->procRoot.c_str());
+              st->publishSeconds, st->procRoot.c_str());
     g_State = std::move(st);
     return 1;
 }
