@@ -11,6 +11,9 @@
 #include "trace/CDebug.h"
 
 #include <cctype>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -49,8 +52,50 @@ const char* const kUsage =
     "  --help      this text\n"
     "  --version   the tool's version\n"
     "\n"
+    "Changes to the registry in /etc/tarvd are refused while kopd runs: the\n"
+    "daemon keeps the registry in memory and would overwrite them.\n"
+    "\n"
     "Exit status: 0 ok, 1 registry not loadable, unknown key or value, write\n"
-    "failure, 2 usage error.\n";
+    "failure or kopd running, 2 usage error.\n";
+
+// The daemon's single-instance lock: held while kopd runs.
+constexpr const char* kDaemonLockFile = "/var/lock/kopd.lock";
+
+/// The commands that change the registry.
+bool ChangesRegistry(const std::string& cmd)
+{
+    return cmd == "set" || cmd == "delete-value" || cmd == "delete-key" || cmd == "create" || cmd == "import";
+}
+
+/// True while kopd holds its lock.  A shared lock is tried and given back
+/// at once: the daemon's exclusive lock refuses it.
+bool DaemonRunning()
+{
+    UniqueFd fd(open(kDaemonLockFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd)
+        return false;
+    if (flock(fd.Get(), LOCK_SH | LOCK_NB) == 0) {
+        flock(fd.Get(), LOCK_UN);
+        return false;
+    }
+    return errno == EWOULDBLOCK;
+}
+
+/// The running daemon keeps the registry in memory and writes all of it at
+/// its next save: a change made to its files now would be lost a moment
+/// later, so it is refused.  Only the daemon's own directory is concerned.
+bool RefusedWhileDaemonRuns(const std::string& cmd, const std::string& dir)
+{
+    std::string d = dir;
+    while (d.size() > 1 && d.back() == '/')
+        d.pop_back();
+    if (!ChangesRegistry(cmd) || d != CRegistry::kDefaultDirectory || !DaemonRunning())
+        return false;
+    tools::Fail("kopd is running and keeps the registry in %s in memory: a change made now would be "
+                "overwritten at its next save; stop kopd first (systemctl stop kopd), then try again",
+                d.c_str());
+    return true;
+}
 
 struct Options {
     std::string dir = CRegistry::kDefaultDirectory;
@@ -237,6 +282,41 @@ bool OpenKey(CRegistry& reg, const std::string& key)
     return true;
 }
 
+/// True when a value other than `skipValue` of `skipValueKey` is stored
+/// anywhere below `root` outside the subtree `skipKey` (either may be null).
+bool HoldsValueBesides(CRegistryNode* root, const CRegistryNode* skipKey, const CRegistryNode* skipValueKey,
+                       const char* skipValue)
+{
+    std::vector<CRegistryNode*> pending{root};
+    while (!pending.empty()) {
+        CRegistryNode* node = pending.back();
+        pending.pop_back();
+        if (node == skipKey)
+            continue;
+        CCriticalSectionLock lock(node->GetLock());
+        for (int i = 0; i < node->GetCount(); ++i) {
+            const CStrMap::Entry& e = node->At(i);
+            if (e.name == nullptr || (node == skipValueKey && strcmp(e.name, skipValue) == 0))
+                continue;
+            if (e.type != RegSubKey)
+                return true;
+            if (e.payload.ptr != nullptr)
+                pending.push_back(static_cast<CRegistryNode*>(e.payload.ptr));
+        }
+    }
+    return false;
+}
+
+/// A registry file without a single value reads back as damaged, and its
+/// backup would take its place at the next load: a deletion that leaves no
+/// value would silently come undone, so it is refused before anything is
+/// deleted.
+int RefuseEmptying()
+{
+    return tools::Fail("not deleted: the registry would hold no value at all, and a registry file without "
+                       "values reads as damaged (its backup would be loaded instead); keep at least one value");
+}
+
 int Save()
 {
     if (!CRegistry::SaveTree())
@@ -405,6 +485,8 @@ int CmdDeleteValue(const Options& o)
         if (e == nullptr || e->type == RegSubKey)
             return tools::Fail("no such value: %s in %s", o.args[2].c_str(), o.args[1].c_str());
     }
+    if (!HoldsValueBesides(CRegistry::GetRoot(), nullptr, reg.GetKey(), o.args[2].c_str()))
+        return RefuseEmptying();
     if (reg.DeleteValue(o.args[2].c_str()) != 0)
         return tools::Fail("cannot delete %s", o.args[2].c_str());
     return Save();
@@ -417,6 +499,16 @@ int CmdDeleteKey(const Options& o)
     CRegistry reg;
     if (!OpenKey(reg, o.args[1]))
         return tools::kExitFailure;
+    CRegistryNode* sub = nullptr;
+    {
+        CRegistryNode* node = reg.GetKey();
+        CCriticalSectionLock lock(node->GetLock());
+        const CStrMap::Entry* e = node->Lookup(o.args[2].c_str());
+        if (e != nullptr && e->type == RegSubKey)
+            sub = static_cast<CRegistryNode*>(e->payload.ptr);
+    }
+    if (sub != nullptr && !HoldsValueBesides(CRegistry::GetRoot(), sub, nullptr, nullptr))
+        return RefuseEmptying();
     if (reg.DeleteKey(o.args[2].c_str()) != 0)
         return tools::Fail("no such key: %s in %s", o.args[2].c_str(), o.args[1].c_str());
     return Save();
@@ -523,7 +615,7 @@ int main(int argc, char** argv)
         if (cmd == c.name) {
             if (cmd == "list" && o.args.size() > 2)
                 return tools::UsageError("usage: list [KEY]");
-            if (!LoadRegistry(o.dir))
+            if (RefusedWhileDaemonRuns(cmd, o.dir) || !LoadRegistry(o.dir))
                 return tools::kExitFailure;
             return c.fn(o);
         }
