@@ -20,6 +20,11 @@ inline constexpr const char* kSelfFdDir = "self/fd";
 inline constexpr const char* kPidMaxFile = "sys/kernel/pid_max";
 inline constexpr const char* kLoadAvgFile = "loadavg";
 
+/// The sysfs root of a live system, and the link speed file of an
+/// interface below it ("%s" the interface name).
+inline constexpr const char* kDefaultSysRoot = "/sys";
+inline constexpr const char* kLinkSpeedFile = "class/net/%s/speed";
+
 /// Largest text file read for its lines.  /proc/stat of a machine with
 /// thousands of interrupts holds some hundred kilobytes, net/dev about 130
 /// bytes an interface: the cap leaves room for tens of thousands of them.

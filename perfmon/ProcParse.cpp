@@ -100,7 +100,7 @@ bool IsMonitoredInterfaceName(std::string_view name)
     return false;
 }
 
-bool SplitNetDevLine(std::string_view line, NetDevLine& out)
+bool SplitNetDevLine(std::string_view line, NetDevLine& out, bool monitoredOnly)
 {
     size_t start = line.find_first_not_of(" \t");
     if (start == std::string_view::npos)
@@ -111,7 +111,7 @@ bool SplitNetDevLine(std::string_view line, NetDevLine& out)
     std::string_view name = line.substr(start, colon - start);
     size_t last = name.find_last_not_of(" \t");
     name = last == std::string_view::npos ? std::string_view() : name.substr(0, last + 1);
-    if (!IsMonitoredInterfaceName(name))
+    if (name.empty() || (monitoredOnly && !IsMonitoredInterfaceName(name)))
         return false;
     out.name.assign(name);
     out.counters.assign(line.substr(colon + 1));

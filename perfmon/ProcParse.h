@@ -59,8 +59,9 @@ struct NetDevLine {
 
 /// Splits a line of the network device statistics into the name (leading
 /// blanks skipped, up to the colon) and the counter text.  true only when
-/// the line has a colon and the name is a monitored interface name.
-bool SplitNetDevLine(std::string_view line, NetDevLine& out);
+/// the line has a colon and the name is a monitored interface name (any
+/// name with `monitoredOnly` false).
+bool SplitNetDevLine(std::string_view line, NetDevLine& out, bool monitoredOnly = true);
 
 /// Reads the network device statistics file and collects its monitored
 /// interface lines in file order, at most `maxCount` of them.  false when

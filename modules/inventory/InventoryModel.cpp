@@ -1,6 +1,8 @@
 // The inventory's registry form and the comparison of two inventories.
 #include "modules/inventory/InventoryModel.h"
 
+#include "modules/common/RegistryNames.h"
+
 #include <cstdio>
 #include <cstring>
 #include <set>
@@ -19,8 +21,6 @@ namespace {
 constexpr uint32_t kTypeText = 1;
 constexpr uint32_t kTypeExpandText = 2;
 constexpr uint32_t kTypeNumber = 4;
-/// Enumeration buffers; our own key and value names stay below kMaxKeyName.
-constexpr unsigned kNameBuffer = 256;
 
 uint32_t Clamp32(uint64_t v)
 {
@@ -103,40 +103,12 @@ bool OpenInventory(CRegistry& reg, bool create)
     return reg.Open(kInventoryKey, CRegistry::HKEY_LOCAL_MACHINE) == 0;
 }
 
-/// Names of the subkeys of the current key.
-std::vector<std::string> SubKeyNames(CRegistry& reg)
-{
-    std::vector<std::string> names;
-    for (unsigned index = 0;; ++index) {
-        char name[kNameBuffer];
-        unsigned size = sizeof name;
-        if (reg.EnumKey(name, &size, index) != CRegistry::kOk)
-            break;
-        names.emplace_back(name, strnlen(name, sizeof name));
-    }
-    return names;
-}
-
-/// Names of the values of the current key.
-std::vector<std::string> ValueNames(CRegistry& reg)
-{
-    std::vector<std::string> names;
-    for (unsigned index = 0;; ++index) {
-        char name[kNameBuffer];
-        unsigned size = sizeof name;
-        if (reg.EnumVal(name, &size, index, 999, nullptr, nullptr) != CRegistry::kOk)
-            break;
-        names.emplace_back(name, strnlen(name, sizeof name));
-    }
-    return names;
-}
-
 /// The text and number values of the current key.
 Properties ReadValues(CRegistry& reg)
 {
     Properties props;
     CRegistryNode* key = reg.GetKey();
-    for (const std::string& name : ValueNames(reg)) {
+    for (const std::string& name : tarvdmod::ValueNames(reg)) {
         unsigned char* data = reg.GetValue(name.c_str(), key);
         if (!data)
             continue;
@@ -157,7 +129,7 @@ Properties ReadValues(CRegistry& reg)
 void WriteValues(CRegistry& reg, const Properties& props, bool exact)
 {
     if (exact) {
-        for (const std::string& name : ValueNames(reg))
+        for (const std::string& name : tarvdmod::ValueNames(reg))
             if (!props.count(name))
                 reg.DeleteValue(name.c_str());
     }
@@ -449,7 +421,7 @@ bool ReadCategory(CRegistry& reg, const char* name, Category& out)
     if (!OpenInventory(reg, false) || reg.Open(name, reg.GetKey()) != 0)
         return false;
     CRegistryNode* category = reg.GetKey();
-    for (const std::string& item : SubKeyNames(reg)) {
+    for (const std::string& item : tarvdmod::SubKeyNames(reg)) {
         if (reg.Open(item.c_str(), category) != 0)
             continue;
         out[item] = ReadValues(reg);
@@ -464,7 +436,7 @@ bool WriteCategory(CRegistry& reg, const char* name, const Category& items)
         return false;
     }
     CRegistryNode* category = reg.GetKey();
-    for (const std::string& existing : SubKeyNames(reg))
+    for (const std::string& existing : tarvdmod::SubKeyNames(reg))
         if (!items.count(existing))
             reg.DeleteKey(existing.c_str());
     for (const auto& [item, props] : items) {
@@ -509,7 +481,7 @@ uint32_t RecordChanges(CRegistry& reg, const std::vector<Change>& changes, const
     }
     // Names are zero-padded numbers, so the key order is the order of time.
     reg.Open("", changesKey);
-    std::vector<std::string> names = SubKeyNames(reg);
+    std::vector<std::string> names = tarvdmod::SubKeyNames(reg);
     for (size_t i = 0; i + keep < names.size(); ++i)
         reg.DeleteKey(names[i].c_str());
     reg.Open("", inventoryKey);

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,8 +16,10 @@
 #include "framework/tarvd_module.h"
 #include "modules/common/ModuleLifecycle.h"
 #include "modules/common/ModuleSettings.h"
+#include "modules/common/RegistryNames.h"
 #include "perfmon/CNetworkInterfaceTable.h"
 #include "perfmon/CPerfMon.h"
+#include "perfmon/HostFigures.h"
 #include "perfmon/PerfMonPaths.h"
 #include "registry/CRegistry.h"
 #include "trace/CDebug.h"
@@ -32,6 +35,7 @@ constexpr const char* kSystemKey = "SOFTWARE\\Tarvis\\Performance\\System";
 constexpr const char* kMemoryKey = "SOFTWARE\\Tarvis\\Performance\\Memory";
 constexpr const char* kNetworkKey = "SOFTWARE\\Tarvis\\Performance\\Network";
 constexpr const char* kProcessesKey = "SOFTWARE\\Tarvis\\Performance\\Processes";
+constexpr const char* kInterfacesKey = "SOFTWARE\\Tarvis\\Performance\\Interfaces";
 
 constexpr unsigned kDefaultPeriodMs = 1000;
 constexpr unsigned kDefaultHistory = 60;
@@ -88,6 +92,11 @@ struct PerfState {
     std::atomic<bool> noNewWork{false};
     std::unique_ptr<CPerfMon> monitor;
     std::vector<std::string> interfaces;  // names of the network instances
+    std::string sysRoot = perfmon::kDefaultSysRoot;
+    // Every interface the kernel lists, read each period for its rates.
+    std::vector<perfmon::InterfaceFigures> links;
+    std::map<std::string, std::pair<uint64_t, uint64_t>> rates;  // received, sent bytes per second
+    std::chrono::steady_clock::time_point linksRead;
     std::atomic<unsigned> updates{0};
 };
 
@@ -133,8 +142,79 @@ void WriteGroup(CRegistry& reg, CPerfMon& mon, const char* key, const Figure (&f
     WriteFigures(reg, mon, figures, N, instance);
 }
 
-/// One update: every figure with one handle, so the tree is saved at most
-/// once a period (and not at all when nothing changed).
+/// Re-reads every interface's counters; the rates are those since the
+/// previous reading (a counter that went down gives none).
+void ReadLinks(PerfState& st)
+{
+    std::vector<perfmon::InterfaceFigures> now;
+    if (!perfmon::ReadInterfaceFigures(st.procRoot, st.sysRoot, now))
+        return;
+    const auto at = std::chrono::steady_clock::now();
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(at - st.linksRead).count();
+    st.rates.clear();
+    for (const auto& f : now) {
+        for (const auto& before : st.links) {
+            if (before.name != f.name || elapsed <= 0)
+                continue;
+            auto rx = perfmon::RatePerSecond(before.receivedBytes, f.receivedBytes, static_cast<uint64_t>(elapsed));
+            auto tx = perfmon::RatePerSecond(before.sentBytes, f.sentBytes, static_cast<uint64_t>(elapsed));
+            if (rx && tx)
+                st.rates[f.name] = {*rx, *tx};
+        }
+    }
+    st.links = std::move(now);
+    st.linksRead = at;
+}
+
+/// Memory as free(1) shows it, next to the monitor's percentages: used
+/// without the page cache (total - available) and the byte figures (text:
+/// they outgrow 32 bits).
+void WriteMemoryFigures(CRegistry& reg, const PerfState& st)
+{
+    perfmon::MemoryFigures m;
+    if (!perfmon::ReadMemoryFigures(st.procRoot, m) || reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, kMemoryKey) != 0)
+        return;
+    SetText(reg, "TotalBytes", std::to_string(m.totalBytes));
+    SetText(reg, "AvailableBytes", std::to_string(m.availableBytes));
+    SetText(reg, "UsedBytes", std::to_string(m.usedBytes));
+    SetText(reg, "SwapTotalBytes", std::to_string(m.swapTotalBytes));
+    SetText(reg, "SwapUsedBytes", std::to_string(m.swapTotalBytes - std::min(m.swapFreeBytes, m.swapTotalBytes)));
+    const uint64_t percent = m.totalBytes ? (m.usedBytes * 100 + m.totalBytes / 2) / m.totalBytes : 0;
+    SetNumber(reg, "UsedPercent", static_cast<unsigned>(std::min<uint64_t>(percent, 100)));
+}
+
+/// Every interface under its own name; those gone since are removed.  A
+/// link speed the kernel does not know is left out, not written as 0.
+void WriteInterfaceFigures(CRegistry& reg, const PerfState& st)
+{
+    if (reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, kInterfacesKey) != 0)
+        return;
+    CRegistryNode* parent = reg.GetKey();
+    for (const std::string& name : tarvdmod::SubKeyNames(reg)) {
+        auto present = [&](const perfmon::InterfaceFigures& f) { return f.name == name; };
+        if (std::none_of(st.links.begin(), st.links.end(), present))
+            reg.DeleteKey(name.c_str());
+    }
+    for (const auto& f : st.links) {
+        // A name the registry cannot hold (the kernel allows nearly any
+        // character) is skipped; the refusal is traced by the registry.
+        if (reg.CreateKey(parent, f.name.c_str()) != 0)
+            continue;
+        SetText(reg, "ReceivedBytes", std::to_string(f.receivedBytes));
+        SetText(reg, "SentBytes", std::to_string(f.sentBytes));
+        if (auto it = st.rates.find(f.name); it != st.rates.end()) {
+            SetText(reg, "ReceivedBytesPerSecond", std::to_string(it->second.first));
+            SetText(reg, "SentBytesPerSecond", std::to_string(it->second.second));
+        }
+        if (f.speedMbps)
+            SetNumber(reg, "LinkSpeedMbps", *f.speedMbps);
+        else
+            reg.DeleteValue("LinkSpeedMbps");  // 22 when there is none: nothing changes
+    }
+}
+
+/// One update: every figure with one handle, so the tree is saved once
+/// per publication (and not at all when nothing changed).
 void Publish(PerfState& st)
 {
     CPerfMon& mon = *st.monitor;
@@ -149,6 +229,8 @@ void Publish(PerfState& st)
             SetText(reg, "Name", st.interfaces[i]);
     }
     WriteGroup(reg, mon, kProcessesKey, kProcessFigures);
+    WriteMemoryFigures(reg, st);
+    WriteInterfaceFigures(reg, st);
     if (reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, kPerformanceKey) == 0) {
         SetNumber(reg, "PeriodMs", st.periodMs);
         SetNumber(reg, "Updates", st.updates.load() + 1);
@@ -161,8 +243,10 @@ void Publish(PerfState& st)
 void ClearNetworkKeys()
 {
     CRegistry reg;
-    if (reg.Open(kPerformanceKey, CRegistry::HKEY_LOCAL_MACHINE) == 0)
+    if (reg.Open(kPerformanceKey, CRegistry::HKEY_LOCAL_MACHINE) == 0) {
         reg.DeleteKey("Network");  // 22 when there is none: nothing changes
+        reg.DeleteKey("Interfaces");
+    }
 }
 
 void PerfLoop(PerfState& st)
@@ -192,6 +276,7 @@ void PerfLoop(PerfState& st)
     std::optional<std::chrono::steady_clock::time_point> last;
     do {
         const auto now = std::chrono::steady_clock::now();
+        ReadLinks(st);
         if (!st.noNewWork.load() && (!last || now - *last >= interval)) {
             Publish(st);
             last = now;
@@ -236,6 +321,8 @@ int Load(const TarvdModuleConfig* config)
                   kMaxPublishSeconds, st->publishSeconds);
     if (const char* root = tarvdmod::ConfigText(config, "ProcRoot"); root && *root)
         st->procRoot = root;
+    if (const char* root = tarvdmod::ConfigText(config, "SysRoot"); root && *root)
+        st->sysRoot = root;
     st->runMode = config->runMode;
     DBG_PRINT(2,
               "\nPerfModule          : loaded from %s (run mode %u, period %u ms, history %u, published every %u s, "
@@ -254,6 +341,8 @@ int Start()
     st.stop.Reset();
     st.noNewWork = false;
     st.interfaces.clear();
+    st.links.clear();
+    st.rates.clear();
     st.monitor = std::make_unique<CPerfMon>(st.historyLength);
     st.monitor->SetProcRoot(st.procRoot);
     // Starting the monitor takes two samples a quarter second apart: that
