@@ -6,9 +6,11 @@
 
 #include "perfmon/CNetworkInterfaceTable.h"
 #include "perfmon/CPerfMon.h"
+#include "perfmon/HostFigures.h"
 #include "perfmon/PerfMonPaths.h"
 #include "trace/CDebug.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -48,9 +50,15 @@ const char* const kUsage =
     "  --seconds N    sampling time (default 5)\n"
     "  --interval MS  sampling period in milliseconds (default 1000)\n"
     "  --proc DIR     read DIR instead of /proc (a captured or fake proc tree)\n"
+    "  --sys DIR      read DIR instead of /sys (link speeds)\n"
     "  --json         output as JSON\n"
     "  --help         this text\n"
     "  --version      the tool's version\n"
+    "\n"
+    "After the percentages, the figures free(1) and ip(8) show: memory used\n"
+    "without the page cache (total - available), available memory, and for\n"
+    "every interface its byte counters, its rates over the sampling time and\n"
+    "its link speed (\"-\" when the kernel does not know it).\n"
     "\n"
     "Exit status: 0 ok, 1 nothing could be sampled, 2 usage error.\n";
 
@@ -96,6 +104,7 @@ struct Options {
     unsigned long long interval = kDefaultIntervalMs;
     bool json = false;
     std::string procRoot = perfmon::kDefaultProcRoot;
+    std::string sysRoot = perfmon::kDefaultSysRoot;
 };
 
 /// Takes the value `v` of option `a`; kExitOk, or the usage error's code.
@@ -103,6 +112,8 @@ int TakeValue(const std::string& a, const char* v, Options& o)
 {
     if (a == "--proc") {
         o.procRoot = v;
+    } else if (a == "--sys") {
+        o.sysRoot = v;
     } else if (a == "--seconds") {
         if (!tools::ParseUnsigned(v, kMaxSeconds, o.seconds))
             return tools::UsageError("--seconds needs a whole number from 0 to %llu", kMaxSeconds);
@@ -126,7 +137,7 @@ bool ParseArguments(int argc, char** argv, Options& o, int& exitCode)
             return false;
         } else if (a == "--json") {
             o.json = true;
-        } else if (a == "--seconds" || a == "--interval" || a == "--proc") {
+        } else if (a == "--seconds" || a == "--interval" || a == "--proc" || a == "--sys") {
             if (i + 1 >= argc)
                 exitCode = tools::UsageError("option %s needs a value", a.c_str());
             else
@@ -151,7 +162,8 @@ void CatchStopSignals()
 /// and, at the same time, as a JSON document.
 class CReport {
 public:
-    CReport(CPerfMon& monitor, const Options& o) : m_Monitor(monitor), m_Interfaces(o.procRoot), m_Json(o.json)
+    CReport(CPerfMon& monitor, const Options& o)
+        : m_Monitor(monitor), m_Interfaces(o.procRoot), m_ProcRoot(o.procRoot), m_Json(o.json)
     {
         m_Writer.BeginObject();
         m_Writer.Key("seconds").Unsigned(o.seconds);
@@ -174,6 +186,37 @@ public:
         m_Writer.EndObject();
     }
 
+    /// Memory and every interface, as free(1) and ip(8) show them; the rates
+    /// are those between `before` and `after`, `elapsedMs` apart.
+    void AddHostFigures(const std::vector<perfmon::InterfaceFigures>& before,
+                        const std::vector<perfmon::InterfaceFigures>& after, uint64_t elapsedMs)
+    {
+        m_Writer.EndArray();
+        perfmon::MemoryFigures m;
+        m_Writer.Key("memory");
+        if (perfmon::ReadMemoryFigures(m_ProcRoot, m)) {
+            m_Writer.BeginObject();
+            m_Writer.Key("total_bytes").Unsigned(m.totalBytes);
+            m_Writer.Key("available_bytes").Unsigned(m.availableBytes);
+            m_Writer.Key("used_bytes").Unsigned(m.usedBytes);
+            m_Writer.Key("swap_total_bytes").Unsigned(m.swapTotalBytes);
+            m_Writer.Key("swap_free_bytes").Unsigned(m.swapFreeBytes);
+            m_Writer.EndObject();
+            if (!m_Json)
+                printf("\nmemory: total %llu B, used %llu B (without cache), available %llu B\n",
+                       static_cast<unsigned long long>(m.totalBytes), static_cast<unsigned long long>(m.usedBytes),
+                       static_cast<unsigned long long>(m.availableBytes));
+        } else {
+            m_Writer.Null();
+        }
+        m_Writer.Key("interfaces").BeginArray();
+        if (!m_Json && !after.empty())
+            printf("\n%-16s %20s %20s %14s %14s %10s\n", "interface", "received B", "sent B", "received B/s",
+                   "sent B/s", "speed Mb/s");
+        for (const auto& f : after)
+            AddInterface(f, before, elapsedMs);
+    }
+
     /// Ends the document; the JSON form goes out here.
     void Finish()
     {
@@ -188,6 +231,33 @@ public:
     bool AnySample() const { return m_AnySample; }
 
 private:
+    void AddInterface(const perfmon::InterfaceFigures& f, const std::vector<perfmon::InterfaceFigures>& before,
+                      uint64_t elapsedMs)
+    {
+        std::optional<uint64_t> rx, tx;
+        for (const auto& b : before) {
+            if (b.name == f.name) {
+                rx = perfmon::RatePerSecond(b.receivedBytes, f.receivedBytes, elapsedMs);
+                tx = perfmon::RatePerSecond(b.sentBytes, f.sentBytes, elapsedMs);
+            }
+        }
+        m_Writer.BeginObject();
+        m_Writer.Key("name").String(f.name);
+        m_Writer.Key("received_bytes").Unsigned(f.receivedBytes);
+        m_Writer.Key("sent_bytes").Unsigned(f.sentBytes);
+        m_Writer.Key("received_bytes_per_second").OptUnsigned(rx);
+        m_Writer.Key("sent_bytes_per_second").OptUnsigned(tx);
+        m_Writer.Key("link_speed_mbps").OptUnsigned(f.speedMbps ? std::optional<uint64_t>(*f.speedMbps) : std::nullopt);
+        m_Writer.EndObject();
+        if (m_Json)
+            return;
+        auto text = [](std::optional<uint64_t> v) { return v ? std::to_string(*v) : std::string("-"); };
+        printf("%-16s %20llu %20llu %14s %14s %10s\n", f.name.c_str(),
+               static_cast<unsigned long long>(f.receivedBytes), static_cast<unsigned long long>(f.sentBytes),
+               text(rx).c_str(), text(tx).c_str(),
+               text(f.speedMbps ? std::optional<uint64_t>(*f.speedMbps) : std::nullopt).c_str());
+    }
+
     void AddInstance(const Group& g, unsigned inst)
     {
         std::optional<std::string> name;
@@ -233,6 +303,7 @@ private:
 
     CPerfMon& m_Monitor;
     CNetworkInterfaceTable m_Interfaces;
+    std::string m_ProcRoot;
     CJsonWriter m_Writer;
     bool m_Json;
     bool m_AnySample = false;
@@ -259,12 +330,18 @@ int main(int argc, char** argv)
                 CPerfMon::PERF_MONITOR_PROCESSES;
     if (monitor.StartMonitoring(types, static_cast<unsigned>(o.interval)) == 0)
         return tools::Fail("the performance monitor could not be started");
+    std::vector<perfmon::InterfaceFigures> before, after;
+    perfmon::ReadInterfaceFigures(o.procRoot, o.sysRoot, before);
+    const auto start = std::chrono::steady_clock::now();
     for (unsigned long long waited = 0; waited < o.seconds * 1000 && !g_Stop; waited += 100)
         SleepMs(100);
+    perfmon::ReadInterfaceFigures(o.procRoot, o.sysRoot, after);
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     // Read everything before stopping: stopping destroys the histories.
     CReport report(monitor, o);
     for (const Group& g : Groups())
         report.AddGroup(g);
+    report.AddHostFigures(before, after, static_cast<uint64_t>(elapsed.count()));
     monitor.StopMonitoring();
     report.Finish();
     if (!report.AnySample())
