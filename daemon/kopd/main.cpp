@@ -299,6 +299,22 @@ void NotifyServiceManager(CServiceNotify& notify, const char* state)
     }
 }
 
+/// A trace directory that is missing or not writable leaves the daemon
+/// without any trace file, also when tracing was switched on: said on
+/// standard error (seen in the foreground and by the service manager) and
+/// in the system log.
+void WarnAboutTraceDirectory(const char* self)
+{
+    const char* dir = Debug.GetTraceDirectory();
+    if (dir == nullptr || *dir == '\0' || access(dir, W_OK | X_OK) == 0)
+        return;
+    const int err = errno;
+    fprintf(stderr, "%s: %s-MAIN: Warning! trace directory %s is missing or not writable (%s): no trace is written\n",
+            self, kPrefix, dir, strerror(err));
+    syslog(LOG_WARNING, "%s-MAIN: Warning! trace directory %s is missing or not writable (%s): no trace is written",
+           kPrefix, dir, strerror(err));
+}
+
 /// Refuses a user other than root and a second instance, then detaches
 /// unless told not to.  False when the daemon must end with status 1.
 bool TakeLockAndDetach(int argc, char** argv, std::unique_ptr<CFileLock>& lock, CServiceNotify& serviceNotify)
@@ -443,6 +459,7 @@ int main(int argc, char** argv)
     tzset();
     openlog(kProgramName, LOG_PID | LOG_NOWAIT, LOG_DAEMON);
     DBG_PRINT(3, "%s-MAIN: Syslog %s openend,", kPrefix, kProgramName);
+    WarnAboutTraceDirectory(argc > 0 ? argv[0] : kProgramName);
 
     if (config.RunMode == SW_RUNMODE_FULL)
         DiscoverSmbusDriverInfo();
