@@ -161,9 +161,9 @@ TEST_F(IniTest, WriterOutputByteForByte)
         {"a long line is kept whole", "[S]\n" + longLine + "k=1\n[T]\nz=2\n", {{"S", "k", "22"}},
          "[S]\n" + longLine + "k=22\n[T]\nz=2\n"},
         {"physical lines of any length",
-         "[S]\nlong=" + std::string(3000, 'v') + "\nafter=1\n",
+         "[S]\nlong=" + std::string(3000, 'v') + "\n" + std::string(1023, 'p') + "hidden=yes\nafter=1\n",
          {{"S", "after", "2"}, {"S", "long", "short"}},
-         "[S]\n\nlong=short\nafter=2\n"},
+         "[S]\n\nlong=short\n" + std::string(1023, 'p') + "hidden=yes\nafter=2\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
