@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace testsupport {
 
@@ -16,6 +19,14 @@ void TraceEnv::SetUp()
                           "TR_LOG_RINGBUF_WEIGHT", "TR_LOG_NOHDR_TOSDTERR", "TraceFileLimit", perProgram.c_str()})
         Set(v, nullptr);
     Set("TR_LOG_RINGBUF_DIR", m_Dir.Path().c_str());
+}
+
+// The variables are restored newest first: a variable set twice gets its
+// value from before the test back.
+TraceEnv::~TraceEnv()
+{
+    while (!m_Env.empty())
+        m_Env.pop_back();
 }
 
 void TraceEnv::Set(const char* name, const char* value) { m_Env.push_back(std::make_unique<ScopedEnv>(name, value)); }
@@ -62,6 +73,26 @@ std::vector<std::string> TraceEnv::RingMessages(const std::string& path, bool* w
 bool TraceEnv::Contains(const std::vector<std::string>& v, const std::string& s)
 {
     return std::find(v.begin(), v.end(), s) != v.end();
+}
+
+int TraceEnv::InChild(const std::function<int()>& body)
+{
+    fflush(nullptr);
+    pid_t child = fork();
+    if (child == 0)
+        _exit(body());
+    int status = -1;
+    if (child < 0 || waitpid(child, &status, 0) != child)
+        return -1;
+    return status;
+}
+
+void TraceEnv::ExpectExit(int status, int code)
+{
+    ASSERT_NE(status, -1);
+    ASSERT_FALSE(WIFSIGNALED(status)) << "killed by signal " << WTERMSIG(status);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(code, WEXITSTATUS(status));
 }
 
 } // namespace testsupport

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@ namespace testsupport {
 class TraceEnv : public ::testing::Test {
 protected:
     explicit TraceEnv(std::string program = "testprog") : m_Program(std::move(program)) {}
+    ~TraceEnv() override;
     void SetUp() override;
 
     /// Sets (null: unsets) a variable until the end of the test.
@@ -37,6 +39,12 @@ protected:
     /// The messages of a ring's entries in time order (empty when unreadable).
     static std::vector<std::string> RingMessages(const std::string& path, bool* wrapped = nullptr);
     static bool Contains(const std::vector<std::string>& v, const std::string& s);
+
+    /// Runs `body` in a forked child (signal dispositions and faults stay
+    /// there) and returns the child's wait status, -1 when it could not run.
+    static int InChild(const std::function<int()>& body);
+    /// Expects a normal exit of the child with `code`.
+    static void ExpectExit(int status, int code);
 
     std::string m_Program;
     TempDir m_Dir;

@@ -31,86 +31,81 @@ protected:
 TEST_F(CDebugFaultTest, ManyThreadsWrappingTheRingLoseAndDuplicateNothing)
 {
     auto d = MakeTracing();
-    d->SetApplInitDone(); // the active ring: 1 MiB
+    d->SetApplInitDone();  // the active ring: 1 MiB
     ASSERT_EQ(CDebug::TARGET_RINGBUFFER, d->GetTarget());
     constexpr int kThreads = 6;
     constexpr int kEntries = 12000;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&d, t] {
-            for (int i = 0; i < kEntries; ++i)
-                d->Print(1, "\nFaultTest          : T%d S%d padding-padding-padding END", t, i);
+            for (int i = 0; i < kEntries; ++i) {
+                if (i % 1000 == 0)  // to the log file as well
+                    d->PrintAlways("\nFaultTest          : T%d S%d padding-padding-padding END", t, i);
+                else
+                    d->Print(1, "\nFaultTest          : T%d S%d padding-padding-padding END", t, i);
+            }
         });
     for (auto& th : threads)
         th.join();
-    const unsigned wraps = d->GetRingWrapCount();
-    EXPECT_GE(wraps, 3u) << "the ring should have wrapped several times";
+    EXPECT_GE(d->GetRingWrapCount(), 3u) << "the ring should have wrapped several times";
 
     std::vector<std::string> entries;
     bool wrapped = false;
     ASSERT_TRUE(CTraceReader::ReadRingBuffer(d->GetActiveRingPath(), entries, &wrapped));
     EXPECT_TRUE(wrapped);
     std::map<int, std::set<int>> seen;
-    size_t ours = 0;
-    for (const std::string& e : entries) {
-        std::string m = CTraceReader::MessageOf(e);
-        if (m.rfind("FaultTest", 0) != 0)
-            continue;
-        ++ours;
-        int t = -1, i = -1;
-        char end[8] = {0};
+    auto check = [](const std::string& e, int& t, int& i) {
         // Every entry is whole: header, the full message and its end word.
+        char end[8] = {0};
+        std::string m = CTraceReader::MessageOf(e);
         ASSERT_TRUE(CTraceReader::IsEntryLine(e.data(), e.size())) << e;
         ASSERT_EQ(3, sscanf(m.c_str(), "FaultTest          : T%d S%d padding-padding-padding %3s", &t, &i, end)) << e;
         ASSERT_STREQ("END", end) << e;
         ASSERT_TRUE(t >= 0 && t < kThreads && i >= 0 && i < kEntries) << e;
+    };
+    for (const std::string& e : entries) {
+        int t = -1, i = -1;
+        if (CTraceReader::MessageOf(e).rfind("FaultTest", 0) != 0)
+            continue;
+        ASSERT_NO_FATAL_FAILURE(check(e, t, i));
         EXPECT_TRUE(seen[t].insert(i).second) << "duplicate entry " << e;
     }
-    EXPECT_GT(ours, 1000u);
     for (auto& [t, seqs] : seen) {
         SCOPED_TRACE("thread " + std::to_string(t));
         // Between the oldest and the newest entry present none is missing.
         EXPECT_EQ(static_cast<size_t>(*seqs.rbegin() - *seqs.begin() + 1), seqs.size());
         EXPECT_EQ(kEntries - 1, *seqs.rbegin()) << "the newest entry of every thread survives";
     }
-    RecordProperty("wraps", static_cast<int>(wraps));
+    std::map<int, int> logged;  // the log file got the always-entries whole, in order
+    for (const std::string& l : Lines(LogPath())) {
+        int t = -1, i = -1;
+        ASSERT_NO_FATAL_FAILURE(check(l, t, i));
+        EXPECT_EQ(i, logged.count(t) ? logged[t] + 1000 : 0) << l;
+        logged[t] = i;
+    }
 }
-
-// Exit codes of the child below.
-enum { kChildOk = 0, kChildNoRing = 2, kChildNotRestored = 3 };
 
 TEST_F(CDebugFaultTest, RingFileTruncatedUnderTheProgramDoesNotKillIt)
 {
-    fflush(nullptr);
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        auto d = MakeTracing();
-        d->SetApplInitDone();
-        if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
-            _exit(kChildNoRing);
-        const std::string ring = d->GetActiveRingPath();
-        const uint64_t size = d->GetRingBufferSize();
-        for (int round = 0; round < 3; ++round) {
-            for (int i = 0; i < 2000; ++i)
-                d->Print(1, "\nFaultTest          : before cut %d %d", round, i);
-            // Shrink it to nothing and to less than a page.
-            if (truncate(ring.c_str(), round % 2 ? 100 : 0) != 0)
-                _exit(kChildNoRing);
-            for (int i = 0; i < 6000; ++i)
-                d->Print(1, "\nFaultTest          : after cut %d %d", round, i);
-        }
-        struct stat st {};
-        if (stat(ring.c_str(), &st) != 0 || static_cast<uint64_t>(st.st_size) != size)
-            _exit(kChildNotRestored);
-        d.reset();
-        _exit(kChildOk);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_FALSE(WIFSIGNALED(status)) << "killed by signal " << WTERMSIG(status);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(kChildOk, WEXITSTATUS(status));
+    ExpectExit(InChild([this] {
+                   auto d = MakeTracing();
+                   d->SetApplInitDone();
+                   const std::string ring = d->GetActiveRingPath();
+                   for (int round = 0; round < 3; ++round) {
+                       for (int i = 0; i < 2000; ++i)
+                           d->Print(1, "\nFaultTest          : before cut %d %d", round, i);
+                       // Shrink it to nothing and to less than a page.
+                       if (d->GetTarget() != CDebug::TARGET_RINGBUFFER || truncate(ring.c_str(), round % 2 ? 100 : 0))
+                           return 2;
+                       for (int i = 0; i < 6000; ++i)
+                           d->Print(1, "\nFaultTest          : after cut %d %d", round, i);
+                   }
+                   struct stat st {};
+                   if (stat(ring.c_str(), &st) != 0 || static_cast<uint64_t>(st.st_size) != d->GetRingBufferSize())
+                       return 3;  // not grown back
+                   return 0;
+               }),
+               0);
 }
 
 TEST_F(CDebugFaultTest, SymlinksPlantedAtTheTraceFilesAreNotFollowed)

@@ -7,6 +7,7 @@
 #include "trace/CDebug.h"
 
 #include "support/TraceEnv.h"
+#include "support/Wait.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +16,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <memory>
 #include <string>
 #include <sys/mman.h>
@@ -48,14 +48,6 @@ enum {
     kOwnHandlerRan = 42,
 };
 
-int CountOf(const std::string& text, const std::string& what)
-{
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size()))
-        ++n;
-    return n;
-}
-
 // Maps a fresh file of two pages and cuts it to nothing: the returned
 // address faults when touched.
 volatile char* CutMapping(const std::string& path)
@@ -82,23 +74,10 @@ protected:
         d->SetApplInitDone();
         return d;
     }
-    // Runs `body` in a child and returns its wait status.
-    static int InChild(const std::function<int()>& body)
+    // The number of times `what` occurs in the ring.
+    static int CountInRing(const CDebug& d, const std::string& what)
     {
-        fflush(nullptr);
-        pid_t child = fork();
-        if (child == 0)
-            _exit(body());
-        int status = -1;
-        if (child < 0 || waitpid(child, &status, 0) != child)
-            return -1;
-        return status;
-    }
-    static void ExpectExit(int status, int code)
-    {
-        ASSERT_FALSE(WIFSIGNALED(status)) << "killed by signal " << WTERMSIG(status);
-        ASSERT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(code, WEXITSTATUS(status));
+        return static_cast<int>(testsupport::CountOf(testsupport::ReadFile(d.GetActiveRingPath()), what));
     }
     static bool WholeSize(const CDebug& d)
     {
@@ -125,9 +104,8 @@ TEST_F(CDebugRingCutFaultTest, EveryEntryAfterACutIsWrittenOnceAndTheFileGrownBa
                        // The next cut wipes these again: check them now.
                        if (!WholeSize(*d))
                            return static_cast<int>(kNotRestored);
-                       std::string text = testsupport::ReadFile(d->GetActiveRingPath());
                        for (int i = 0; i < 50; ++i) {
-                           int n = CountOf(text, "after R" + std::to_string(round) + " S" + std::to_string(i) + " END\n");
+                           int n = CountInRing(*d, "after R" + std::to_string(round) + " S" + std::to_string(i) + " END\n");
                            if (n != 1)
                                return static_cast<int>(n == 0 ? kEntryMissing : kEntryTwice);
                        }
@@ -165,12 +143,10 @@ TEST_F(CDebugRingCutFaultTest, CutBeforeEveryEntryAcrossAWrapLosesNothingWritten
                        return static_cast<int>(kNotRestored);
                    // The entry that wrapped went in whole behind the start-up
                    // part, after the rewritten log header.
-                   std::string text = testsupport::ReadFile(ring);
-                   std::string last = "fill S" + std::to_string(i - 1) + " padding-padding-padding-padding END\n";
-                   int n = CountOf(text, last);
+                   int n = CountInRing(*d, "fill S" + std::to_string(i - 1) + " padding-padding-padding-padding END\n");
                    if (n != 1)
                        return static_cast<int>(n == 0 ? kEntryMissing : kEntryTwice);
-                   if (CountOf(text, "Ring Buffer Path") < 1)
+                   if (CountInRing(*d, "Ring Buffer Path") < 1)
                        return static_cast<int>(kEntryMissing);
                    return static_cast<int>(kOk);
                }),
@@ -203,7 +179,7 @@ TEST_F(CDebugRingCutFaultTest, CutsFromAnotherThreadWhileWritingAndWrappingDoNot
                    d->Print(1, "\nCutTest            : after the cutter END");
                    if (!WholeSize(*d))
                        return static_cast<int>(kNotRestored);
-                   if (CountOf(testsupport::ReadFile(ring), "after the cutter END\n") != 1)
+                   if (CountInRing(*d, "after the cutter END\n") != 1)
                        return static_cast<int>(kEntryMissing);
                    return static_cast<int>(kOk);
                }),

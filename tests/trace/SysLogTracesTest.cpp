@@ -35,36 +35,22 @@ protected:
 
 } // namespace
 
-TEST_F(SysLogTracesTest, LeadingNewlinesSkipped)
+TEST_F(SysLogTracesTest, LeadingNewlinesSkippedLongTextCutNullIgnored)
 {
     Log("\n\nCClass : value %d", 5);
-    Log("\n\n");
-    ASSERT_EQ(g_Logged.size(), 2u);
-    EXPECT_EQ(g_Logged[0].priority, SysLogTraces::SL_INFO);
-    EXPECT_EQ(g_Logged[0].text, "CClass : value 5");
-    EXPECT_EQ(g_Logged[1].text, "\n\n"); // newlines only: unchanged
-}
-
-TEST_F(SysLogTracesTest, LongMessageCutTo1023)
-{
-    std::string big(2000, 'm');
-    Log("%s", big.c_str());
-    ASSERT_EQ(g_Logged.size(), 1u);
-    EXPECT_EQ(g_Logged[0].text, big.substr(0, 1023));
-}
-
-TEST_F(SysLogTracesTest, NullTextLogsNothingAndTextIsPassedAsIs)
-{
+    Log("\n\n");  // newlines only: unchanged
+    Log("%s", std::string(2000, 'm').c_str());
     SysLogTraces::getConnection().logMessage(nullptr, SysLogTraces::SL_ERR);
-    EXPECT_TRUE(g_Logged.empty());
-    SysLogTraces::getConnection().logMessage("100%", SysLogTraces::SL_ERR);
-    ASSERT_EQ(g_Logged.size(), 1u);
-    EXPECT_EQ(g_Logged[0].priority, SysLogTraces::SL_ERR);
-    EXPECT_EQ(g_Logged[0].text, "100%");
-}
-
-TEST_F(SysLogTracesTest, OneInstanceAndProcessName)
-{
+    SysLogTraces::getConnection().logMessage("100%", SysLogTraces::SL_ERR);  // passed as is
+    ASSERT_EQ(g_Logged.size(), 4u);
+    const Logged expected[] = {{SysLogTraces::SL_INFO, "CClass : value 5"},
+                               {SysLogTraces::SL_INFO, "\n\n"},
+                               {SysLogTraces::SL_INFO, std::string(1023, 'm')},
+                               {SysLogTraces::SL_ERR, "100%"}};
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(g_Logged[i].priority, expected[i].priority) << i;
+        EXPECT_EQ(g_Logged[i].text, expected[i].text) << i;
+    }
     EXPECT_EQ(&SysLogTraces::getConnection(), &SysLogTraces::getConnection());
     EXPECT_STREQ(SysLogTraces::getConnection().getProcName(), program_invocation_short_name);
 }
