@@ -1,12 +1,11 @@
 // kophw against an inventory snapshot made of the shared fixtures.
 #include "ToolTestSupport.h"
 
-#include "common/UniqueHandle.h"
+#include "support/Firmware.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
 using tooltest::json;
@@ -15,45 +14,27 @@ namespace {
 
 const std::string kTool = KOPHW_PATH;
 
-void CopyTree(const std::string& from, const std::string& to)
-{
-    UniqueDir d(opendir(from.c_str()));
-    ASSERT_TRUE(d) << from;
-    testsupport::MakeDirs(to);
-    while (struct dirent* e = readdir(d.Get())) {
-        std::string n = e->d_name;
-        if (n == "." || n == ".." || n == "lspci.txt")
-            continue;
-        if (e->d_type == DT_DIR)
-            CopyTree(from + "/" + n, to + "/" + n);
-        else
-            testsupport::WriteFile(to + "/" + n, testsupport::ReadFile(from + "/" + n));
-    }
-}
-
 class KophwTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        const std::string root = m_Snap.Path();
-        CopyTree(testsupport::FixturesDir() + "/procpci-vm", root + "/proc/bus/pci");
-        std::string smbios = testsupport::FixturesDir() + "/smbios/toshiba-satellite-pro-l70a";
-        testsupport::WriteFile(root + "/sys/firmware/dmi/tables/smbios_entry_point", testsupport::ReadFile(smbios + ".ep"));
-        testsupport::WriteFile(root + "/sys/firmware/dmi/tables/DMI", testsupport::ReadFile(smbios + ".dmi"));
+        const std::string smbios = "toshiba-satellite-pro-l70a";
+        m_Snap.CopyFixture("procpci-vm", "/proc/bus/pci");
+        m_Snap.SetSysfsSmbios(hwtest::SmbiosFixture(smbios + ".ep"), hwtest::SmbiosFixture(smbios + ".dmi"));
         // A disk behind the function 00:01.0, and a virtual one without device link.
-        std::string dev = "/sys/devices/pci0000:00/0000:00:01.0/host0/target0:0:0/0:0:0:0";
-        testsupport::WriteFile(root + dev + "/model", "Test Disk       \n");
-        testsupport::WriteFile(root + dev + "/vendor", "ACME    \n");
-        testsupport::WriteFile(root + "/sys/block/sda/size", "2048\n");
-        ASSERT_EQ(symlink(("../../.." + dev).c_str(), (root + "/sys/block/sda/device").c_str()), 0);
-        testsupport::WriteFile(root + "/sys/block/dm-0/size", "100\n");
-        testsupport::WriteFile(root + "/proc/self/mounts",
-                               "/dev/sda1 / ext4 rw,relatime 0 0\nproc /proc proc rw 0 0\n");
+        const std::string dev = "/sys/devices/pci0000:00/0000:00:01.0/host0/target0:0:0/0:0:0:0";
+        m_Snap.Write(dev + "/model", "Test Disk       \n");
+        m_Snap.Write(dev + "/vendor", "ACME    \n");
+        m_Snap.Write("/sys/block/sda/size", "2048\n");
+        ASSERT_EQ(symlink(("../../.." + dev).c_str(), m_Snap.Path("/sys/block/sda/device").c_str()), 0);
+        m_Snap.Write("/sys/block/dm-0/size", "100\n");
+        m_Snap.Write("/proc/self/mounts", "/dev/sda1 / ext4 rw,relatime 0 0\nproc /proc proc rw 0 0\n");
         // The kernel agrees about 00:01 and names a different slot for 00:03.
-        testsupport::WriteFile(root + "/sys/bus/pci/slots/1/address", "0000:00:01\n");
-        testsupport::WriteFile(root + "/sys/bus/pci/slots/9/address", "0000:00:03\n");
-        testsupport::WriteFile(root + "/sys/bus/pci/slots/bad/address", "junk\n");
-        testsupport::WriteFile(root + "/etc/tarvd/Adapter.ini", "[Adapters]\n1af4:1045=Balloon Device\n");
+        m_Snap.Write("/sys/bus/pci/slots/1/address", "0000:00:01\n");
+        m_Snap.Write("/sys/bus/pci/slots/9/address", "0000:00:03\n");
+        m_Snap.Write("/sys/bus/pci/slots/bad/address", "junk\n");
+        m_Snap.Write("/etc/tarvd/Adapter.ini", "[Adapters]\n1af4:1045=Balloon Device\n");
+        m_Root = m_Snap.Path("");
     }
     static json Inventory(const std::string& root, int exitCode = 0)
     {
@@ -63,14 +44,15 @@ protected:
         EXPECT_FALSE(j.is_discarded()) << r.out.substr(0, 1000);
         return j;
     }
-    testsupport::TempDir m_Snap;
+    hwtest::FakeRoot m_Snap;
+    std::string m_Root;
 };
 
 } // namespace
 
 TEST_F(KophwTest, SnapshotShowsFunctionsSlotsDevicesAndSmbios)
 {
-    json j = Inventory(m_Snap.Path());
+    json j = Inventory(m_Root);
     ASSERT_TRUE(j.at("pci").is_array());
     EXPECT_GE(j.at("pci").size(), 4u);
     const json* host = tooltest::FindBy(j.at("pci"), "address", "0000:00:00.0");
@@ -124,11 +106,11 @@ TEST_F(KophwTest, SnapshotShowsFunctionsSlotsDevicesAndSmbios)
     EXPECT_LE(first.at("current_usage"), 5);
 
     // Human form.
-    auto r = tooltest::Run(kTool, {"--root", m_Snap.Path(), "pci"});
+    auto r = tooltest::Run(kTool, {"--root", m_Root, "pci"});
     ASSERT_TRUE(r.Exited(0)) << r.err;
     EXPECT_NE(r.out.find("0000:00:00.0  8086:0d57"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("DISAGREES"), std::string::npos);
-    r = tooltest::Run(kTool, {"--root", m_Snap.Path(), "smbios"});
+    r = tooltest::Run(kTool, {"--root", m_Root, "smbios"});
     ASSERT_TRUE(r.Exited(0)) << r.err;
     EXPECT_NE(r.out.find("SMBIOS 2.7 from sysfs"), std::string::npos) << r.out;
 }
@@ -137,7 +119,7 @@ TEST_F(KophwTest, CaptureOfSnapshotReplaysTheSame)
 {
     testsupport::TempDir out;
     std::string dest = out.Sub("snap");
-    auto r = tooltest::Run(kTool, {"--root", m_Snap.Path(), "capture", dest});
+    auto r = tooltest::Run(kTool, {"--root", m_Root, "capture", dest});
     ASSERT_TRUE(r.Exited(0)) << r.err;
     EXPECT_NE(r.out.find("physical memory is not captured"), std::string::npos);
     // The device link is relative, so the snapshot can be moved.
@@ -146,9 +128,9 @@ TEST_F(KophwTest, CaptureOfSnapshotReplaysTheSame)
     EXPECT_EQ(std::string(link).rfind("../../../sys/devices/", 0), 0u) << link;
     EXPECT_FALSE(testsupport::FileExists(dest + "/sys/block/dm-0/device"));
     EXPECT_EQ(testsupport::ReadFile(dest + "/proc/bus/pci/00/01.0"),
-              testsupport::ReadFile(m_Snap.Path() + "/proc/bus/pci/00/01.0"));
+              testsupport::ReadFile(m_Root + "/proc/bus/pci/00/01.0"));
 
-    json a = Inventory(m_Snap.Path());
+    json a = Inventory(m_Root);
     json b = Inventory(dest);
     ASSERT_EQ(a.at("pci").size(), b.at("pci").size());
     for (size_t i = 0; i < a.at("pci").size(); ++i) {
@@ -179,10 +161,10 @@ TEST_F(KophwTest, EmptyMissingAndDamagedRoots)
     EXPECT_NE(r.err.find("is not a directory"), std::string::npos);
 
     // Truncated SMBIOS table and configuration files: no crash.
-    std::string dmi = m_Snap.Path() + "/sys/firmware/dmi/tables/DMI";
+    std::string dmi = m_Root + "/sys/firmware/dmi/tables/DMI";
     testsupport::WriteFile(dmi, testsupport::ReadFile(dmi).substr(0, 300));
-    testsupport::WriteFile(m_Snap.Path() + "/proc/bus/pci/00/02.0", "\x86\x80");
-    Inventory(m_Snap.Path());
+    testsupport::WriteFile(m_Root + "/proc/bus/pci/00/02.0", "\x86\x80");
+    Inventory(m_Root);
 
     for (const char* bad : {"frob", "--bogus", "capture", "--root"})
         EXPECT_TRUE(tooltest::Run(kTool, {bad}).Exited(2)) << bad;
