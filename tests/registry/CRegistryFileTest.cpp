@@ -25,51 +25,12 @@ std::string From()
 
 } // namespace
 
-TEST_F(RegistryTest, WritesExactTextAndRotates)
-{
-    {
-        CRegistry reg;
-        EXPECT_FALSE(CRegistry::IsSetUp());  // no file yet
-        ASSERT_EQ(reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, "SOFTWARE\\Sub"), 0);
-        ASSERT_EQ(reg.SetValue("x", 0xFFFFFFFFu), 0u);
-        ASSERT_EQ(reg.Open("HKEY_LOCAL_MACHINE/SOFTWARE"), 0u);
-        ASSERT_EQ(reg.SetValue("b", "text"), 0u);
-        ASSERT_EQ(reg.SetValue("a", 5u), 0u);
-        const unsigned char bin[] = {0x0a, 0xff, 0x00};
-        ASSERT_TRUE(reg.SetValue("c", bin, 3, RegBinary));
-        ASSERT_TRUE(reg.SetValue("e", reinterpret_cast<const unsigned char*>("%HOME%"), 6, RegExpandString));
-        EXPECT_TRUE(CRegistry::IsDirty());
-    }
-    EXPECT_FALSE(CRegistry::IsDirty());
-    const std::string head = "[HKEY_CLASSES_ROOT]\n\n[HKEY_CURRENT_CONFIG]\n\n[HKEY_CURRENT_USER]\n\n"
-                             "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\na=d=5\nb=s=text\nc=b=0a ff 00 \ne=es=%HOME%\n";
-    const std::string expected = head + "[Sub]\nx=d=-1\n\n\n\n[HKEY_USERS]\n\n\n";
-    EXPECT_EQ(ReadFile(Current()), expected);
-    EXPECT_FALSE(FileExists(Backup()));
-    EXPECT_FALSE(FileExists(New()));
-    struct stat st {};
-    ASSERT_EQ(stat(Current().c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0644u);
-
-    {
-        CRegistryNode* fromRoot = nullptr;
-        CRegistry reg("HKEY_LOCAL_MACHINE\\SOFTWARE", fromRoot);
-        ASSERT_EQ(reg.GetStatus(), 0u);
-        ASSERT_EQ(reg.DeleteKey("Sub"), 0u);
-    }
-    EXPECT_EQ(ReadFile(Backup()), expected);
-    EXPECT_EQ(ReadFile(Current()), head + "\n\n[HKEY_USERS]\n\n\n");
-    // A clean tree is not written again.
-    ASSERT_EQ(unlink(Current().c_str()), 0);
-    { CRegistry reg; }
-    EXPECT_FALSE(FileExists(Current()));
-}
-
-TEST_F(RegistryTest, RoundTripKeepsEveryTypeAndValue)
+TEST_F(RegistryTest, WritesExactTextReadsItBackAndRotates)
 {
     const unsigned char bin[] = {0x00, 0x01, 0x7f, 0x80, 0xff};
     {
         CRegistry reg;
+        EXPECT_FALSE(CRegistry::IsSetUp());  // no file yet
         ASSERT_EQ(reg.CreateKey(CRegistry::HKEY_CURRENT_USER, "Key with blanks/Inner"), 0);
         const std::pair<const char*, unsigned> numbers[] = {{"big", 2147483648u}, {"max", 0xFFFFFFFFu},
                                                             {"pos", 2147483647u}, {"zero", 0},
@@ -82,25 +43,37 @@ TEST_F(RegistryTest, RoundTripKeepsEveryTypeAndValue)
         EXPECT_TRUE(reg.SetValue("bin", bin, sizeof bin, RegBinary));
         EXPECT_TRUE(reg.SetValue("nobytes", nullptr, 0, RegBinary));
         EXPECT_TRUE(reg.SetValue("exp", reinterpret_cast<const unsigned char*>("%X%"), 3, RegExpandString));
-        ASSERT_EQ(reg.CreateKey(CRegistry::HKEY_USERS, "EmptyKey"), 0);
+        ASSERT_EQ(reg.CreateKey(CRegistry::HKEY_USERS, "Sub/Deeper"), 0);
+        EXPECT_TRUE(CRegistry::IsDirty());
     }
-    const std::string expected = "[HKEY_CLASSES_ROOT]\n\n[HKEY_CURRENT_CONFIG]\n\n"
-                                 "[HKEY_CURRENT_USER]\n[Key with blanks]\n[Inner]\n"
-                                 "big=d=-2147483648\nbin=b=00 01 7f 80 ff \nempty=s=\nexp=es=%X%\n"
-                                 "max=d=-1\nmillion=d=1000000\nname with blanks=s= text with blanks \n"
-                                 "neg=d=-999\nnobytes=b=\npct=s=text with %percent% and = signs\n"
-                                 "pos=d=2147483647\nzero=d=0\n\n\n\n"
-                                 "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\n[EmptyKey]\n\n\n\n";
+    EXPECT_FALSE(CRegistry::IsDirty());
+    const std::string head = "[HKEY_CLASSES_ROOT]\n\n[HKEY_CURRENT_CONFIG]\n\n"
+                             "[HKEY_CURRENT_USER]\n[Key with blanks]\n[Inner]\n"
+                             "big=d=-2147483648\nbin=b=00 01 7f 80 ff \nempty=s=\nexp=es=%X%\n"
+                             "max=d=-1\nmillion=d=1000000\nname with blanks=s= text with blanks \n"
+                             "neg=d=-999\nnobytes=b=\npct=s=text with %percent% and = signs\n"
+                             "pos=d=2147483647\nzero=d=0\n\n\n\n"
+                             "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\n";
+    const std::string expected = head + "[Sub]\n[Deeper]\n\n\n\n\n";
     EXPECT_EQ(ReadFile(Current()), expected);
+    EXPECT_FALSE(FileExists(Backup()));
+    EXPECT_FALSE(FileExists(New()));
+    struct stat st {};
+    ASSERT_EQ(stat(Current().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0644u);
     Reload();
-    CRegistry reg;
-    ASSERT_TRUE(CRegistry::IsSetUp());
-    EXPECT_EQ(Dump(*CRegistry::GetRoot()), expected);
-    ASSERT_EQ(reg.Open("HKEY_CURRENT_USER/Key with blanks/Inner"), 0u);
-    unsigned n = 0;
-    EXPECT_EQ(reg.QueryValue(&n, "big"), 0u);
-    EXPECT_EQ(n, 2147483648u);
-    EXPECT_EQ(reg.GetValueSize("bin"), sizeof bin);
+    {
+        CRegistry reg(CRegistry::HKEY_USERS);
+        ASSERT_TRUE(CRegistry::IsSetUp());
+        EXPECT_EQ(Dump(*CRegistry::GetRoot()), expected);
+        ASSERT_EQ(reg.DeleteKey("Sub"), 0u);
+    }
+    EXPECT_EQ(ReadFile(Backup()), expected);
+    EXPECT_EQ(ReadFile(Current()), head + "\n\n");
+    // A clean tree is not written again.
+    ASSERT_EQ(unlink(Current().c_str()), 0);
+    { CRegistry reg; }
+    EXPECT_FALSE(FileExists(Current()));
 }
 
 TEST_F(RegistryTest, LoadFallsBackToBackupThenDefault)
@@ -183,18 +156,4 @@ TEST_F(RegistryTest, LargeFileReadsBackByteForByte)
     CRegistryNode node;
     ASSERT_TRUE(CRegistry::ReadTree(Current().c_str(), &node));
     EXPECT_EQ(Dump(node), file);
-}
-
-TEST_F(RegistryTest, SecondRestoreContinuesAfterTheFirstBlock)
-{
-    // The first restore stops after its block's empty line and leaves the
-    // rest of the stream to the next one.
-    ASSERT_TRUE(WriteFile(Current(), "A=d=1\n\nB=d=2\n\n"));
-    UniqueFile f(fopen(Current().c_str(), "re"));
-    ASSERT_TRUE(f);
-    CRegistryNode first, second;
-    EXPECT_TRUE(first.restoreNode(f.Get()));
-    EXPECT_TRUE(second.restoreNode(f.Get()));
-    EXPECT_EQ(Dump(first), "A=d=1\n\n");
-    EXPECT_EQ(Dump(second), "B=d=2\n\n");
 }
