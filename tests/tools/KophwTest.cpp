@@ -52,55 +52,35 @@ protected:
 
 TEST_F(KophwTest, SnapshotShowsFunctionsSlotsDevicesAndSmbios)
 {
+    using tooltest::HasMembers;
     json j = Inventory(m_Root);
-    ASSERT_TRUE(j.at("pci").is_array());
     EXPECT_GE(j.at("pci").size(), 4u);
-    const json* host = tooltest::FindBy(j.at("pci"), "address", "0000:00:00.0");
-    ASSERT_NE(host, nullptr);
-    EXPECT_EQ(host->at("vendor_id"), "8086");
-    EXPECT_EQ(host->at("device_id"), "0d57");
-    EXPECT_EQ(host->at("class"), 6);
-    EXPECT_EQ(host->at("subclass_name"), "Host bridge");
-    EXPECT_TRUE(host->at("kernel_slot").is_null());
-
-    // 00:01.0 sits in SMBIOS slot 1 (bus 0, device 1), as the kernel says.
-    const json* balloon = tooltest::FindBy(j.at("pci"), "address", "0000:00:01.0");
-    ASSERT_NE(balloon, nullptr);
-    EXPECT_EQ(balloon->at("slot"), 1);
-    EXPECT_EQ(balloon->at("kernel_slot"), "1");
-    EXPECT_TRUE(balloon->at("slot_disagreement").is_null());
-    const json* third = tooltest::FindBy(j.at("pci"), "address", "0000:00:03.0");
-    ASSERT_NE(third, nullptr);
-    EXPECT_EQ(third->at("kernel_slot"), "9");
-    EXPECT_FALSE(third->at("slot_disagreement").is_null());
+    auto pci = [&j](const char* address) { return tooltest::FindBy(j.at("pci"), "address", address); };
+    EXPECT_TRUE(HasMembers(pci("0000:00:00.0"), R"({"vendor_id": "8086", "device_id": "0d57", "class": 6,
+        "subclass_name": "Host bridge", "kernel_slot": null})"));
+    // 00:01.0 sits in SMBIOS slot 1 (bus 0, device 1), as the kernel says; for
+    // 00:03.0 the kernel names another slot.
+    EXPECT_TRUE(HasMembers(pci("0000:00:01.0"), R"({"slot": 1, "kernel_slot": "1", "slot_disagreement": null})"));
+    ASSERT_TRUE(HasMembers(pci("0000:00:03.0"), R"({"kernel_slot": "9"})"));
+    EXPECT_FALSE(pci("0000:00:03.0")->at("slot_disagreement").is_null());
     ASSERT_EQ(j.at("slot_disagreements").size(), 1u);
     EXPECT_EQ(j.at("slot_disagreements")[0].get<std::string>().rfind("0000:00:03.0: ", 0), 0u);
 
     // Adapters with names from the adapter list, the drive and the volume.
     const json* adapter = tooltest::FindBy(j.at("adapters"), "address", "0000:00:01.0");
-    ASSERT_NE(adapter, nullptr);
-    EXPECT_EQ(adapter->at("name"), "Balloon Device");
+    EXPECT_TRUE(HasMembers(adapter, R"({"name": "Balloon Device"})"));
     ASSERT_EQ(j.at("drives").size(), 1u);
-    const json& drive = j.at("drives")[0];
-    EXPECT_EQ(drive.at("name"), "sda");
-    EXPECT_EQ(drive.at("model"), "Test Disk");
-    EXPECT_EQ(drive.at("vendor"), "ACME");
-    EXPECT_EQ(drive.at("size_bytes"), 2048 * 512);
-    EXPECT_EQ(drive.at("pci_address"), "0000:00:01.0");
+    EXPECT_TRUE(HasMembers(&j.at("drives")[0], R"({"name": "sda", "model": "Test Disk", "vendor": "ACME",
+        "size_bytes": 1048576, "pci_address": "0000:00:01.0"})"));
     ASSERT_EQ(j.at("volumes").size(), 1u);
     EXPECT_EQ(j.at("volumes")[0].at("device"), "/dev/sda1");
 
     const json& s = j.at("smbios");
-    EXPECT_EQ(s.at("found"), true);
-    EXPECT_EQ(s.at("source"), "sysfs");
-    EXPECT_EQ(s.at("version"), "2.7");
-    EXPECT_EQ(s.at("structures").at("9"), 8);
-    EXPECT_EQ(s.at("structures").at("41"), 1);
+    EXPECT_TRUE(HasMembers(&s, R"({"found": true, "source": "sysfs", "version": "2.7"})"));
+    EXPECT_TRUE(HasMembers(&s.at("structures"), R"({"9": 8, "41": 1})"));
     ASSERT_EQ(s.at("system_slots").size(), 8u);
     const json& first = s.at("system_slots")[0];
-    EXPECT_EQ(first.at("type"), 0xAA);
-    EXPECT_EQ(first.at("type_name"), "PCI Express x16");
-    ASSERT_TRUE(first.at("designation").is_string());
+    EXPECT_TRUE(HasMembers(&first, R"({"type": 170, "type_name": "PCI Express x16"})"));
     EXPECT_FALSE(first.at("designation").get<std::string>().empty());
     EXPECT_GE(first.at("current_usage"), 1);
     EXPECT_LE(first.at("current_usage"), 5);
@@ -130,19 +110,11 @@ TEST_F(KophwTest, CaptureOfSnapshotReplaysTheSame)
     EXPECT_EQ(testsupport::ReadFile(dest + "/proc/bus/pci/00/01.0"),
               testsupport::ReadFile(m_Root + "/proc/bus/pci/00/01.0"));
 
+    // The snapshot reads back exactly as the tree it was taken from.
     json a = Inventory(m_Root);
     json b = Inventory(dest);
-    ASSERT_EQ(a.at("pci").size(), b.at("pci").size());
-    for (size_t i = 0; i < a.at("pci").size(); ++i) {
-        for (const char* key : {"address", "slot", "kernel_slot"})
-            EXPECT_EQ(a.at("pci")[i].at(key), b.at("pci")[i].at(key)) << i << " " << key;
-    }
-    EXPECT_EQ(b.at("drives")[0].at("pci_address"), "0000:00:01.0");
-    EXPECT_EQ(b.at("drives")[0].at("model"), "Test Disk");
-    EXPECT_EQ(b.at("smbios").at("version"), "2.7");
-    EXPECT_EQ(b.at("smbios").at("system_slots").size(), 8u);
-    EXPECT_EQ(b.at("volumes").size(), 1u);
-    EXPECT_EQ(b.at("adapters").size(), a.at("adapters").size());
+    for (const char* part : {"pci", "adapters", "drives", "volumes", "smbios"})
+        EXPECT_EQ(a.at(part), b.at(part)) << part;
 }
 
 TEST_F(KophwTest, EmptyMissingAndDamagedRoots)

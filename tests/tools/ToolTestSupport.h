@@ -4,6 +4,7 @@
 
 #include "support/ChildProcess.h"
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <string>
@@ -29,6 +30,19 @@ inline const json* FindBy(const json& items, const char* key, const json& value)
         if (item.is_object() && item.contains(key) && item.at(key) == value)
             return &item;
     return nullptr;
+}
+
+/// Success when every member of the object `subset` (JSON text) is in
+/// `*object` with the same value.
+inline ::testing::AssertionResult HasMembers(const json* object, const char* subset)
+{
+    if (object == nullptr)
+        return ::testing::AssertionFailure() << "no such object";
+    const json expected = json::parse(subset);
+    for (const auto& [key, value] : expected.items())
+        if (!object->contains(key) || object->at(key) != value)
+            return ::testing::AssertionFailure() << "member " << key << " differs in " << *object;
+    return ::testing::AssertionSuccess();
 }
 
 } // namespace tooltest
