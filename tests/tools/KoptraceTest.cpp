@@ -49,6 +49,13 @@ protected:
         EXPECT_FALSE(j.is_discarded()) << r.out.substr(0, 2000);
         return j;
     }
+    // The tool's JSON output for `args`, which must succeed.
+    static json JsonOf(const std::vector<std::string>& args)
+    {
+        auto r = tooltest::Run(kTool, args);
+        EXPECT_TRUE(r.Exited(0)) << r.err;
+        return ParseOut(r);
+    }
     // The entries' texts, in the order the tool wrote them.
     static std::vector<std::string> Texts(const json& j)
     {
@@ -63,10 +70,8 @@ protected:
 
 int IndexOf(const std::vector<std::string>& v, const std::string& s)
 {
-    for (size_t i = 0; i < v.size(); ++i)
-        if (v[i] == s)
-            return static_cast<int>(i);
-    return -1;
+    auto it = std::find(v.begin(), v.end(), s);
+    return it == v.end() ? -1 : static_cast<int>(it - v.begin());
 }
 
 } // namespace
@@ -81,9 +86,7 @@ TEST_F(KoptraceTest, ProgramFilesInTimeOrderAcrossGzipAndWrappedRing)
         m_Debug->Print(1, "wrap entry %04d", i);
     ASSERT_GE(m_Debug->GetRingWrapCount(), 1u);
 
-    auto r = tooltest::Run(kTool, {"--dir", m_Dir.Path(), "--json", "TestProg"});
-    ASSERT_TRUE(r.Exited(0)) << r.err;
-    json j = ParseOut(r);
+    json j = JsonOf({"--dir", m_Dir.Path(), "--json", "TestProg"});
     ASSERT_TRUE(j.is_array());
     auto texts = Texts(j);
     int startup = IndexOf(texts, "StartUp             : during start-up 1");
@@ -101,23 +104,16 @@ TEST_F(KoptraceTest, ProgramFilesInTimeOrderAcrossGzipAndWrappedRing)
         EXPECT_EQ(wraps[i], wraps[i - 1] + 1) << i;
     EXPECT_EQ(wraps.back(), 299);
 
-    bool sawGz = false, sawActive = false;
-    for (const json& e : j) {
-        ASSERT_TRUE(e.at("file").is_string());
-        sawGz = sawGz || e.at("file") == m_Dir.Sub("log.testprog_i.gz");
-        sawActive = sawActive || e.at("file") == m_Dir.Sub("log.testprog_a");
-        if (e.at("text") == "wrap entry 0299") {
-            EXPECT_EQ(e.at("name"), "testprog");
-            EXPECT_EQ(e.at("thread").get<std::string>().size(), 8u);
-            EXPECT_EQ(e.at("time").get<std::string>().size(), 23u);
-            EXPECT_TRUE(e.at("memory_kb").is_number());  // memory column on by default
-        }
-    }
-    EXPECT_TRUE(sawGz);
-    EXPECT_TRUE(sawActive);
+    EXPECT_NE(tooltest::FindBy(j, "file", m_Dir.Sub("log.testprog_i.gz")), nullptr);
+    EXPECT_NE(tooltest::FindBy(j, "file", m_Dir.Sub("log.testprog_a")), nullptr);
+    const json* newest = tooltest::FindBy(j, "text", "wrap entry 0299");
+    ASSERT_TRUE(tooltest::HasMembers(newest, R"({"name": "testprog"})"));
+    EXPECT_EQ(newest->at("thread").get<std::string>().size(), 8u);
+    EXPECT_EQ(newest->at("time").get<std::string>().size(), 23u);
+    EXPECT_TRUE(newest->at("memory_kb").is_number());  // memory column on by default
 
     // Human form: the entry lines themselves.
-    r = tooltest::Run(kTool, {"--dir", m_Dir.Path(), "testprog"});
+    auto r = tooltest::Run(kTool, {"--dir", m_Dir.Path(), "testprog"});
     ASSERT_TRUE(r.Exited(0)) << r.err;
     EXPECT_NE(r.out.find(" wrap entry 0299\n"), std::string::npos);
 }
@@ -127,30 +123,18 @@ TEST_F(KoptraceTest, ThreadAndNameFilters)
     m_Debug->Print(1, "own entry");
     ClientPrint(*m_Debug, "othermod", "client entry");
     std::string ring = m_Dir.Sub("log.testprog_i");
-    auto all = tooltest::Run(kTool, {"--json", ring});
-    ASSERT_TRUE(all.Exited(0)) << all.err;
-    std::string thread;
-    for (const json& e : ParseOut(all))
-        if (e.at("text") == "own entry")
-            thread = e.at("thread").get<std::string>();
+    const json all = JsonOf({"--json", ring});
+    const json* own = tooltest::FindBy(all, "text", "own entry");
+    ASSERT_NE(own, nullptr);
+    const std::string thread = own->at("thread");
     ASSERT_EQ(thread.size(), 8u);
-
-    auto r = tooltest::Run(kTool, {"--json", "--name", "othermod", ring});
-    ASSERT_TRUE(r.Exited(0)) << r.err;
-    EXPECT_EQ(Texts(ParseOut(r)), std::vector<std::string>{"client entry"});
-
-    r = tooltest::Run(kTool, {"--json", "--thread", thread, "--name", "testprog", ring});
-    ASSERT_TRUE(r.Exited(0)) << r.err;
-    auto texts = Texts(ParseOut(r));
+    EXPECT_EQ(Texts(JsonOf({"--json", "--name", "othermod", ring})), std::vector<std::string>{"client entry"});
+    auto texts = Texts(JsonOf({"--json", "--thread", thread, "--name", "testprog", ring}));
     EXPECT_TRUE(Contains(texts, "own entry"));
     EXPECT_FALSE(Contains(texts, "client entry"));
-
-    unsigned other = static_cast<unsigned>(std::stoul(thread, nullptr, 16)) ^ 1u;
-    char buf[16];
-    snprintf(buf, sizeof buf, "%x", other);
-    r = tooltest::Run(kTool, {"--json", "--thread", buf, ring});
-    ASSERT_TRUE(r.Exited(0)) << r.err;
-    EXPECT_EQ(ParseOut(r), json::array());
+    char other[16];
+    snprintf(other, sizeof other, "%x", static_cast<unsigned>(std::stoul(thread, nullptr, 16)) ^ 1u);
+    EXPECT_EQ(JsonOf({"--json", "--thread", other, ring}), json::array());
 }
 
 TEST_F(KoptraceTest, TruncatedRingGivesWhatCanBeReadAndStatus1)
@@ -181,29 +165,28 @@ TEST_F(KoptraceTest, TruncatedRingGivesWhatCanBeReadAndStatus1)
 
 TEST_F(KoptraceTest, BadInputAndUsage)
 {
-    auto r = tooltest::Run(kTool, {"--dir", m_Dir.Sub("nowhere"), "kopd"});
-    EXPECT_TRUE(r.Exited(1));
-    EXPECT_NE(r.err.find("koptrace: no trace files of 'kopd'"), std::string::npos) << r.err;
-
-    r = tooltest::Run(kTool, {m_Dir.Sub("missing_a")});
-    EXPECT_TRUE(r.Exited(1));
-    EXPECT_NE(r.err.find("no such file"), std::string::npos) << r.err;
-
-    r = tooltest::Run(kTool, {"--bogus", "x"});
-    EXPECT_TRUE(r.Exited(2));
-    EXPECT_NE(r.err.find("unknown option '--bogus'"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("--help"), std::string::npos);
-
-    for (auto args : std::vector<std::vector<std::string>>{{}, {"--thread", "xyz", "a"}, {"--dir"}})
-        EXPECT_TRUE(tooltest::Run(kTool, args).Exited(2)) << args.size();
-    r = tooltest::Run(kTool, {"--help"});
+    m_Debug->PrintAlways("to the log file");
+    struct {
+        std::vector<std::string> args;
+        int status;
+        const char* message;
+    } const cases[] = {
+        {{"--dir", m_Dir.Sub("nowhere"), "kopd"}, 1, "koptrace: no trace files of 'kopd'"},
+        {{m_Dir.Sub("missing_a")}, 1, "no such file"},
+        {{"--follow", m_Dir.Sub("log.testprog")}, 1, "koptrace: "},  // no ring buffer to follow
+        {{"--bogus", "x"}, 2, "unknown option '--bogus'"},
+        {{}, 2, "--help"},
+        {{"--thread", "xyz", "a"}, 2, "koptrace: "},
+        {{"--dir"}, 2, "koptrace: "},
+    };
+    for (const auto& c : cases) {
+        auto r = tooltest::Run(kTool, c.args);
+        EXPECT_TRUE(r.Exited(c.status)) << c.message << ": status " << r.exitCode;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    }
+    auto r = tooltest::Run(kTool, {"--help"});
     EXPECT_TRUE(r.Exited(0));
     EXPECT_NE(r.out.find("Usage: koptrace"), std::string::npos);
-
-    // --follow without a ring buffer.
-    m_Debug->PrintAlways("to the log file");
-    r = tooltest::Run(kTool, {"--follow", m_Dir.Sub("log.testprog")});
-    EXPECT_TRUE(r.Exited(1)) << r.err;
 }
 
 TEST_F(KoptraceTest, FollowPrintsNewEntriesAcrossWrapsUntilSigterm)
@@ -259,9 +242,7 @@ TEST_F(KoptraceTest, LineInBothLogFileAndRingIsShownOnce)
         m_Debug->PrintAlways(0, "\nMAIN: written to both outputs %d", i);
     m_Debug->Print(1, "\nMAIN: ring only");
 
-    auto r = tooltest::Run(kTool, {"--dir", m_Dir.Path(), "--json", "testprog"});
-    ASSERT_TRUE(r.Exited(0)) << r.err;
-    auto texts = Texts(ParseOut(r));
+    auto texts = Texts(JsonOf({"--dir", m_Dir.Path(), "--json", "testprog"}));
     int twice = 0;
     for (int i = 0; i < kLines; ++i) {
         auto seen = std::count(texts.begin(), texts.end(), "MAIN: written to both outputs " + std::to_string(i));
@@ -272,7 +253,5 @@ TEST_F(KoptraceTest, LineInBothLogFileAndRingIsShownOnce)
     EXPECT_TRUE(Contains(texts, "MAIN: ring only"));
 
     // Given only the log file, its lines are of course shown.
-    r = tooltest::Run(kTool, {"--json", m_Dir.Sub("log.testprog")});
-    ASSERT_TRUE(r.Exited(0)) << r.err;
-    EXPECT_TRUE(Contains(Texts(ParseOut(r)), "MAIN: written to both outputs 0"));
+    EXPECT_TRUE(Contains(Texts(JsonOf({"--json", m_Dir.Sub("log.testprog")})), "MAIN: written to both outputs 0"));
 }
