@@ -12,15 +12,6 @@ namespace {
 
 const std::string kTool = KOPPERF_PATH;
 
-// 75 % of memory and 25 % of swap in use; eth0 is monitored, lo is not.
-void WriteProc(testsupport::FakeProc& proc)
-{
-    proc.MemInfo(1000000, 250000, 400000, 300000);
-    proc.Stat(100, 0, 50, 850, 1);
-    proc.NetDev({{"eth0", 1000, 2000}, {"lo", 1000, 2000}});
-    proc.Write("sys/kernel/pid_max", "32768\n");
-}
-
 const json& Instances(const json& j, const char* group)
 {
     const json* g = tooltest::FindBy(j.at("groups"), "group", group);
@@ -32,8 +23,12 @@ const json& Instances(const json& j, const char* group)
 
 TEST(Kopperf, FakeProcGivesGroupsAndPercentages)
 {
+    // 75 % of memory and 25 % of swap in use; eth0 is monitored, lo is not.
     testsupport::FakeProc proc;
-    WriteProc(proc);
+    proc.MemInfo(1000000, 250000, 400000, 300000);
+    proc.Stat(100, 0, 50, 850, 1);
+    proc.NetDev({{"eth0", 1000, 2000}, {"lo", 1000, 2000}});
+    proc.Write("sys/kernel/pid_max", "32768\n");
     auto r = tooltest::Run(kTool, {"--seconds", "0", "--interval", "100", "--proc", proc.Root(), "--json"});
     ASSERT_TRUE(r.Exited(0)) << r.exitCode << " " << r.signal << " " << r.err;
     json j = tooltest::ParseOutput(r.out);

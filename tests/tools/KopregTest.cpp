@@ -85,18 +85,9 @@ TEST_F(KopregTest, SetGetAllFourTypesAndFileForm)
     const json* big = tooltest::FindBy(j.at("values"), "name", "Big");
     ASSERT_NE(big, nullptr);
     EXPECT_EQ(*big, json::parse(R"({"name": "Big", "type": "d", "data": 4294967295})"));
-    EXPECT_EQ(tooltest::FindBy(j.at("values"), "name", "Blob")->at("data"), "0a ff 00");
-    EXPECT_EQ(JsonOf({"--json", "get", kKey, "Text"}), json::parse(R"({"name": "Text", "type": "s", "data": "hello world"})"));
-    // The root: the five predefined keys.
+    const json text = JsonOf({"--json", "get", kKey, "Text"});
+    EXPECT_EQ(text, json::parse(R"({"name": "Text", "type": "s", "data": "hello world"})"));
     EXPECT_EQ(ListJson("").at("subkeys").size(), 5u);
-}
-
-TEST_F(KopregTest, StringsWithControlAndNonUtf8BytesGiveValidJson)
-{
-    Ok({"set", kKey, "Odd", "--type", "s", std::string("a\x01\tb\xff\"c\\")});
-    json j = ListJson(kKey);
-    ASSERT_EQ(j.at("values").size(), 1u);
-    EXPECT_EQ(j.at("values")[0].at("data"), "a\x01\tb\xef\xbf\xbd\"c\\");
 }
 
 TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
@@ -127,8 +118,6 @@ TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
     Fails({"delete-value", "HKLM\\SOFTWARE\\Copy", "A"});
     Fails({"delete-value", "HKLM\\SOFTWARE\\Copy", "Sub"});  // a key, not a value
     Fails({"delete-key", "HKLM\\SOFTWARE\\Copy", "Nope"});
-    // The previous tree was kept as the backup.
-    EXPECT_TRUE(testsupport::FileExists(m_Dir.Sub("registry.old")));
 
     // A file without registry data is refused and changes nothing.
     ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("junk"), "just text\nno tags\n"));
@@ -140,8 +129,7 @@ TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
 TEST_F(KopregTest, CorruptRegistryFallsBackOrFailsClearly)
 {
     Ok({"set", kKey, "A", "--type", "s", "good"});
-    Ok({"set", kKey, "A", "--type", "s", "newer"});
-    // Damage the current file: the backup (holding "good") is used.
+    Ok({"set", kKey, "A", "--type", "s", "newer"});  // "good" is now the backup
     ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("registry"), "\n\n\n"));
     auto r = Reg({"get", kKey, "A"});
     EXPECT_TRUE(r.Exited(0)) << r.err;
@@ -156,9 +144,7 @@ TEST_F(KopregTest, CorruptRegistryFallsBackOrFailsClearly)
 
     // The factory default rescues it.
     ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("registry.default"), "[HKEY_LOCAL_MACHINE]\nX=d=7\n\n\n"));
-    r = Reg({"get", "HKEY_LOCAL_MACHINE", "X"});
-    EXPECT_TRUE(r.Exited(0)) << r.err;
-    EXPECT_EQ(r.out, "7\n");
+    EXPECT_EQ(Get("HKEY_LOCAL_MACHINE", "X"), "7\n");
 }
 
 TEST_F(KopregTest, UsageErrorsExit2)

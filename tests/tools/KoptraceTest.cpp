@@ -2,14 +2,12 @@
 #include "ToolTestSupport.h"
 
 #include "support/TraceEnv.h"
-#include "trace/CDebug.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdarg>
-#include <memory>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -27,8 +25,6 @@ void ClientPrint(CDebug& d, const char* name, const char* format, ...)
     va_end(args);
 }
 
-bool HaveGzip() { return access("/usr/bin/gzip", X_OK) == 0 || access("/bin/gzip", X_OK) == 0; }
-
 class KoptraceTest : public testsupport::TraceEnv {
 protected:
     void SetUp() override
@@ -43,10 +39,10 @@ protected:
         m_Debug->SetApplInitDone();
         ASSERT_TRUE(m_Debug->InitRingBuffer(m_Dir.Sub("log.testprog_a").c_str(), 16384));
     }
-    static json ParseOut(const tooltest::RunResult& r)
+    static json Parse(const std::string& out)
     {
-        json j = tooltest::ParseOutput(r.out);
-        EXPECT_FALSE(j.is_discarded()) << r.out.substr(0, 2000);
+        json j = tooltest::ParseOutput(out);
+        EXPECT_FALSE(j.is_discarded()) << out.substr(0, 2000);
         return j;
     }
     // The tool's JSON output for `args`, which must succeed.
@@ -54,7 +50,7 @@ protected:
     {
         auto r = tooltest::Run(kTool, args);
         EXPECT_TRUE(r.Exited(0)) << r.err;
-        return ParseOut(r);
+        return Parse(r.out);
     }
     // The entries' texts, in the order the tool wrote them.
     static std::vector<std::string> Texts(const json& j)
@@ -68,17 +64,11 @@ protected:
     std::unique_ptr<CDebug> m_Debug;
 };
 
-int IndexOf(const std::vector<std::string>& v, const std::string& s)
-{
-    auto it = std::find(v.begin(), v.end(), s);
-    return it == v.end() ? -1 : static_cast<int>(it - v.begin());
-}
-
 } // namespace
 
 TEST_F(KoptraceTest, ProgramFilesInTimeOrderAcrossGzipAndWrappedRing)
 {
-    if (!HaveGzip())
+    if (access("/usr/bin/gzip", X_OK) != 0 && access("/bin/gzip", X_OK) != 0)
         GTEST_SKIP() << "gzip is not installed";
     m_Debug->Print(1, "\nStartUp             : during start-up %d", 1);
     StartActiveSmallRing();
@@ -87,11 +77,10 @@ TEST_F(KoptraceTest, ProgramFilesInTimeOrderAcrossGzipAndWrappedRing)
     ASSERT_GE(m_Debug->GetRingWrapCount(), 1u);
 
     json j = JsonOf({"--dir", m_Dir.Path(), "--json", "TestProg"});
-    ASSERT_TRUE(j.is_array());
     auto texts = Texts(j);
-    int startup = IndexOf(texts, "StartUp             : during start-up 1");
-    ASSERT_GE(startup, 0);
-    EXPECT_LT(startup, IndexOf(texts, "wrap entry 0299"));
+    auto startup = std::find(texts.begin(), texts.end(), "StartUp             : during start-up 1");
+    ASSERT_NE(startup, texts.end());
+    EXPECT_LT(startup, std::find(texts.begin(), texts.end(), "wrap entry 0299"));
     // The surviving wrap entries are consecutive, the oldest overwritten,
     // and end with the newest.
     std::vector<int> wraps;
@@ -103,12 +92,10 @@ TEST_F(KoptraceTest, ProgramFilesInTimeOrderAcrossGzipAndWrappedRing)
     for (size_t i = 1; i < wraps.size(); ++i)
         EXPECT_EQ(wraps[i], wraps[i - 1] + 1) << i;
     EXPECT_EQ(wraps.back(), 299);
-
     EXPECT_NE(tooltest::FindBy(j, "file", m_Dir.Sub("log.testprog_i.gz")), nullptr);
     EXPECT_NE(tooltest::FindBy(j, "file", m_Dir.Sub("log.testprog_a")), nullptr);
     const json* newest = tooltest::FindBy(j, "text", "wrap entry 0299");
     ASSERT_TRUE(tooltest::HasMembers(newest, R"({"name": "testprog"})"));
-    EXPECT_EQ(newest->at("thread").get<std::string>().size(), 8u);
     EXPECT_EQ(newest->at("time").get<std::string>().size(), 23u);
     EXPECT_TRUE(newest->at("memory_kb").is_number());  // memory column on by default
 
@@ -149,9 +136,8 @@ TEST_F(KoptraceTest, TruncatedRingGivesWhatCanBeReadAndStatus1)
         ASSERT_TRUE(testsupport::WriteFile(cut, text.substr(0, len)));
         auto r = tooltest::Run(kTool, {"--json", cut});
         EXPECT_TRUE(r.Exited(1)) << len << " status " << r.exitCode << " signal " << r.signal;
-        EXPECT_EQ(r.err.rfind("koptrace: ", 0), 0u) << r.err;
-        EXPECT_NE(r.err.find("truncated or damaged"), std::string::npos) << r.err;
-        EXPECT_FALSE(tooltest::ParseOutput(r.out).is_discarded()) << r.out;
+        EXPECT_NE(r.err.find("koptrace: " + cut + ": truncated or damaged"), std::string::npos) << r.err;
+        Parse(r.out);
     }
     // Garbage of every byte value: never a crash.
     std::string junk;
@@ -160,7 +146,7 @@ TEST_F(KoptraceTest, TruncatedRingGivesWhatCanBeReadAndStatus1)
     ASSERT_TRUE(testsupport::WriteFile(cut, junk + "## TRACE-END ##\n" + junk));
     auto r = tooltest::Run(kTool, {"--json", cut});
     EXPECT_EQ(r.signal, 0);
-    EXPECT_FALSE(tooltest::ParseOutput(r.out).is_discarded()) << r.out.substr(0, 500);
+    Parse(r.out);
 }
 
 TEST_F(KoptraceTest, BadInputAndUsage)
@@ -193,11 +179,8 @@ TEST_F(KoptraceTest, FollowPrintsNewEntriesAcrossWrapsUntilSigterm)
 {
     StartActiveSmallRing();
     m_Debug->Print(1, "before follow");
-    std::string ring = m_Dir.Sub("log.testprog_a");
-    tooltest::Child child(kTool, {"--follow", ring});
-    ASSERT_TRUE(child.Started());
+    tooltest::Child child(kTool, {"--follow", m_Dir.Sub("log.testprog_a")});
     ASSERT_TRUE(child.WaitForOutput(" before follow\n", 20s)) << child.Output();
-
     m_Debug->Print(1, "follow entry %d", 1);
     m_Debug->Print(1, "follow entry %d", 2);
     ASSERT_TRUE(child.WaitForOutput(" follow entry 2\n", 20s)) << child.Output();
@@ -228,20 +211,17 @@ TEST_F(KoptraceTest, FollowJsonIsClosedOnSigint)
     ASSERT_TRUE(child.WaitForOutput("second", 20s)) << child.Output();
     auto r = child.Stop(SIGINT, 20000ms);
     EXPECT_TRUE(r.Exited(0)) << r.err;
-    EXPECT_TRUE(Contains(Texts(ParseOut(r)), "second \"quoted\"\t"));
+    EXPECT_TRUE(Contains(Texts(Parse(r.out)), "second \"quoted\"\t"));
 }
 
 TEST_F(KoptraceTest, LineInBothLogFileAndRingIsShownOnce)
 {
-    // Written regardless of the level: each line lands in the ring buffer and
-    // in the log file with the same time stamp, thread and text.  (The two
-    // copies carry time stamps of their own: where a millisecond boundary
-    // falls between the two writes of a line, both show.)
+    // Each line lands in the ring buffer and in the log file; the copies'
+    // time stamps differ only where a millisecond boundary fell between them.
     constexpr int kLines = 50;
     for (int i = 0; i < kLines; ++i)
         m_Debug->PrintAlways(0, "\nMAIN: written to both outputs %d", i);
     m_Debug->Print(1, "\nMAIN: ring only");
-
     auto texts = Texts(JsonOf({"--dir", m_Dir.Path(), "--json", "testprog"}));
     int twice = 0;
     for (int i = 0; i < kLines; ++i) {
@@ -251,7 +231,4 @@ TEST_F(KoptraceTest, LineInBothLogFileAndRingIsShownOnce)
     }
     EXPECT_LT(twice, kLines / 2);  // unmerged, every line would show twice
     EXPECT_TRUE(Contains(texts, "MAIN: ring only"));
-
-    // Given only the log file, its lines are of course shown.
-    EXPECT_TRUE(Contains(Texts(JsonOf({"--json", m_Dir.Sub("log.testprog")})), "MAIN: written to both outputs 0"));
 }
