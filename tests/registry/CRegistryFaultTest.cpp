@@ -1,7 +1,6 @@
-// Saves of the registry that fail at every single open, write, fsync and
-// rename, saves killed at any moment, and a new file planted as a symbolic
-// link: whatever happens, the files on disk load as one whole tree, the one
-// saved before or the one being saved, and a failed save keeps the tree dirty.
+// Saves that fail at every single open, write, fsync and rename, saves killed
+// at any moment, a new file planted as a symbolic link: the files on disk
+// always load as one whole tree, and a failed save keeps the tree dirty.
 #include "support/RegistryFixture.h"
 
 #include <algorithm>
@@ -25,8 +24,7 @@ std::string ValueText(unsigned gen, int i)
     return "generation " + std::to_string(gen) + " value " + std::to_string(i) + std::string(i % 7 * 5, '*');
 }
 
-// Stores generation `gen` in place of the previous one; the handle's
-// destruction saves the tree.
+// Stores generation `gen` in place of the previous one and saves.
 void WriteGeneration(unsigned gen)
 {
     CRegistry reg(CRegistry::HKEY_LOCAL_MACHINE);
@@ -37,8 +35,7 @@ void WriteGeneration(unsigned gen)
     reg.SetValue("gen", gen);
 }
 
-// Loads the tree afresh and checks it is exactly one whole generation:
-// that generation, or -1 with a failure recorded.
+// Loads the files afresh: the one whole generation they hold, else -1.
 long LoadAndCheck()
 {
     CRegistry::ResetForTests();
@@ -156,17 +153,10 @@ TEST_F(RegistryTest, KilledSavesLeaveAWholeTree)
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
-            // Continue from what is on disk, saving new generations until
-            // killed, and telling the parent of each completed save.
-            CRegistry::ResetForTests();
-            unsigned gen = 0;
-            {
-                CRegistry reg;
-                if (reg.Open("HKEY_LOCAL_MACHINE/Data") != 0 || reg.QueryValue(&gen, "gen") != 0)
-                    _exit(3);
-            }
-            for (;;) {
-                WriteGeneration(++gen);
+            // Goes on from the tree just loaded, telling the parent of each
+            // completed save, until killed.
+            for (unsigned gen = static_cast<unsigned>(lastGen) + 1;; ++gen) {
+                WriteGeneration(gen);
                 if (write(writeEnd.Get(), "s", 1) != 1)
                     _exit(4);
             }

@@ -1,8 +1,6 @@
 // The registry files: the exact text a save writes, its rotation to the
 // backup, the fall-back to the backup and factory default, and trees that
 // read back byte for byte.
-#include <cstdio>
-#include <random>
 #include <string>
 #include <sys/stat.h>
 
@@ -136,24 +134,4 @@ TEST_F(RegistryTest, SaveOfAnUnloadedTreeIsNotReloadedUnderOpenHandles)
     EXPECT_EQ(other.QueryValue(&n, "late"), 0u);
     EXPECT_EQ(n, 2u);
     holder.Close();
-}
-
-TEST_F(RegistryTest, LargeFileReadsBackByteForByte)
-{
-    // Lines of random lengths (up to the reader's 1023-character limit on
-    // every 50th) cross the borders of the reader's blocks at many offsets;
-    // 20000 values of one key arrive in sorted order.
-    std::mt19937 rng(4711);
-    std::string file = "[HKEY_LOCAL_MACHINE]\n[Big]\n";
-    char name[16];
-    for (int i = 0; i < 20000; ++i) {
-        snprintf(name, sizeof name, "v%07d", i);
-        size_t length = rng() % (i % 50 == 0 ? 1000 : 60);
-        file += std::string(name) + "=s=" + std::string(length, static_cast<char>('a' + i % 26)) + "\n";
-    }
-    file += "\n[Other]\nbin=b=01 ff 10 \n\n\n\n";
-    ASSERT_TRUE(WriteFile(Current(), file));
-    CRegistryNode node;
-    ASSERT_TRUE(CRegistry::ReadTree(Current().c_str(), &node));
-    EXPECT_EQ(Dump(node), file);
 }

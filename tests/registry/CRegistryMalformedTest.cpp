@@ -2,8 +2,9 @@
 // them, as that tree writes itself out again.
 #include "support/RegistryFixture.h"
 
+#include <cstdio>
+#include <random>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -16,6 +17,21 @@ std::string Nested(int depth)
     for (int i = 0; i < depth; ++i)
         s += "[k]\n";
     return s + "x=d=1\n" + std::string(depth + 1, '\n');
+}
+
+// 20000 values of one key in sorted order, on lines of random lengths (up
+// to the 1023-character limit on every 50th) that cross the borders of the
+// reader's blocks at many offsets.
+std::string LargeFile()
+{
+    std::mt19937 rng(4711);
+    std::string file = "[Big]\n";
+    char name[16];
+    for (int i = 0; i < 20000; ++i) {
+        snprintf(name, sizeof name, "v%07d=s=", i);
+        file += name + std::string(rng() % (i % 50 == 0 ? 1000 : 60), static_cast<char>('a' + i % 26)) + "\n";
+    }
+    return file + "\n[Other]\nbin=b=01 ff 10 \n\n\n";
 }
 
 std::string Repeat(const std::string& piece, int count)
@@ -107,6 +123,7 @@ TEST_F(CRegistryMalformedTest, BrokenFilesFallBackOrFail)
         {"value nested 200 levels deep", Nested(200), Nested(200)},
         {"value nested 2000 levels deep is skipped", Nested(2000), "<none>"},
         {"100000 levels do not exhaust the stack", Nested(100000), "<none>"},
+        {"a large file reads back byte for byte", LargeFile(), LargeFile()},
     };
     for (const FileCase& c : cases) {
         SCOPED_TRACE(c.what);
