@@ -149,18 +149,16 @@ TEST_F(KopregTest, CorruptRegistryFallsBackOrFailsClearly)
 
 TEST_F(KopregTest, UsageErrorsExit2)
 {
-    for (auto args : std::vector<std::vector<std::string>>{{},
-                                                           {"frobnicate"},
-                                                           {"--bogus", "list"},
-                                                           {"get", kKey},
-                                                           {"set", kKey, "V", "data"},
-                                                           {"set", kKey, "V", "--type", "q", "x"},
-                                                           {"set", kKey, "V", "--type", "d", "4294967296"},
-                                                           {"set", kKey, "V", "--type", "d", "12abc"},
-                                                           {"set", kKey, "V", "--type", "b", "abc"},
-                                                           {"set", kKey, "V", "--type", "b", "zz"},
-                                                           {"set", kKey, "a=b", "--type", "s", "x"},
-                                                           {"list", "a", "b"}}) {
+    const std::vector<std::vector<std::string>> usage = {
+        {}, {"frobnicate"}, {"--bogus", "list"}, {"get", kKey}, {"list", "a", "b"}, {"set", kKey, "V", "data"},
+        {"set", kKey, "a=b", "--type", "s", "x"},
+        {"set", kKey, "V", "--type", "q", "x"},
+        {"set", kKey, "V", "--type", "d", "4294967296"},
+        {"set", kKey, "V", "--type", "d", "12abc"},
+        {"set", kKey, "V", "--type", "b", "abc"},
+        {"set", kKey, "V", "--type", "b", "zz"},
+    };
+    for (const auto& args : usage) {
         auto r = Reg(args);
         EXPECT_TRUE(r.Exited(2)) << (args.empty() ? "" : args[0]) << " status " << r.exitCode << " " << r.err;
         EXPECT_EQ(r.err.rfind("kopreg: ", 0), 0u) << r.err;
