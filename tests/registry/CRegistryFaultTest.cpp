@@ -1,15 +1,58 @@
-// Saves of the registry that fail at every single write, fsync and rename:
-// a failed save keeps the tree dirty and leaves files from which the
-// previous tree still loads.  Also: files planted as symbolic links.
+// Saves that fail at every single open, write, fsync and rename, saves killed
+// at any moment, a new file planted as a symbolic link: the files on disk
+// always load as one whole tree, and a failed save keeps the tree dirty.
 #include "support/RegistryFixture.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
+#include <random>
 #include <string>
-#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
+
+// The tree of generation `gen` is fully determined by `gen`; its size
+// varies, so that a partial file cannot look like a whole one, and needs
+// several writes.
+int ValueCount(unsigned gen) { return 100 + static_cast<int>(gen % 40); }
+
+std::string ValueText(unsigned gen, int i)
+{
+    return "generation " + std::to_string(gen) + " value " + std::to_string(i) + std::string(i % 7 * 5, '*');
+}
+
+// Stores generation `gen` in place of the previous one and saves.
+void WriteGeneration(unsigned gen)
+{
+    CRegistry reg(CRegistry::HKEY_LOCAL_MACHINE);
+    reg.DeleteValue("Data");
+    ASSERT_EQ(reg.CreateKey(nullptr, "Data"), 0);
+    for (int i = 0; i < ValueCount(gen); ++i)
+        reg.SetValue(("value" + std::to_string(i)).c_str(), ValueText(gen, i).c_str());
+    reg.SetValue("gen", gen);
+}
+
+// Loads the files afresh: the one whole generation they hold, else -1.
+long LoadAndCheck()
+{
+    CRegistry::ResetForTests();
+    CRegistry reg;
+    unsigned gen = 0;
+    if (reg.Open("HKEY_LOCAL_MACHINE/Data") != 0 || reg.QueryValue(&gen, "gen") != 0) {
+        ADD_FAILURE() << "no whole registry could be loaded";
+        return -1;
+    }
+    EXPECT_EQ(reg.GetKey()->GetCount(), ValueCount(gen) + 1) << "generation " << gen;
+    for (int i = 0; i < ValueCount(gen); ++i) {
+        std::string text;
+        EXPECT_EQ(reg.QueryValue(text, ("value" + std::to_string(i)).c_str()), 0u);
+        EXPECT_EQ(text, ValueText(gen, i));
+    }
+    return gen;
+}
 
 enum Kind { kOpen, kWrite, kFsync, kRename, kKinds };
 const char* const kKindNames[] = {"open", "write", "fsync", "rename"};
@@ -39,69 +82,43 @@ protected:
         CRegistry::SetFileOps(nullptr);
         RegistryTest::TearDown();
     }
-    // Stores generation `gen` and enough values for several writes, then
-    // releases the handle (which saves).
-    static void Change(unsigned gen)
-    {
-        CRegistry reg;
-        ASSERT_EQ(0, reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, "SOFTWARE/Fault", false, 0));
-        ASSERT_EQ(0u, reg.SetValue("gen", gen));
-        std::string filler(60, static_cast<char>('a' + gen % 26));
-        for (int i = 0; i < 200; ++i)
-            ASSERT_EQ(0u, reg.SetValue(("v" + std::to_string(i)).c_str(), filler.c_str()));
-    }
-    // The generation a fresh load from the files gives (0: none).
-    static unsigned LoadedGeneration()
-    {
-        CRegistry::ResetForTests();
-        CRegistry reg;
-        unsigned gen = 0;
-        if (reg.Open("HKEY_LOCAL_MACHINE/SOFTWARE/Fault", nullptr, 0) != 0)
-            return 0;
-        reg.QueryValue(&gen, "gen");
-        return gen;
-    }
 };
 
 TEST_F(CRegistryFaultTest, FailureAtEveryFileOperationKeepsTheTreeDirtyAndTheFilesWhole)
 {
     // A clean save first, counting the calls of each kind.
     CRegistry::SetFileOps(&kFaultOps);
-    Change(1);
+    WriteGeneration(1);
     const int clean[kKinds] = {g_calls[kOpen], g_calls[kWrite], g_calls[kFsync], g_calls[kRename]};
     ASSERT_EQ(1, clean[kOpen]);
     ASSERT_GE(clean[kWrite], 2) << "the tree should need several writes";
     ASSERT_EQ(1, clean[kFsync]);
-    ASSERT_EQ(1, clean[kRename]); // no current file yet: nothing to keep as backup
-    Change(2);                    // now there is a current file to rotate
-    ASSERT_EQ(2, LoadedGeneration());
+    ASSERT_EQ(1, clean[kRename]);  // no current file yet: nothing to keep as backup
+    WriteGeneration(2);             // now there is a current file to rotate
+    ASSERT_EQ(2, LoadAndCheck());
 
-    unsigned gen = 2;
-    int rounds = 0;
+    long gen = 2;
     for (int kind = 0; kind < kKinds; ++kind) {
         const int calls = kind == kRename ? 2 : clean[kind];
         for (int at = 1; at <= calls; ++at) {
             SCOPED_TRACE(std::string(kKindNames[kind]) + " #" + std::to_string(at));
-            ++rounds;
             std::fill(std::begin(g_calls), std::end(g_calls), 0);
             g_failKind = kind;
             g_failAt = at;
-            Change(gen + 1);
+            WriteGeneration(gen + 1);
             g_failKind = -1;
             // Only a failed backup rotation lets the save go on.
             const bool saved = kind == kRename && at == 1;
             EXPECT_EQ(!saved, CRegistry::IsDirty());
             gen += saved ? 1 : 0;
-            EXPECT_EQ(gen, LoadedGeneration());
+            EXPECT_EQ(gen, LoadAndCheck());
             // The next save succeeds and is what a load then gives.
             std::fill(std::begin(g_calls), std::end(g_calls), 0);
-            Change(++gen);
+            WriteGeneration(++gen);
             EXPECT_FALSE(CRegistry::IsDirty());
-            EXPECT_EQ(gen, LoadedGeneration());
+            EXPECT_EQ(gen, LoadAndCheck());
         }
     }
-    RecordProperty("rounds", rounds);
-    EXPECT_GE(rounds, 6);
 }
 
 TEST_F(CRegistryFaultTest, PlantedSymlinkAtTheNewFileLeavesItsTargetUntouched)
@@ -110,15 +127,52 @@ TEST_F(CRegistryFaultTest, PlantedSymlinkAtTheNewFileLeavesItsTargetUntouched)
     const std::string victim = other.Sub("victim");
     ASSERT_TRUE(testsupport::WriteFile(victim, "precious\n"));
     ASSERT_EQ(0, symlink(victim.c_str(), New().c_str()));
-    Change(1);
-    EXPECT_TRUE(CRegistry::IsDirty()); // the save refused the link
+    WriteGeneration(1);
+    EXPECT_TRUE(CRegistry::IsDirty());  // the save refused the link
     EXPECT_EQ("precious\n", testsupport::ReadFile(victim));
     // Once the link is gone the save goes through.
     ASSERT_EQ(0, unlink(New().c_str()));
-    Change(2);
+    WriteGeneration(2);
     EXPECT_FALSE(CRegistry::IsDirty());
-    EXPECT_EQ(2u, LoadedGeneration());
+    EXPECT_EQ(2, LoadAndCheck());
     EXPECT_EQ("precious\n", testsupport::ReadFile(victim));
 }
 
 } // namespace
+
+TEST_F(RegistryTest, KilledSavesLeaveAWholeTree)
+{
+    WriteGeneration(1);
+    ASSERT_EQ(LoadAndCheck(), 1);
+    std::mt19937 rng(12345);
+    long lastGen = 1;
+    for (int round = 0; round < 40; ++round) {
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            // Goes on from the tree just loaded, telling the parent of each
+            // completed save, until killed.
+            for (unsigned gen = static_cast<unsigned>(lastGen) + 1;; ++gen) {
+                WriteGeneration(gen);
+                if (write(writeEnd.Get(), "s", 1) != 1)
+                    _exit(4);
+            }
+        }
+        writeEnd.Reset();
+        // The kill falls at a random point after the first completed save
+        // of this round, whatever the speed of the machine.
+        char saved = 0;
+        ASSERT_EQ(read(readEnd.Get(), &saved, 1), 1) << "round " << round;
+        usleep(static_cast<useconds_t>(rng() % 5000));
+        ASSERT_EQ(kill(child, SIGKILL), 0);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "child ended by itself, status " << status;
+        long gen = LoadAndCheck();
+        ASSERT_GT(gen, lastGen) << "round " << round;
+        lastGen = gen;
+    }
+}

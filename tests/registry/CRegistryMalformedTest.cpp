@@ -1,142 +1,137 @@
-// Malformed lines of the registry file and exactly what the tree holds
-// after reading them.
+// Malformed registry files and exactly the tree the reader builds from
+// them, as that tree writes itself out again.
 #include "support/RegistryFixture.h"
 
-#include "registry/CRegistryNode.h"
-
 #include <cstdio>
+#include <random>
 #include <string>
-#include <vector>
 
 namespace {
 
-struct LineCase {
-    const char* what;
-    std::string line;     // written as the only value line besides "ok=d=1"
-    const char* name;     // the value looked at
-    std::string expected; // "absent", "s:<text>", "es:<text>", "d:<unsigned>", "b:<hex bytes>"
-};
+using namespace std::string_literals;
 
-// The value `name` of HKEY_LOCAL_MACHINE in the notation of LineCase.
-std::string Describe(const char* name)
-{
-    CRegistry reg;
-    if (reg.Open("HKEY_LOCAL_MACHINE", nullptr, 0) != 0)
-        return "no key";
-    reg.SetExpand(false);
-    unsigned char* v = reg.GetValue(name);
-    if (!v) {
-        // An empty binary value has nothing to return: look for its name.
-        char found[1100];
-        for (unsigned i = 0;; ++i) {
-            unsigned size = sizeof found;
-            if (reg.EnumVal(found, &size, i, RegBinary, nullptr, nullptr) != 0)
-                return "absent";
-            if (std::string(found) == name)
-                return "b:";
-        }
-    }
-    char hex[4];
-    switch (reg.GetLastType()) {
-    case RegString:
-        return "s:" + std::string(reinterpret_cast<char*>(v));
-    case RegExpandString:
-        return "es:" + std::string(reinterpret_cast<char*>(v));
-    case RegNumber: {
-        unsigned n = 0;
-        reg.QueryValue(&n, name);
-        return "d:" + std::to_string(n);
-    }
-    case RegBinary: {
-        std::string out = "b:";
-        for (int i = 0; i < reg.GetLastSize(); ++i) {
-            snprintf(hex, sizeof hex, "%02x", v[i]);
-            out += hex;
-        }
-        return out;
-    }
-    default:
-        return "type " + std::to_string(reg.GetLastType());
-    }
-}
-
+// A value `depth` keys deep, in the form a dump of it takes.
 std::string Nested(int depth)
 {
     std::string s;
     for (int i = 0; i < depth; ++i)
         s += "[k]\n";
-    return s + "x=d=1\n";
+    return s + "x=d=1\n" + std::string(depth + 1, '\n');
 }
 
-class CRegistryMalformedTest : public RegistryTest {};
+// 20000 values of one key in sorted order, on lines of random lengths (up
+// to the 1023-character limit on every 50th) that cross the borders of the
+// reader's blocks at many offsets.
+std::string LargeFile()
+{
+    std::mt19937 rng(4711);
+    std::string file = "[Big]\n";
+    char name[16];
+    for (int i = 0; i < 20000; ++i) {
+        snprintf(name, sizeof name, "v%07d=s=", i);
+        file += name + std::string(rng() % (i % 50 == 0 ? 1000 : 60), static_cast<char>('a' + i % 26)) + "\n";
+    }
+    return file + "\n[Other]\nbin=b=01 ff 10 \n\n\n";
+}
+
+std::string Repeat(const std::string& piece, int count)
+{
+    std::string s;
+    for (int i = 0; i < count; ++i)
+        s += piece;
+    return s;
+}
+
+class CRegistryMalformedTest : public RegistryTest {
+protected:
+    // The tree ReadTree builds from `content`, dumped; "<none>" when it
+    // reports that nothing was read.
+    std::string Read(const std::string& content)
+    {
+        EXPECT_TRUE(testsupport::WriteFile(Current(), content));
+        CRegistryNode node;
+        return CRegistry::ReadTree(Current().c_str(), &node) ? Dump(node) : "<none>";
+    }
+};
 
 TEST_F(CRegistryMalformedTest, EachLineReadsAsExpected)
 {
-    using namespace std::string_literals;
-    const std::string longText(1100, 'a');
-    const std::vector<LineCase> cases = {
-        {"binary, one odd digit", "x=b=a", "x", "b:0a"},
-        {"binary, three digits in one group", "x=b=abc", "x", "b:bc"},
-        {"binary, single digits with blanks", "x=b=1 2 3", "x", "b:010203"},
-        {"binary, no hex digit", "x=b=zz", "x", "b:"},
-        {"binary, digits then garbage", "x=b=0a zz 0b", "x", "b:0a"},
-        {"binary, more bytes than its capacity", "x=b=1 2 3 4 5 6 7 8 9", "x", "b:01020304050607"},
-        {"binary, empty", "x=b=", "x", "b:"},
-        {"binary, negative group", "x=b=-1 ", "x", "b:ff"},
-        {"number overflows long", "x=d=99999999999999999999", "x", "d:4294967295"},
-        {"number above 32 bits", "x=d=4294967297", "x", "d:1"},
-        {"number negative", "x=d=-1", "x", "d:4294967295"},
-        {"number with trailing text", "x=d=12abc", "x", "d:12"},
-        {"number without digits", "x=d=abc", "x", "absent"},
-        {"number with leading blanks and sign", "x=d=  +7", "x", "d:7"},
-        {"unknown tag", "x=q=1", "x", "absent"},
-        {"no tag", "x=1", "x", "absent"},
-        {"no equals sign", "x", "x", "absent"},
-        {"string keeps a carriage return", "x=s=abc\r", "x", "s:abc\r"},
-        {"string keeps blanks", "x=s= a b ", "x", "s: a b "},
-        {"expandable string kept unexpanded", "x=es=%HOME%", "x", "es:%HOME%"},
-        {"name with blanks", " x =s=1", " x ", "s:1"},
-        {"empty name", "=s=v", "", "s:v"},
-        {"NUL inside the value", "x=s=ab\0cd"s, "x", "s:ab"},
-        {"NUL inside the name", "x\0=s=v"s, "x", "absent"},
-        {"string line over 1023 characters is cut", "x=s=" + longText, "x", "s:" + std::string(1019, 'a')},
-        {"continuation of a long line read as a line", "y=s=" + std::string(1019, 'b') + "x=s=tail", "x",
-         "s:tail"},
-        {"section without closing bracket is a value line", "[x=s=v", "[x", "s:v"},
+    const std::string a1019(1019, 'a');
+    const std::string b1019(1019, 'b');
+    struct LineCase {
+        const char* what;
+        std::string line;  // followed by a subkey whose value must still be read
+        std::string dump;  // what the line leaves in the tree ("" nothing)
+    } const cases[] = {
+        {"binary, one odd digit", "x=b=a", "x=b=0a \n"},
+        {"binary, three digits in one group", "x=b=abc", "x=b=bc \n"},
+        {"binary, single digits with blanks", "x=b=1 2 3", "x=b=01 02 03 \n"},
+        {"binary, no hex digit", "x=b=zz", "x=b=\n"},
+        {"binary, digits then garbage", "x=b=0a zz 0b", "x=b=0a \n"},
+        {"binary, more bytes than its capacity", "x=b=1 2 3 4 5 6 7 8 9", "x=b=01 02 03 04 05 06 07 \n"},
+        {"binary, negative group", "x=b=-1 ", "x=b=ff \n"},
+        {"binary, 0x prefix and a comma", "x=b=0x1F,2", "x=b=1f \n"},
+        {"binary, group beyond a long", "x=b=123456789abcdef0123", "x=b=ff \n"},
+        {"binary, any white space before a group", "x=b=\t\v\f\r 0a", "x=b=0a \n"},
+        {"binary line cut at 1023 characters, then at its capacity", "x=b=" + Repeat("1 ", 600) + "1",
+         "x=b=" + Repeat("01 ", 341) + "\n"},
+        {"number overflows long", "x=d=99999999999999999999", "x=d=-1\n"},
+        {"number above 32 bits", "x=d=4294967297", "x=d=1\n"},
+        {"number below -2^31", "x=d=-2147483649", "x=d=2147483647\n"},
+        {"number with trailing text", "x=d=12abc", "x=d=12\n"},
+        {"number without digits", "x=d=abc", ""},
+        {"number with leading blanks and sign", "x=d=  +7", "x=d=7\n"},
+        {"unknown tag", "x=q=1", ""},
+        {"no equals sign", "x", ""},
+        {"string keeps a carriage return", "x=s=abc\r", "x=s=abc\r\n"},
+        {"string keeps blanks", "x=s= a b ", "x=s= a b \n"},
+        {"expandable string kept unexpanded", "x=es=%HOME%", "x=es=%HOME%\n"},
+        {"name with blanks", " x =s=1", " x =s=1\n"},
+        {"empty name", "=s=v", "=s=v\n"},
+        {"NUL inside the value", "x=s=ab\0cd"s, "x=s=ab\n"},
+        {"NUL inside the name", "x\0=s=v"s, ""},
+        {"string line over 1023 characters is cut", "x=s=" + a1019 + "aaaa", "x=s=" + a1019 + "\n"},
+        {"continuation of a long line read as a line", "y=s=" + b1019 + "x=s=tail",
+         "x=s=tail\ny=s=" + b1019 + "\n"},
+        {"section without closing bracket is a value line", "[x=s=v", "[x=s=v\n"},
     };
+    const std::string after = "[~]\nok=d=1\n\n\n";
     for (const LineCase& c : cases) {
         SCOPED_TRACE(c.what);
-        ASSERT_TRUE(testsupport::WriteFile(Current(), "[HKEY_LOCAL_MACHINE]\n" + c.line + "\nok=d=1\n\n"));
-        Reload();
-        EXPECT_EQ(c.expected, Describe(c.name));
-        EXPECT_EQ("d:1", Describe("ok"));
+        EXPECT_EQ(Read(c.line + "\n" + after), c.dump + after);
     }
 }
 
 TEST_F(CRegistryMalformedTest, BrokenFilesFallBackOrFail)
 {
-    using namespace std::string_literals;
     struct FileCase {
         const char* what;
         std::string content;
-        bool read;
-    };
-    const std::vector<FileCase> cases = {
-        {"empty file", "", false},
-        {"only empty lines", "\n\n\n", false},
-        {"only a NUL", "\0"s, false},
-        {"sections without values", "[A]\n[B]\n\n\n", false},
-        {"unterminated section and no newline", "[A]\nx=d=1", true},
-        {"value after the root block is ignored", "\nx=d=1\n", false},
-        {"value nested 200 levels deep", Nested(200), true},
-        {"value nested 2000 levels deep is skipped", Nested(2000), false},
+        std::string dump;
+    } const cases[] = {
+        {"empty file", "", "<none>"},
+        {"only empty lines", "\n\n\n", "<none>"},
+        {"only a NUL", "\0"s, "<none>"},
+        {"sections without values", "[A]\n[B]\n\n\n", "<none>"},
+        {"unterminated section and no final line feed", "[A]\nx=d=1", "[A]\nx=d=1\n\n\n"},
+        {"sections after the root block's end", "x=d=1\n\n[After]\nz=d=1\n", "x=d=1\n\n"},
+        {"a line starting with NUL ends the block", "[A]\n\0junk\nx=d=1\n\n"s, "x=d=1\n[A]\n\n\n"},
+        {"empty section name", "[]\nv=d=1\n\n\n", "[]\nv=d=1\n\n\n"},
+        {"a repeated section replaces the first", "[K]\nfirst=d=1\n\n[K]\nsecond=d=2\n\n\n",
+         "[K]\nsecond=d=2\n\n\n"},
+        {"a block of only a bad number still counts as read", "[K]\nx=d=abc\n\n\n", "[K]\n\n\n"},
+        {"value nested 200 levels deep", Nested(200), Nested(200)},
+        {"value nested 2000 levels deep is skipped", Nested(2000), "<none>"},
+        {"100000 levels do not exhaust the stack", Nested(100000), "<none>"},
+        {"a large file reads back byte for byte", LargeFile(), LargeFile()},
     };
     for (const FileCase& c : cases) {
         SCOPED_TRACE(c.what);
-        ASSERT_TRUE(testsupport::WriteFile(Current(), c.content));
-        CRegistryNode node;
-        EXPECT_EQ(c.read, CRegistry::ReadTree(Current().c_str(), &node));
+        EXPECT_EQ(Read(c.content), c.dump);
     }
+    CRegistryNode node;
+    EXPECT_FALSE(CRegistry::ReadTree("", &node));
+    EXPECT_FALSE(CRegistry::ReadTree(m_Dir.Sub("missing").c_str(), &node));
 }
 
 } // namespace

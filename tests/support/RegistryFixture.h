@@ -5,8 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
+#include "common/UniqueHandle.h"
 #include "registry/CRegistry.h"
 #include "support/TestSupport.h"
 
@@ -29,6 +32,18 @@ protected:
     std::string New() const { return m_Dir.Sub(CRegistry::kNewName); }
     /// Drops the tree so that the next handle loads from the files.
     static void Reload() { CRegistry::ResetForTests(); }
+    /// The block `node` writes (its values, subkeys and closing empty line).
+    static std::string Dump(const CRegistryNode& node)
+    {
+        char* text = nullptr;
+        size_t size = 0;
+        UniqueFile f(open_memstream(&text, &size));
+        EXPECT_TRUE(f && node.dumpNode(f.Get()));
+        f.Reset();  // flushes into `text`
+        std::string out(text ? text : "", size);
+        free(text);
+        return out;
+    }
 
     testsupport::TempDir m_Dir;
 };

@@ -1,12 +1,11 @@
 // kophw against an inventory snapshot made of the shared fixtures.
 #include "ToolTestSupport.h"
 
-#include "common/UniqueHandle.h"
+#include "support/Firmware.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
 using tooltest::json;
@@ -15,45 +14,27 @@ namespace {
 
 const std::string kTool = KOPHW_PATH;
 
-void CopyTree(const std::string& from, const std::string& to)
-{
-    UniqueDir d(opendir(from.c_str()));
-    ASSERT_TRUE(d) << from;
-    testsupport::MakeDirs(to);
-    while (struct dirent* e = readdir(d.Get())) {
-        std::string n = e->d_name;
-        if (n == "." || n == ".." || n == "lspci.txt")
-            continue;
-        if (e->d_type == DT_DIR)
-            CopyTree(from + "/" + n, to + "/" + n);
-        else
-            testsupport::WriteFile(to + "/" + n, testsupport::ReadFile(from + "/" + n));
-    }
-}
-
 class KophwTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        const std::string root = m_Snap.Path();
-        CopyTree(testsupport::FixturesDir() + "/procpci-vm", root + "/proc/bus/pci");
-        std::string smbios = testsupport::FixturesDir() + "/smbios/toshiba-satellite-pro-l70a";
-        testsupport::WriteFile(root + "/sys/firmware/dmi/tables/smbios_entry_point", testsupport::ReadFile(smbios + ".ep"));
-        testsupport::WriteFile(root + "/sys/firmware/dmi/tables/DMI", testsupport::ReadFile(smbios + ".dmi"));
+        const std::string smbios = "toshiba-satellite-pro-l70a";
+        m_Snap.CopyFixture("procpci-vm", "/proc/bus/pci");
+        m_Snap.SetSysfsSmbios(hwtest::SmbiosFixture(smbios + ".ep"), hwtest::SmbiosFixture(smbios + ".dmi"));
         // A disk behind the function 00:01.0, and a virtual one without device link.
-        std::string dev = "/sys/devices/pci0000:00/0000:00:01.0/host0/target0:0:0/0:0:0:0";
-        testsupport::WriteFile(root + dev + "/model", "Test Disk       \n");
-        testsupport::WriteFile(root + dev + "/vendor", "ACME    \n");
-        testsupport::WriteFile(root + "/sys/block/sda/size", "2048\n");
-        ASSERT_EQ(symlink(("../../.." + dev).c_str(), (root + "/sys/block/sda/device").c_str()), 0);
-        testsupport::WriteFile(root + "/sys/block/dm-0/size", "100\n");
-        testsupport::WriteFile(root + "/proc/self/mounts",
-                               "/dev/sda1 / ext4 rw,relatime 0 0\nproc /proc proc rw 0 0\n");
+        const std::string dev = "/sys/devices/pci0000:00/0000:00:01.0/host0/target0:0:0/0:0:0:0";
+        m_Snap.Write(dev + "/model", "Test Disk       \n");
+        m_Snap.Write(dev + "/vendor", "ACME    \n");
+        m_Snap.Write("/sys/block/sda/size", "2048\n");
+        ASSERT_EQ(symlink(("../../.." + dev).c_str(), m_Snap.Path("/sys/block/sda/device").c_str()), 0);
+        m_Snap.Write("/sys/block/dm-0/size", "100\n");
+        m_Snap.Write("/proc/self/mounts", "/dev/sda1 / ext4 rw,relatime 0 0\nproc /proc proc rw 0 0\n");
         // The kernel agrees about 00:01 and names a different slot for 00:03.
-        testsupport::WriteFile(root + "/sys/bus/pci/slots/1/address", "0000:00:01\n");
-        testsupport::WriteFile(root + "/sys/bus/pci/slots/9/address", "0000:00:03\n");
-        testsupport::WriteFile(root + "/sys/bus/pci/slots/bad/address", "junk\n");
-        testsupport::WriteFile(root + "/etc/tarvd/Adapter.ini", "[Adapters]\n1af4:1045=Balloon Device\n");
+        m_Snap.Write("/sys/bus/pci/slots/1/address", "0000:00:01\n");
+        m_Snap.Write("/sys/bus/pci/slots/9/address", "0000:00:03\n");
+        m_Snap.Write("/sys/bus/pci/slots/bad/address", "junk\n");
+        m_Snap.Write("/etc/tarvd/Adapter.ini", "[Adapters]\n1af4:1045=Balloon Device\n");
+        m_Root = m_Snap.Path("");
     }
     static json Inventory(const std::string& root, int exitCode = 0)
     {
@@ -63,72 +44,48 @@ protected:
         EXPECT_FALSE(j.is_discarded()) << r.out.substr(0, 1000);
         return j;
     }
-    testsupport::TempDir m_Snap;
+    hwtest::FakeRoot m_Snap;
+    std::string m_Root;
 };
 
 } // namespace
 
 TEST_F(KophwTest, SnapshotShowsFunctionsSlotsDevicesAndSmbios)
 {
-    json j = Inventory(m_Snap.Path());
-    ASSERT_TRUE(j.at("pci").is_array());
-    EXPECT_GE(j.at("pci").size(), 4u);
-    const json* host = tooltest::FindBy(j.at("pci"), "address", "0000:00:00.0");
-    ASSERT_NE(host, nullptr);
-    EXPECT_EQ(host->at("vendor_id"), "8086");
-    EXPECT_EQ(host->at("device_id"), "0d57");
-    EXPECT_EQ(host->at("class"), 6);
-    EXPECT_EQ(host->at("subclass_name"), "Host bridge");
-    EXPECT_TRUE(host->at("kernel_slot").is_null());
-
-    // 00:01.0 sits in SMBIOS slot 1 (bus 0, device 1), as the kernel says.
-    const json* balloon = tooltest::FindBy(j.at("pci"), "address", "0000:00:01.0");
-    ASSERT_NE(balloon, nullptr);
-    EXPECT_EQ(balloon->at("slot"), 1);
-    EXPECT_EQ(balloon->at("kernel_slot"), "1");
-    EXPECT_TRUE(balloon->at("slot_disagreement").is_null());
-    const json* third = tooltest::FindBy(j.at("pci"), "address", "0000:00:03.0");
-    ASSERT_NE(third, nullptr);
-    EXPECT_EQ(third->at("kernel_slot"), "9");
-    EXPECT_FALSE(third->at("slot_disagreement").is_null());
+    using tooltest::HasMembers;
+    json j = Inventory(m_Root);
+    auto pci = [&j](const char* address) { return tooltest::FindBy(j.at("pci"), "address", address); };
+    EXPECT_TRUE(HasMembers(pci("0000:00:00.0"), R"({"vendor_id": "8086", "device_id": "0d57", "class": 6,
+        "subclass_name": "Host bridge", "kernel_slot": null})"));
+    // 00:01.0 sits in SMBIOS slot 1 (bus 0, device 1), as the kernel says; for
+    // 00:03.0 the kernel names another slot.
+    EXPECT_TRUE(HasMembers(pci("0000:00:01.0"), R"({"slot": 1, "kernel_slot": "1", "slot_disagreement": null})"));
+    ASSERT_TRUE(HasMembers(pci("0000:00:03.0"), R"({"kernel_slot": "9"})"));
+    EXPECT_FALSE(pci("0000:00:03.0")->at("slot_disagreement").is_null());
     ASSERT_EQ(j.at("slot_disagreements").size(), 1u);
     EXPECT_EQ(j.at("slot_disagreements")[0].get<std::string>().rfind("0000:00:03.0: ", 0), 0u);
 
     // Adapters with names from the adapter list, the drive and the volume.
     const json* adapter = tooltest::FindBy(j.at("adapters"), "address", "0000:00:01.0");
-    ASSERT_NE(adapter, nullptr);
-    EXPECT_EQ(adapter->at("name"), "Balloon Device");
+    EXPECT_TRUE(HasMembers(adapter, R"({"name": "Balloon Device"})"));
     ASSERT_EQ(j.at("drives").size(), 1u);
-    const json& drive = j.at("drives")[0];
-    EXPECT_EQ(drive.at("name"), "sda");
-    EXPECT_EQ(drive.at("model"), "Test Disk");
-    EXPECT_EQ(drive.at("vendor"), "ACME");
-    EXPECT_EQ(drive.at("size_bytes"), 2048 * 512);
-    EXPECT_EQ(drive.at("pci_address"), "0000:00:01.0");
+    EXPECT_TRUE(HasMembers(&j.at("drives")[0], R"({"name": "sda", "model": "Test Disk", "vendor": "ACME",
+        "size_bytes": 1048576, "pci_address": "0000:00:01.0"})"));
     ASSERT_EQ(j.at("volumes").size(), 1u);
     EXPECT_EQ(j.at("volumes")[0].at("device"), "/dev/sda1");
 
     const json& s = j.at("smbios");
-    EXPECT_EQ(s.at("found"), true);
-    EXPECT_EQ(s.at("source"), "sysfs");
-    EXPECT_EQ(s.at("version"), "2.7");
-    EXPECT_EQ(s.at("structures").at("9"), 8);
-    EXPECT_EQ(s.at("structures").at("41"), 1);
+    EXPECT_TRUE(HasMembers(&s, R"({"found": true, "source": "sysfs", "version": "2.7"})"));
+    EXPECT_TRUE(HasMembers(&s.at("structures"), R"({"9": 8, "41": 1})"));
     ASSERT_EQ(s.at("system_slots").size(), 8u);
-    const json& first = s.at("system_slots")[0];
-    EXPECT_EQ(first.at("type"), 0xAA);
-    EXPECT_EQ(first.at("type_name"), "PCI Express x16");
-    ASSERT_TRUE(first.at("designation").is_string());
-    EXPECT_FALSE(first.at("designation").get<std::string>().empty());
-    EXPECT_GE(first.at("current_usage"), 1);
-    EXPECT_LE(first.at("current_usage"), 5);
+    EXPECT_TRUE(HasMembers(&s.at("system_slots")[0], R"({"type": 170, "type_name": "PCI Express x16"})"));
 
     // Human form.
-    auto r = tooltest::Run(kTool, {"--root", m_Snap.Path(), "pci"});
+    auto r = tooltest::Run(kTool, {"--root", m_Root, "pci"});
     ASSERT_TRUE(r.Exited(0)) << r.err;
     EXPECT_NE(r.out.find("0000:00:00.0  8086:0d57"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("DISAGREES"), std::string::npos);
-    r = tooltest::Run(kTool, {"--root", m_Snap.Path(), "smbios"});
+    r = tooltest::Run(kTool, {"--root", m_Root, "smbios"});
     ASSERT_TRUE(r.Exited(0)) << r.err;
     EXPECT_NE(r.out.find("SMBIOS 2.7 from sysfs"), std::string::npos) << r.out;
 }
@@ -137,7 +94,7 @@ TEST_F(KophwTest, CaptureOfSnapshotReplaysTheSame)
 {
     testsupport::TempDir out;
     std::string dest = out.Sub("snap");
-    auto r = tooltest::Run(kTool, {"--root", m_Snap.Path(), "capture", dest});
+    auto r = tooltest::Run(kTool, {"--root", m_Root, "capture", dest});
     ASSERT_TRUE(r.Exited(0)) << r.err;
     EXPECT_NE(r.out.find("physical memory is not captured"), std::string::npos);
     // The device link is relative, so the snapshot can be moved.
@@ -146,21 +103,15 @@ TEST_F(KophwTest, CaptureOfSnapshotReplaysTheSame)
     EXPECT_EQ(std::string(link).rfind("../../../sys/devices/", 0), 0u) << link;
     EXPECT_FALSE(testsupport::FileExists(dest + "/sys/block/dm-0/device"));
     EXPECT_EQ(testsupport::ReadFile(dest + "/proc/bus/pci/00/01.0"),
-              testsupport::ReadFile(m_Snap.Path() + "/proc/bus/pci/00/01.0"));
+              testsupport::ReadFile(m_Root + "/proc/bus/pci/00/01.0"));
 
-    json a = Inventory(m_Snap.Path());
+    // The snapshot reads back exactly as the tree it was taken from.
+    json a = Inventory(m_Root);
     json b = Inventory(dest);
-    ASSERT_EQ(a.at("pci").size(), b.at("pci").size());
-    for (size_t i = 0; i < a.at("pci").size(); ++i) {
-        for (const char* key : {"address", "slot", "kernel_slot"})
-            EXPECT_EQ(a.at("pci")[i].at(key), b.at("pci")[i].at(key)) << i << " " << key;
-    }
-    EXPECT_EQ(b.at("drives")[0].at("pci_address"), "0000:00:01.0");
-    EXPECT_EQ(b.at("drives")[0].at("model"), "Test Disk");
-    EXPECT_EQ(b.at("smbios").at("version"), "2.7");
-    EXPECT_EQ(b.at("smbios").at("system_slots").size(), 8u);
-    EXPECT_EQ(b.at("volumes").size(), 1u);
-    EXPECT_EQ(b.at("adapters").size(), a.at("adapters").size());
+    for (const char* part : {"pci", "adapters", "drives", "smbios"})
+        EXPECT_EQ(a.at(part), b.at(part)) << part;
+    // The volume's sizes are those of the live file system.
+    EXPECT_TRUE(tooltest::HasMembers(&b.at("volumes").at(0), R"({"device": "/dev/sda1", "mount_point": "/"})"));
 }
 
 TEST_F(KophwTest, EmptyMissingAndDamagedRoots)
@@ -179,10 +130,10 @@ TEST_F(KophwTest, EmptyMissingAndDamagedRoots)
     EXPECT_NE(r.err.find("is not a directory"), std::string::npos);
 
     // Truncated SMBIOS table and configuration files: no crash.
-    std::string dmi = m_Snap.Path() + "/sys/firmware/dmi/tables/DMI";
+    std::string dmi = m_Root + "/sys/firmware/dmi/tables/DMI";
     testsupport::WriteFile(dmi, testsupport::ReadFile(dmi).substr(0, 300));
-    testsupport::WriteFile(m_Snap.Path() + "/proc/bus/pci/00/02.0", "\x86\x80");
-    Inventory(m_Snap.Path());
+    testsupport::WriteFile(m_Root + "/proc/bus/pci/00/02.0", "\x86\x80");
+    Inventory(m_Root);
 
     for (const char* bad : {"frob", "--bogus", "capture", "--root"})
         EXPECT_TRUE(tooltest::Run(kTool, {bad}).Exited(2)) << bad;

@@ -4,11 +4,10 @@
 
 #include "support/ChildProcess.h"
 
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace tooltest {
 
@@ -23,27 +22,27 @@ inline json ParseOutput(const std::string& text) { return json::parse(text, null
 
 /// The element of array `items` whose member `key` equals `value`; null
 /// when there is none.
-const json* FindBy(const json& items, const char* key, const json& value);
+inline const json* FindBy(const json& items, const char* key, const json& value)
+{
+    if (!items.is_array())
+        return nullptr;
+    for (const json& item : items)
+        if (item.is_object() && item.contains(key) && item.at(key) == value)
+            return &item;
+    return nullptr;
+}
 
-/// A parsed document as a plain tree, for the trace tool's tests, which
-/// still read their output in this form.
-struct Json {
-    enum Type { Null, Bool, Number, String, Array, Object } type = Null;
-    bool boolean = false;
-    double number = 0;
-    std::string text;
-    std::vector<Json> items;
-    std::vector<std::pair<std::string, Json>> members;
-
-    bool IsNull() const { return type == Null; }
-    /// The member `name` (a Null value when absent).
-    const Json& operator[](const std::string& name) const;
-    const Json& operator[](size_t index) const;
-    bool Has(const std::string& name) const;
-    size_t Size() const { return type == Array ? items.size() : members.size(); }
-};
-
-/// Strict parse of the whole text into the plain tree.
-bool ParseJson(const std::string& text, Json& out, std::string* error = nullptr);
+/// Success when every member of the object `subset` (JSON text) is in
+/// `*object` with the same value.
+inline ::testing::AssertionResult HasMembers(const json* object, const char* subset)
+{
+    if (object == nullptr)
+        return ::testing::AssertionFailure() << "no such object";
+    const json expected = json::parse(subset);
+    for (const auto& [key, value] : expected.items())
+        if (!object->contains(key) || object->at(key) != value)
+            return ::testing::AssertionFailure() << "member " << key << " differs in " << *object;
+    return ::testing::AssertionSuccess();
+}
 
 } // namespace tooltest
