@@ -1,16 +1,15 @@
 // Drives, volumes and the device scan orchestrator (lock, watcher, terminate).
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <future>
-#include <thread>
 #include <unistd.h>
 
 #include "hwinfo/CSystemDeviceScan.h"
 #include "support/Firmware.h"
+#include "support/Wait.h"
 
 using namespace hwtest;
-using namespace std::chrono_literals;
+using testsupport::WaitFor;
 
 namespace {
 
@@ -38,15 +37,6 @@ void MakeMachine(const FakeRoot& root)
     root.Write("/proc/self/mounts", std::string("/dev/sda1 / ext4 rw 0 0\nproc /proc proc rw 0 0\ntmpfs /run tmpfs rw 0 0\n"
                                                 "/dev/sda2 /boot xfs rw 0 0\nsystemd-1 /home autofs rw 0 0\n"
                                                 "/dev/sdb1 /mnt/data\\040dir ext4 rw 0 0\nbroken-line\n"));
-}
-
-template <typename Pred>
-bool WaitFor(Pred pred)
-{
-    for (auto deadline = std::chrono::steady_clock::now() + 10s; !pred(); std::this_thread::sleep_for(2ms))
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-    return true;
 }
 
 } // namespace

@@ -1,9 +1,7 @@
 // Helpers of the bundled modules' tests: loading a module the way the
-// framework does, a machine snapshot for the inventory, a made-up proc root
-// for the performance figures, and registry readers.
+// framework does, a machine snapshot, a made-up proc root, registry readers.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <dlfcn.h>
 #include <map>
@@ -12,8 +10,8 @@
 
 #include "common/UniqueHandle.h"
 #include "framework/tarvd_module.h"
-#include "hwinfo/HwTestUtil.h"
 #include "registry/CRegistry.h"
+#include "support/Firmware.h"
 #include "support/TestSupport.h"
 #include "support/Wait.h"
 
@@ -21,27 +19,23 @@ namespace modtest {
 
 using testsupport::MakeDirs;
 using testsupport::ReadFile;
+using testsupport::WaitFor;
 using testsupport::WriteFile;
 
 /// One module shared object, opened with dlopen and closed with dlclose.
 class ModuleLibrary {
 public:
-    explicit ModuleLibrary(const std::string& path) : m_Handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL))
+    explicit ModuleLibrary(const char* path) : m_Handle(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {}
+    /// The module's table; null (the cause in dlerror) when it has none.
+    const TarvdModuleV1* Table() const
     {
-        const char* e = m_Handle ? nullptr : dlerror();
         auto entry = m_Handle ? reinterpret_cast<TarvdModuleEntry>(dlsym(m_Handle.Get(), TARVD_MODULE_ENTRY)) : nullptr;
-        m_Table = entry ? entry() : nullptr;
-        m_Error = m_Table ? "" : m_Handle ? "no entry point" : e ? e : "dlopen failed";
+        return entry ? entry() : nullptr;
     }
-
-    const TarvdModuleV1* operator->() const { return m_Table; }
-    const TarvdModuleV1* Table() const { return m_Table; }
-    const std::string& Error() const { return m_Error; }
+    const TarvdModuleV1* operator->() const { return Table(); }
 
 private:
     UniqueLibrary m_Handle;
-    const TarvdModuleV1* m_Table = nullptr;
-    std::string m_Error;
 };
 
 /// A loader configuration whose getValue answers from a map.
@@ -69,50 +63,11 @@ private:
     TarvdModuleConfig m_Config{};
 };
 
-/// Milliseconds that `f` took.
-template <typename F>
-long long TimedMs(F f)
-{
-    auto start = std::chrono::steady_clock::now();
-    f();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
-
-/// Polls `done` until it is true or `seconds` pass.
-template <typename F>
-bool WaitFor(F done, int seconds = 30)
-{
-    return testsupport::WaitFor(done, std::chrono::seconds(seconds));
-}
-
-// ---- machine snapshot --------------------------------------------------------
-
-/// A PCI configuration header (64 bytes) of a function.
-inline hwtest::Bytes PciHeader(uint16_t vendor, uint16_t device, uint8_t baseClass, uint8_t subClass)
-{
-    hwtest::Bytes b(64, 0);
-    hwtest::PutLe16(b, 0, vendor);
-    hwtest::PutLe16(b, 2, device);
-    b[0x0A] = subClass;
-    b[0x0B] = baseClass;
-    return b;
-}
-
 /// SMBIOS through sysfs: `ep` and `dmi` as the entry point and the table.
 inline void WriteSmbios(const std::string& root, const std::string& ep, const std::string& dmi)
 {
-    WriteFile(root + "/sys/firmware/dmi/tables/smbios_entry_point", ep);
-    WriteFile(root + "/sys/firmware/dmi/tables/DMI", dmi);
-}
-
-/// A table with one conventional PCI slot (type 9, slot type 0x06: it
-/// holds only its own device) `slotId` for bus 0, device `device`.
-inline void WriteSlotTable(const std::string& root, uint8_t device, uint8_t slotId)
-{
-    using namespace hwtest;
-    Bytes table = Concat({SlotStructure(0x0900, 0x06, 4, slotId, 0, static_cast<uint8_t>(device << 3)),
-                          EndOfTable(0x7F00)});
-    WriteSmbios(root, Str(EntryPoint30(static_cast<uint32_t>(table.size()), 0x20)), Str(table));
+    WriteFile(root + hwinfo::kSysfsSmbiosEntryPoint, ep);
+    WriteFile(root + hwinfo::kSysfsSmbiosTable, dmi);
 }
 
 /// A block device below the PCI function `pciAddress` ("0000:00:02.0").
@@ -144,14 +99,12 @@ inline void MakeSnapshot(const std::string& root)
                                           "/dev/vda2 /boot xfs rw 0 0\n/dev/vda3 /srv/data\\040dir ext4 rw 0 0\n");
 }
 
-// ---- fake proc root for the performance monitor --------------------------------
-
 inline void WriteMemInfo(const std::string& proc, uint64_t memTotal, uint64_t memFree, uint64_t swapTotal,
                          uint64_t swapFree)
 {
-    WriteFile(proc + "/meminfo", "MemTotal:       " + std::to_string(memTotal) + " kB\nMemFree:        " +
-                                     std::to_string(memFree) + " kB\nSwapTotal:      " + std::to_string(swapTotal) +
-                                     " kB\nSwapFree:       " + std::to_string(swapFree) + " kB\n");
+    auto line = [](const char* key, uint64_t kb) { return std::string(key) + "  " + std::to_string(kb) + " kB\n"; };
+    WriteFile(proc + "/meminfo", line("MemTotal:", memTotal) + line("MemFree:", memFree) +
+                                     line("SwapTotal:", swapTotal) + line("SwapFree:", swapFree));
 }
 
 /// meminfo at 75 % memory and 50 % swap, a static stat, two monitored
@@ -160,17 +113,14 @@ inline void MakeProc(const std::string& proc)
 {
     WriteMemInfo(proc, 1000, 250, 2000, 1000);
     WriteFile(proc + "/stat", "cpu  100 0 50 850 0 0 0 0 0 0\ncpu0 100 0 50 850 0 0 0 0 0 0\n");
-    WriteFile(proc + "/net/dev",
-              "Inter-|   Receive                                                |  Transmit\n"
-              " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs drop fifo colls "
-              "carrier compressed\n"
-              "    lo: 100 1 0 0 0 0 0 0 100 1 0 0 0 0 0 0\n"
-              "  eth0: 1000 10 0 0 0 0 0 0 2000 20 0 0 0 0 0 0\n"
-              "   br0: 3000 30 0 0 0 0 0 0 4000 40 0 0 0 0 0 0\n");
+    WriteFile(proc + "/net/dev", "Inter-|   Receive |  Transmit\n face |bytes    packets ...|bytes    packets ...\n"
+                                 "    lo: 100 1 0 0 0 0 0 0 100 1 0 0 0 0 0 0\n"
+                                 "  eth0: 1000 10 0 0 0 0 0 0 2000 20 0 0 0 0 0 0\n"
+                                 "   br0: 3000 30 0 0 0 0 0 0 4000 40 0 0 0 0 0 0\n");
     WriteFile(proc + "/sys/kernel/pid_max", "32768\n");
 }
 
-// ---- registry readers (handles of their own, released at once) -----------------
+// Registry readers: each with a handle of its own, released at once.
 
 /// A number (type 4 only) below HKEY_LOCAL_MACHINE, or `fallback`.
 inline uint32_t NumberOr(const std::string& key, const char* name, uint32_t fallback)

@@ -22,19 +22,13 @@ TEST(PerfPercent, CurrentAndAverageByHand)
     struct Case { std::vector<PartWhole> samples; int current; int average; };
     const Case cases[] = {
         {{{1000, 100000}, {0, 100000}}, 0, 1},  // the current form divides the bias by n as well
-        {{{499, 100000}}, 0, 0},
-        {{{500, 100000}}, 1, 1},
-        {{{1, 3}}, 33, 33},
-        {{{2, 3}}, 67, 67},
-        {{{2, 3}, {2, 3}, {2, 3}}, 66, 67},  // 66666 each
-        {{{300, 100}}, 100, 100},
-        {{{100, 100}}, 100, 100},
-        {{{99500, 100000}}, 100, 100},
-        {{{99499, 100000}}, 99, 99},
+        {{{499, 100000}}, 0, 0},      {{{500, 100000}}, 1, 1},     {{{1, 3}}, 33, 33},
+        {{{2, 3}}, 67, 67},           {{{2, 3}, {2, 3}, {2, 3}}, 66, 67},  // 66666 each
+        {{{300, 100}}, 100, 100},     {{{100, 100}}, 100, 100},
+        {{{99500, 100000}}, 100, 100}, {{{99499, 100000}}, 99, 99},
         {{{UINT64_MAX, 1}, {UINT64_MAX, 1}}, 100, 100},  // no overflow, no wrap
         {{{UINT64_MAX / 2, UINT64_MAX}}, 50, 50},
-        {{{5, 0}, {42, 0}}, 42, 0},
-        {{{0x1234, 0}}, 0x34, 0},
+        {{{5, 0}, {42, 0}}, 42, 0},   {{{0x1234, 0}}, 0x34, 0},
         {{{50, 100}, {7, 0}}, 50, 50},  // the zero-whole sample neither counts nor dilutes
         {{}, 0, 0},
     };
@@ -44,7 +38,7 @@ TEST(PerfPercent, CurrentAndAverageByHand)
     }
 }
 
-TEST(CDataHistoryBuffer, DropsOldestAtMaximum)
+TEST(CDataHistoryBuffer, DropsOldestAtMaximumAndOutOfRangeRequestsChangeNothing)
 {
     CDataHistoryBuffer<int> h(3, 2);
     for (int i = 1; i <= 5; ++i)
@@ -54,38 +48,25 @@ TEST(CDataHistoryBuffer, DropsOldestAtMaximum)
     ASSERT_TRUE(h.GetAll(0, items));
     EXPECT_EQ(items, (std::vector<int>{3, 4, 5}));
     EXPECT_EQ(h.GetCount(1), 1u);
-    CDataHistoryBuffer<int> zero(0, 1);  // a zero maximum still keeps the newest
-    zero.Add(0, 1);
-    zero.Add(0, 2);
-    std::vector<int> newest;
-    zero.GetAll(0, newest);
-    EXPECT_EQ(newest, (std::vector<int>{2}));
     int item = -1;
-    EXPECT_TRUE(h.GetItem(0, 0, item));
-    EXPECT_EQ(item, 3);
     EXPECT_TRUE(h.GetItem(0, 2, item));
     EXPECT_EQ(item, 5);
-}
-
-TEST(CDataHistoryBuffer, OutOfRangeRequestsChangeNothing)
-{
-    CDataHistoryBuffer<int> h(4, 1);
-    h.Add(0, 7);
-    int item = -1;
-    EXPECT_FALSE(h.GetItem(0, 1, item));
-    EXPECT_FALSE(h.GetItem(0, -1, item));
-    EXPECT_FALSE(h.GetItem(1, 0, item));
-    EXPECT_FALSE(h.GetItem(-1, 0, item));
+    item = -1;
+    for (auto [instance, index] : {std::pair{0, 3}, {0, -1}, {2, 0}, {-1, 0}})
+        EXPECT_FALSE(h.GetItem(instance, index, item)) << instance << " " << index;
     EXPECT_EQ(item, -1);
-    EXPECT_FALSE(h.Add(1, 8));
-    EXPECT_FALSE(h.Add(-1, 8));
-    std::vector<int> items = {1, 2};
+    EXPECT_FALSE(h.Add(2, 8) || h.Add(-1, 8));
     EXPECT_FALSE(h.GetAll(5, items));
-    EXPECT_EQ(items, (std::vector<int>{1, 2}));
+    EXPECT_EQ(items, (std::vector<int>{3, 4, 5}));
     EXPECT_EQ(h.GetCount(9), 0u);
     h.Clear();
     EXPECT_EQ(h.GetCount(0), 0u);
-    EXPECT_EQ(h.GetNumberInstances(), 1u);
+    EXPECT_EQ(h.GetNumberInstances(), 2u);
+    CDataHistoryBuffer<int> zero(0, 1);  // a zero maximum still keeps the newest
+    zero.Add(0, 1);
+    zero.Add(0, 2);
+    zero.GetAll(0, items);
+    EXPECT_EQ(items, (std::vector<int>{2}));
 }
 
 TEST(CDataHistoryBuffer, LockIsRecursiveAndGuardsWriters)

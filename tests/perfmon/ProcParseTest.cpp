@@ -18,16 +18,12 @@ std::vector<std::string> Lines(const std::string& path)
     CProcLineReader reader;
     EXPECT_TRUE(reader.Open(path));
     std::vector<std::string> lines;
-    std::string line;
-    while (reader.Next(line))
+    for (std::string line; reader.Next(line);)
         lines.push_back(line);
     return lines;
 }
 
-std::string NetLine(const std::string& name)
-{
-    return "  " + name + ": 1 0 0 0 0 0 0 0 2 0 0 0 0 0 0 0\n";
-}
+std::string NetLine(const std::string& name) { return "  " + name + ": 1 0 0 0 0 0 0 0 2 0 0 0 0 0 0 0\n"; }
 
 } // namespace
 
@@ -67,24 +63,16 @@ TEST(ProcParse, NumberListsAndKeyedNumbers)
         EXPECT_FALSE(ParseKeyedU64(bad, "MemTotal:", v)) << bad;
 }
 
-TEST(ProcParse, LongLinesAreNeverSplitIntoTwo)
+TEST(ProcParse, LongLinesAreNeverSplitAndAFileOverTheCapEndsAtAWholeLine)
 {
     testsupport::FakeProc dir;
     // A line whose continuation would look like an interface line, then a
     // line longer than the longest kept line.
     std::string longLine = std::string(255, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
-    dir.Write("f", longLine + "\neth8: " + std::string(3 * kMaxLineLength, '7') + "\n\nlast line without newline");
-    std::vector<std::string> lines = Lines(dir.Path("f"));
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0], longLine);
-    EXPECT_EQ(lines[1].size(), kMaxLineLength);
-    EXPECT_EQ(lines[2], "");
-    EXPECT_EQ(lines[3], "last line without newline");
-}
-
-TEST(ProcParse, FileOverTheCapEndsAtItsLastWholeLine)
-{
-    testsupport::FakeProc dir;
+    const std::string longest = "eth8: " + std::string(3 * kMaxLineLength, '7');
+    dir.Write("f", longLine + "\n" + longest + "\n\nlast line without newline");
+    EXPECT_TRUE(Lines(dir.Path("f")) == (std::vector<std::string>{longLine, longest.substr(0, kMaxLineLength), "",
+                                                                   "last line without newline"}));
     const std::string line(99, 'a');
     std::string text;
     while (text.size() <= kMaxTextFile)
@@ -101,10 +89,9 @@ TEST(ProcParse, MissingFileCannotBeRead)
     CProcLineReader reader;
     EXPECT_FALSE(reader.Open(dir.Path("absent")));
     EXPECT_EQ(errno, ENOENT);
-    std::string line = "x";
+    std::string line = "x", out = "keep";
     EXPECT_FALSE(reader.Next(line));
     EXPECT_EQ(line, "");
-    std::string out = "keep";
     EXPECT_FALSE(ReadSmallFile(dir.Path("absent"), out));
     EXPECT_EQ(out, "keep");
 }
@@ -123,8 +110,7 @@ TEST(ProcParse, InterfaceNamesByPrefix)
     for (const Case& c : cases) {
         NetDevLine entry;
         EXPECT_EQ(SplitNetDevLine(c.line, entry), c.ok) << c.line;
-        EXPECT_EQ(entry.name, c.name);
-        EXPECT_EQ(entry.counters, c.counters);
+        EXPECT_EQ(entry.name + "|" + entry.counters, std::string(c.name) + "|" + c.counters);
     }
 }
 
@@ -136,28 +122,20 @@ TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
     proc.NetDev({{"lo", 1, 2}, {"ifb0", 1, 2}, {"eth0", 1, 2}, {"docker0", 1, 2}, {"bond0", 1, 2}, {"xenbr0", 1, 2}});
     EXPECT_EQ(table.GetNumberInterfaces(), 3);
     std::string name;
-    EXPECT_TRUE(table.GetInterfaceName(0, name));
-    EXPECT_EQ(name, "eth0");
-    EXPECT_TRUE(table.GetInterfaceName(2, name));
-    EXPECT_EQ(name, "xenbr0");
+    EXPECT_TRUE(table.GetInterfaceName(0, name) && name == "eth0");
+    EXPECT_TRUE(table.GetInterfaceName(2, name) && name == "xenbr0");
     name = "unchanged";
-    EXPECT_FALSE(table.GetInterfaceName(3, name));
-    EXPECT_FALSE(table.GetInterfaceName(-1, name));
+    EXPECT_FALSE(table.GetInterfaceName(3, name) || table.GetInterfaceName(-1, name));
     EXPECT_EQ(name, "unchanged");
     EXPECT_EQ(CNetworkInterfaceTable(proc.Root() + "/").GetNumberInterfaces(), 3);  // no doubled separator
     proc.NetDev({{"lo", 1, 2}});
     EXPECT_EQ(table.GetNumberInterfaces(), 0);
-}
-
-TEST(CNetworkInterfaceTable, ManyInterfacesAndLongLineContinuations)
-{
-    testsupport::FakeProc proc;
+    // At most 254 (never the "none" value); a long line's continuation is no interface.
     std::string text = "Inter-|\n face |\n";
     for (int i = 0; i < 300; ++i)
         text += NetLine("eth" + std::to_string(i));
     proc.Write("net/dev", text);
-    CNetworkInterfaceTable table(proc.Root());
-    EXPECT_EQ(table.GetNumberInterfaces(), 254);  // never the "none" value
+    EXPECT_EQ(table.GetNumberInterfaces(), 254);
     proc.Write("net/dev", "Inter-|\n face |\n" + std::string(254, ' ') + "x" + NetLine("eth7") + NetLine("eth0"));
     EXPECT_EQ(table.GetNumberInterfaces(), 1);
 }
