@@ -1,10 +1,16 @@
-// Bounded parsing of the proc files and the network interface table.
+// The performance monitor's parts: bounded parsing of the proc files, the
+// network interface table, the percentage arithmetic, the history buffer and
+// the value/group table.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "perfmon/CDataHistoryBuffer.h"
 #include "perfmon/CNetworkInterfaceTable.h"
+#include "perfmon/CPerfMon.h"
 #include "perfmon/PerfMonPaths.h"
 #include "perfmon/ProcParse.h"
 #include "support/FakeProc.h"
@@ -63,11 +69,11 @@ TEST(ProcParse, NumberListsAndKeyedNumbers)
         EXPECT_FALSE(ParseKeyedU64(bad, "MemTotal:", v)) << bad;
 }
 
-TEST(ProcParse, LongLinesAreNeverSplitAndAFileOverTheCapEndsAtAWholeLine)
+TEST(ProcParse, LongLinesAreNeverSplitALongFileEndsAtAWholeLineAndAMissingOneIsNotRead)
 {
     testsupport::FakeProc dir;
-    // A line whose continuation would look like an interface line, then a
-    // line longer than the longest kept line.
+    // A line whose continuation would look like an interface line, then one
+    // longer than the longest kept line.
     std::string longLine = std::string(255, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
     const std::string longest = "eth8: " + std::string(3 * kMaxLineLength, '7');
     dir.Write("f", longLine + "\n" + longest + "\n\nlast line without newline");
@@ -81,19 +87,12 @@ TEST(ProcParse, LongLinesAreNeverSplitAndAFileOverTheCapEndsAtAWholeLine)
     std::vector<std::string> lines = Lines(dir.Path("big"));
     EXPECT_EQ(lines.size(), kMaxTextFile / 100);
     EXPECT_EQ(lines.back(), line);
-}
-
-TEST(ProcParse, MissingFileCannotBeRead)
-{
-    testsupport::FakeProc dir;
-    CProcLineReader reader;
+    CProcLineReader reader;  // a missing file: nothing read, nothing changed
     EXPECT_FALSE(reader.Open(dir.Path("absent")));
     EXPECT_EQ(errno, ENOENT);
-    std::string line = "x", out = "keep";
-    EXPECT_FALSE(reader.Next(line));
-    EXPECT_EQ(line, "");
-    EXPECT_FALSE(ReadSmallFile(dir.Path("absent"), out));
-    EXPECT_EQ(out, "keep");
+    std::string next = "x", out = "keep";
+    EXPECT_FALSE(reader.Next(next) || ReadSmallFile(dir.Path("absent"), out));
+    EXPECT_EQ(next + out, "keep");
 }
 
 TEST(ProcParse, InterfaceNamesByPrefix)
@@ -138,4 +137,83 @@ TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
     EXPECT_EQ(table.GetNumberInterfaces(), 254);
     proc.Write("net/dev", "Inter-|\n face |\n" + std::string(254, ' ') + "x" + NetLine("eth7") + NetLine("eth0"));
     EXPECT_EQ(table.GetNumberInterfaces(), 1);
+}
+
+// Checked by hand: each quotient is part × 100000 ÷ whole, truncated; the
+// current form is (sum × 100 + 50000) ÷ (n × 100000), the average form
+// rounds the truncated mean.  Samples without a whole do not count; when
+// none counts, current reports the low byte of the last part.
+TEST(PerfPercent, CurrentAndAverageByHand)
+{
+    struct Case { std::vector<PartWhole> samples; int current; int average; };
+    const Case cases[] = {
+        {{{1000, 100000}, {0, 100000}}, 0, 1},  // the current form divides the bias by n as well
+        {{{499, 100000}}, 0, 0},      {{{500, 100000}}, 1, 1},     {{{1, 3}}, 33, 33},
+        {{{2, 3}}, 67, 67},           {{{2, 3}, {2, 3}, {2, 3}}, 66, 67},  // 66666 each
+        {{{300, 100}}, 100, 100},     {{{100, 100}}, 100, 100},
+        {{{99500, 100000}}, 100, 100}, {{{99499, 100000}}, 99, 99},
+        {{{UINT64_MAX, 1}, {UINT64_MAX, 1}}, 100, 100},  // no overflow, no wrap
+        {{{UINT64_MAX / 2, UINT64_MAX}}, 50, 50},
+        {{{5, 0}, {42, 0}}, 42, 0},   {{{0x1234, 0}}, 0x34, 0},
+        {{{50, 100}, {7, 0}}, 50, 50},  // the zero-whole sample neither counts nor dilutes
+        {{}, 0, 0},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        EXPECT_EQ(CurrentPercent(cases[i].samples), cases[i].current) << "case " << i;
+        EXPECT_EQ(AveragePercent(cases[i].samples), cases[i].average) << "case " << i;
+    }
+}
+
+TEST(CDataHistoryBuffer, DropsOldestAtMaximumAndOutOfRangeRequestsChangeNothing)
+{
+    CDataHistoryBuffer<int> h(3, 2), zero(0, 1);  // a zero maximum still keeps the newest
+    for (int i = 1; i <= 5; ++i)
+        ASSERT_TRUE(h.Add(0, i) && zero.Add(0, i));
+    std::vector<int> items, newest;
+    ASSERT_TRUE(h.GetAll(0, items) && zero.GetAll(0, newest));
+    EXPECT_EQ(items, (std::vector<int>{3, 4, 5}));
+    EXPECT_EQ(newest, std::vector<int>{5});
+    int item = -1;
+    for (auto [instance, index] : {std::pair{0, 3}, {0, -1}, {2, 0}, {-1, 0}})
+        EXPECT_FALSE(h.GetItem(instance, index, item)) << instance << " " << index;
+    EXPECT_FALSE(h.Add(2, 8) || h.Add(-1, 8) || h.GetAll(5, items));
+    EXPECT_EQ(item, -1);
+    EXPECT_EQ(h.GetCount(1) + h.GetCount(9), 0u);
+    EXPECT_EQ(items, (std::vector<int>{3, 4, 5}));
+}
+
+TEST(CDataHistoryBuffer, LockIsRecursiveAndGuardsWriters)
+{
+    CDataHistoryBuffer<int> h(50, 1);
+    std::atomic<bool> stop{false};
+    std::atomic<bool> bad{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 20000; ++i)
+            h.Add(0, i);
+        stop = true;
+    });
+    std::vector<int> items;
+    while (!stop) {
+        // Held across two calls: the pair must be consistent.
+        CCriticalSectionLock lock(h.GetLock());
+        unsigned n = h.GetCount(0);
+        h.GetAll(0, items);
+        bad = bad || items.size() != n || n > 50;
+        for (size_t i = 1; i < items.size(); ++i)
+            bad = bad || items[i] != items[i - 1] + 1;
+    }
+    writer.join();
+    EXPECT_FALSE(bad);
+    h.GetAll(0, items);
+    ASSERT_EQ(items.size(), 50u);
+    EXPECT_EQ(items.back(), 19999);
+}
+
+TEST(CPerfMonValues, IsMonitorValueGroups)
+{
+    // {type, first, last}; types of no group or of several hold no value.
+    for (auto [type, first, last] : {std::tuple{1, 0, 3}, {2, 4, 7}, {4, 10, 12}, {8, 8, 9}, {16, 13, 20},
+                                     {0, 1, 0}, {3, 1, 0}, {0x800, 1, 0}, {-1, 1, 0}})
+        for (int v = -1; v <= 21; ++v)
+            EXPECT_EQ(CPerfMon::IsMonitorValue(v, type), v >= first && v <= last) << type << " " << v;
 }
