@@ -1,5 +1,6 @@
-// The inventory module, loaded like the framework loads it, run against a
-// machine snapshot with the registry in a temporary directory.
+// The inventory: its key names, its comparison of two inventories and its
+// registry form; then the module, loaded like the framework loads it, run
+// against a machine snapshot with the registry in a temporary directory.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -9,20 +10,165 @@
 #include "ModuleTestSupport.h"
 #include "hwinfo/CPciConfigList.h"
 #include "hwinfo/HwPaths.h"
+#include "modules/common/ModuleSettings.h"
+#include "modules/inventory/InventoryModel.h"
+#include "support/RegistryFixture.h"
 
 using namespace hwtest;
 using namespace modtest;
+using testsupport::Contains;
 using testsupport::TempDir;
 
 namespace {
 
-const std::string kInv = "SOFTWARE\\Tarvis\\Inventory";
+using namespace inventory;
+const std::string kInv = kInventoryKey;
 const std::string kAdapters = kInv + "\\Adapters\\";
 const std::string kDrives = kInv + "\\Drives\\";
 const std::string kVolumes = kInv + "\\Volumes\\";
 const std::string kChanges = kInv + "\\Changes";
 const std::regex kTime(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)");
 using Names = std::vector<std::string>;
+
+Properties Adapter(uint32_t vendor, uint32_t device, uint32_t slot, uint32_t subVendor = 0)
+{
+    return {{"VendorId", Value::Number(vendor)},   {"DeviceId", Value::Number(device)},
+            {"SubVendorId", Value::Number(subVendor)}, {"SubDeviceId", Value::Number(0)},
+            {"Slot", Value::Number(slot)},         {"Name", Value::Text("card")}};
+}
+
+Names Kinds(const std::vector<Change>& changes)
+{
+    Names out;
+    for (const Change& c : changes)
+        out.push_back(std::string(ChangeKindName(c.kind)) + " " + c.object);
+    return out;
+}
+
+} // namespace
+
+TEST(InventoryNames, EscapingKeepsOneComponentAndRoundTripsAndTextsAreMadeSafe)
+{
+    for (auto [text, name] : {std::pair<std::string, std::string>{"/", "%2F"}, {"/mnt/a b", "%2Fmnt%2Fa b"},
+                              {"a\\b[c]=d%e", "a%5Cb%5Bc%5D%3Dd%25e"}, {"x\ny\r\x7f\xc3\xa9", "x%0Ay%0D%7F%C3%A9"}})
+        EXPECT_EQ(EscapeKeyName(text), name);
+    for (std::string text : {std::string("/srv/%2F/x"), std::string("\x01]["), std::string(""), std::string("%")}) {
+        std::string name = EscapeKeyName(text);
+        EXPECT_EQ(name.find_first_of("/\\[]=\n"), std::string::npos) << name;
+        EXPECT_EQ(UnescapeKeyName(name), text);
+    }
+    // Malformed escapes stay as they are, and nothing is read past the end.
+    EXPECT_EQ(UnescapeKeyName("%") + UnescapeKeyName("a%4") + UnescapeKeyName("%zz%41"), "%a%4%zzA");
+    EXPECT_EQ(SanitizeText("Disk\nA\r\t"), "Disk?A??");
+    EXPECT_EQ(SanitizeText(std::string(5000, 'x')).size(), kMaxText);
+    EXPECT_EQ(SanitizeText("plain text"), "plain text");
+}
+
+TEST(InventoryCompare, AdaptersAddedRemovedAndMovedEachPairedOnlyOnce)
+{
+    Category stored = {{"0000:00:01.0", Adapter(0x8086, 1, 1)}, {"0000:00:02.0", Adapter(0x8086, 2, kNoSlot)},
+                       {"0000:01:00.0", Adapter(0x10df, 3, 2)}, {"0000:02:00.0", Adapter(0x1000, 4, 3)}};
+    Category now = {{"0000:00:01.0", Adapter(0x8086, 1, 4)},            // same card, other slot
+                    {"0000:00:02.0", Adapter(0x8086, 9, kNoSlot)},      // another card at the address
+                    {"0000:05:00.0", Adapter(0x10df, 3, 6)},            // the 01:00.0 card, moved
+                    {"0000:06:00.0", Adapter(0x15b3, 5, 7)}};           // new
+    std::vector<Change> changes = CompareAdapters(stored, now);
+    EXPECT_EQ(Kinds(changes), (Names{"AdapterMoved 0000:00:01.0", "AdapterRemoved 0000:00:02.0",
+                                     "AdapterAdded 0000:00:02.0", "AdapterRemoved 0000:02:00.0",
+                                     "AdapterAdded 0000:06:00.0", "AdapterMoved 0000:05:00.0"}));
+    EXPECT_EQ(changes[0].detail, "slot 1 -> slot 4");
+    EXPECT_EQ(changes[5].detail, "0000:01:00.0 slot 2 -> 0000:05:00.0 slot 6");
+    EXPECT_TRUE(Contains(changes[3].detail, "1000:0004") && Contains(changes[3].detail, "slot 3")) << changes[3].detail;
+    EXPECT_TRUE(CompareAdapters(stored, stored).empty() && CompareAdapters({}, {}).empty());
+    // Two equal cards went, one came back elsewhere: one move, one removal.
+    Category two = {{"0000:01:00.0", Adapter(1, 1, 1)}, {"0000:02:00.0", Adapter(1, 1, 2)}};
+    EXPECT_EQ(Kinds(CompareAdapters(two, {{"0000:03:00.0", Adapter(1, 1, 3)}})),
+              (Names{"AdapterRemoved 0000:02:00.0", "AdapterMoved 0000:03:00.0"}));
+    // A different subsystem is a different card.
+    EXPECT_EQ(CompareAdapters(two, {{"0000:03:00.0", Adapter(1, 1, 3, 7)}}).size(), 3u);
+}
+
+TEST(InventoryCompare, DrivesAndVolumes)
+{
+    Category storedDrives = {{"sda", {{"HostAdapter", Value::Text("0000:00:1f.2")}}},
+                             {"sdb", {{"HostAdapter", Value::Text("0000:00:1f.2")}}}};
+    Category nowDrives = {{"sda", {{"HostAdapter", Value::Text("0000:3b:00.0")}}},
+                          {"sdc", {{"HostAdapter", Value::Text("0000:00:1f.2")}, {"Model", Value::Text("M")}}}};
+    auto d = CompareDrives(storedDrives, nowDrives);
+    EXPECT_EQ(Kinds(d), (Names{"DriveMoved sda", "DriveRemoved sdb", "DriveAdded sdc"}));
+    EXPECT_EQ(d[0].detail, "host adapter 0000:00:1f.2 -> 0000:3b:00.0");
+
+    Category storedVolumes = {{"%2F", {{"Device", Value::Text("/dev/sda1")}}},
+                              {"%2Fboot", {{"Device", Value::Text("/dev/sda2")}}}};
+    Category nowVolumes = {{"%2F", {{"Device", Value::Text("/dev/sdb1")}}},
+                           {"%2Fmnt%2Fx", {{"Device", Value::Text("/dev/sdc1")}}}};
+    auto v = CompareVolumes(storedVolumes, nowVolumes);
+    EXPECT_EQ(Kinds(v), (Names{"VolumeChanged /", "VolumeRemoved /boot", "VolumeAdded /mnt/x"}));
+    EXPECT_EQ(v[0].detail, "/dev/sda1 -> /dev/sdb1");
+}
+
+TEST_F(RegistryTest, CategoryWrittenExactlyAndUnchangedDataLeavesTheTreeClean)
+{
+    Category items = {{"a", {{"N", Value::Number(0xFFFFFFFFu)}, {"T", Value::Text("text")}}},
+                      {"b", {{"N", Value::Number(2)}}}};
+    auto write = [](const Category& c) { return WriteCategory(*std::make_unique<CRegistry>(), kDrivesKey, c); };
+    ASSERT_TRUE(write(items));
+    EXPECT_FALSE(CRegistry::IsDirty());  // saved when the handle went
+    {
+        CRegistry reg;
+        Category back;
+        ASSERT_TRUE(ReadCategory(reg, kDrivesKey, back));
+        EXPECT_EQ(back, items);
+        ASSERT_TRUE(WriteCategory(reg, kDrivesKey, items));
+        EXPECT_FALSE(CRegistry::IsDirty());  // nothing differed: no save needed
+    }
+    // Stale keys and values go; the new value types replace the old ones.
+    Category next = {{"b", {{"N", Value::Text("two")}}}, {"c", {}}};
+    ASSERT_TRUE(write(next));
+    CRegistry::SetRegistryDirectory(m_Dir.Path().c_str());  // reload from the file
+    CRegistry reg;
+    Category back;
+    ASSERT_TRUE(ReadCategory(reg, kDrivesKey, back));
+    EXPECT_EQ(back, next);
+    Category none;
+    EXPECT_FALSE(ReadCategory(reg, kVolumesKey, none));
+    EXPECT_TRUE(none.empty());
+}
+
+TEST_F(RegistryTest, ChangesAreNumberedOnAndTheOldestDropped)
+{
+    CRegistry reg;
+    std::vector<Change> three = {{ChangeKind::DriveAdded, "sda", "d1"},
+                                 {ChangeKind::DriveRemoved, "sdb", "d2\nsecond line"},
+                                 {ChangeKind::VolumeAdded, "/", "d3"}};
+    EXPECT_EQ(RecordChanges(reg, {}, "t0", 4), 0u);
+    EXPECT_EQ(RecordChanges(reg, three, "2024-01-02T03:04:05Z", 4), 3u);
+    EXPECT_EQ(RecordChanges(reg, three, "2024-01-02T03:04:06Z", 4), 6u);
+    EXPECT_EQ(RecordChanges(reg, {}, "t1", 4), 6u);
+    EXPECT_EQ(SubKeys(kChanges), (Names{"0000000003", "0000000004", "0000000005", "0000000006"}));
+    const std::string key = kChanges + "\\0000000005";
+    EXPECT_EQ(TextOr(key, "Kind") + " " + TextOr(key, "Object") + " " + TextOr(key, "Detail") + " " + TextOr(key, "Time"),
+              "DriveRemoved sdb d2?second line 2024-01-02T03:04:06Z");
+    EXPECT_EQ(NumberOr(kInventoryKey, "LastChange", 0), 6u);
+    // keep 0 is taken as 1
+    EXPECT_EQ(RecordChanges(reg, three, "t2", 0), 9u);
+    EXPECT_EQ(SubKeys(kChanges), Names{"0000000009"});
+}
+
+TEST(ModuleSettings, NumbersAreCheckedAndFallBack)
+{
+    ModuleConfig config({{"A", "12"}, {"B", "x"}, {"C", "-1"}, {"D", "5000"}, {"E", ""}, {"F", "7 "}});
+    for (auto [key, value, bad] : {std::tuple{"A", 12u, false}, {"missing", 9u, false}, {"B", 9u, true},
+                                   {"C", 9u, true}, {"D", 9u, true}, {"E", 9u, true}, {"F", 9u, true}}) {
+        bool flagged = false;
+        EXPECT_EQ(tarvdmod::ConfigNumber(config.Get(), key, 9, 0, 100, &flagged), value) << key;
+        EXPECT_EQ(flagged, bad) << key;
+    }
+    EXPECT_EQ(tarvdmod::IsoTimeUtc(0), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(tarvdmod::IsoTimeUtc(1700000000), "2023-11-14T22:13:20Z");
+}
+
+namespace {
 
 class InventoryModuleTest : public ::testing::Test {
 protected:
@@ -81,15 +227,12 @@ TEST_F(InventoryModuleTest, PublishesAdaptersDrivesAndVolumesOfTheSnapshot)
     EXPECT_EQ(SubKeys(kInv + "\\Adapters"), (Names{"0000:00:00.0", "0000:00:01.0", "0000:00:02.0", "0000:00:03.0",
                                                    "0000:00:04.0", "0000:00:05.0"}));
     // Typed values: numbers are type 4, texts type 1 (NumberOr/TextOr check).
+    // Slot: 0:0.0 is not in the firmware's slot list, 0:2.0 is an onboard device of it.
     const struct { std::string key; const char* name; uint32_t number; } numbers[] = {
         {kAdapters + "0000:00:00.0", "VendorId", 0x8086}, {kAdapters + "0000:00:00.0", "DeviceId", 0x0d57},
-        {kAdapters + "0000:00:00.0", "BaseClass", 6},
-        {kAdapters + "0000:00:00.0", "Slot", 0xFFFFFFFF},  // not in the firmware's slot list
-        {kAdapters + "0000:00:02.0", "VendorId", 0x1af4}, {kAdapters + "0000:00:02.0", "DeviceId", 0x1042},
-        {kAdapters + "0000:00:02.0", "Slot", 0},  // onboard device of the firmware table
-        {kAdapters + "0000:00:03.0", "BaseClass", 2},     {kDrives + "vda", "SizeMB", 10240},
-        {kInv, "AdapterCount", 6},                        {kInv, "DriveCount", 1},
-        {kInv, "VolumeCount", 3},
+        {kAdapters + "0000:00:00.0", "BaseClass", 6},     {kAdapters + "0000:00:00.0", "Slot", 0xFFFFFFFF},
+        {kAdapters + "0000:00:02.0", "Slot", 0},          {kDrives + "vda", "SizeMB", 10240},
+        {kInv, "AdapterCount", 6}, {kInv, "DriveCount", 1}, {kInv, "VolumeCount", 3},
     };
     for (const auto& n : numbers)
         EXPECT_EQ(NumberOr(n.key, n.name, 7), n.number) << n.key << " " << n.name;
@@ -104,8 +247,6 @@ TEST_F(InventoryModuleTest, PublishesAdaptersDrivesAndVolumesOfTheSnapshot)
     };
     for (const auto& t : texts)
         EXPECT_EQ(TextOr(t.key, t.name), t.text) << t.key << " " << t.name;
-    EXPECT_NE(TextOr(kAdapters + "0000:00:00.0", "SubClassName"), "<none>");
-    EXPECT_NE(TextOr(kAdapters + "0000:00:00.0", "Name"), "<none>");
     EXPECT_EQ(SubKeys(kInv + "\\Drives"), Names{"vda"});
     EXPECT_EQ(SubKeys(kInv + "\\Volumes"), (Names{"%2F", "%2Fboot", "%2Fsrv%2Fdata dir"}));
     EXPECT_TRUE(std::regex_match(TextOr(kInv, "LastScan"), kTime));
