@@ -4,6 +4,7 @@
 // to $TEST_MODULE_RECORD as "<name> <call> ...".
 #include <cstdint>
 #include <stdexcept>
+#include <string>
 
 #include "framework/tarvd_module.h"
 #include "../../daemon/libs/TestRecord.h"
@@ -40,10 +41,8 @@ void Stop()
 
 void Notify(uint32_t event, const void* data)
 {
-    if (data)
-        TestRecord("TEST_MODULE_RECORD", "%s notify 0x%X level=%d", kName, event, *static_cast<const int32_t*>(data));
-    else
-        TestRecord("TEST_MODULE_RECORD", "%s notify 0x%X", kName, event);
+    const std::string level = data ? " level=" + std::to_string(*static_cast<const int32_t*>(data)) : "";
+    TestRecord("TEST_MODULE_RECORD", "%s notify 0x%X%s", kName, event, level.c_str());
     if (kKind == 4)
         throw std::logic_error("notify");
 }
