@@ -39,28 +39,22 @@ private:
 };
 
 /// A loader configuration whose getValue answers from a map.
-class ModuleConfig {
-public:
-    explicit ModuleConfig(std::map<std::string, std::string> values, uint32_t flags = 0, uint32_t runMode = 0)
-        : m_Values(std::move(values))
+struct ModuleConfig {
+    explicit ModuleConfig(std::map<std::string, std::string> v, uint32_t flags = 0)
+        : values(std::move(v)), config{TARVD_MODULE_ABI_VERSION, 0, flags, "test", "test.conf", &Value, this}
     {
-        m_Config = {TARVD_MODULE_ABI_VERSION, runMode, flags, "test", "test.conf", &ModuleConfig::Get, this};
     }
-    ModuleConfig(const ModuleConfig&) = delete;
-    ModuleConfig& operator=(const ModuleConfig&) = delete;
-
-    const TarvdModuleConfig* Get() const { return &m_Config; }
-
-private:
-    static const char* Get(const TarvdModuleConfig* config, const char* key)
+    ModuleConfig(const ModuleConfig&) = delete;  // `config` points at this object
+    const TarvdModuleConfig* Get() const { return &config; }
+    static const char* Value(const TarvdModuleConfig* c, const char* key)
     {
-        auto* self = static_cast<const ModuleConfig*>(config->reserved);
-        auto it = self->m_Values.find(key);
-        return it == self->m_Values.end() ? nullptr : it->second.c_str();
+        const auto& v = static_cast<const ModuleConfig*>(c->reserved)->values;
+        auto it = v.find(key);
+        return it == v.end() ? nullptr : it->second.c_str();
     }
 
-    std::map<std::string, std::string> m_Values;
-    TarvdModuleConfig m_Config{};
+    std::map<std::string, std::string> values;
+    TarvdModuleConfig config;
 };
 
 /// SMBIOS through sysfs: `ep` and `dmi` as the entry point and the table.
@@ -81,10 +75,8 @@ inline void WriteDisk(const std::string& root, const std::string& name, const st
     (void)!symlink(devpath.c_str(), (root + "/sys/block/" + name + "/device").c_str());
 }
 
-/// The small virtual machine of the fixtures: its /proc/bus/pci (copied
-/// file by file, so the copies are writable), the SMBIOS table of a real
-/// workstation (bus 0 device 2 is an onboard device: slot 0), one disk
-/// behind the virtio block device 0000:00:02.0 and three mounts.
+/// The small virtual machine of the fixtures (its /proc/bus/pci copied file by file: writable), the
+/// SMBIOS table of a real workstation (0:2.0 onboard: slot 0), a disk behind 0000:00:02.0, three mounts.
 inline void MakeSnapshot(const std::string& root)
 {
     std::string fixtures = testsupport::FixturesDir();
@@ -107,8 +99,7 @@ inline void WriteMemInfo(const std::string& proc, uint64_t memTotal, uint64_t me
                                      line("SwapTotal:", swapTotal) + line("SwapFree:", swapFree));
 }
 
-/// meminfo at 75 % memory and 50 % swap, a static stat, two monitored
-/// interfaces (eth0, br0) besides lo, and the kernel's pid_max.
+/// 75 % memory and 50 % swap used, a static stat, monitored eth0 and br0 besides lo, pid_max.
 inline void MakeProc(const std::string& proc)
 {
     WriteMemInfo(proc, 1000, 250, 2000, 1000);

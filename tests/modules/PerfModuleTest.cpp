@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "ModuleTestSupport.h"
+#include "support/RegistryFixture.h"
 
 using namespace modtest;
 using testsupport::TempDir;
@@ -14,15 +15,14 @@ namespace {
 
 const std::string kPerf = "SOFTWARE\\Tarvis\\Performance";
 
-class PerfModuleTest : public ::testing::Test {
+class PerfModuleTest : public RegistryTest {
 protected:
     void SetUp() override
     {
+        RegistryTest::SetUp();
         ASSERT_TRUE(m_Lib.Table()) << dlerror();
-        CRegistry::SetRegistryDirectory(m_Registry.Path().c_str());
         MakeProc(m_Proc.Path());
     }
-    void TearDown() override { CRegistry::ResetForTests(); }
     /// Loads and starts the module with `values` (the proc root and a 100 ms period unless named).
     void Start(std::map<std::string, std::string> values = {})
     {
@@ -37,14 +37,13 @@ protected:
     }
 
     TempDir m_Proc;
-    TempDir m_Registry;
     std::unique_ptr<ModuleConfig> m_Config;
     ModuleLibrary m_Lib{TEST_PERF_MODULE};
 };
 
 } // namespace
 
-TEST_F(PerfModuleTest, KeepsFiguresUpdatedEveryPeriodAndDropsStaleInterfaceKeys)
+TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterfaceKeys)
 {
     {
         CRegistry reg;  // an interface of an earlier run
@@ -54,14 +53,10 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedEveryPeriodAndDropsStaleInterfaceKeys)
     Start({{"HistoryLength", "5"}});
     EXPECT_TRUE(WaitNumber("\\Memory", "CurrentUsage", 75) && WaitNumber("\\Memory", "AverageUsage", 75));
     EXPECT_TRUE(WaitNumber("\\Memory", "CurrentSwapUsage", 50));
-    for (const char* name : {"CurrentUsage", "AverageUsage", "CurrentIdle", "AverageIdle", "CurrentUser",
-                             "AverageUser", "CurrentKernel", "AverageKernel"})
-        EXPECT_TRUE(WaitFor([&] { return NumberOr(kPerf + "\\System", name, 999) <= 100; })) << name;
+    EXPECT_TRUE(WaitNumber("\\System", "AverageKernel", 0));  // the counters stand still
     EXPECT_TRUE(WaitFor([&] { return TextOr(kPerf + "\\Network\\1", "Name") == "br0"; }));
     EXPECT_EQ(TextOr(kPerf + "\\Network\\0", "Name"), "eth0");
-    EXPECT_LE(NumberOr(kPerf + "\\Network\\0", "CurrentUsage", 999), 100u);
     EXPECT_EQ(SubKeys(kPerf + "\\Network"), (std::vector<std::string>{"0", "1"}));  // lo is not monitored
-    EXPECT_TRUE(WaitFor([&] { return NumberOr(kPerf + "\\Processes", "AverageCount", 999) <= 100; }));
     EXPECT_EQ(NumberOr(kPerf, "PeriodMs", 0), 100u);
     EXPECT_TRUE(std::regex_match(TextOr(kPerf, "LastUpdate"), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
 
@@ -69,32 +64,19 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedEveryPeriodAndDropsStaleInterfaceKeys)
     WriteMemInfo(m_Proc.Path(), 1000, 500, 2000, 2000);
     EXPECT_TRUE(WaitNumber("\\Memory", "CurrentUsage", 50) && WaitNumber("\\Memory", "AverageUsage", 50));
     EXPECT_TRUE(WaitNumber("\\Memory", "CurrentSwapUsage", 0));
-    m_Lib->stop();
-    uint32_t afterStop = NumberOr(kPerf, "Updates", 0);
-    EXPECT_GE(afterStop, 2u);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(NumberOr(kPerf, "Updates", 0), afterStop);  // nothing runs after stop
-    m_Lib->unload();
-    // Saved: a fresh load from the directory has the figures.
-    CRegistry::SetRegistryDirectory(m_Registry.Path().c_str());
-    EXPECT_EQ(NumberOr(kPerf + "\\Memory", "CurrentUsage", 999), 50u);
-    EXPECT_EQ(TextOr(kPerf + "\\Network\\1", "Name"), "br0");
-}
-
-TEST_F(PerfModuleTest, DaemonStoppingNotificationEndsUpdates)
-{
-    Start();
-    ASSERT_TRUE(WaitFor([&] { return NumberOr(kPerf, "Updates", 0) >= 1; }));
+    // The daemon's stop: an update running right now may still finish; none starts afterwards.
     m_Lib->notify(TARVD_EVENT_DAEMON_STOPPING, nullptr);
     int32_t level = 6;
     m_Lib->notify(TARVD_EVENT_OS_SHUTDOWN, &level);
-    // An update running right now may still finish; none starts afterwards.
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
     uint32_t updates = NumberOr(kPerf, "Updates", 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_EQ(NumberOr(kPerf, "Updates", 0), updates);
     m_Lib->stop();
     m_Lib->unload();
+    CRegistry::SetRegistryDirectory(m_Dir.Path().c_str());  // saved: a fresh load has the figures
+    EXPECT_EQ(NumberOr(kPerf + "\\Memory", "CurrentUsage", 999), 50u);
+    EXPECT_EQ(TextOr(kPerf + "\\Network\\1", "Name"), "br0");
 }
 
 TEST_F(PerfModuleTest, RepeatedStartsAndStopsWithABadConfigurationAndNoProcRoot)
