@@ -64,9 +64,8 @@ TEST(CPerfMonSystem, DifferencesOfTheSummaryLineAndQueriesOutsideTheGroups)
     EXPECT_EQ(r.Current(CPerfMon::PERF_SYSTEM_USAGE), 0);
     r.proc.Stat(130, 10, 60, 900);  // +40 user (with nice), +10 kernel, +50 idle
     r.mon.SnapshotData(kSys);
-    const int expected[] = {50, 50, 40, 10};  // usage, idle, user, kernel
-    for (int v = CPerfMon::PERF_SYSTEM_USAGE; v <= CPerfMon::PERF_SYSTEM_KERNEL; ++v)
-        EXPECT_EQ(r.Current(static_cast<PMV>(v)), expected[v]) << v;
+    // usage, idle, user, kernel
+    EXPECT_EQ(r.Answers(CPerfMon::PERF_SYSTEM_USAGE, CPerfMon::PERF_SYSTEM_KERNEL), (std::vector{50, 1, 50, 1, 40, 1, 10, 1}));
     EXPECT_EQ(r.Average(CPerfMon::PERF_SYSTEM_USER), 40);  // the zero-total sample does not count
     r.proc.Stat(130, 10, 60, 1000);  // idle only
     r.mon.SnapshotData(kSys);
@@ -103,9 +102,9 @@ TEST(CPerfMonSystem, MalformedAndOverflowingSummaryLines)
     EXPECT_EQ(r.Current(CPerfMon::PERF_SYSTEM_KERNEL), 11);  // 1 of 9
     // Per-processor values are accepted but never sampled: no instance.
     EXPECT_EQ(r.mon.GetNumberInstances(CPerfMon::PERF_MONITOR_CPU), 0u);
-    for (int v = CPerfMon::PERF_CPU_USAGE; v <= CPerfMon::PERF_CPU_KERNEL; ++v)
-        for (int instance : {-1, 0, 1})
-            EXPECT_TRUE(r.Answer(PMV(v), instance, 0) == Answer(0, 0) && r.Answer(PMV(v), instance, 1) == Answer(0, 0));
+    for (int instance : {-1, 0, 1})
+        for (int mode : {0, 1})
+            EXPECT_EQ(r.Answers(CPerfMon::PERF_CPU_USAGE, CPerfMon::PERF_CPU_KERNEL, instance, mode), std::vector(8, 0));
 }
 
 namespace {
@@ -253,15 +252,7 @@ void WriteProcesses(Rig& r, uint64_t systemTicks, uint64_t ownTicks, const char*
     r.proc.Write("4242/stat", FakeProc::ProcessStat(4242, "kopd", 'S', 1, 1, 64, 100, 1));
 }
 
-std::vector<int> Figures(Rig& r)
-{
-    std::vector<int> out;
-    for (int v = CPerfMon::PERF_PROCESS_CPU; v <= CPerfMon::PERF_PROCESS_DESCRIPTORS; ++v) {
-        auto [percent, result] = r.Answer(static_cast<PMV>(v));
-        out.insert(out.end(), {percent, result});
-    }
-    return out;
-}
+std::vector<int> Figures(Rig& r) { return r.Answers(CPerfMon::PERF_PROCESS_CPU, CPerfMon::PERF_PROCESS_DESCRIPTORS); }
 
 } // namespace
 

@@ -1,11 +1,11 @@
-// A monitor on a made-up proc root, with a link speed and a clock that the
-// test sets.
+// A monitor on a made-up proc root, with a link speed and a clock that the test sets.
 #pragma once
 
 #include <map>
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "perfmon/CPerfMon.h"
 #include "perfmon/PerfMonSeams.h"
@@ -56,6 +56,16 @@ struct Rig {
     }
     int Current(PMV v, int instance = 0) { return Answer(v, instance).first; }
     int Average(PMV v, int instance = 0) { return Answer(v, instance, 1).first; }
+    /// Percentage and answer of each value from `first` to `last`, one after the other.
+    std::vector<int> Answers(int first, int last, int instance = 0, int mode = 0)
+    {
+        std::vector<int> out;
+        for (int v = first; v <= last; ++v) {
+            const std::pair<int, int> a = Answer(PMV(v), instance, mode);
+            out.insert(out.end(), {a.first, a.second});
+        }
+        return out;
+    }
 };
 
 } // namespace perfmontest
