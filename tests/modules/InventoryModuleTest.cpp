@@ -148,8 +148,7 @@ TEST_F(RegistryTest, ChangesAreNumberedOnAndTheOldestDropped)
     EXPECT_EQ(TextOr(key, "Kind") + " " + TextOr(key, "Object") + " " + TextOr(key, "Detail") + " " + TextOr(key, "Time"),
               "DriveRemoved sdb d2?second line 2024-01-02T03:04:06Z");
     EXPECT_EQ(NumberOr(kInventoryKey, "LastChange", 0), 6u);
-    // keep 0 is taken as 1
-    EXPECT_EQ(RecordChanges(reg, three, "t2", 0), 9u);
+    EXPECT_EQ(RecordChanges(reg, three, "t2", 0), 9u);  // keep 0 is taken as 1
     EXPECT_EQ(SubKeys(kChanges), Names{"0000000009"});
 }
 

@@ -149,21 +149,7 @@ TEST(CPerfMonNetwork, RatesAgainstTheIntervalBudget)
     }
 }
 
-TEST(CPerfMonNetwork, ShortIntervalsAndAClockSetBackKeepOrRestartTheReading)
-{
-    Rig r;
-    StartNetwork(r, {{"eth0", 0, 0}});
-    NextReading(r, {{"eth0", 1000, 0}}, 1000);  // same time: elapsed × capacity is 0
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 0u);
-    NextReading(r, {{"eth0", 65536, 0}}, 2000);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED), 50);  // from the start's 0, not from 1000
-    NextReading(r, {{"eth0", 500000, 0}}, 500);  // set back: starts afresh
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 1u);
-    NextReading(r, {{"eth0", 500000 + 13107, 0}}, 1500);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED), 10);
-}
-
-TEST(CPerfMonNetwork, InstancesFollowTheInterfaceTable)
+TEST(CPerfMonNetwork, InstancesFollowTheInterfaceTableAndShortIntervalsKeepTheReading)
 {
     Rig r;
     r.speed->speeds = {{"br0", 1}, {"eth5", 1}};
@@ -184,6 +170,15 @@ TEST(CPerfMonNetwork, InstancesFollowTheInterfaceTable)
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 3u);
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 1), 2u);
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 20);
+    // At the same time again: no sample, and the reading is kept (not 19 % from the 999 more).
+    NextReading(r, {{"eth0", 40632 + 999, 0}}, 4000);
+    NextReading(r, {{"eth0", 40632 + 26214, 0}}, 5000);
+    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 4u);
+    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 20);
+    NextReading(r, {{"eth0", 500000, 0}}, 500);  // the clock set back: starts afresh
+    NextReading(r, {{"eth0", 500000 + 13107, 0}}, 1500);
+    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 5u);
+    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 10);
 }
 
 TEST(CPerfMonNetwork, MalformedCounterLinesUnknownSpeedsAndNoInterfaces)
