@@ -62,8 +62,7 @@ TEST(DriveAndVolumeScan, FakeMachine)
     EXPECT_EQ("/dev/sda1 xfs /mnt/data dir", volumes[0].device + " " + volumes[1].fsType + " " + volumes[2].mountPoint);
     EXPECT_GT(volumes[0].totalBytes, 0u);  // statvfs on the temporary root
     FakeRoot empty;
-    EXPECT_FALSE(CSystemVolume::ScanSystemVolumes(volumes));
-    EXPECT_FALSE(CSystemDrive::ScanSystemDrives(drives));
+    EXPECT_FALSE(CSystemVolume::ScanSystemVolumes(volumes) || CSystemDrive::ScanSystemDrives(drives));
     EXPECT_EQ(3u, volumes.size());  // unchanged on failure
 }
 

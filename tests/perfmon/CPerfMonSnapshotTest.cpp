@@ -21,7 +21,8 @@ TEST(CPerfMonMemory, UsedAndSwapFromMalformedAndOverflowingFiles)
         // Both saturate alike; more free swap than there is: nothing in use, not a wrapped figure.
         {"saturated", std::string(5000, 'M') + "\nMemTotal: " + huge + " kB\nMemFree: 18446744073709551615 kB\nJunk: " +
              std::string(300, '9') + "\nSwapTotal: 1000 kB\nSwapFree: " + huge + " kB\n", 2, 0, 0},
-        {"no swap: the raw part 0", "MemTotal: " + huge + " kB\nMemFree: 0 kB\nSwapTotal: 0 kB\nSwapFree: 0 kB\n", 2, 100, 0},
+        // No swap: the whole is 0, so the raw part (0) is reported.
+        {"no swap", "MemTotal: " + huge + " kB\nMemFree: 0 kB\nSwapTotal: 0 kB\nSwapFree: 0 kB\n", 2, 100, 0},
     };
     for (const Case& c : cases) {
         Rig r;
@@ -64,8 +65,8 @@ TEST(CPerfMonSystem, DifferencesOfTheSummaryLineAndQueriesOutsideTheGroups)
     EXPECT_EQ(r.Current(CPerfMon::PERF_SYSTEM_USAGE), 0);
     r.proc.Stat(130, 10, 60, 900);  // +40 user (with nice), +10 kernel, +50 idle
     r.mon.SnapshotData(kSys);
-    // usage, idle, user, kernel
-    EXPECT_EQ(r.Answers(CPerfMon::PERF_SYSTEM_USAGE, CPerfMon::PERF_SYSTEM_KERNEL), (std::vector{50, 1, 50, 1, 40, 1, 10, 1}));
+    EXPECT_EQ(r.Answers(CPerfMon::PERF_SYSTEM_USAGE, CPerfMon::PERF_SYSTEM_KERNEL),
+              (std::vector{50, 1, 50, 1, 40, 1, 10, 1}));  // usage, idle, user, kernel
     EXPECT_EQ(r.Average(CPerfMon::PERF_SYSTEM_USER), 40);  // the zero-total sample does not count
     r.proc.Stat(130, 10, 60, 1000);  // idle only
     r.mon.SnapshotData(kSys);
@@ -104,7 +105,8 @@ TEST(CPerfMonSystem, MalformedAndOverflowingSummaryLines)
     EXPECT_EQ(r.mon.GetNumberInstances(CPerfMon::PERF_MONITOR_CPU), 0u);
     for (int instance : {-1, 0, 1})
         for (int mode : {0, 1})
-            EXPECT_EQ(r.Answers(CPerfMon::PERF_CPU_USAGE, CPerfMon::PERF_CPU_KERNEL, instance, mode), std::vector(8, 0));
+            EXPECT_EQ(r.Answers(CPerfMon::PERF_CPU_USAGE, CPerfMon::PERF_CPU_KERNEL, instance, mode),
+                      std::vector(8, 0));
 }
 
 namespace {
@@ -132,7 +134,8 @@ TEST(CPerfMonNetwork, RatesAgainstTheIntervalBudget)
     struct Case { const char* what; NetIf start, next; uint64_t atMs; int received, sent, usage; };
     const Case cases[] = {
         {"half received, a tenth sent", {"eth0", 1000, 5000}, {"eth0", 1000 + 65536, 5000 + 13107}, 2000, 50, 10, 60},
-        {"half the link for two seconds: the budget is two seconds' worth", {"eth0", 0, 0}, {"eth0", 131072, 0}, 3000, 25, 0, 25},
+        // Half the link for two seconds: the budget is two seconds' worth.
+        {"longer interval", {"eth0", 0, 0}, {"eth0", 131072, 0}, 3000, 25, 0, 25},
         {"32-bit counters wrapped", {"eth0", 0xFFFF8000ull, 0xFFFFFFF0ull}, {"eth0", 0x8000, 0x10}, 2000, 50, 0, 50},
         {"64-bit counter reset", {"eth0", 0x200000000ull, 0}, {"eth0", 13107, 0}, 2000, 10, 0, 10},
     };
