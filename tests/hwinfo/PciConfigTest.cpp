@@ -11,10 +11,7 @@ using H = CPciCommonConfigHeader;
 
 TEST(PciConfigHeader, NamesValidityAndSubsystemIds)
 {
-    struct Case {
-        uint8_t base, sub, progIf;
-        const char* name;
-    } cases[] = {
+    struct Case { uint8_t base, sub, progIf; const char* name; } cases[] = {
         {3, 0, 0, "VGA compatible controller"}, {3, 0, 1, "8514 compatible controller"},  // by interface
         {3, 0x80, 0, "Display controller"}, {0x12, 0, 0, "Unknown"}, {0xFF, 0xFF, 0, "Other"},  // fallbacks
         {0, 7, 0, "Unknown"}, {7, 0, 9, "Serial port"}, {8, 3, 1, "ISA RTC"}, {10, 0x55, 0, "Docking station"},
@@ -101,12 +98,8 @@ TEST(PciConfigScan, SlotsAndBridgeInheritance)
     root.SetSysfsTable(Concat({SlotStructure(1, 0x06, 4, 4, 0x00, 0x08), SlotStructure(2, 0x06, 4, 7, 0x09, 0x00),
                                SlotStructure(3, 0x06, 4, 2, 0x00, 0x20), SlotStructure(4, 0x06, 4, 3, 0x00, 0x28),
                                OnboardStructure(5, 0x00, 0x10), EndOfTable(6)}));
-    struct Fn {
-        const char* path;
-        uint16_t device;
-        uint8_t base, sub, headerType, secondary;
-        int slot;
-    } const fns[] = {
+    struct Fn { const char* path; uint16_t device; uint8_t base, sub, headerType, secondary; int slot; };
+    const Fn fns[] = {
         {"00/01.0", 0x0101, 6, 4, 0x01, 5, 4},     // bridge in slot 4 → bus 5
         {"00/02.0", 0x0102, 2, 0, 0, 0, 0},        // onboard: slot 0
         {"00/03.0", 0x0103, 6, 4, 0x01, 6, -1},    // bridge without slot

@@ -7,12 +7,7 @@
 using namespace hwtest;
 
 namespace {
-PciSlotData Slot(uint8_t bus, uint8_t dev, uint8_t slot, uint8_t type)
-{
-    PciSlotData d;
-    d.bus = bus, d.device = dev, d.slot = slot, d.type = type;
-    return d;
-}
+PciSlotData Slot(uint8_t bus, uint8_t dev, uint8_t slot, uint8_t type) { return {bus, dev, slot, type}; }
 std::string Text(const std::vector<PciSlotData>& list)
 {
     std::string out;

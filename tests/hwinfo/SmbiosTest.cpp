@@ -25,12 +25,7 @@ CSMBios Walk(const Bytes& table, uint16_t expected = 0, bool* ok = nullptr)
 // records are "bus.device.slot.type" in hex.
 TEST(SmbiosFixtures, EachDumpParsesThroughSysfs)
 {
-    struct Case {
-        const char* name;
-        int major, minor;
-        size_t structures, type9, type41;
-        const char* slots;
-    } cases[] = {
+    struct Case { const char* name; int major, minor; size_t structures, type9, type41; const char* slots; } cases[] = {
         {"supermicro-x10dal-i", 3, 0, 102, 5, 2, "1.0.1.b6 2.0.3.b6 3.0.5.b6 5.0.0.2 6.0.0.2"},
         {"dell-poweredge-r777sd", 3, 2, 77, 4, 6, "af.0.4.b1 18.0.0.2 18.0.0.2 19.0.0.2 19.0.0.2 3b.0.0.2 3.0.0.2"},
         {"dell-precision-3620", 3, 0, 99, 5, 5, "1.0.1.b1 5.0.4.b0 2.0.5.17 0.2.0.2 0.13.0.2 0.1b.0.2 0.1f.0.2 0.1f.0.2"},
@@ -47,8 +42,7 @@ TEST(SmbiosFixtures, EachDumpParsesThroughSysfs)
         root.SetSysfsSmbios(SmbiosFixture(std::string(c.name) + ".ep"), SmbiosFixture(std::string(c.name) + ".dmi"));
         CSMBios smbios;
         ASSERT_TRUE(smbios.Connect()) << smbios.GetLastErrorText();
-        EXPECT_EQ(c.major, smbios.GetMajor());
-        EXPECT_EQ(c.minor, smbios.GetMinor());
+        EXPECT_EQ(c.major * 256 + c.minor, smbios.GetMajor() * 256 + smbios.GetMinor());
         EXPECT_EQ(c.structures, smbios.GetIndexedCount());
         EXPECT_EQ(c.structures, smbios.GetExpectedStructureCount());
         EXPECT_EQ(c.type9, smbios.GetStructures(9).size());
@@ -131,29 +125,22 @@ TEST(SmbiosSysfs, FailuresLeaveOutputsAndAnUnknownAnchorIsTaken)
         root.Write("/sys/firmware/dmi/tables/DMI", std::string(dmi, *dmi ? 6 : 0));
     }
     EXPECT_EQ(7u, h.GetSize() + d.GetSize());
-    EXPECT_TRUE(CBiosTables::GetAnySMBiosFromSysfs(h, d));
-    EXPECT_EQ(14u, h.GetSize() + d.GetSize());
+    EXPECT_TRUE(CBiosTables::GetAnySMBiosFromSysfs(h, d) && h.GetSize() + d.GetSize() == 14u);
     FakeRoot empty;
     CSMBios none;
-    EXPECT_FALSE(none.Connect());
-    EXPECT_EQ(SmbiosSource::None, none.GetSource());
+    EXPECT_FALSE(none.Connect() || none.GetSource() != SmbiosSource::None);
     EXPECT_EQ(0u, none.GetLastErrorText().find("Could not map SMBIOS physical memory (LastError = 0x"));
     empty.SetSysfsSmbios({'J', 'U', 'N', 'K', 'J', 'U', 'N', 'K'}, Concat({Structure(1, 0, {1, 2}), EndOfTable(1)}));
     CSMBios s;
-    EXPECT_TRUE(s.Connect());
-    EXPECT_EQ(SmbiosSource::Sysfs, s.GetSource());
+    EXPECT_TRUE(s.Connect() && s.GetSource() == SmbiosSource::Sysfs);
     EXPECT_EQ(0, s.GetMajor());
     EXPECT_EQ(2u, s.GetIndexedCount());
 }
 
 TEST(SmbiosMemory, SystabKeysAddressesAndEntryPoints)
 {
-    struct Case {
-        const char* file;
-        const char* systab;
-        Bytes ep3;  // replaces the 3.0 entry point when not empty
-        size_t header, data;  // 0: the source fails
-    } cases[] = {
+    // ep3 replaces the 3.0 entry point when not empty; header 0: the source fails.
+    struct Case { const char* file; const char* systab; Bytes ep3; size_t header, data; } cases[] = {
         {"/sys/firmware/efi/systab", "ACPI20=0x7ff00000\nSMBIOS=0x31000\nSMBIOS3=0x30010\n", {}, 24, kTable3.size()},
         // "SMBIOS" is not taken for "SMBIOS3": only the second attempt finds it.
         {"/proc/efi/systab", "SMBIOS=0x31000\n", {}, 31, kTable2.size()},
@@ -214,13 +201,8 @@ TEST(SmbiosShadow, ScanEdges)
     longEp[5] = 255;
     FixChecksum(longEp, 254);
     const std::string none = "No SMBIOS structures found!";
-    struct Case {
-        uint64_t at;
-        Bytes ep;
-        size_t memory;
-        size_t header;  // with success
-        std::string error;  // empty: success
-    } cases[] = {
+    // header: its size with success; error "": success.
+    struct Case { uint64_t at; Bytes ep; size_t memory; size_t header; std::string error; } cases[] = {
         {0xF5A40, ShadowEp(), 0x100000, 31, ""},
         {0xF5A48, ShadowEp(), 0x100000, 0, none},  // off a paragraph
         {0xFFFF0, ShadowEp(), 0x100000, 0, none},  // the last 16 bytes are never searched
@@ -245,9 +227,7 @@ TEST(SmbiosShadow, ScanEdges)
         EXPECT_EQ(c.header, s.GetHeader().GetSize());
         EXPECT_EQ(c.error.empty() ? kShadowTableBytes.size() : 0u, s.GetData().GetSize());
         EXPECT_EQ(0u, s.GetLastErrorText().find(c.error));
-        if (c.error.empty()) {
-            EXPECT_EQ(5, s.GetExpectedStructureCount());
-        }
+        EXPECT_TRUE(!c.error.empty() || s.GetExpectedStructureCount() == 5);
     }
 }
 
@@ -259,8 +239,7 @@ TEST(DeviceBios, MapRefusesWhenNotConnectedOrZero)
     CDeviceBios bios;
     EXPECT_EQ(nullptr, bios.MapPhysicalMemory(0, 0xE0000, 16, false));
     bios.Connect();
-    EXPECT_EQ(nullptr, bios.MapPhysicalMemory(0, 0, 16, false));
-    EXPECT_EQ(nullptr, bios.MapPhysicalMemory(0, 0xE0000, 0, false));
+    EXPECT_TRUE(!bios.MapPhysicalMemory(0, 0, 16, false) && !bios.MapPhysicalMemory(0, 0xE0000, 0, false));
     ASSERT_NE(nullptr, bios.MapPhysicalMemory(0, 0xE0123, 2, false));
     const uint8_t* p = bios.MapPhysicalMemory(0, 0xE0124, 1, true);  // a second map replaces the first
     ASSERT_NE(nullptr, p);
@@ -279,13 +258,14 @@ TEST(SmbiosMalformed, StructureWalkTable)
     const std::string second4 = stringsEnd + "   struct[1], type=0x04, handle=7\n   struct Offset 0x0009";
     const Bytes first = Structure(1, 0x10, {1, 2, 3});
     const Bytes ends = Concat({Structure(1, 0, {}), Structure(2, 1, {}), EndOfTable(2)});
+    // error "": the walk succeeds; index: (type, offset) in walk order; preset: a count from an entry point.
     struct Case {
         const char* name;
         Bytes table;
-        std::string error;  // empty: the walk succeeds
-        std::vector<std::pair<uint8_t, size_t>> index;  // (type, offset) in walk order
+        std::string error;
+        std::vector<std::pair<uint8_t, size_t>> index;
         uint16_t count;
-        uint16_t preset = 0;  // count from an entry point
+        uint16_t preset = 0;
     } cases[] = {
         {"empty", {}, "## ERROR! SMBIOS structures are not set", {}, 0},
         // Length 0: the string walk starts at the type byte itself.

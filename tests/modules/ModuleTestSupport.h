@@ -1,9 +1,7 @@
 // Helpers of the bundled modules' tests: loading a module the way the
-// framework does, a machine snapshot for the inventory, a made-up proc root
-// for the performance figures, and registry readers.
+// framework does, a machine snapshot, a made-up proc root, registry readers.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <dlfcn.h>
 #include <map>
@@ -12,8 +10,8 @@
 
 #include "common/UniqueHandle.h"
 #include "framework/tarvd_module.h"
-#include "hwinfo/HwTestUtil.h"
 #include "registry/CRegistry.h"
+#include "support/Firmware.h"
 #include "support/TestSupport.h"
 #include "support/Wait.h"
 
@@ -21,98 +19,49 @@ namespace modtest {
 
 using testsupport::MakeDirs;
 using testsupport::ReadFile;
+using testsupport::WaitFor;
 using testsupport::WriteFile;
 
 /// One module shared object, opened with dlopen and closed with dlclose.
 class ModuleLibrary {
 public:
-    explicit ModuleLibrary(const std::string& path) : m_Handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL))
+    explicit ModuleLibrary(const char* path) : m_Handle(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {}
+    /// The module's table; null (the cause in dlerror) when it has none.
+    const TarvdModuleV1* Table() const
     {
-        const char* e = m_Handle ? nullptr : dlerror();
         auto entry = m_Handle ? reinterpret_cast<TarvdModuleEntry>(dlsym(m_Handle.Get(), TARVD_MODULE_ENTRY)) : nullptr;
-        m_Table = entry ? entry() : nullptr;
-        m_Error = m_Table ? "" : m_Handle ? "no entry point" : e ? e : "dlopen failed";
+        return entry ? entry() : nullptr;
     }
-
-    const TarvdModuleV1* operator->() const { return m_Table; }
-    const TarvdModuleV1* Table() const { return m_Table; }
-    const std::string& Error() const { return m_Error; }
+    const TarvdModuleV1* operator->() const { return Table(); }
 
 private:
     UniqueLibrary m_Handle;
-    const TarvdModuleV1* m_Table = nullptr;
-    std::string m_Error;
 };
 
 /// A loader configuration whose getValue answers from a map.
-class ModuleConfig {
-public:
-    explicit ModuleConfig(std::map<std::string, std::string> values, uint32_t flags = 0, uint32_t runMode = 0)
-        : m_Values(std::move(values))
+struct ModuleConfig {
+    explicit ModuleConfig(std::map<std::string, std::string> v, uint32_t flags = 0)
+        : values(std::move(v)), config{TARVD_MODULE_ABI_VERSION, 0, flags, "test", "test.conf", &Value, this}
     {
-        m_Config = {TARVD_MODULE_ABI_VERSION, runMode, flags, "test", "test.conf", &ModuleConfig::Get, this};
     }
-    ModuleConfig(const ModuleConfig&) = delete;
-    ModuleConfig& operator=(const ModuleConfig&) = delete;
-
-    const TarvdModuleConfig* Get() const { return &m_Config; }
-
-private:
-    static const char* Get(const TarvdModuleConfig* config, const char* key)
+    ModuleConfig(const ModuleConfig&) = delete;  // `config` points at this object
+    const TarvdModuleConfig* Get() const { return &config; }
+    static const char* Value(const TarvdModuleConfig* c, const char* key)
     {
-        auto* self = static_cast<const ModuleConfig*>(config->reserved);
-        auto it = self->m_Values.find(key);
-        return it == self->m_Values.end() ? nullptr : it->second.c_str();
+        const auto& v = static_cast<const ModuleConfig*>(c->reserved)->values;
+        auto it = v.find(key);
+        return it == v.end() ? nullptr : it->second.c_str();
     }
 
-    std::map<std::string, std::string> m_Values;
-    TarvdModuleConfig m_Config{};
+    std::map<std::string, std::string> values;
+    TarvdModuleConfig config;
 };
-
-/// Milliseconds that `f` took.
-template <typename F>
-long long TimedMs(F f)
-{
-    auto start = std::chrono::steady_clock::now();
-    f();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
-
-/// Polls `done` until it is true or `seconds` pass.
-template <typename F>
-bool WaitFor(F done, int seconds = 30)
-{
-    return testsupport::WaitFor(done, std::chrono::seconds(seconds));
-}
-
-// ---- machine snapshot --------------------------------------------------------
-
-/// A PCI configuration header (64 bytes) of a function.
-inline hwtest::Bytes PciHeader(uint16_t vendor, uint16_t device, uint8_t baseClass, uint8_t subClass)
-{
-    hwtest::Bytes b(64, 0);
-    hwtest::PutLe16(b, 0, vendor);
-    hwtest::PutLe16(b, 2, device);
-    b[0x0A] = subClass;
-    b[0x0B] = baseClass;
-    return b;
-}
 
 /// SMBIOS through sysfs: `ep` and `dmi` as the entry point and the table.
 inline void WriteSmbios(const std::string& root, const std::string& ep, const std::string& dmi)
 {
-    WriteFile(root + "/sys/firmware/dmi/tables/smbios_entry_point", ep);
-    WriteFile(root + "/sys/firmware/dmi/tables/DMI", dmi);
-}
-
-/// A table with one conventional PCI slot (type 9, slot type 0x06: it
-/// holds only its own device) `slotId` for bus 0, device `device`.
-inline void WriteSlotTable(const std::string& root, uint8_t device, uint8_t slotId)
-{
-    using namespace hwtest;
-    Bytes table = Concat({SlotStructure(0x0900, 0x06, 4, slotId, 0, static_cast<uint8_t>(device << 3)),
-                          EndOfTable(0x7F00)});
-    WriteSmbios(root, Str(EntryPoint30(static_cast<uint32_t>(table.size()), 0x20)), Str(table));
+    WriteFile(root + hwinfo::kSysfsSmbiosEntryPoint, ep);
+    WriteFile(root + hwinfo::kSysfsSmbiosTable, dmi);
 }
 
 /// A block device below the PCI function `pciAddress` ("0000:00:02.0").
@@ -126,10 +75,8 @@ inline void WriteDisk(const std::string& root, const std::string& name, const st
     (void)!symlink(devpath.c_str(), (root + "/sys/block/" + name + "/device").c_str());
 }
 
-/// The small virtual machine of the fixtures: its /proc/bus/pci (copied
-/// file by file, so the copies are writable), the SMBIOS table of a real
-/// workstation (bus 0 device 2 is an onboard device: slot 0), one disk
-/// behind the virtio block device 0000:00:02.0 and three mounts.
+/// The small virtual machine of the fixtures (its /proc/bus/pci copied file by file: writable), the
+/// SMBIOS table of a real workstation (0:2.0 onboard: slot 0), a disk behind 0000:00:02.0, three mounts.
 inline void MakeSnapshot(const std::string& root)
 {
     std::string fixtures = testsupport::FixturesDir();
@@ -144,33 +91,27 @@ inline void MakeSnapshot(const std::string& root)
                                           "/dev/vda2 /boot xfs rw 0 0\n/dev/vda3 /srv/data\\040dir ext4 rw 0 0\n");
 }
 
-// ---- fake proc root for the performance monitor --------------------------------
-
 inline void WriteMemInfo(const std::string& proc, uint64_t memTotal, uint64_t memFree, uint64_t swapTotal,
                          uint64_t swapFree)
 {
-    WriteFile(proc + "/meminfo", "MemTotal:       " + std::to_string(memTotal) + " kB\nMemFree:        " +
-                                     std::to_string(memFree) + " kB\nSwapTotal:      " + std::to_string(swapTotal) +
-                                     " kB\nSwapFree:       " + std::to_string(swapFree) + " kB\n");
+    auto line = [](const char* key, uint64_t kb) { return std::string(key) + "  " + std::to_string(kb) + " kB\n"; };
+    WriteFile(proc + "/meminfo", line("MemTotal:", memTotal) + line("MemFree:", memFree) +
+                                     line("SwapTotal:", swapTotal) + line("SwapFree:", swapFree));
 }
 
-/// meminfo at 75 % memory and 50 % swap, a static stat, two monitored
-/// interfaces (eth0, br0) besides lo, and the kernel's pid_max.
+/// 75 % memory and 50 % swap used, a static stat, monitored eth0 and br0 besides lo, pid_max.
 inline void MakeProc(const std::string& proc)
 {
     WriteMemInfo(proc, 1000, 250, 2000, 1000);
     WriteFile(proc + "/stat", "cpu  100 0 50 850 0 0 0 0 0 0\ncpu0 100 0 50 850 0 0 0 0 0 0\n");
-    WriteFile(proc + "/net/dev",
-              "Inter-|   Receive                                                |  Transmit\n"
-              " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs drop fifo colls "
-              "carrier compressed\n"
-              "    lo: 100 1 0 0 0 0 0 0 100 1 0 0 0 0 0 0\n"
-              "  eth0: 1000 10 0 0 0 0 0 0 2000 20 0 0 0 0 0 0\n"
-              "   br0: 3000 30 0 0 0 0 0 0 4000 40 0 0 0 0 0 0\n");
+    WriteFile(proc + "/net/dev", "Inter-|   Receive |  Transmit\n face |bytes    packets ...|bytes    packets ...\n"
+                                 "    lo: 100 1 0 0 0 0 0 0 100 1 0 0 0 0 0 0\n"
+                                 "  eth0: 1000 10 0 0 0 0 0 0 2000 20 0 0 0 0 0 0\n"
+                                 "   br0: 3000 30 0 0 0 0 0 0 4000 40 0 0 0 0 0 0\n");
     WriteFile(proc + "/sys/kernel/pid_max", "32768\n");
 }
 
-// ---- registry readers (handles of their own, released at once) -----------------
+// Registry readers: each with a handle of its own, released at once.
 
 /// A number (type 4 only) below HKEY_LOCAL_MACHINE, or `fallback`.
 inline uint32_t NumberOr(const std::string& key, const char* name, uint32_t fallback)

@@ -1,7 +1,5 @@
-// Samples taken from a made-up proc root: memory, system, network and
-// process figures checked against hand-computed percentages, and bad input.
-// The monitors run with a zero period, so that the test takes every
-// snapshot after the two of the start itself.
+// Samples of every group from a made-up proc root against hand-computed
+// figures, and bad input.  A zero period: the test takes every snapshot.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -10,6 +8,8 @@
 #include "perfmon/PerfMonPaths.h"
 
 using namespace perfmontest;
+using testsupport::FakeProc;
+using Answer = std::pair<int, int>;
 
 TEST(CPerfMonMemory, UsedAndSwapFromMalformedAndOverflowingFiles)
 {
@@ -18,8 +18,7 @@ TEST(CPerfMonMemory, UsedAndSwapFromMalformedAndOverflowingFiles)
     const Case cases[] = {
         {"a quarter used", "MemTotal: 1000 kB\nMemFree: 250 kB\nSwapTotal: 400 kB\nSwapFree: 100 kB\n", 2, 75, 75},
         {"missing field", "MemTotal: 1000 kB\nMemFree: 500 kB\nSwapTotal: 100 kB\nSwapCached: 0 kB\n", 0, 0, 0},
-        // Both saturate at the same value; more free swap than there is:
-        // nothing in use, not a wrapped figure.
+        // Both saturate alike; more free swap than there is: nothing in use, not a wrapped figure.
         {"saturated", std::string(5000, 'M') + "\nMemTotal: " + huge + " kB\nMemFree: 18446744073709551615 kB\nJunk: " +
              std::string(300, '9') + "\nSwapTotal: 1000 kB\nSwapFree: " + huge + " kB\n", 2, 0, 0},
         // No swap: the whole is 0, so the raw part (0) is reported.
@@ -30,9 +29,7 @@ TEST(CPerfMonMemory, UsedAndSwapFromMalformedAndOverflowingFiles)
         r.proc.Write("meminfo", c.text);
         ASSERT_NE(r.mon.StartMonitoring(kMem, 0), 0u);
         EXPECT_EQ(r.mon.GetHistoryCount(kMem, 0), c.samples) << c.what;
-        int result = -1;
-        EXPECT_EQ(r.Current(CPerfMon::PERF_MEMORY_USAGE, 0, &result), c.mem) << c.what;
-        EXPECT_EQ(result, 1) << c.what;  // the instance exists even without a sample
+        EXPECT_EQ(r.Answer(CPerfMon::PERF_MEMORY_USAGE), Answer(c.mem, 1)) << c.what;  // even without a sample
         EXPECT_EQ(r.Average(CPerfMon::PERF_MEMORY_USAGE, -1), c.mem) << c.what;
         EXPECT_EQ(r.Current(CPerfMon::PERF_SWAP_USAGE), c.swap) << c.what;
     }
@@ -47,57 +44,40 @@ TEST(CPerfMonMemory, HistoryKeepsTheNewestAndAnUnreadableFileAddsNothing)
         r.proc.MemInfo(1000, 1000 - used, 0, 0);
         r.mon.SnapshotData(kMem);
     }
+    unlink(r.proc.Path("meminfo").c_str());
+    r.mon.SnapshotData(kMem);
     EXPECT_EQ(r.mon.GetHistoryCount(kMem, 0), 3u);
     EXPECT_EQ(r.Current(CPerfMon::PERF_MEMORY_USAGE), 50);
     EXPECT_EQ(r.Average(CPerfMon::PERF_MEMORY_USAGE), 40);  // 30, 40, 50
-    unlink(r.proc.Path("meminfo").c_str());
-    r.mon.SnapshotData(kMem);
-    EXPECT_EQ(r.Average(CPerfMon::PERF_MEMORY_USAGE), 40);
-
     Rig never;  // never started: no histories, nothing read
     never.proc.MemInfo(1000, 500, 0, 0);
     never.mon.SnapshotData(CPerfMon::PERF_MONITOR_ALL);
-    int result = -1;
-    EXPECT_EQ(never.Current(CPerfMon::PERF_MEMORY_USAGE, 0, &result), 0);
-    EXPECT_EQ(result, 0);
+    EXPECT_EQ(never.Answer(CPerfMon::PERF_MEMORY_USAGE), Answer(0, 0));
 }
 
-TEST(CPerfMonSystem, DifferencesOfTheSummaryLine)
+TEST(CPerfMonSystem, DifferencesOfTheSummaryLineAndQueriesOutsideTheGroups)
 {
     Rig r;
     r.proc.Stat(100, 0, 50, 850);
     ASSERT_NE(r.mon.StartMonitoring(kSys, 0), 0u);
-    // The first reading only became the previous one; the second one, with
-    // equal counters, has a zero total.
+    // The first reading only became the previous one; the second has a zero total.
     EXPECT_EQ(r.mon.GetHistoryCount(kSys, 0), 1u);
     EXPECT_EQ(r.Current(CPerfMon::PERF_SYSTEM_USAGE), 0);
     r.proc.Stat(130, 10, 60, 900);  // +40 user (with nice), +10 kernel, +50 idle
     r.mon.SnapshotData(kSys);
-    const int expected[] = {50, 50, 40, 10};  // usage, idle, user, kernel
-    for (int v = CPerfMon::PERF_SYSTEM_USAGE; v <= CPerfMon::PERF_SYSTEM_KERNEL; ++v)
-        EXPECT_EQ(r.Current(static_cast<PMV>(v)), expected[v]) << v;
+    EXPECT_EQ(r.Answers(CPerfMon::PERF_SYSTEM_USAGE, CPerfMon::PERF_SYSTEM_KERNEL),
+              (std::vector{50, 1, 50, 1, 40, 1, 10, 1}));  // usage, idle, user, kernel
     EXPECT_EQ(r.Average(CPerfMon::PERF_SYSTEM_USER), 40);  // the zero-total sample does not count
     r.proc.Stat(130, 10, 60, 1000);  // idle only
     r.mon.SnapshotData(kSys);
     EXPECT_EQ(r.Current(CPerfMon::PERF_SYSTEM_IDLE), 100);
     EXPECT_EQ(r.Average(CPerfMon::PERF_SYSTEM_USAGE), 25);
-
-    // Modes: 0 current, 1 average, anything else answers 0 and leaves the byte.
-    unsigned char p = 7;
-    EXPECT_EQ(r.mon.GetUsagePercent(p, CPerfMon::PERF_SYSTEM_USAGE, 0, 0), 1);
-    EXPECT_EQ(p, 0);
-    EXPECT_EQ(r.mon.GetUsagePercent(p, CPerfMon::PERF_SYSTEM_USAGE, 1, 0), 1);
-    EXPECT_EQ(p, 25);
-    p = 7;
-    EXPECT_EQ(r.mon.GetUsagePercent(p, CPerfMon::PERF_SYSTEM_USAGE, 2, 0), 0);
-    EXPECT_EQ(r.mon.GetUsagePercent(p, CPerfMon::PERF_SYSTEM_USAGE, -1, 0), 0);
-    EXPECT_EQ(p, 7);
+    // Modes other than 0 and 1 answer 0 and leave the byte.
+    for (int mode : {2, -1})
+        EXPECT_EQ(r.Answer(CPerfMon::PERF_SYSTEM_USAGE, 0, mode), Answer(222, 0)) << mode;
     // Instances that do not exist and values outside every group: 0, 0.
-    for (auto [value, instance] : {std::pair{0, 1}, {0, -2}, {21, 0}, {-1, 0}}) {
-        p = 7;
-        EXPECT_EQ(r.mon.GetCurrentPercent(static_cast<PMV>(value), p, instance), 0) << value << " " << instance;
-        EXPECT_EQ(p, 0);
-    }
+    for (auto [value, instance] : {std::pair{0, 1}, {0, -2}, {21, 0}, {-1, 0}})
+        EXPECT_EQ(r.Answer(PMV(value), instance), Answer(0, 0)) << value << " " << instance;
 }
 
 TEST(CPerfMonSystem, MalformedAndOverflowingSummaryLines)
@@ -114,41 +94,36 @@ TEST(CPerfMonSystem, MalformedAndOverflowingSummaryLines)
     r.proc.Stat(200, 0, 50, 850);  // a bad reading did not replace the previous one
     r.mon.SnapshotData(kSys);
     EXPECT_EQ(r.Current(CPerfMon::PERF_SYSTEM_USER), 100);
-
-    r.proc.Write("stat", "cpu 99999999999999999999999 99999999999999999999 1 1\n");
-    r.mon.SnapshotData(kSys);
-    r.proc.Write("stat", "cpu 99999999999999999999999 99999999999999999999 2 9\n");
-    r.mon.SnapshotData(kSys);
+    for (const char* overflowing : {"cpu 99999999999999999999999 99999999999999999999 1 1\n",
+                                    "cpu 99999999999999999999999 99999999999999999999 2 9\n"}) {
+        r.proc.Write("stat", overflowing);
+        r.mon.SnapshotData(kSys);
+    }
     EXPECT_LE(r.Current(CPerfMon::PERF_SYSTEM_USAGE), 100);
     EXPECT_EQ(r.Current(CPerfMon::PERF_SYSTEM_KERNEL), 11);  // 1 of 9
-
     // Per-processor values are accepted but never sampled: no instance.
     EXPECT_EQ(r.mon.GetNumberInstances(CPerfMon::PERF_MONITOR_CPU), 0u);
-    for (int v = CPerfMon::PERF_CPU_USAGE; v <= CPerfMon::PERF_CPU_KERNEL; ++v)
-        for (int instance : {-1, 0, 1}) {
-            int current = -1, average = -1;
-            EXPECT_EQ(r.Current(static_cast<PMV>(v), instance, &current) + r.Average(static_cast<PMV>(v), instance, &average), 0);
-            EXPECT_EQ(current + average, 0) << v;
-        }
+    for (int instance : {-1, 0, 1})
+        for (int mode : {0, 1})
+            EXPECT_EQ(r.Answers(CPerfMon::PERF_CPU_USAGE, CPerfMon::PERF_CPU_KERNEL, instance, mode),
+                      std::vector(8, 0));
 }
 
 namespace {
 
-// Network monitoring of the given interfaces at 1 Mbit/s (131072 bytes a
-// second), started at 1000 ms.
+// Network monitoring of the given interfaces at 1 Mbit/s (131072 bytes a second).
 void StartNetwork(Rig& r, const std::vector<NetIf>& interfaces)
 {
     for (const NetIf& n : interfaces)
-        r.speed->Set(n.name, 1);
+        r.speed->speeds[n.name] = 1;
     r.proc.NetDev(interfaces);
-    r.clock->Set(1000);
     ASSERT_NE(r.mon.StartMonitoring(kNet, 0), 0u);
 }
 
 void NextReading(Rig& r, const std::vector<NetIf>& interfaces, uint64_t atMs)
 {
     r.proc.NetDev(interfaces);
-    r.clock->Set(atMs);
+    r.clock->now = atMs;
     r.mon.SnapshotData(kNet);
 }
 
@@ -177,77 +152,60 @@ TEST(CPerfMonNetwork, RatesAgainstTheIntervalBudget)
     }
 }
 
-TEST(CPerfMonNetwork, ShortIntervalsAndAClockSetBackKeepOrRestartTheReading)
+TEST(CPerfMonNetwork, InstancesFollowTheInterfaceTableAndShortIntervalsKeepTheReading)
 {
     Rig r;
-    StartNetwork(r, {{"eth0", 0, 0}});
-    NextReading(r, {{"eth0", 1000, 0}}, 1000);  // same time: elapsed × capacity is 0
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 0u);
-    NextReading(r, {{"eth0", 65536, 0}}, 2000);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED), 50);  // from the start's 0, not from 1000
-    NextReading(r, {{"eth0", 500000, 0}}, 500);  // set back: starts afresh
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 1u);
-    NextReading(r, {{"eth0", 500000 + 13107, 0}}, 1500);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED), 10);
-}
-
-TEST(CPerfMonNetwork, UnknownLinkSpeedGivesNoSample)
-{
-    Rig r;
-    r.proc.NetDev({{"eth0", 0, 0}});
-    ASSERT_NE(r.mon.StartMonitoring(kNet, 0), 0u);  // no speed known for eth0
-    NextReading(r, {{"eth0", 65536, 0}}, 5000);
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 0u);
-    EXPECT_GE(r.speed->queries, 3);
-    int result = -1;
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_USAGE, 0, &result), 0);
-    EXPECT_EQ(result, 1);
-}
-
-TEST(CPerfMonNetwork, InstancesFollowTheInterfaceTable)
-{
-    Rig r;
-    r.speed->Set("br0", 1);
-    r.speed->Set("eth5", 1);
+    r.speed->speeds = {{"br0", 1}, {"eth5", 1}};
     StartNetwork(r, {{"lo", 0, 0}, {"eth0", 0, 0}, {"docker0", 0, 0}, {"wlan0", 0, 0}, {"br0", 0, 0}});
     ASSERT_EQ(r.mon.GetNumberInstances(kNet), 2u);
-    // A third interface appears and lo moves: only the first two monitored
-    // lines are instances.
+    // A third interface appears and lo moves: the first two monitored lines are the instances.
     NextReading(r, {{"eth0", 13107, 0}, {"lo", 999999, 0}, {"docker0", 999999, 0}, {"br0", 65536, 0},
                     {"eth5", 999999, 0}}, 2000);
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 10);
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 1), 50);
-    int result = -1;
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 2, &result), 0);
-    EXPECT_EQ(result, 0);
-    // Over all instances: eth0 1 % (a quotient of 1000), br0 idle.  The
-    // current form rounds to 0, the average to 1.
+    EXPECT_EQ(r.Answer(CPerfMon::PERF_NETWORK_RECEIVED, 2), Answer(0, 0));
+    // Over all: eth0 1 % (a quotient of 1000), br0 idle; the current form rounds to 0.
     NextReading(r, {{"eth0", 13107 + 1311, 0}, {"br0", 65536, 0}}, 3000);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, -1, &result), 0);
-    EXPECT_EQ(result, 1);
+    EXPECT_EQ(r.Answer(CPerfMon::PERF_NETWORK_RECEIVED, -1), Answer(0, 1));
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 1), 2u);
     // The second goes away: the first is still measured.
     NextReading(r, {{"eth0", 13107 + 1311 + 26214, 0}}, 4000);
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 3u);
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 1), 2u);
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 20);
+    // At the same time again: no sample, and the reading is kept (not 19 % from the 999 more).
+    NextReading(r, {{"eth0", 40632 + 999, 0}}, 4000);
+    NextReading(r, {{"eth0", 40632 + 26214, 0}}, 5000);
+    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 4u);
+    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 20);
+    NextReading(r, {{"eth0", 500000, 0}}, 500);  // the clock set back: starts afresh
+    NextReading(r, {{"eth0", 500000 + 13107, 0}}, 1500);
+    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 5u);
+    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 10);
 }
 
-TEST(CPerfMonNetwork, MalformedCounterLinesAndNoInterfaces)
+TEST(CPerfMonNetwork, MalformedCounterLinesUnknownSpeedsAndNoInterfaces)
 {
     Rig r;
     StartNetwork(r, {{"eth0", 0, 0}, {"eth1", 0, 0}});
     r.proc.Write("net/dev", "Inter-|\n face |\n  eth0: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15\n"
                             "  eth1: 99999999999999999999999 0 0 0 0 0 0 0 99999999999999999999999 0 0 0 0 0 0 0\n");
-    r.clock->Set(2000);
+    r.clock->now = 2000;
     r.mon.SnapshotData(kNet);
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 0u);  // fifteen counters only
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 1), 1u);  // saturated, still a sample
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_USAGE, 1), 100);
     unlink(r.proc.Path("net/dev").c_str());
-    r.clock->Set(3000);
+    r.clock->now = 3000;
     r.mon.SnapshotData(kNet);
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 1), 1u);
+
+    Rig unknown;  // no speed known for eth0: no sample, but the instance exists
+    unknown.proc.NetDev({{"eth0", 0, 0}});
+    ASSERT_NE(unknown.mon.StartMonitoring(kNet, 0), 0u);
+    NextReading(unknown, {{"eth0", 65536, 0}}, 5000);
+    EXPECT_EQ(unknown.mon.GetHistoryCount(kNet, 0), 0u);
+    EXPECT_EQ(unknown.Answer(CPerfMon::PERF_NETWORK_USAGE), Answer(0, 1));
 
     Rig none;
     EXPECT_EQ(none.mon.StartMonitoring(kNet, 0), 0u);  // no statistics file
@@ -258,4 +216,126 @@ TEST(CPerfMonNetwork, MalformedCounterLinesAndNoInterfaces)
     EXPECT_NE(none.mon.StartMonitoring(kNet | kMem, 0), 0u);
     EXPECT_EQ(none.mon.GetNumberInstances(kNet), 0u);
     EXPECT_EQ(none.mon.GetNumberInstances(kMem), 1u);
+}
+
+namespace {
+
+const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+
+void WriteLimit(Rig& r, int openFiles)
+{
+    r.proc.Write("self/limits", "Limit                     Soft Limit           Hard Limit           Units\n"
+                                "Max processes             96365                96365                processes\n"
+                                "Max open files            " + std::to_string(openFiles) + "        4096      files\n");
+}
+
+// 1000 kB of memory and as much swap, 2 processors, 5 of 50 descriptors, 1 runnable of 4
+// tasks, pid_max 40, 64 own threads, 200 kB resident (in whole pages), 500 kB virtual.
+void WriteProcesses(Rig& r, uint64_t systemTicks, uint64_t ownTicks, const char* loadavg = "0.52 0.58 0.59 1/4 42\n")
+{
+    r.proc.MemInfo(1000, 500, 1000, 1000);
+    const uint64_t quarter = systemTicks / 4;
+    r.proc.Stat(quarter, 0, quarter, systemTicks - 2 * quarter, 2);
+    r.proc.Write("self/stat", FakeProc::ProcessStat(4242, "kopd", 'S', ownTicks, 0, 64, 512000, 204800 / kPage));
+    WriteLimit(r, 50);
+    for (int fd = 0; fd < 5; ++fd)
+        r.proc.Write("self/fd/" + std::to_string(fd), "");
+    r.proc.Write("sys/kernel/pid_max", "40\n");
+    if (loadavg)
+        r.proc.Write("loadavg", loadavg);
+    else
+        unlink(r.proc.Path("loadavg").c_str());
+    r.proc.Write("1/stat", FakeProc::ProcessStat(1, "init", 'S', 1, 1, 1, 100, 1));
+    r.proc.Write("2/stat", FakeProc::ProcessStat(2, "busy) (R", 'R', 1, 1, 1, 100, 1));
+    r.proc.Write("4242/stat", FakeProc::ProcessStat(4242, "kopd", 'S', 1, 1, 64, 100, 1));
+}
+
+std::vector<int> Figures(Rig& r) { return r.Answers(CPerfMon::PERF_PROCESS_CPU, CPerfMon::PERF_PROCESS_DESCRIPTORS); }
+
+} // namespace
+
+TEST(CPerfMonProcesses, FiguresAloneWithSharedReadingsAndWithUnknownWholes)
+{
+    if (204800 % kPage != 0)
+        GTEST_SKIP() << "page size does not divide the made-up resident size";
+    // Each value's current percentage and answer: cpu 30 of 100, cpu-all 30 of 200, resident 200 of
+    // 1000 kB, virtual 500 of 2000 kB, threads 64 of 256, tasks 4 of 40, 1 runnable on 2 processors,
+    // descriptors 5 of 50.
+    const std::vector<int> all = {30, 1, 15, 1, 20, 1, 25, 1, 25, 1, 10, 1, 50, 1, 10, 1};
+    const std::vector<int> noTasks = {30, 1, 15, 1, 20, 1, 25, 1, 25, 1, 0, 1, 0, 1, 10, 1};
+    struct Case { int types; const char* loadavg; const char* limit; bool pidMax; std::vector<int> figures; };
+    const char* load = "0.52 0.58 0.59 1/4 42\n";
+    const Case cases[] = {
+        {kProc, load, nullptr, true, all}, {kProc | kMem | kSys, load, nullptr, true, all},
+        {0x1000 /* high bits also select processes */, load, nullptr, true, all},
+        {kProc, nullptr, nullptr, true, noTasks},         {kProc, "", nullptr, true, noTasks},
+        {kProc, "0.00 0.01 0.05\n", nullptr, true, noTasks}, {kProc, "0.00 0.01 0.05 3 8\n", nullptr, true, noTasks},
+        {kProc, "0.00 0.01 0.05 x/8 9\n", nullptr, true, noTasks},
+        {kProc, "0.00 0.01 0.05 3/\n", nullptr, true, noTasks},
+        {kProc, "0.00 0.01 0.05 1/4 9\n", "unlimited", false, {30, 1, 15, 1, 20, 1, 25, 1, 25, 1, 0, 1, 50, 1, 0, 1}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.types) + " " + (c.loadavg ? c.loadavg : "(no loadavg)"));
+        Rig r;
+        WriteProcesses(r, 1000, 10, c.loadavg);
+        if (c.limit)
+            r.proc.Write("self/limits", std::string("Max open files            ") + c.limit + "  unlimited  files\n");
+        if (!c.pidMax)
+            unlink(r.proc.Path("sys/kernel/pid_max").c_str());
+        ASSERT_NE(r.mon.StartMonitoring(c.types, 0), 0u);
+        EXPECT_EQ(r.mon.GetHistoryCount(kProc, 0), 1u);  // the first reading only became the previous
+        WriteProcesses(r, 1200, 40, c.loadavg);  // 200 ticks, 100 a processor; 30 own ticks
+        r.mon.SnapshotData(c.types);
+        EXPECT_EQ(Figures(r), c.figures);
+        EXPECT_EQ(r.Average(CPerfMon::PERF_PROCESS_CPU), 30);  // skips the first sample: no interval
+        EXPECT_EQ(r.Average(CPerfMon::PERF_PROCESS_COUNT), c.figures[10]);  // both samples alike
+        EXPECT_EQ(r.Current(CPerfMon::PERF_MEMORY_USAGE), (c.types & kMem) ? 50 : 0);
+    }
+}
+
+TEST(CPerfMonProcesses, PidMaxAndLimitAreReadAtStartThenNowAndThen)
+{
+    Rig r;
+    WriteProcesses(r, 1000, 10);
+    ASSERT_NE(r.mon.StartMonitoring(kProc, 0), 0u);
+    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_DESCRIPTORS), 10);  // 5 of 50
+    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_COUNT), 10);        // 4 of 40
+    WriteLimit(r, 10);
+    r.proc.Write("sys/kernel/pid_max", "16\n");
+    // Read at the start's first snapshot, again kSlowRefreshSnapshots later (the start's second counts).
+    for (unsigned snapshots = 2; snapshots < perfmon::kSlowRefreshSnapshots; ++snapshots) {
+        r.mon.SnapshotData(kProc);
+        ASSERT_EQ(r.Current(CPerfMon::PERF_PROCESS_DESCRIPTORS) + r.Current(CPerfMon::PERF_PROCESS_COUNT), 20);
+    }
+    r.mon.SnapshotData(kProc);
+    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_DESCRIPTORS), 50);  // 5 of 10
+    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_COUNT), 25);        // 4 of 16
+    r.mon.StopMonitoring();  // a new start reads them at once
+    WriteLimit(r, 25);
+    ASSERT_NE(r.mon.StartMonitoring(kProc, 0), 0u);
+    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_DESCRIPTORS), 20);
+}
+
+TEST(CPerfMonProcesses, ProcessListIsReadWhenAsked)
+{
+    Rig r;
+    WriteProcesses(r, 1000, 10);
+    EXPECT_TRUE(r.mon.GetProcesses().empty());  // not monitoring: nothing is read
+    ASSERT_NE(r.mon.StartMonitoring(kProc, 0), 0u);
+    std::vector<PerfProcessRecord> procs = r.mon.GetProcesses();
+    ASSERT_EQ(procs.size(), 3u);
+    EXPECT_EQ(procs[1].name, "busy) (R");  // the name may hold blanks and parentheses
+    EXPECT_TRUE(procs[1].state == 'R' && procs[2].threads == 64u);
+    // No snapshot in between: the list follows the proc root; bad records and names are skipped.
+    r.proc.Write("77/stat", FakeProc::ProcessStat(77, "worker", 'R', 5, 6, 3, 100, 1));
+    r.proc.Write("78/stat", "78 (broken");
+    r.proc.Write("12x/stat", FakeProc::ProcessStat(12, "x", 'R', 1, 1, 1, 1, 1));
+    r.proc.Write("0/stat", FakeProc::ProcessStat(0, "zero", 'R', 1, 1, 1, 1, 1));
+    testsupport::RemoveTree(r.proc.Path("1"));
+    procs = r.mon.GetProcesses();
+    ASSERT_EQ(procs.size(), 3u);
+    EXPECT_TRUE(procs[1].pid == 77 && procs[1].cpuTicks == 11u && procs[1].ppid == 1 && procs[2].pid == 4242);
+    r.mon.StopMonitoring();  // the last list stays as it was
+    testsupport::RemoveTree(r.proc.Path("77"));
+    EXPECT_EQ(r.mon.GetProcesses().size(), 3u);
 }

@@ -1,10 +1,11 @@
-// A monitor on a made-up proc root, with a link speed and a clock that the
-// test sets.
+// A monitor on a made-up proc root, with a link speed and a clock that the test sets.
 #pragma once
 
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "perfmon/CPerfMon.h"
 #include "perfmon/PerfMonSeams.h"
@@ -22,11 +23,8 @@ constexpr int kProc = CPerfMon::PERF_MONITOR_PROCESSES;
 // The snapshots that ask these run on the test's own thread (a zero period).
 struct FakeLinkSpeed : perfmon::IPerfLinkSpeed {
     std::map<std::string, uint32_t> speeds;
-    int queries = 0;
-    void Set(const std::string& name, uint32_t mbps) { speeds[name] = mbps; }
     bool GetLinkSpeedMbps(const std::string& name, uint32_t& mbps) override
     {
-        ++queries;
         auto it = speeds.find(name);
         return it != speeds.end() && (mbps = it->second, true);
     }
@@ -34,7 +32,6 @@ struct FakeLinkSpeed : perfmon::IPerfLinkSpeed {
 
 struct FakeClock : perfmon::IPerfClock {
     uint64_t now = 1000;
-    void Set(uint64_t ms) { now = ms; }
     uint64_t NowMs() override { return now; }
 };
 
@@ -50,16 +47,24 @@ struct Rig {
         mon.SetLinkSpeedSource(speed);
         mon.SetClock(clock);
     }
-    /// The current (or average) percentage; `result` gets the call's answer.
-    int Current(PMV v, int instance = 0, int* result = nullptr) { return Get(v, instance, result, 0); }
-    int Average(PMV v, int instance = 0, int* result = nullptr) { return Get(v, instance, result, 1); }
-    int Get(PMV v, int instance, int* result, int mode)
+    /// The current (mode 0) or average (mode 1) percentage and the call's answer.
+    std::pair<int, int> Answer(PMV v, int instance = 0, int mode = 0)
     {
         unsigned char p = 222;
         int r = mon.GetUsagePercent(p, v, mode, instance);
-        if (result)
-            *result = r;
-        return p;
+        return {p, r};
+    }
+    int Current(PMV v, int instance = 0) { return Answer(v, instance).first; }
+    int Average(PMV v, int instance = 0) { return Answer(v, instance, 1).first; }
+    /// Percentage and answer of each value from `first` to `last`, one after the other.
+    std::vector<int> Answers(int first, int last, int instance = 0, int mode = 0)
+    {
+        std::vector<int> out;
+        for (int v = first; v <= last; ++v) {
+            const std::pair<int, int> a = Answer(PMV(v), instance, mode);
+            out.insert(out.end(), {a.first, a.second});
+        }
+        return out;
     }
 };
 

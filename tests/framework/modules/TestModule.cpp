@@ -1,88 +1,62 @@
-// A module for the framework's tests, built several times with different
-// TEST_MODULE_KIND values.  Records every call to $TEST_MODULE_RECORD as
-// "<name> <call> ...".
+// A module for the framework's tests, built once per TEST_MODULE_KIND: 0 good,
+// 1 without entry point, 2 of another ABI version, 3 throwing in load, 4
+// throwing in start, stop and notify, 5 refusing to load.  Records every call
+// to $TEST_MODULE_RECORD as "<name> <call> ...".
 #include <cstdint>
 #include <stdexcept>
+#include <string>
 
 #include "framework/tarvd_module.h"
 #include "../../daemon/libs/TestRecord.h"
 
-#define KIND_GOOD 0
-#define KIND_NO_ENTRY 1
-#define KIND_BAD_ABI 2
-#define KIND_THROW_LOAD 3
-#define KIND_THROW_RUN 4
-#define KIND_REFUSE_LOAD 5
-
 namespace {
 
-const char* g_Name = "?";
+constexpr int kKind = TEST_MODULE_KIND;
+constexpr const char* kName = TEST_MODULE_NAME;
 
 int Load(const TarvdModuleConfig* config)
 {
-    g_Name = TEST_MODULE_NAME;
     const char* extra = config->getValue(config, "Greeting");
-    TestRecord("TEST_MODULE_RECORD", "%s load runmode=%u flags=%u name=%s greeting=%s", g_Name, config->runMode,
+    TestRecord("TEST_MODULE_RECORD", "%s load runmode=%u flags=%u name=%s greeting=%s", kName, config->runMode,
                config->flags, config->name, extra ? extra : "(none)");
-#if TEST_MODULE_KIND == KIND_THROW_LOAD
-    throw std::runtime_error("load");
-#elif TEST_MODULE_KIND == KIND_REFUSE_LOAD
-    return 0;
-#else
-    return 1;
-#endif
+    if (kKind == 3)
+        throw std::runtime_error("load");
+    return kKind == 5 ? 0 : 1;
 }
 
 int Start()
 {
-    TestRecord("TEST_MODULE_RECORD", "%s start", g_Name);
-#if TEST_MODULE_KIND == KIND_THROW_RUN
-    throw 1;
-#endif
+    TestRecord("TEST_MODULE_RECORD", "%s start", kName);
+    if (kKind == 4)
+        throw 1;
     return 1;
 }
 
 void Stop()
 {
-    TestRecord("TEST_MODULE_RECORD", "%s stop", g_Name);
-#if TEST_MODULE_KIND == KIND_THROW_RUN
-    throw 2;
-#endif
+    TestRecord("TEST_MODULE_RECORD", "%s stop", kName);
+    if (kKind == 4)
+        throw 2;
 }
 
 void Notify(uint32_t event, const void* data)
 {
-    if (data)
-        TestRecord("TEST_MODULE_RECORD", "%s notify 0x%X level=%d", g_Name, event, *static_cast<const int32_t*>(data));
-    else
-        TestRecord("TEST_MODULE_RECORD", "%s notify 0x%X", g_Name, event);
-#if TEST_MODULE_KIND == KIND_THROW_RUN
-    throw std::logic_error("notify");
-#endif
+    const std::string level = data ? " level=" + std::to_string(*static_cast<const int32_t*>(data)) : "";
+    TestRecord("TEST_MODULE_RECORD", "%s notify 0x%X%s", kName, event, level.c_str());
+    if (kKind == 4)
+        throw std::logic_error("notify");
 }
 
-void Unload()
-{
-    TestRecord("TEST_MODULE_RECORD", "%s unload", g_Name);
-}
+void Unload() { TestRecord("TEST_MODULE_RECORD", "%s unload", kName); }
 
-#if TEST_MODULE_KIND == KIND_BAD_ABI
-constexpr uint32_t kAbi = TARVD_MODULE_ABI_VERSION + 1;
-#else
-constexpr uint32_t kAbi = TARVD_MODULE_ABI_VERSION;
-#endif
-const TarvdModuleV1 kModule = {kAbi, TEST_MODULE_NAME, Load, Start, Stop, Notify, Unload};
+const TarvdModuleV1 kModule = {TARVD_MODULE_ABI_VERSION + (kKind == 2 ? 1 : 0), kName, Load, Start, Stop, Notify,
+                               Unload};
 
 } // namespace
 
-#if TEST_MODULE_KIND != KIND_NO_ENTRY
-extern "C" __attribute__((visibility("default"))) const TarvdModuleV1* tarvd_module_v1()
-{
-    return &kModule;
-}
+#if TEST_MODULE_KIND == 1
+#define TEST_MODULE_ENTRY some_other_entry
 #else
-extern "C" __attribute__((visibility("default"))) const TarvdModuleV1* some_other_entry()
-{
-    return &kModule;
-}
+#define TEST_MODULE_ENTRY tarvd_module_v1
 #endif
+extern "C" __attribute__((visibility("default"))) const TarvdModuleV1* TEST_MODULE_ENTRY() { return &kModule; }

@@ -1,10 +1,16 @@
-// Bounded parsing of the proc files and the network interface table.
+// The performance monitor's parts: bounded parsing of the proc files, the
+// network interface table, the percentage arithmetic, the history buffer and
+// the value/group table.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "perfmon/CDataHistoryBuffer.h"
 #include "perfmon/CNetworkInterfaceTable.h"
+#include "perfmon/CPerfMon.h"
 #include "perfmon/PerfMonPaths.h"
 #include "perfmon/ProcParse.h"
 #include "support/FakeProc.h"
@@ -18,16 +24,12 @@ std::vector<std::string> Lines(const std::string& path)
     CProcLineReader reader;
     EXPECT_TRUE(reader.Open(path));
     std::vector<std::string> lines;
-    std::string line;
-    while (reader.Next(line))
+    for (std::string line; reader.Next(line);)
         lines.push_back(line);
     return lines;
 }
 
-std::string NetLine(const std::string& name)
-{
-    return "  " + name + ": 1 0 0 0 0 0 0 0 2 0 0 0 0 0 0 0\n";
-}
+std::string NetLine(const std::string& name) { return "  " + name + ": 1 0 0 0 0 0 0 0 2 0 0 0 0 0 0 0\n"; }
 
 } // namespace
 
@@ -67,24 +69,16 @@ TEST(ProcParse, NumberListsAndKeyedNumbers)
         EXPECT_FALSE(ParseKeyedU64(bad, "MemTotal:", v)) << bad;
 }
 
-TEST(ProcParse, LongLinesAreNeverSplitIntoTwo)
+TEST(ProcParse, LongLinesAreNeverSplitALongFileEndsAtAWholeLineAndAMissingOneIsNotRead)
 {
     testsupport::FakeProc dir;
-    // A line whose continuation would look like an interface line, then a
-    // line longer than the longest kept line.
+    // A line whose continuation would look like an interface line, then one
+    // longer than the longest kept line.
     std::string longLine = std::string(255, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
-    dir.Write("f", longLine + "\neth8: " + std::string(3 * kMaxLineLength, '7') + "\n\nlast line without newline");
-    std::vector<std::string> lines = Lines(dir.Path("f"));
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0], longLine);
-    EXPECT_EQ(lines[1].size(), kMaxLineLength);
-    EXPECT_EQ(lines[2], "");
-    EXPECT_EQ(lines[3], "last line without newline");
-}
-
-TEST(ProcParse, FileOverTheCapEndsAtItsLastWholeLine)
-{
-    testsupport::FakeProc dir;
+    const std::string longest = "eth8: " + std::string(3 * kMaxLineLength, '7');
+    dir.Write("f", longLine + "\n" + longest + "\n\nlast line without newline");
+    EXPECT_TRUE(Lines(dir.Path("f")) == (std::vector<std::string>{longLine, longest.substr(0, kMaxLineLength), "",
+                                                                   "last line without newline"}));
     const std::string line(99, 'a');
     std::string text;
     while (text.size() <= kMaxTextFile)
@@ -93,20 +87,12 @@ TEST(ProcParse, FileOverTheCapEndsAtItsLastWholeLine)
     std::vector<std::string> lines = Lines(dir.Path("big"));
     EXPECT_EQ(lines.size(), kMaxTextFile / 100);
     EXPECT_EQ(lines.back(), line);
-}
-
-TEST(ProcParse, MissingFileCannotBeRead)
-{
-    testsupport::FakeProc dir;
-    CProcLineReader reader;
+    CProcLineReader reader;  // a missing file: nothing read, nothing changed
     EXPECT_FALSE(reader.Open(dir.Path("absent")));
     EXPECT_EQ(errno, ENOENT);
-    std::string line = "x";
-    EXPECT_FALSE(reader.Next(line));
-    EXPECT_EQ(line, "");
-    std::string out = "keep";
-    EXPECT_FALSE(ReadSmallFile(dir.Path("absent"), out));
-    EXPECT_EQ(out, "keep");
+    std::string next = "x", out = "keep";
+    EXPECT_FALSE(reader.Next(next) || ReadSmallFile(dir.Path("absent"), out));
+    EXPECT_EQ(next + out, "keep");
 }
 
 TEST(ProcParse, InterfaceNamesByPrefix)
@@ -123,8 +109,7 @@ TEST(ProcParse, InterfaceNamesByPrefix)
     for (const Case& c : cases) {
         NetDevLine entry;
         EXPECT_EQ(SplitNetDevLine(c.line, entry), c.ok) << c.line;
-        EXPECT_EQ(entry.name, c.name);
-        EXPECT_EQ(entry.counters, c.counters);
+        EXPECT_EQ(entry.name + "|" + entry.counters, std::string(c.name) + "|" + c.counters);
     }
 }
 
@@ -136,28 +121,86 @@ TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
     proc.NetDev({{"lo", 1, 2}, {"ifb0", 1, 2}, {"eth0", 1, 2}, {"docker0", 1, 2}, {"bond0", 1, 2}, {"xenbr0", 1, 2}});
     EXPECT_EQ(table.GetNumberInterfaces(), 3);
     std::string name;
-    EXPECT_TRUE(table.GetInterfaceName(0, name));
-    EXPECT_EQ(name, "eth0");
-    EXPECT_TRUE(table.GetInterfaceName(2, name));
-    EXPECT_EQ(name, "xenbr0");
+    EXPECT_TRUE(table.GetInterfaceName(0, name) && name == "eth0");
+    EXPECT_TRUE(table.GetInterfaceName(2, name) && name == "xenbr0");
     name = "unchanged";
-    EXPECT_FALSE(table.GetInterfaceName(3, name));
-    EXPECT_FALSE(table.GetInterfaceName(-1, name));
+    EXPECT_FALSE(table.GetInterfaceName(3, name) || table.GetInterfaceName(-1, name));
     EXPECT_EQ(name, "unchanged");
     EXPECT_EQ(CNetworkInterfaceTable(proc.Root() + "/").GetNumberInterfaces(), 3);  // no doubled separator
     proc.NetDev({{"lo", 1, 2}});
     EXPECT_EQ(table.GetNumberInterfaces(), 0);
-}
-
-TEST(CNetworkInterfaceTable, ManyInterfacesAndLongLineContinuations)
-{
-    testsupport::FakeProc proc;
+    // At most 254 (never the "none" value); a long line's continuation is no interface.
     std::string text = "Inter-|\n face |\n";
     for (int i = 0; i < 300; ++i)
         text += NetLine("eth" + std::to_string(i));
     proc.Write("net/dev", text);
-    CNetworkInterfaceTable table(proc.Root());
-    EXPECT_EQ(table.GetNumberInterfaces(), 254);  // never the "none" value
+    EXPECT_EQ(table.GetNumberInterfaces(), 254);
     proc.Write("net/dev", "Inter-|\n face |\n" + std::string(254, ' ') + "x" + NetLine("eth7") + NetLine("eth0"));
     EXPECT_EQ(table.GetNumberInterfaces(), 1);
+}
+
+// Checked by hand: each quotient is part × 100000 ÷ whole, truncated; the
+// current form is (sum × 100 + 50000) ÷ (n × 100000), the average form
+// rounds the truncated mean.  Samples without a whole do not count; when
+// none counts, current reports the low byte of the last part.
+TEST(PerfPercent, CurrentAndAverageByHand)
+{
+    struct Case { std::vector<PartWhole> samples; int current; int average; };
+    const Case cases[] = {
+        {{{1000, 100000}, {0, 100000}}, 0, 1},  // the current form divides the bias by n as well
+        {{{499, 100000}}, 0, 0},      {{{500, 100000}}, 1, 1},     {{{1, 3}}, 33, 33},
+        {{{2, 3}}, 67, 67},           {{{2, 3}, {2, 3}, {2, 3}}, 66, 67},  // 66666 each
+        {{{300, 100}}, 100, 100},     {{{100, 100}}, 100, 100},
+        {{{99500, 100000}}, 100, 100}, {{{99499, 100000}}, 99, 99},
+        {{{UINT64_MAX, 1}, {UINT64_MAX, 1}}, 100, 100},  // no overflow, no wrap
+        {{{UINT64_MAX / 2, UINT64_MAX}}, 50, 50},
+        {{{5, 0}, {42, 0}}, 42, 0},   {{{0x1234, 0}}, 0x34, 0},
+        {{{50, 100}, {7, 0}}, 50, 50},  // the zero-whole sample neither counts nor dilutes
+        {{}, 0, 0},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        EXPECT_EQ(CurrentPercent(cases[i].samples), cases[i].current) << "case " << i;
+        EXPECT_EQ(AveragePercent(cases[i].samples), cases[i].average) << "case " << i;
+    }
+}
+
+TEST(CDataHistoryBuffer, LockGuardsWritersAndTheOldestIsDroppedAtTheMaximum)
+{
+    CDataHistoryBuffer<int> h(50, 1);
+    std::atomic<bool> stop{false};
+    std::atomic<bool> bad{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 20000; ++i)
+            h.Add(0, i);
+        stop = true;
+    });
+    std::vector<int> items, newest;
+    while (!stop) {
+        // Held across two calls: the pair must be consistent.
+        CCriticalSectionLock lock(h.GetLock());
+        unsigned n = h.GetCount(0);
+        h.GetAll(0, items);
+        bad = bad || items.size() != n || n > 50;
+        for (size_t i = 1; i < items.size(); ++i)
+            bad = bad || items[i] != items[i - 1] + 1;
+    }
+    writer.join();
+    EXPECT_FALSE(bad);
+    CDataHistoryBuffer<int> zero(0, 1);  // a zero maximum still keeps the newest
+    EXPECT_FALSE(zero.Add(1, 1) || zero.Add(-1, 1));
+    EXPECT_TRUE(zero.Add(0, 1) && zero.Add(0, 2));
+    h.GetAll(0, items);
+    zero.GetAll(0, newest);
+    EXPECT_EQ(items.size(), 50u);  // the oldest dropped
+    EXPECT_EQ(items.back(), 19999);
+    EXPECT_EQ(newest, std::vector<int>{2});
+}
+
+TEST(CPerfMonValues, IsMonitorValueGroups)
+{
+    // {type, first, last}; types of no group or of several hold no value.
+    for (auto [type, first, last] : {std::tuple{1, 0, 3}, {2, 4, 7}, {4, 10, 12}, {8, 8, 9}, {16, 13, 20},
+                                     {0, 1, 0}, {3, 1, 0}, {0x800, 1, 0}, {-1, 1, 0}})
+        for (int v = -1; v <= 21; ++v)
+            EXPECT_EQ(CPerfMon::IsMonitorValue(v, type), v >= first && v <= last) << type << " " << v;
 }
