@@ -8,10 +8,8 @@
 #include <algorithm>
 #include <csignal>
 #include <memory>
-#include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <vector>
 
 #include "support/Sandbox.h"
 #include "support/TestSupport.h"
@@ -19,20 +17,19 @@
 namespace kopdtest {
 
 using namespace testsupport;
+using Lines = std::vector<std::string>;
 
 /// Shared pending signals of the process; 0 also when it is gone.
 inline unsigned long long SharedPending(pid_t pid)
 {
     std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
     size_t pos = status.find("ShdPnd:");
-    if (pos == std::string::npos || Contains(status, "State:\tZ"))
-        return 0;
-    return std::stoull(status.substr(pos + 7), nullptr, 16);
+    return pos == std::string::npos || Contains(status, "State:\tZ") ? 0 : std::stoull(status.substr(pos + 7), nullptr, 16);
 }
 
 /// A kopd launch: command line, extra NAME=value entries, framework directory.
 struct Launch {
-    std::vector<std::string> args;
+    std::vector<std::string> args{"-n"};
     std::vector<std::string> env;
     std::string switchDir = TEST_RECORDING_SWITCH_DIR;
     uid_t realUid = 0;
@@ -41,16 +38,13 @@ struct Launch {
 
 class KopdTest : public ::testing::Test {
 protected:
-    // The daemon's fork leaves its parent; we adopt the orphan so that its
-    // exit status can be collected.
+    // The daemon's fork leaves its parent: adopted, so that it can be collected.
     static void SetUpTestSuite() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
-
     void SetUp() override
     {
         if (!CanUseMountNamespace())
             GTEST_SKIP() << "needs root and mount namespaces";
     }
-
     bool Enter(SandboxOptions options = {})
     {
         m_Ns = std::make_unique<Sandbox>(m_Dir.Sub("ns"), options);
@@ -64,11 +58,17 @@ protected:
     std::string RecordPath() const { return m_Dir.Sub("record.txt"); }
     std::string ShimRecordPath() const { return m_Dir.Sub("shim.txt"); }
     std::string Record() const { return ReadFile(RecordPath()); }
-    std::vector<std::string> RecordLines() const { return SplitLines(Record()); }
+    Lines RecordLines() const { return SplitLines(Record()); }
+    void ClearRecords() const
+    {
+        unlink(RecordPath().c_str());
+        unlink(ShimRecordPath().c_str());
+    }
     std::string NsPath(const std::string& p) const { return m_Ns->Path(p); }
     std::string PidFile() const { return NsPath("/run/kopd.pid"); }
     std::string LockFile() const { return NsPath("/run/lock/kopd.lock"); }
     void SetRunLevel(const std::string& content) { ASSERT_TRUE(WriteFile(NsPath("/etc/tarvd/RunLevel"), content)); }
+    std::string Output() const { return ReadFile(m_LastOutput); }
 
     /// Starts kopd in the namespace; stdout and stderr go to a file.
     pid_t Start(const Launch& launch)
@@ -81,20 +81,24 @@ protected:
         return m_Ns->Spawn({TEST_KOPD_PATH, launch.args, env, m_LastOutput, launch.realUid, launch.gate});
     }
 
-    std::string Output() const { return ReadFile(m_LastOutput); }
-
     /// Starts kopd, waits until its modules started, stops it with SIGTERM
-    /// and expects status 0.
+    /// and expects status 0 and no pid or lock file left.
     void StartAndStop(const Launch& launch)
     {
         pid_t pid = Start(launch);
         ASSERT_TRUE(WaitStarted()) << Output();
-        ASSERT_TRUE(SignalAndWaitTaken(pid, SIGTERM));
-        EXPECT_EQ(WaitExit(pid), 0);
+        ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
+    }
+    void Stop(pid_t pid, int sig)
+    {
+        ASSERT_TRUE(SignalAndWaitTaken(pid, sig));
+        EXPECT_EQ(WaitExit(pid), 0) << Output();
+        EXPECT_FALSE(FileExists(PidFile()));
+        EXPECT_FALSE(FileExists(LockFile()));
     }
 
-    /// Waits until the daemon has handed its modules to the framework
-    /// (signals are blocked from before that point on).
+    /// Waits until the record has `line` (by default: the daemon has handed
+    /// its modules to the framework; signals are blocked from before that).
     bool WaitStarted(const std::string& line = "slot4")
     {
         return WaitFor([&] {
@@ -117,23 +121,19 @@ protected:
         return kill(pid, sig) == 0 && WaitFor([&] { return (SharedPending(pid) & (1ull << (sig - 1))) == 0; });
     }
 
-    bool Alive(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; }
-
-    /// Runs the checks in `check` on the trace, only when tracing wrote files.
-    template <typename F>
-    void IfTrace(F check)
+    /// Expects each of `pieces` in the trace, and then runs `more` on it;
+    /// only when tracing wrote files.
+    template <typename F = void (*)(const std::string&)>
+    void ExpectTraced(const Lines& pieces, F more = [](const std::string&) {})
     {
         std::string trace = ReadDaemonTrace(TraceDir());
-        if (trace.empty())
+        if (trace.empty()) {
             std::cout << "[   NOTE   ] trace produced no file: trace assertions skipped\n";
-        else
-            check(trace);
-    }
-
-    void ExpectCleanStop()
-    {
-        EXPECT_FALSE(FileExists(PidFile()));
-        EXPECT_FALSE(FileExists(LockFile()));
+            return;
+        }
+        for (const std::string& piece : pieces)
+            EXPECT_TRUE(Contains(trace, piece)) << piece;
+        more(trace);
     }
 
     TempDir m_Dir;
