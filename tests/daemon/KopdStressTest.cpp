@@ -120,7 +120,7 @@ protected:
         Launch l;
         l.gate = gate;
         pid_t pid = Start(l);
-        return Starter{pid, m_LastOutput};
+        return Starter{pid, OutputFile()};
     }
 
     /// Collects the starters that have ended; the number still running.

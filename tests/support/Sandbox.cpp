@@ -1,9 +1,9 @@
 #include "support/Sandbox.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sched.h>
@@ -84,10 +84,8 @@ std::string Prepare(const std::string& stage, const SandboxOptions& options)
 /// The null-terminated array of the strings' texts, for execve.
 std::vector<char*> Pointers(std::vector<std::string>& strings)
 {
-    std::vector<char*> pointers;
-    for (auto& s : strings)
-        pointers.push_back(s.data());
-    pointers.push_back(nullptr);
+    std::vector<char*> pointers(strings.size() + 1, nullptr);
+    std::transform(strings.begin(), strings.end(), pointers.begin(), [](std::string& s) { return s.data(); });
     return pointers;
 }
 
@@ -180,12 +178,10 @@ int WaitExit(pid_t pid, std::chrono::milliseconds timeout)
     int status = 0;
     if (pid <= 0)
         return -1;
-    if (!WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
-        kill(pid, SIGKILL);
+    bool ended = WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout);
+    if (!ended && kill(pid, SIGKILL) == 0)
         waitpid(pid, &status, 0);
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return !ended ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::vector<std::string> DaemonEnv(const std::string& traceDir)
@@ -202,6 +198,13 @@ std::string ReadDaemonTrace(const std::string& traceDir, const std::string& name
     if (FileExists(base + "_i.gz") && Shell("gzip -dc " + Quote(base + "_i.gz"), &unpacked) == 0)
         all += unpacked;
     return all;
+}
+
+unsigned long long SharedPending(pid_t pid)
+{
+    std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+    size_t pos = status.find("ShdPnd:");
+    return pos == std::string::npos || Contains(status, "State:\tZ") ? 0 : std::stoull(status.substr(pos + 7), nullptr, 16);
 }
 
 } // namespace testsupport

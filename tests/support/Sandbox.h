@@ -6,11 +6,17 @@
 // setns, and its files are seen from outside through /proc/<holder>/root.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
+#include <csignal>
+#include <memory>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/types.h>
 #include <vector>
 
+#include "support/TestSupport.h"
 #include "support/Wait.h"
 
 namespace testsupport {
@@ -71,4 +77,84 @@ std::vector<std::string> DaemonEnv(const std::string& traceDir);
 /// (compressed once start-up is done) and the active one.
 std::string ReadDaemonTrace(const std::string& traceDir, const std::string& name = "kopd");
 
+/// Shared pending signals of the process; 0 also when it is gone.
+unsigned long long SharedPending(pid_t pid);
+
+/// A kopd launch: command line, extra NAME=value entries, framework directory.
+struct KopdLaunch {
+    std::vector<std::string> args{"-n"};
+    std::vector<std::string> env{};
+    std::string switchDir{};  ///< empty: the fixture's
+    uid_t realUid = 0;
+    int gate = -1;  ///< see SandboxProgram::gate
+};
+
+/// The fixture of the tests that run kopd in a sandbox (skipped where that
+/// is impossible).  Each launch traces into a directory of its own.
+class KopdFixture : public ::testing::Test {
+protected:
+    KopdFixture(std::string program, std::string switchDir) : m_Program(program), m_SwitchDir(switchDir) {}
+    // The forking daemon leaves its parent: adopted, so that it can be collected.
+    static void SetUpTestSuite() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+    void SetUp() override
+    {
+        if (!CanUseMountNamespace())
+            GTEST_SKIP() << "needs root and mount namespaces";
+    }
+    /// Makes the sandbox; false (and m_SkipReason) when it cannot.
+    bool Enter(const SandboxOptions& options = {})
+    {
+        m_Ns = std::make_unique<Sandbox>(m_Dir.Sub("ns"), options);
+        m_SkipReason = "cannot prepare the mount namespace: " + m_Ns->Error();
+        return m_Ns->Error().empty();
+    }
+    pid_t Start(const KopdLaunch& launch)
+    {
+        std::vector<std::string> env = DaemonEnv(m_Dir.Sub("trace" + std::to_string(++m_Launches)));
+        env.push_back("LD_LIBRARY_PATH=" + (launch.switchDir.empty() ? m_SwitchDir : launch.switchDir));
+        env.insert(env.end(), m_Env.begin(), m_Env.end());
+        env.insert(env.end(), launch.env.begin(), launch.env.end());
+        return m_Ns->Spawn({m_Program, launch.args, env, OutputFile(), launch.realUid, launch.gate});
+    }
+    std::string TraceDir() const { return m_Dir.Sub("trace" + std::to_string(m_Launches)); }
+    std::string OutputFile() const { return m_Dir.Sub("out" + std::to_string(m_Launches) + ".txt"); }
+    std::string Output() const { return ReadFile(OutputFile()); }
+    std::string NsPath(const std::string& p) const { return m_Ns->Path(p); }
+    std::string PidFile() const { return NsPath("/run/kopd.pid"); }
+    std::string LockFile() const { return NsPath("/run/lock/kopd.lock"); }
+    /// The pid written to the pid file, once it is there.
+    pid_t WaitPidFile()
+    {
+        std::string text;
+        WaitFor([&] { return !(text = ReadFile(PidFile())).empty() && text.back() == '\n'; });
+        return text.empty() ? -1 : static_cast<pid_t>(std::stol(text));
+    }
+    /// Sends a signal and waits until the daemon has taken it with sigwait().
+    bool SignalAndWaitTaken(pid_t pid, int sig)
+    {
+        return kill(pid, sig) == 0 && WaitFor([&] { return (SharedPending(pid) & (1ull << (sig - 1))) == 0; });
+    }
+    /// Signals, expects status 0 and no pid or lock file left.
+    void Stop(pid_t pid, int sig)
+    {
+        ASSERT_TRUE(SignalAndWaitTaken(pid, sig));
+        EXPECT_EQ(WaitExit(pid), 0) << Output();
+        EXPECT_FALSE(FileExists(PidFile()));
+        EXPECT_FALSE(FileExists(LockFile()));
+    }
+
+    std::string m_Program, m_SwitchDir;
+    std::vector<std::string> m_Env;  ///< added to every launch
+    TempDir m_Dir;
+    std::unique_ptr<Sandbox> m_Ns;
+    std::string m_SkipReason;
+    int m_Launches = 0;
+};
+
 } // namespace testsupport
+
+#define ENTER_NAMESPACE(...)              \
+    do {                                  \
+        if (!Enter(__VA_ARGS__))          \
+            GTEST_SKIP() << m_SkipReason; \
+    } while (0)
