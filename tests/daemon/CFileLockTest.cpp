@@ -219,8 +219,9 @@ TEST(CFileLockFault, ChildrenNeitherInheritNorKeepTheLock)
         ASSERT_TRUE(plain);
         int seen = 0;
         for (const auto& [fd, path] : Descriptors()) {
-            if (path != dir.Sub("kopd.lock") || ++seen == 0)
+            if (path != dir.Sub("kopd.lock"))
                 continue;
+            ++seen;
             CProcess::ExecuteCmd(("test -e /proc/self/fd/" + std::to_string(fd)).c_str(), code, pid, nullptr,
                                  false, true);
             EXPECT_EQ(code, fd == plain.Get() ? 0u : 1u) << "descriptor " << fd;

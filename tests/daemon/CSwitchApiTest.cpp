@@ -1,112 +1,53 @@
 // The daemon's hold on the framework library, against stand-ins that record
-// every call (tests/daemon/libs).
+// every call (tests/daemon/libs); the daemon's own use of it, end to end, is
+// in KopdEndToEndTest.
 #include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include "daemon/CSwitchApi.h"
 #include "support/TestSupport.h"
 
 using namespace testsupport;
 
-namespace {
+static const std::string kRecording = TEST_RECORDING_SWITCH_DIR "/libswitch.so";
 
-const std::string kRecording = std::string(TEST_RECORDING_SWITCH_DIR) + "/libswitch.so";
-
-class CSwitchApiTest : public ::testing::Test {
-protected:
-    std::vector<std::string> Lines() const { return SplitLines(ReadFile(m_Record)); }
-    size_t Count(const std::string& line) const
-    {
-        auto lines = Lines();
-        return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
-    }
-    static bool Empty(CSwitchApi& api)
-    {
-        return !api.Handle() && !api.Interface() && !api.AddRefEntry() && !api.ReleaseEntry() &&
-               !api.QueryInterfaceEntry();
-    }
-
-    TempDir m_Dir;
-    std::string m_Record = m_Dir.Sub("record.txt");
-    ScopedEnv m_Env{"TEST_SWITCH_RECORD", m_Record.c_str()};
-};
-
-} // namespace
-
-TEST_F(CSwitchApiTest, UnusableLibrariesFailTheLoad)
+TEST(CSwitchApi, UnusableLibrariesAndModuleFailuresAreContained)
 {
-    CSwitchApi missing(m_Dir.Sub("libswitch.so").c_str());
-    EXPECT_FALSE(missing.LoadSwitch());
-    EXPECT_TRUE(Empty(missing));
+    TempDir dir;
+    ScopedEnv record("TEST_SWITCH_RECORD", dir.Sub("record").c_str());
     _ExtensionModuleLoaderConfig config{1, 0};
-    EXPECT_EQ(missing.LoadModules(config), 0);
-    EXPECT_EQ(missing.UnloadModules(0), 0);
+    CSwitchApi missing(dir.Sub("libswitch.so").c_str());
+    EXPECT_FALSE(missing.LoadSwitch());
+    EXPECT_EQ(missing.Handle(), nullptr);
+    EXPECT_EQ(missing.LoadModules(config) + missing.UnloadModules(0), 0);
 
-    CSwitchApi noQuery((std::string(TEST_NOQUERY_SWITCH_DIR) + "/libswitch.so").c_str());
+    CSwitchApi noQuery(TEST_NOQUERY_SWITCH_DIR "/libswitch.so");
     EXPECT_FALSE(noQuery.LoadSwitch());
     EXPECT_NE(noQuery.Handle(), nullptr);  // loaded, but no interface
-    EXPECT_NE(noQuery.ReleaseEntry(), nullptr);
     EXPECT_EQ(noQuery.Interface(), nullptr);
-    noQuery.CloseLibrary();
-    EXPECT_TRUE(Empty(noQuery));
-    EXPECT_EQ(Count("release"), 0u);  // the fatal path only closes the library
-
-    ScopedEnv refuse("TEST_SWITCH_QUERY", "refuse");
-    CSwitchApi refused(kRecording.c_str());
-    EXPECT_FALSE(refused.LoadSwitch());
-    EXPECT_EQ(refused.Interface(), nullptr);
-    EXPECT_EQ(Count("query id=0"), 1u);
-}
-
-TEST_F(CSwitchApiTest, FullCycleCallsTheSlotsAndReleasesOnce)
-{
-    CSwitchApi api(kRecording.c_str());
-    EXPECT_TRUE(Empty(api));
-    ASSERT_TRUE(api.LoadSwitch());
-    void* handle = api.Handle();
-    ASSERT_TRUE(api.LoadSwitch());  // a second load reuses the handle
-    EXPECT_EQ(api.Handle(), handle);
-    ASSERT_NE(api.Interface(), nullptr);
-    EXPECT_TRUE(api.AddRefEntry() && api.ReleaseEntry() && api.QueryInterfaceEntry());
-    _ExtensionModuleLoaderConfig config{1, 7};
-    EXPECT_EQ(api.LoadModules(config), 1);
-    api.Interface()->StartAllModules();
-    int level = 6;
-    api.Interface()->NotifySystemEvent(SW_EVENT_OS_SHUTDOWN, &level, 0);
-    api.Interface()->StopAllModules();
-    EXPECT_EQ(api.UnloadModules(0), 7);  // the library's result, unchanged
-    api.Release();
-    EXPECT_TRUE(Empty(api));
-    api.Release();  // a second release does nothing
-    // SW_AddRef never called, slot 1 never reached.
-    EXPECT_EQ(Lines(), (std::vector<std::string>{"query id=0", "query id=0", "slot2 flags=1 runmode=7", "slot4",
-                                                 "slot16 event=0x30000 level=6 third=0", "slot5", "slot3 value=0",
-                                                 "release"}));
+    noQuery.CloseLibrary();  // the fatal path: SW_Release is not called
+    EXPECT_TRUE(!noQuery.Handle() && !noQuery.ReleaseEntry());
     {
-        CSwitchApi held(kRecording.c_str());
-        ASSERT_TRUE(held.LoadSwitch());
+        ScopedEnv refuse("TEST_SWITCH_QUERY", "refuse");
+        CSwitchApi refused(kRecording.c_str());
+        EXPECT_FALSE(refused.LoadSwitch());
+        EXPECT_EQ(refused.Interface(), nullptr);
     }
-    EXPECT_EQ(Count("release"), 2u);  // the destructor releases a held library
-}
-
-TEST_F(CSwitchApiTest, FailuresAndExceptionsOfTheModuleCallsAreContained)
-{
+    // A failure's result comes back whole (only its low byte counts); an
+    // exception gives 0, and the object stays usable and releases normally.
     for (const char* how : {"fail", "throw"}) {
         ScopedEnv load("TEST_SWITCH_LOAD", how), unload("TEST_SWITCH_UNLOAD", how);
         CSwitchApi api(kRecording.c_str());
         ASSERT_TRUE(api.LoadSwitch());
-        _ExtensionModuleLoaderConfig config{0, 0};
-        // A failure's result comes back whole (only its low byte counts);
-        // an exception gives 0 and the object stays usable.
         EXPECT_EQ(api.LoadModules(config), how[0] == 'f' ? 0x100 : 0) << how;
         EXPECT_EQ(api.UnloadModules(0), how[0] == 'f' ? 7 : 0) << how;
         EXPECT_NE(api.Interface(), nullptr);
     }
-    EXPECT_EQ(Count("release"), 2u);
+    EXPECT_EQ(SplitLines(ReadFile(dir.Sub("record"))),
+              (std::vector<std::string>{"query id=0", "release", "query id=0", "slot2 flags=1 runmode=0", "slot3 value=0",
+                                        "release", "query id=0", "slot2 flags=1 runmode=0", "slot3 value=0", "release"}));
 }
 
-TEST(SwitchInterfaceLayout, SlotsAreWhereTheDaemonCallsThem)
+TEST(CSwitchApi, SlotsAreWhereTheDaemonCallsThemAndReleaseIsOnce)
 {
     // Every slot called through the raw virtual table, by number: the
     // library must see the call on the operation of that number.
@@ -114,9 +55,14 @@ TEST(SwitchInterfaceLayout, SlotsAreWhereTheDaemonCallsThem)
     ScopedEnv env("TEST_SWITCH_RECORD", dir.Sub("record").c_str());
     CSwitchApi api(kRecording.c_str());
     ASSERT_TRUE(api.LoadSwitch());
+    void* handle = api.Handle();
+    ASSERT_TRUE(api.LoadSwitch());  // a second load reuses the handle
+    EXPECT_EQ(api.Handle(), handle);
+    EXPECT_TRUE(api.AddRefEntry() && api.ReleaseEntry() && api.QueryInterfaceEntry());
     SwitchInterface* sw = api.Interface();
+    ASSERT_NE(sw, nullptr);
     void** vtable = *reinterpret_cast<void***>(sw);
-    std::vector<std::string> expected = {"query id=0"};
+    std::vector<std::string> expected = {"query id=0", "query id=0"};
     for (int slot : {0, 1, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}) {
         EXPECT_EQ(reinterpret_cast<int (*)(SwitchInterface*)>(vtable[slot])(sw), slot);
         expected.push_back("slot" + std::to_string(slot));
@@ -126,7 +72,18 @@ TEST(SwitchInterfaceLayout, SlotsAreWhereTheDaemonCallsThem)
     reinterpret_cast<int (*)(SwitchInterface*, uint32_t)>(vtable[3])(sw, 9);
     using Notify = int (*)(SwitchInterface*, uint32_t, void*, uint32_t);
     EXPECT_EQ(reinterpret_cast<Notify>(vtable[16])(sw, 0x20000, nullptr, 0), 16);
-    expected.insert(expected.end(), {"slot2 flags=1 runmode=10", "slot3 value=9",
-                                     "slot16 event=0x20000 data=null third=0"});
+    int level = 6;
+    sw->NotifySystemEvent(SW_EVENT_OS_SHUTDOWN, &level, 0);
+    config = {1, 7};
+    EXPECT_EQ(api.LoadModules(config), 1);
+    EXPECT_EQ(api.UnloadModules(0), 7);  // the library's result, unchanged
+    api.Release();
+    EXPECT_TRUE(!api.Handle() && !api.Interface() && !api.AddRefEntry() && !api.ReleaseEntry() &&
+                !api.QueryInterfaceEntry());
+    api.Release();  // a second release does nothing, nor does the destructor
+    // SW_AddRef is never called.
+    expected.insert(expected.end(), {"slot2 flags=1 runmode=10", "slot3 value=9", "slot16 event=0x20000 data=null third=0",
+                                     "slot16 event=0x30000 level=6 third=0", "slot2 flags=1 runmode=7", "slot3 value=0",
+                                     "release"});
     EXPECT_EQ(SplitLines(ReadFile(dir.Sub("record"))), expected);
 }
