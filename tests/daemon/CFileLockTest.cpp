@@ -5,16 +5,13 @@
 
 #include <atomic>
 #include <csignal>
-#include <fcntl.h>
 #include <filesystem>
 #include <map>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include "common/UniqueHandle.h"
 #include "daemon/CFileLock.h"
 #include "daemon/CProcess.h"
 #include "support/TestSupport.h"
@@ -24,7 +21,7 @@ using namespace testsupport;
 
 namespace {
 
-std::string Holder(const char* owner = "kopd") { return std::string(owner) + "#" + std::to_string(getpid()); }
+std::string Holder() { return "kopd#" + std::to_string(getpid()); }
 
 /// True when another open file description can take the lock on `path`.
 bool Free(const std::string& path)
@@ -49,8 +46,7 @@ std::map<int, std::string> Descriptors()
     return fds;
 }
 
-/// A child process that takes the lock and keeps it until killed; its pid
-/// once the lock file names it.
+/// A child that takes the lock and keeps it until killed; its pid once the file names it.
 pid_t StartHolder(const std::string& name)
 {
     pid_t pid = fork();
@@ -64,22 +60,15 @@ pid_t StartHolder(const std::string& name)
     return WaitFor([&] { return ReadFile(name + ".lock") == "kopd#" + std::to_string(pid); }) ? pid : -1;
 }
 
-/// Another instance that removes the lock file right after we opened it,
-/// `times` times.
-class RacingLock : public CFileLock {
-public:
+/// Another instance that removes the lock file right after we opened it, `times` times.
+struct RacingLock : CFileLock {
     explicit RacingLock(int times) : m_Times(times) {}
-    int m_Opens = 0;
-
-protected:
     void OnLockFileOpened() override
     {
         if (m_Opens++ < m_Times)
             unlink(LockFileName().c_str());
     }
-
-private:
-    int m_Times;
+    int m_Times, m_Opens = 0;
 };
 
 } // namespace

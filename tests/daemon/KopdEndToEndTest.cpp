@@ -25,20 +25,14 @@ std::string Field(std::string name, const std::string& value)
 
 } // namespace
 
-TEST_F(KopdTest, NotRootIsRefusedBeforeTouchingTheLock)
-{
-    ENTER_NAMESPACE();
-    Launch l;
-    l.realUid = 65534;
-    EXPECT_EQ(WaitExit(Start(l)), 1);
-    EXPECT_EQ(Output(), kMain + "Error! Permission denied\n");
-    EXPECT_FALSE(FileExists(LockFile()));
-    EXPECT_FALSE(FileExists(RecordPath()));
-}
-
 TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
 {
     ENTER_NAMESPACE();
+    // Not root: refused before touching the lock.
+    EXPECT_EQ(WaitExit(Start({{"-n"}, {}, {}, 65534})), 1);
+    EXPECT_EQ(Output(), kMain + "Error! Permission denied\n");
+    EXPECT_FALSE(FileExists(LockFile()) || FileExists(RecordPath()));
+
     pid_t pid = Start({});
     ASSERT_TRUE(WaitStarted()) << Output();
     EXPECT_EQ(WaitPidFile(), pid);  // "No Demon": no fork
@@ -221,14 +215,14 @@ TEST_F(KopdTest, DriverQueryRequestAndAnswer)
                          "ioctl request=0xC00873FF", "header version=1 cmd=0xFF size=1312 success=0",
                          "in requestor=0x00095010 name=KOPD", "in TR_SYSTEM=PRIMERGY", "in TR_OS=" + longOs.substr(0, 128),
                          "in TR_NICKNAME=", "in nonzero-out-bytes=0"}));
+        const std::string unavailable = "KOPD-MAIN: INFO: smbus-driver is not available on this OS (But, don't "
+                                        "worry about this, it might be OK on some OS systems!)";
         if (mode == "fail") {
             ExpectTraced({"KOPD-MAIN: cannot identify OS (from TR_NICKNAME) on which we are running",
                           "KOPD-MAIN::DiscoverSmbusDriverInfo: IOCTL_SMBUS_DRIVER_INFO (0xC00873FF) to "
                           "/dev/pci/smbus failed (errno=25: "},
-                         [](const std::string& t) {
-                             EXPECT_EQ(CountOf(t, "KOPD-MAIN: INFO: smbus-driver is not available on this OS (But, "
-                                                  "don't worry about this, it might be OK on some OS systems!)"),
-                                       1u);
+                         [&](const std::string& t) {
+                             EXPECT_EQ(CountOf(t, unavailable), 1u);
                              EXPECT_FALSE(Contains(t, "evaluating IOCTL_SMBUS_DRIVER_INFO"));
                          });
             continue;

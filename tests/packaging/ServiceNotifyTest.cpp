@@ -46,20 +46,27 @@ std::string UniqueAbstractName()
 
 } // namespace
 
-TEST(ServiceNotify, SendsToPathAndAbstractSockets)
+TEST(ServiceNotify, TakesTheAddressOutOfTheEnvironmentAndSendsToPathAndAbstractSockets)
 {
     TempDir dir;
     for (const std::string& address : {dir.Sub("notify"), UniqueAbstractName()}) {
         FakeManager manager(address);
         ASSERT_TRUE(manager.bound) << address;
+        ScopedEnv env(CServiceNotify::kSocketVariable, address.c_str());
         CServiceNotify notify;
-        ASSERT_TRUE(notify.SetAddress(address));
-        EXPECT_TRUE(notify.Enabled());
+        ASSERT_TRUE(notify.TakeFromEnvironment());
+        EXPECT_EQ(notify.Address(), address);
+        // Children of the daemon must not inherit the manager's socket.
+        EXPECT_EQ(getenv(CServiceNotify::kSocketVariable), nullptr);
         for (const char* state : {"READY=1", "STOPPING=1"}) {
             EXPECT_TRUE(notify.Notify(state));
             EXPECT_EQ(manager.Receive(5000), state);
         }
     }
+    ScopedEnv env(CServiceNotify::kSocketVariable, nullptr);
+    CServiceNotify notify;
+    EXPECT_FALSE(notify.TakeFromEnvironment());
+    EXPECT_FALSE(notify.Enabled());
 }
 
 TEST(ServiceNotify, RejectsUnusableAddressesAndReportsWhenNobodyListens)
@@ -79,23 +86,6 @@ TEST(ServiceNotify, RejectsUnusableAddressesAndReportsWhenNobodyListens)
     EXPECT_EQ(notify.LastError(), ENOENT);
 }
 
-TEST(ServiceNotify, TakesTheAddressOutOfTheEnvironment)
-{
-    TempDir dir;
-    {
-        ScopedEnv env(CServiceNotify::kSocketVariable, dir.Sub("sock").c_str());
-        CServiceNotify notify;
-        EXPECT_TRUE(notify.TakeFromEnvironment());
-        EXPECT_EQ(notify.Address(), dir.Sub("sock"));
-        // Children of the daemon must not inherit the manager's socket.
-        EXPECT_EQ(getenv(CServiceNotify::kSocketVariable), nullptr);
-    }
-    ScopedEnv env(CServiceNotify::kSocketVariable, nullptr);
-    CServiceNotify notify;
-    EXPECT_FALSE(notify.TakeFromEnvironment());
-    EXPECT_FALSE(notify.Enabled());
-}
-
 /// kopd in a sandbox with the bundled example module, started by the "service manager".
 class ReadinessTest : public KopdFixture {
 protected:
@@ -103,27 +93,18 @@ protected:
     {
         m_Env = {"TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR};
     }
-    void SetUp() override
-    {
-        KopdFixture::SetUp();
-        if (!IsSkipped())
-            ENTER_NAMESPACE();
-    }
-    pid_t StartKopd(const std::string& socket, std::vector<std::string> args)
-    {
-        return Start({args, {"NOTIFY_SOCKET=" + socket}});
-    }
     std::string Log() const { return ReadFile(TraceDir() + "/log.kopd"); }
 };
 
 TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationAndStoppingAtStop)
 {
+    ENTER_NAMESPACE();
     // The abstract namespace belongs to the network namespace, which the
     // mount namespace shares.
     for (const std::string& address : {m_Dir.Sub("notify"), UniqueAbstractName()}) {
         FakeManager manager(address);
         ASSERT_TRUE(manager.bound);
-        pid_t pid = StartKopd(address, {"-n"});
+        pid_t pid = Start({{"-n"}, {"NOTIFY_SOCKET=" + address}});
         // The moment READY arrives the daemon has written its last start-up line.
         ASSERT_EQ(manager.Receive(60000), "READY=1") << Output();
         std::string log = Log();
@@ -143,9 +124,10 @@ TEST_F(ReadinessTest, ForkingModeDoesNotNotify)
 {
     // Without -n the daemon forks and is not the process the manager
     // started: it must keep quiet, also past the end of its start-up.
+    ENTER_NAMESPACE();
     FakeManager manager(m_Dir.Sub("notify"));
     ASSERT_TRUE(manager.bound);
-    EXPECT_EQ(WaitExit(StartKopd(m_Dir.Sub("notify"), {})), 0) << Output();
+    EXPECT_EQ(WaitExit(Start({{}, {"NOTIFY_SOCKET=" + m_Dir.Sub("notify")}})), 0) << Output();
     pid_t pid = WaitPidFile();
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(WaitFor([&] { return Contains(Log(), "KOPD-MAIN: ## Done initializing ##"); })) << Log();
