@@ -91,6 +91,7 @@ TEST(CProcessExecute, ResultAndExitCodeOfEachCommandFormSyncAndAsync)
             EXPECT_EQ(Cwd(), before);
         }
     EXPECT_TRUE(FileExists(dir.Sub("ran-here")) && FileExists(dir.Sub("marker")));
+    EXPECT_TRUE(CProcess::ExecuteCmdAsync("/bin/true"));  // nothing to wait for: reaped with the test program
     uint32_t pid = 0, code = 0;
     ASSERT_TRUE(CProcess::ExecuteCmdAsync("sleep 30", pid));
     EXPECT_TRUE(CProcess::TerminateProcess(pid, 0));
@@ -240,7 +241,9 @@ TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
     ASSERT_TRUE(WriteFile(root.Sub("0/comm"), "zero\n"));
     ASSERT_TRUE(WriteFile(root.Sub("self/comm"), "selfname\n"));
     ASSERT_TRUE(WriteFile(root.Sub("12/cmdline"), std::string("/usr/sbin/kopd\0-n\0", 18)));
+    ASSERT_TRUE(WriteFile(root.Sub("31/comm"), "kthread\n") && WriteFile(root.Sub("31/cmdline"), ""));
     CProcess::SetProcRoot(root.Path().c_str());
+    EXPECT_EQ(CProcess::GetProcRoot(), root.Path());
     const struct {
         const char* name;
         uint32_t pid;
@@ -257,6 +260,8 @@ TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
     EXPECT_EQ(name + " " + path, "kopd /usr/sbin/kopd");
     EXPECT_FALSE(CProcess::GetProcessName(name, 13));
     EXPECT_FALSE(CProcess::GetProcessInfo(30, name, path));  // no exe, no cmdline
+    EXPECT_FALSE(CProcess::GetProcessInfo(31, name, path));  // an empty command line (a kernel thread)
+    EXPECT_FALSE(CProcess::get_proc_file(12, nullptr, text));
     EXPECT_FALSE(CProcess::get_proc_file(12, "status", text));
 
     CProcess::SetProcRoot((root.Path() + "/missing").c_str());

@@ -27,13 +27,12 @@ std::string Field(std::string name, const std::string& value)
 
 TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
 {
-    ENTER_NAMESPACE();
     // Not root: refused before touching the lock.
-    EXPECT_EQ(WaitExit(Start({{"-n"}, {}, {}, 65534})), 1);
+    EXPECT_EQ(WaitExit(Start({"-n"}, {}, "", 65534)), 1);
     EXPECT_EQ(Output(), kMain + "Error! Permission denied\n");
     EXPECT_FALSE(FileExists(LockFile()) || FileExists(RecordPath()));
 
-    pid_t pid = Start({});
+    pid_t pid = Start();
     ASSERT_TRUE(WaitStarted()) << Output();
     EXPECT_EQ(WaitPidFile(), pid);  // "No Demon": no fork
     const std::string pidText = std::to_string(pid) + "\n", lockText = "kopd#" + std::to_string(pid);
@@ -43,7 +42,7 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
 
     // A second instance is refused in both modes and leaves the files alone.
     for (const char* mode : {"-nodemon", "-tinst"}) {
-        EXPECT_EQ(WaitExit(Start({{mode}, {}})), 1) << mode;
+        EXPECT_EQ(WaitExit(Start({mode})), 1) << mode;
         EXPECT_TRUE(Contains(Output(), ": KOPD-MAIN: Error! Another process instance is already running!\n"))
             << Output();
         EXPECT_EQ(ReadFile(PidFile()), pidText);
@@ -73,7 +72,6 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
 
 TEST_F(KopdTest, DaemonModeRunModesAndRescan)
 {
-    ENTER_NAMESPACE();
     SetRunLevel("3\n");
     const struct {
         Lines args;
@@ -92,7 +90,7 @@ TEST_F(KopdTest, DaemonModeRunModesAndRescan)
         SCOPED_TRACE(c.load);
         ClearRecords();
         // Preloaded: would report any open of the smbus device.
-        pid_t launched = Start({c.args, {"LD_PRELOAD=" TEST_SMBUS_SHIM, "SHIM_SMBUS_MODE=ok"}}), daemon = launched;
+        pid_t launched = Start(c.args, {"LD_PRELOAD=" TEST_SMBUS_SHIM, "SHIM_SMBUS_MODE=ok"}), daemon = launched;
         if (!c.foreground) {
             EXPECT_EQ(WaitExit(launched), 0);  // the parent leaves at once
             ASSERT_GT(daemon = WaitPidFile(), 0);
@@ -123,8 +121,7 @@ TEST_F(KopdTest, DaemonModeRunModesAndRescan)
 
 TEST_F(KopdTest, MissingRunLevelFileMeansSimpleStop)
 {
-    ENTER_NAMESPACE();
-    ASSERT_NO_FATAL_FAILURE(StartAndStop({{"-n", "-agentless"}, {"TR_NICKNAME=RHEL7"}}));  // after three tries
+    ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n", "-agentless"}, {"TR_NICKNAME=RHEL7"}));  // after three tries
     auto lines = RecordLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), kShutdown), 1);
     EXPECT_FALSE(Contains(Record(), "event=0x30000"));
@@ -139,7 +136,8 @@ TEST_F(KopdTest, WithoutSystemctlOlderSystemsUseUtmpAndNewerOnesTheFile)
 {
     SandboxOptions options;
     options.hideSystemctl = true;
-    ENTER_NAMESPACE(options);
+    if (!Enter(options))
+        GTEST_SKIP() << m_SkipReason;
     ASSERT_FALSE(FileExists(NsPath("/usr/bin/systemctl")));
     // An older system: the utmp run-level record says halt ('0').
     struct utmp record{};
@@ -148,24 +146,23 @@ TEST_F(KopdTest, WithoutSystemctlOlderSystemsUseUtmpAndNewerOnesTheFile)
     strncpy(record.ut_user, "runlevel", sizeof record.ut_user);
     ASSERT_TRUE(WriteFile(NsPath("/run/utmp"), std::string(reinterpret_cast<char*>(&record), sizeof record)));
     SetRunLevel("6\n");  // must not be read on this path
-    ASSERT_NO_FATAL_FAILURE(StartAndStop({{"-n", "-tinst"}, {"TR_NICKNAME=SLES11"}}));
+    ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n", "-tinst"}, {"TR_NICKNAME=SLES11"}));
     EXPECT_TRUE(Contains(Record(), kShutdown + "\nslot16 event=0x30000 level=0 third=0\n")) << Record();
     ExpectTraced({"KOPD-MAIN: try to indentify runlevel on older OS", "KOPD-MAIN: Current RunLevel = 0"},
                  [](const std::string& t) { EXPECT_FALSE(Contains(t, "detected on this OS")); });
 
     // A newer system by name: the run-level file decides (6 = reboot).
     ClearRecords();
-    ASSERT_NO_FATAL_FAILURE(StartAndStop({{"-n", "-tinst"}, {"TR_NICKNAME=OL7"}}));
+    ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n", "-tinst"}, {"TR_NICKNAME=OL7"}));
     EXPECT_TRUE(Contains(Record(), "slot16 event=0x30000 level=6 third=0\n")) << Record();
 }
 
 TEST_F(KopdTest, MissingOrUnusableFrameworkIsFatal)
 {
-    ENTER_NAMESPACE();
     MakeDirs(m_Dir.Sub("empty"));
     for (std::string dir : {m_Dir.Sub("empty"), std::string(TEST_NOQUERY_SWITCH_DIR)}) {
         SCOPED_TRACE(dir);
-        EXPECT_EQ(WaitExit(Start({{"-n", "-tupd"}, {}, dir})), 1);
+        EXPECT_EQ(WaitExit(Start({"-n", "-tupd"}, {}, dir)), 1);
         EXPECT_FALSE(FileExists(LockFile()));
         EXPECT_FALSE(FileExists(PidFile()));
         ExpectTraced({"KOPD-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!"}, [&](const std::string& t) {
@@ -178,12 +175,11 @@ TEST_F(KopdTest, MissingOrUnusableFrameworkIsFatal)
 
 TEST_F(KopdTest, FailingModuleLoadStillReachesTheSignalLoopAndStopsCleanly)
 {
-    ENTER_NAMESPACE();
     SetRunLevel("0\n");
     for (std::string how : {"throw", "fail"}) {
         SCOPED_TRACE(how);
         ClearRecords();
-        pid_t pid = Start({{"-n", "-tupd"}, {"TEST_SWITCH_LOAD=" + how}});
+        pid_t pid = Start({"-n", "-tupd"}, {"TEST_SWITCH_LOAD=" + how});
         ASSERT_TRUE(WaitStarted("slot2 flags=0 runmode=8")) << Output();
         EXPECT_TRUE(WaitFor([&] { return FileExists(PidFile()); }));
         ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
@@ -202,14 +198,13 @@ TEST_F(KopdTest, FailingModuleLoadStillReachesTheSignalLoopAndStopsCleanly)
 
 TEST_F(KopdTest, DriverQueryRequestAndAnswer)
 {
-    ENTER_NAMESPACE();
     SetRunLevel("3\n");
     const std::string longOs(140, 'o');  // longer than its 128-byte field
     for (std::string mode : {"ok", "fail"}) {
         SCOPED_TRACE(mode);
         ClearRecords();
-        ASSERT_NO_FATAL_FAILURE(StartAndStop({{"-n"}, {"LD_PRELOAD=" TEST_SMBUS_SHIM, "SHIM_SMBUS_MODE=" + mode,
-                                                       "TR_SYSTEM=PRIMERGY", "TR_OS=" + longOs, "TR_NICKNAME="}}));
+        ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n"}, {"LD_PRELOAD=" TEST_SMBUS_SHIM, "SHIM_SMBUS_MODE=" + mode,
+                                                     "TR_SYSTEM=PRIMERGY", "TR_OS=" + longOs, "TR_NICKNAME="}));
         EXPECT_EQ(SplitLines(ReadFile(ShimRecordPath())),
                   (Lines{"open flags=0x80002",  // O_RDWR | O_CLOEXEC
                          "ioctl request=0xC00873FF", "header version=1 cmd=0xFF size=1312 success=0",

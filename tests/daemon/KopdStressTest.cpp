@@ -83,15 +83,13 @@ protected:
     void SetUp() override
     {
         KopdTest::SetUp();
-        if (IsSkipped())
-            return;
-        ENTER_NAMESPACE();
-        SetRunLevel("6\n");  // a stop without the three-second wait for the file
+        if (!IsSkipped())
+            SetRunLevel("6\n");  // a stop without the three-second wait for the file
     }
 
     Starter StartForeground(int gate = -1)
     {
-        pid_t pid = Start({{"-n"}, {}, {}, 0, gate});
+        pid_t pid = Start({"-n"}, {}, "", 0, gate);
         return Starter{pid, OutputFile()};
     }
 

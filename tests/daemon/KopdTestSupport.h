@@ -9,7 +9,6 @@
 namespace kopdtest {
 
 using namespace testsupport;
-using Launch = KopdLaunch;
 using Lines = std::vector<std::string>;
 
 class KopdTest : public KopdFixture {
@@ -39,9 +38,9 @@ protected:
         });
     }
     /// Starts kopd, waits until its modules started and stops it cleanly.
-    void StartAndStop(const Launch& launch)
+    void StartAndStop(const Lines& args, const Lines& env)
     {
-        pid_t pid = Start(launch);
+        pid_t pid = Start(args, env);
         ASSERT_TRUE(WaitStarted()) << Output();
         ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
     }

@@ -16,7 +16,6 @@ using ModulesEndToEndTest = KopdTest;
 
 TEST_F(ModulesEndToEndTest, InventoryAndUsageReachTheRegistryAndSigtermStopsEverything)
 {
-    ENTER_NAMESPACE();
     SetRunLevel("3\n");  // a simple stop, without waiting for the run level
     const std::string snap = m_Dir.Sub("snap"), proc = m_Dir.Sub("proc"), mods = m_Dir.Sub("mods");
     modtest::MakeSnapshot(snap);
@@ -26,7 +25,7 @@ TEST_F(ModulesEndToEndTest, InventoryAndUsageReachTheRegistryAndSigtermStopsEver
     ASSERT_TRUE(WriteFile(mods + "/perf.conf", "[Module]\nLibrary=" TEST_PERF_MODULE "\nOrder=30\nProcRoot=" + proc +
                                                    "\nPeriodMs=200\n"));
     auto registry = [&] { return ReadFile(NsPath("/etc/tarvd/registry")); };
-    pid_t pid = Start({{"-n"}, {"TARVD_MODULES_DIR=" + mods}, TEST_FRAMEWORK_DIR});
+    pid_t pid = Start({"-n"}, {"TARVD_MODULES_DIR=" + mods}, TEST_FRAMEWORK_DIR);
     ASSERT_TRUE(WaitFor([&] {
         std::string r = registry();
         return Contains(r, "[Inventory]") && Contains(r, "ScanCount=d=1\n") && Contains(r, "[Memory]") &&

@@ -98,13 +98,12 @@ protected:
 
 TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationAndStoppingAtStop)
 {
-    ENTER_NAMESPACE();
     // The abstract namespace belongs to the network namespace, which the
     // mount namespace shares.
     for (const std::string& address : {m_Dir.Sub("notify"), UniqueAbstractName()}) {
         FakeManager manager(address);
         ASSERT_TRUE(manager.bound);
-        pid_t pid = Start({{"-n"}, {"NOTIFY_SOCKET=" + address}});
+        pid_t pid = Start({"-n"}, {"NOTIFY_SOCKET=" + address});
         // The moment READY arrives the daemon has written its last start-up line.
         ASSERT_EQ(manager.Receive(60000), "READY=1") << Output();
         std::string log = Log();
@@ -124,10 +123,9 @@ TEST_F(ReadinessTest, ForkingModeDoesNotNotify)
 {
     // Without -n the daemon forks and is not the process the manager
     // started: it must keep quiet, also past the end of its start-up.
-    ENTER_NAMESPACE();
     FakeManager manager(m_Dir.Sub("notify"));
     ASSERT_TRUE(manager.bound);
-    EXPECT_EQ(WaitExit(Start({{}, {"NOTIFY_SOCKET=" + m_Dir.Sub("notify")}})), 0) << Output();
+    EXPECT_EQ(WaitExit(Start({}, {"NOTIFY_SOCKET=" + m_Dir.Sub("notify")})), 0) << Output();
     pid_t pid = WaitPidFile();
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(WaitFor([&] { return Contains(Log(), "KOPD-MAIN: ## Done initializing ##"); })) << Log();

@@ -25,8 +25,7 @@ std::string Failed(const std::string& what) { return what + ": " + strerror(errn
 /// An overlay on `dir` whose upper layer lies in `stage`; empty or the failure.
 std::string Overlay(const std::string& stage, const std::string& dir, const std::string& lower)
 {
-    std::string name = dir.substr(dir.rfind('/') + 1);
-    std::string up = stage + "/" + name + "-up", work = stage + "/" + name + "-work";
+    std::string up = stage + dir.substr(dir.rfind('/')) + "-up", work = stage + dir.substr(dir.rfind('/')) + "-work";
     mkdir(up.c_str(), 0755);
     mkdir(work.c_str(), 0755);
     std::string options = "lowerdir=" + lower + ",upperdir=" + up + ",workdir=" + work;
@@ -61,19 +60,15 @@ std::string Prepare(const std::string& stage, const SandboxOptions& options)
     for (const std::string& dir : options.writable)
         if (std::string e = Overlay(stage, dir, dir); !e.empty())
             return e;
-    if (!options.usrOnTop.empty()) {
-        std::string lower = "lowerdir=" + options.usrOnTop + ":/usr";
-        if (mount("overlay", "/usr", "overlay", MS_RDONLY, lower.c_str()) != 0)
-            return Failed("overlay on /usr");
-    }
-    if (options.hideSystemctl) {
-        // A whiteout in the upper layer hides the file.
-        mkdir((stage + "/bin-up").c_str(), 0755);
-        if (mknod((stage + "/bin-up/systemctl").c_str(), S_IFCHR | 0, makedev(0, 0)) != 0)
-            return Failed("whiteout for systemctl");
-        if (std::string e = Overlay(stage, "/usr/bin", "/usr/bin"); !e.empty())
-            return e;
-    }
+    std::string lower = "lowerdir=" + options.usrOnTop + ":/usr";
+    if (!options.usrOnTop.empty() && mount("overlay", "/usr", "overlay", MS_RDONLY, lower.c_str()) != 0)
+        return Failed("overlay on /usr");
+    // A whiteout in the upper layer hides the file.
+    if (options.hideSystemctl && (mkdir((stage + "/bin-up").c_str(), 0755) != 0 ||
+                                  mknod((stage + "/bin-up/systemctl").c_str(), S_IFCHR | 0, makedev(0, 0)) != 0))
+        return Failed("whiteout for systemctl");
+    if (std::string e = options.hideSystemctl ? Overlay(stage, "/usr/bin", "/usr/bin") : ""; !e.empty())
+        return e;
     if (std::string e = PrivateRunAndLog(); !e.empty())
         return e;
     if (mkdir("/etc/tarvd", 0755) != 0 && errno != EEXIST)
@@ -100,8 +95,7 @@ Sandbox::Sandbox(const std::string& stage, const SandboxOptions& options)
     }
     m_Holder = fork();
     if (m_Holder == 0) {
-        close(ready[0]);
-        close(control[1]);
+        close(control[1]);  // the holder lives until the test closes its end
         std::string error = Prepare(stage, options);
         std::string answer = error.empty() ? "1" : "0" + error;
         (void)!write(ready[1], answer.data(), answer.size());
@@ -193,18 +187,10 @@ std::vector<std::string> DaemonEnv(const std::string& traceDir)
 
 std::string ReadDaemonTrace(const std::string& traceDir, const std::string& name)
 {
-    std::string base = traceDir + "/log." + name;
-    std::string all = ReadFile(base + "_i") + ReadFile(base + "_a"), unpacked;
+    std::string base = traceDir + "/log." + name, all = ReadFile(base + "_i") + ReadFile(base + "_a"), unpacked;
     if (FileExists(base + "_i.gz") && Shell("gzip -dc " + Quote(base + "_i.gz"), &unpacked) == 0)
         all += unpacked;
     return all;
-}
-
-unsigned long long SharedPending(pid_t pid)
-{
-    std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
-    size_t pos = status.find("ShdPnd:");
-    return pos == std::string::npos || Contains(status, "State:\tZ") ? 0 : std::stoull(status.substr(pos + 7), nullptr, 16);
 }
 
 } // namespace testsupport
