@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <sched.h>
@@ -14,7 +13,6 @@
 #include <unistd.h>
 
 #include "support/ChildProcess.h"
-#include "support/TestSupport.h"
 
 namespace testsupport {
 

@@ -26,8 +26,7 @@ struct SandboxOptions {
     bool hideSystemctl = false;                 ///< hides /usr/bin/systemctl (an older system's view)
 };
 
-/// A program to start in the sandbox.
-struct SandboxProgram {
+struct SandboxProgram {  ///< a program to start in the sandbox
     std::string program;
     std::vector<std::string> args;
     std::vector<std::string> env;  ///< the whole environment, NAME=value
@@ -80,10 +79,11 @@ protected:
         if (!CanUseMountNamespace() || !Enter())
             GTEST_SKIP() << "needs root and mount namespaces " << m_SkipReason;
     }
-    /// Makes a new sandbox; false (and m_SkipReason) when it cannot.
     bool Enter(const SandboxOptions& options = {})
     {
-        m_Ns.reset();  // first: the new holder would keep the old one's control pipe open
+        // A new sandbox (false and m_SkipReason when none can be made); the old
+        // one goes first, as the new holder would keep its control pipe open.
+        m_Ns.reset();
         m_Ns = std::make_unique<Sandbox>(m_Dir.Sub("ns" + std::to_string(++m_Sandboxes)), options);
         m_SkipReason = m_Ns->Error();
         return m_SkipReason.empty();

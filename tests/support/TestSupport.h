@@ -32,8 +32,7 @@ bool MakeDirs(const std::string& path);  // mkdir -p
 void RemoveTree(const std::string& path);
 /// Splits text at '\n' (the final empty piece after a trailing newline is dropped).
 std::vector<std::string> SplitLines(const std::string& text);
-/// The shared firmware fixtures directory.
-std::string FixturesDir();
+std::string FixturesDir();  ///< the shared firmware fixtures directory
 
 /// Sets an environment variable (null: unsets it) for the object's lifetime.
 class ScopedEnv {
