@@ -61,11 +61,12 @@ TEST_F(DebPackage, ContentsFollowTheInstallLayout)
     // The layout itself is InstallTest's: here the package holds what it
     // installs, owned by root, and nothing of the build tree.
     std::string contents = Ok("dpkg-deb --contents " + Quote(m_Deb));
-    for (const std::string path : {TEST_INSTALL_SBINDIR "/kopd", TEST_INSTALL_LIBDIR "/libtarvd.so.9", TEST_INSTALL_LIBDIR "/libswitch.so",
-                                   TEST_INSTALL_LIBDIR "/tarvd/modules/libtarvd_example.so",
-                                   TEST_INSTALL_LIBDIR "/pkgconfig/tarvd.pc", TEST_INSTALL_LIBDIR "/cmake/tarvd/tarvdConfig.cmake",
-                                   TEST_MODULE_CONF_DIR "/example.conf", TEST_UNIT_DIR "/kopd.service",
-                                   TEST_UNIT_DIR "/kopd-runlevel.service", TEST_INSTALL_HELPER})
+    const std::string lib = TEST_INSTALL_LIBDIR;
+    for (const std::string& path : std::vector<std::string>{
+             TEST_INSTALL_SBINDIR "/kopd", lib + "/libtarvd.so.9", lib + "/libswitch.so",
+             lib + "/tarvd/modules/libtarvd_example.so", lib + "/pkgconfig/tarvd.pc", lib + "/cmake/tarvd/tarvdConfig.cmake",
+             TEST_MODULE_CONF_DIR "/example.conf", TEST_UNIT_DIR "/kopd.service", TEST_UNIT_DIR "/kopd-runlevel.service",
+             TEST_INSTALL_HELPER})
         EXPECT_TRUE(Contains(contents, " ." + path + "\n") || Contains(contents, " ." + path + " -> ")) << path;
     EXPECT_FALSE(Contains(contents, TARVD_BINARY_DIR));
     for (const std::string& line : SplitLines(contents))
