@@ -1,279 +1,277 @@
+// The daemon's single-instance lock file: taking and releasing it, bad
+// names, live and dead holders, links planted at its path, descriptors
+// leaking into children, and many processes racing for one lock.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
-#include <fcntl.h>
+#include <filesystem>
+#include <map>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include "support/TestSupport.h"
 #include "daemon/CFileLock.h"
+#include "daemon/CProcess.h"
+#include "support/TestSupport.h"
+#include "support/Wait.h"
 
-using testsupport::FileExists;
-using testsupport::ReadFile;
-using testsupport::TempDir;
-using testsupport::WriteFile;
+using namespace testsupport;
 
 namespace {
 
-std::string Holder(const char* owner = "kopd")
+std::string Holder() { return "kopd#" + std::to_string(getpid()); }
+
+/// True when another open file description can take the lock on `path`.
+bool Free(const std::string& path)
 {
-    return std::string(owner) + "#" + std::to_string(getpid());
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && flock(fd.Get(), LOCK_EX | LOCK_NB) == 0;
 }
 
-/// A child process that takes the lock and keeps it until killed.
-class LockHolderProcess {
-public:
-    explicit LockHolderProcess(const std::string& name)
-    {
-        int fds[2];
-        if (pipe(fds) != 0)
-            return;
-        m_Pid = fork();
-        if (m_Pid == 0) {
-            close(fds[0]);
-            CFileLock lock;
-            char ok = lock.Lock(name.c_str(), "kopd", 0) ? '1' : '0';
-            if (write(fds[1], &ok, 1) != 1)
-                _exit(2);
-            pause();
-            _exit(0);
-        }
-        close(fds[1]);
-        char ok = 0;
-        m_Locked = read(fds[0], &ok, 1) == 1 && ok == '1';
-        close(fds[0]);
-    }
-    ~LockHolderProcess()
-    {
-        if (m_Pid > 0) {
-            kill(m_Pid, SIGKILL);
-            waitpid(m_Pid, nullptr, 0);
-        }
-    }
-    bool Locked() const { return m_Locked; }
-    pid_t Pid() const { return m_Pid; }
+mode_t Mode(const std::string& path)
+{
+    struct stat st{};
+    return stat(path.c_str(), &st) == 0 ? st.st_mode : 0;
+}
 
-private:
-    pid_t m_Pid = -1;
-    bool m_Locked = false;
+/// The open descriptors of this process, by number, and what each refers to.
+std::map<int, std::string> Descriptors()
+{
+    std::map<int, std::string> fds;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd"))
+        fds[std::stoi(e.path().filename())] = std::filesystem::read_symlink(e.path(), ec);
+    return fds;
+}
+
+/// A child that takes the lock and keeps it until killed; its pid once the file names it.
+pid_t StartHolder(const std::string& name)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        CFileLock lock;
+        lock.Lock(name.c_str(), "kopd", 0);
+        alarm(120);  // ends even if the test failed before killing it
+        pause();
+        _exit(0);
+    }
+    return WaitFor([&] { return ReadFile(name + ".lock") == "kopd#" + std::to_string(pid); }) ? pid : -1;
+}
+
+/// Another instance that removes the lock file right after we opened it, `times` times.
+struct RacingLock : CFileLock {
+    explicit RacingLock(int times) : m_Times(times) {}
+    void OnLockFileOpened() override
+    {
+        if (m_Opens++ < m_Times)
+            unlink(LockFileName().c_str());
+    }
+    int m_Times, m_Opens = 0;
 };
 
 } // namespace
 
-TEST(CFileLock, TakesLockWritesHolderAndRemovesFileOnDestruction)
+TEST(CFileLock, TakesLockCreatesDirectoriesAndRemovesFileOnRelease)
 {
     TempDir dir;
-    std::string name = dir.Sub("kopd");
+    const std::string name = dir.Sub("var/lock/sub/kopd"), file = name + ".lock";
+    mode_t old = umask(0);
     {
         CFileLock lock;
-        ASSERT_TRUE(lock.Lock(name.c_str(), "kopd", 0));
+        bool ok = lock.Lock(name.c_str(), "kopd", 0);
+        umask(old);
+        ASSERT_TRUE(ok);
         EXPECT_TRUE(lock.IsLocked());
         EXPECT_EQ(lock.LastError(), 0);
-        EXPECT_EQ(lock.LockFileName(), name + ".lock");
-        EXPECT_EQ(ReadFile(name + ".lock"), Holder());
+        EXPECT_EQ(lock.LockFileName(), file);
+        EXPECT_EQ(ReadFile(file), Holder());
+        EXPECT_FALSE(Free(file));
+        for (const char* d : {"var", "var/lock", "var/lock/sub"})
+            EXPECT_EQ(Mode(dir.Sub(d)), S_IFDIR | 0711u) << d;
+        EXPECT_EQ(Mode(file), S_IFREG | 0644u);
 
-        // The lock is really held: another open file description cannot take it.
-        int fd = open((name + ".lock").c_str(), O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(fd, 0);
-        EXPECT_NE(flock(fd, LOCK_EX | LOCK_NB), 0);
-        EXPECT_EQ(errno, EWOULDBLOCK);
-        close(fd);
+        // Locking again releases the previous file; an empty owner writes the pid alone.
+        ASSERT_TRUE(lock.Lock(dir.Sub("b").c_str(), "", 0));
+        EXPECT_TRUE(Free(file));
+        EXPECT_EQ(ReadFile(dir.Sub("b.lock")), "#" + std::to_string(getpid()));
     }
-    EXPECT_FALSE(FileExists(name + ".lock"));
+    EXPECT_FALSE(FileExists(dir.Sub("b.lock")));
 }
 
-TEST(CFileLock, EmptyOwnerWritesOnlyThePid)
+TEST(CFileLock, BadNamesFailWithoutCreatingAnything)
 {
     TempDir dir;
-    CFileLock lock;
-    ASSERT_TRUE(lock.Lock(dir.Sub("x").c_str(), "", 0));
-    EXPECT_EQ(ReadFile(dir.Sub("x.lock")), "#" + std::to_string(getpid()));
-}
-
-TEST(CFileLock, NullOrEmptyNameFails)
-{
-    CFileLock lock;
-    EXPECT_FALSE(lock.Lock(nullptr, "kopd", 0));
-    EXPECT_FALSE(lock.Lock("", "kopd", 0));
-    EXPECT_FALSE(lock.IsLocked());
-}
-
-TEST(CFileLock, RelativeNameFailsWithoutCreatingAnything)
-{
-    CFileLock lock;
-    EXPECT_FALSE(lock.Lock("relative/kopd", "kopd", 0));
+    ASSERT_TRUE(WriteFile(dir.Sub("file"), "x"));
+    const std::string underFile = dir.Sub("file/kopd");
+    const struct {
+        const char* name;
+        int error;  // -1: any
+    } cases[] = {{nullptr, -1}, {"", -1}, {"relative/kopd", -1}, {underFile.c_str(), ENOTDIR}};
+    for (const auto& c : cases) {
+        CFileLock lock;
+        EXPECT_FALSE(lock.Lock(c.name, "kopd", 0)) << (c.name ? c.name : "null");
+        EXPECT_FALSE(lock.IsLocked());
+        EXPECT_TRUE(c.error < 0 || lock.LastError() == c.error) << lock.LastError();
+    }
     EXPECT_FALSE(FileExists("relative"));
 }
 
-TEST(CFileLock, RefusedWhileAnotherProcessHoldsIt)
+TEST(CFileLock, LiveHolderRefusesAtOnceDeadOneIsTakenOver)
 {
     TempDir dir;
-    std::string name = dir.Sub("kopd");
-    LockHolderProcess holder(name);
-    ASSERT_TRUE(holder.Locked());
-    std::string expected = "kopd#" + std::to_string(holder.Pid());
-    ASSERT_EQ(ReadFile(name + ".lock"), expected);
-
-    {
+    const std::string name = dir.Sub("kopd"), file = name + ".lock";
+    pid_t holder = StartHolder(name);
+    ASSERT_GT(holder, 0);
+    const std::string expected = "kopd#" + std::to_string(holder);
+    // Only the sharing-violation code is retried: a held flock fails at once
+    // whatever the wait time.
+    for (int waitMs : {0, 250}) {
         CFileLock second;
-        EXPECT_FALSE(second.Lock(name.c_str(), "kopd", 0));
+        EXPECT_FALSE(second.Lock(name.c_str(), "kopd", waitMs));
         EXPECT_FALSE(second.IsLocked());
         EXPECT_EQ(second.LastError(), EWOULDBLOCK);
         EXPECT_EQ(second.HolderText(), expected);
     }
-    // The refused object removed nothing and changed nothing.
-    EXPECT_EQ(ReadFile(name + ".lock"), expected);
-}
+    EXPECT_EQ(ReadFile(file), expected);  // the refused objects changed nothing
 
-TEST(CFileLock, RetriesDoNotHelpAgainstALiveHolder)
-{
-    // Only the sharing-violation code is retried; a held flock fails at once
-    // whatever the wait time.
-    TempDir dir;
-    std::string name = dir.Sub("kopd");
-    LockHolderProcess holder(name);
-    ASSERT_TRUE(holder.Locked());
-    CFileLock second;
-    EXPECT_FALSE(second.Lock(name.c_str(), "kopd", 250));
-    EXPECT_EQ(second.LastError(), EWOULDBLOCK);
-}
-
-TEST(CFileLock, StaleFileOfDeadProcessIsTakenOver)
-{
-    TempDir dir;
-    std::string name = dir.Sub("kopd");
-    ASSERT_TRUE(WriteFile(name + ".lock", "kopd#999999 and some longer leftover text"));
+    kill(holder, SIGKILL);  // its file stays, its lock is gone
+    waitpid(holder, nullptr, 0);
+    ASSERT_TRUE(WriteFile(file, "kopd#999999 and some longer leftover text"));
     CFileLock lock;
     ASSERT_TRUE(lock.Lock(name.c_str(), "kopd", 0));
-    // Truncated and rewritten with our pid.
-    EXPECT_EQ(ReadFile(name + ".lock"), Holder());
+    EXPECT_EQ(ReadFile(file), Holder());  // truncated and rewritten
 }
 
-TEST(CFileLock, LockAfterHolderDiedSucceeds)
+TEST(CFileLockFault, LinksAtTheLockPathAreNeverFollowed)
 {
     TempDir dir;
-    std::string name = dir.Sub("kopd");
-    {
-        LockHolderProcess holder(name);
-        ASSERT_TRUE(holder.Locked());
-    }  // killed: its file stays, its lock is gone
-    ASSERT_TRUE(FileExists(name + ".lock"));
-    CFileLock lock;
-    EXPECT_TRUE(lock.Lock(name.c_str(), "kopd", 0));
-    EXPECT_EQ(ReadFile(name + ".lock"), Holder());
-}
-
-TEST(CFileLock, CreatesMissingDirectoriesWithMode0711)
-{
-    TempDir dir;
-    mode_t old = umask(0);
-    std::string name = dir.Sub("var/lock/sub/kopd");
-    CFileLock lock;
-    bool ok = lock.Lock(name.c_str(), "kopd", 0);
-    umask(old);
-    ASSERT_TRUE(ok);
-    for (const char* d : {"var", "var/lock", "var/lock/sub"}) {
-        struct stat st {};
-        ASSERT_EQ(stat(dir.Sub(d).c_str(), &st), 0) << d;
-        EXPECT_TRUE(S_ISDIR(st.st_mode));
-        EXPECT_EQ(st.st_mode & 07777, 0711u) << d;
-    }
-    struct stat st {};
-    ASSERT_EQ(stat((name + ".lock").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0644u);
-}
-
-TEST(CFileLock, DirectoryThatCannotBeCreatedFails)
-{
-    TempDir dir;
-    ASSERT_TRUE(WriteFile(dir.Sub("file"), "x"));
-    CFileLock lock;
-    EXPECT_FALSE(lock.Lock(dir.Sub("file/kopd").c_str(), "kopd", 0));
-    EXPECT_EQ(lock.LastError(), ENOTDIR);
-    EXPECT_FALSE(lock.IsLocked());
-}
-
-TEST(CFileLock, SymlinkedLockFileIsNotFollowed)
-{
-    TempDir dir;
-    ASSERT_TRUE(WriteFile(dir.Sub("victim"), "precious"));
-    ASSERT_EQ(symlink(dir.Sub("victim").c_str(), dir.Sub("kopd.lock").c_str()), 0);
-    CFileLock lock;
-    EXPECT_FALSE(lock.Lock(dir.Sub("kopd").c_str(), "kopd", 0));
-    EXPECT_EQ(ReadFile(dir.Sub("victim")), "precious");
-}
-
-TEST(CFileLock, LockingAgainReleasesThePreviousFile)
-{
-    TempDir dir;
-    CFileLock lock;
-    ASSERT_TRUE(lock.Lock(dir.Sub("a").c_str(), "kopd", 0));
-    ASSERT_TRUE(lock.Lock(dir.Sub("b").c_str(), "kopd", 0));
-    // "a.lock" is no longer locked by us.
-    int fd = open(dir.Sub("a.lock").c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0);
-    close(fd);
-}
-
-namespace {
-/// Simulates another instance that removes the lock file right after we
-/// opened it (its destructor unlinks the file it held).
-class RacingLock : public CFileLock {
-public:
-    int removals = 0;
-    int opens = 0;
-
-protected:
-    void OnLockFileOpened() override
-    {
-        ++opens;
-        if (removals < 1) {
-            ++removals;
-            unlink(LockFileName().c_str());
+    ASSERT_TRUE(WriteFile(dir.Sub("victim"), "precious contents"));
+    ASSERT_EQ(chmod(dir.Sub("victim").c_str(), 0600), 0);
+    ASSERT_TRUE(WriteFile(dir.Sub("target/keep"), "x"));
+    struct stat before{};
+    ASSERT_EQ(stat(dir.Sub("victim").c_str(), &before), 0);
+    const auto fds = Descriptors();
+    for (const char* target : {"victim", "created-by-link", "target"}) {
+        SCOPED_TRACE(target);
+        unlink(dir.Sub("kopd.lock").c_str());
+        ASSERT_EQ(symlink(dir.Sub(target).c_str(), dir.Sub("kopd.lock").c_str()), 0);
+        {
+            CFileLock lock;
+            // With and without retries: neither the probe nor the take may
+            // open the file behind the link.
+            for (int waitMs : {0, 200}) {
+                EXPECT_FALSE(lock.Lock(dir.Sub("kopd").c_str(), "kopd", waitMs));
+                EXPECT_FALSE(lock.IsLocked());
+            }
         }
+        struct stat st{};
+        EXPECT_EQ(lstat(dir.Sub("kopd.lock").c_str(), &st), 0);
+        EXPECT_TRUE(S_ISLNK(st.st_mode));
     }
-};
-} // namespace
-
-TEST(CFileLock, LockOnFileRemovedMeanwhileIsNotCountedAsHeld)
-{
-    TempDir dir;
-    std::string name = dir.Sub("kopd");
-    RacingLock lock;
-    ASSERT_TRUE(lock.Lock(name.c_str(), "kopd", 0));
-    EXPECT_EQ(lock.removals, 1);
-    EXPECT_EQ(lock.opens, 2);  // started over once
-    // The lock is on the file the path names now.
-    ASSERT_EQ(ReadFile(name + ".lock"), Holder());
-    int fd = open((name + ".lock").c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    EXPECT_NE(flock(fd, LOCK_EX | LOCK_NB), 0);
-    close(fd);
+    EXPECT_FALSE(FileExists(dir.Sub("created-by-link")));
+    EXPECT_EQ(ReadFile(dir.Sub("target/keep")), "x");
+    EXPECT_EQ(ReadFile(dir.Sub("victim")), "precious contents");
+    struct stat after{};
+    ASSERT_EQ(stat(dir.Sub("victim").c_str(), &after), 0);
+    EXPECT_EQ(std::tie(after.st_ino, after.st_size, after.st_mode, after.st_mtim.tv_sec, after.st_mtim.tv_nsec),
+              std::tie(before.st_ino, before.st_size, before.st_mode, before.st_mtim.tv_sec, before.st_mtim.tv_nsec));
+    EXPECT_EQ(Descriptors(), fds);  // a refused lock leaves no descriptor behind
 }
 
-namespace {
-class AlwaysRemovedLock : public CFileLock {
-protected:
-    void OnLockFileOpened() override { unlink(LockFileName().c_str()); }
-};
-} // namespace
-
-TEST(CFileLock, GivesUpWhenTheFileKeepsDisappearing)
+TEST(CFileLockFault, FileRemovedMeanwhileIsNotCountedAsHeld)
 {
     TempDir dir;
-    AlwaysRemovedLock lock;
-    EXPECT_FALSE(lock.Lock(dir.Sub("kopd").c_str(), "kopd", 0));
-    EXPECT_FALSE(lock.IsLocked());
-    EXPECT_NE(lock.LastError(), 0);
+    const std::string name = dir.Sub("kopd");
+    RacingLock once(1);
+    ASSERT_TRUE(once.Lock(name.c_str(), "kopd", 0));
+    EXPECT_EQ(once.m_Opens, 2);  // started over once
+    EXPECT_EQ(ReadFile(name + ".lock"), Holder());
+    EXPECT_FALSE(Free(name + ".lock"));  // the lock is on the file the path names now
+
+    RacingLock always(1000);  // gives up when the file keeps disappearing
+    EXPECT_FALSE(always.Lock(dir.Sub("other").c_str(), "kopd", 0));
+    EXPECT_FALSE(always.IsLocked());
+    EXPECT_NE(always.LastError(), 0);
 }
 
-TEST(CFileLock, RetriesAreTheWaitTimeInHundredsOfMilliseconds)
+TEST(CFileLockFault, ChildrenNeitherInheritNorKeepTheLock)
 {
-    EXPECT_EQ(CFileLock::RetriesFor(0), 0);
-    EXPECT_EQ(CFileLock::RetriesFor(99), 0);
-    EXPECT_EQ(CFileLock::RetriesFor(100), 1);
-    EXPECT_EQ(CFileLock::RetriesFor(250), 2);
+    TempDir dir;
+    uint32_t pid = 0, code = 0;
+    {
+        CFileLock lock;
+        ASSERT_TRUE(lock.Lock(dir.Sub("kopd").c_str(), "kopd", 0));
+        // A child keeping the parent's descriptors sees a plain one, but not the lock's.
+        UniqueFd plain(open(dir.Sub("kopd.lock").c_str(), O_RDONLY));
+        ASSERT_TRUE(plain);
+        int seen = 0;
+        for (const auto& [fd, path] : Descriptors()) {
+            if (path != dir.Sub("kopd.lock"))
+                continue;
+            ++seen;
+            CProcess::ExecuteCmd(("test -e /proc/self/fd/" + std::to_string(fd)).c_str(), code, pid, nullptr,
+                                 false, true);
+            EXPECT_EQ(code, fd == plain.Get() ? 0u : 1u) << "descriptor " << fd;
+            EXPECT_EQ((fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0, fd != plain.Get());
+        }
+        EXPECT_EQ(seen, 2);
+        // A long-lived child started while the lock is held.
+        ASSERT_TRUE(CProcess::ExecuteCmdAsync("sleep 30", pid, nullptr, false, true));
+    }
+    CFileLock again;
+    bool taken = again.Lock(dir.Sub("kopd").c_str(), "kopd", 0);
+    CProcess::TerminateProcess(pid);
+    CProcess::WaitForExit(pid, code);
+    EXPECT_TRUE(taken) << "a child kept the released lock";
+}
+
+TEST(CFileLockFault, AtMostOneOfManyProcessesHoldsTheLock)
+{
+    constexpr int kChildren = 8, kRounds = 50;
+    struct Shared {
+        std::atomic<int> ready, holders, overlaps, taken, refused, refusedButLocked, foreignText;
+    };
+    void* mem = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(mem, MAP_FAILED);
+    UniqueMapping mapping(mem, sizeof(Shared));
+    Shared* shared = new (mem) Shared{};
+    TempDir dir;
+    const std::string name = dir.Sub("run/kopd");
+    pid_t pids[kChildren];
+    for (pid_t& child : pids) {
+        ASSERT_GE(child = fork(), 0);
+        if (child != 0)
+            continue;
+        alarm(60);  // a hang ends the child with SIGALRM, seen below
+        // All children start together, so that they really compete.
+        for (shared->ready++; shared->ready.load() < kChildren;)
+            sched_yield();
+        for (int round = 0; round < kRounds; ++round) {
+            CFileLock lock;
+            if (!lock.Lock(name.c_str(), "race", 0)) {
+                shared->refused++;
+                shared->refusedButLocked += lock.IsLocked();
+                continue;
+            }
+            shared->overlaps += ++shared->holders > 1;
+            shared->taken++;
+            usleep(500);  // hold it a moment: others must be kept out meanwhile, and not rewrite it
+            shared->foreignText += ReadFile(name + ".lock") != "race#" + std::to_string(getpid());
+            shared->holders--;
+        }
+        _exit(0);
+    }
+    for (pid_t child : pids) {
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status << " (SIGALRM: a hang)";
+    }
+    EXPECT_EQ(shared->overlaps.load(), 0) << "the lock was held by more than one process at once";
+    EXPECT_EQ(shared->taken + shared->refused, kChildren * kRounds);
+    EXPECT_GT(shared->taken.load(), 0);
+    EXPECT_EQ(shared->refusedButLocked.load(), 0);
+    EXPECT_EQ(shared->foreignText.load(), 0) << "the holder's identity was overwritten while it held the lock";
+    EXPECT_FALSE(FileExists(name + ".lock"));  // the last holder removed the file
 }

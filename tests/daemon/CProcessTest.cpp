@@ -1,279 +1,280 @@
+// Starting programs (the results must not depend on how the child is made:
+// posix_spawn, or fork where execvp semantics are needed), the working
+// directory, and what is read from /proc, real and fake.
 #include "daemon/CProcess.h"
 
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
-#include <cstdlib>
-#include <string>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <thread>
+
+using namespace testsupport;
 
 namespace {
+
+constexpr uint32_t kNoStatus = 0xFFFFFFFFu;
+constexpr uint32_t kAnyCode = 0xA11;  // the shell's own failure status
 
 // Restores the /proc root after a test that points it at a fake tree.
 struct ProcRootGuard {
     ~ProcRootGuard() { CProcess::SetProcRoot(nullptr); }
 };
 
-std::string TestProgram()
+std::string Cwd()
 {
-    char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+    std::string dir;
+    return CProcess::GetCurrentDir(dir) ? dir : "?";
 }
 
 } // namespace
 
-TEST(CProcessExecute, ResultAndExitCodeOfEachCommandForm)
+TEST(CProcessExecute, ResultAndExitCodeOfEachCommandFormSyncAndAsync)
 {
-    testsupport::TempDir dir;
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("exit3.sh"), "exit 3\n"));
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("kill.sh"), "kill -9 $$\n"));
-    constexpr uint32_t kAnyCode = 0xA11;  // the shell's own failure status
+    TempDir dir;
+    ASSERT_TRUE(WriteFile(dir.Sub("exit3.sh"), "exit 3\n"));
+    ASSERT_TRUE(WriteFile(dir.Sub("kill.sh"), "kill -9 $$\n"));
+    ASSERT_TRUE(WriteFile(dir.Sub("plain.txt"), "exit 0\n"));
+    ASSERT_TRUE(WriteFile(dir.Sub("noshebang"), "exit 7\n"));
+    ASSERT_TRUE(WriteFile(dir.Sub("tool.sh"), "#!/bin/sh\ntouch ran-here\nexit 4\n"));
+    ASSERT_EQ(chmod(dir.Sub("noshebang").c_str(), 0755) | chmod(dir.Sub("tool.sh").c_str(), 0755), 0);
     const struct {
         std::string command;
-        bool result;
         uint32_t code;
+        const char* workDir = nullptr;
     } cases[] = {
-        {"/bin/true", true, 0},
-        {"true", true, 0},  // looked up through PATH
-        {"/bin/false", false, 1},
-        {"/nonexistent/program-xyz arg", false, 255},
-        {"", false, 255},
+        {"/bin/true", 0},
+        {"true", 0},  // looked up through PATH
+        {"/bin/false", 1},
+        {"/nonexistent/program-xyz arg", 255},
+        {"program-that-is-nowhere-in-path-xyz", 255},
+        {"", 255},
+        {"   ", 255},
+        {dir.Sub("plain.txt"), 255},  // not executable
+        {dir.Path(), 255},            // a directory
+        {dir.Sub("noshebang"), 7},    // no "#!" line: run by the shell
         // Words are split at blanks, quotes included: sh sees an unterminated
         // quote and fails with 2 instead of exiting 3.
-        {"sh -c 'exit 3'", false, 2},
-        {"sh -c exit 3", true, 0},  // "exit" is the script, "3" is $0
-        {"  sh\t-c   exit\\ 3", false, kAnyCode},  // tabs and repeated blanks split too
-        {"sh " + dir.Sub("exit3.sh"), false, 3},
-        {"sh " + dir.Sub("kill.sh"), false, 0xFFFFFFFFu},  // killed: no exit status
+        {"sh -c 'exit 3'", 2},
+        {"sh -c exit 3", 0},  // "exit" is the script, "3" is $0
+        {"  sh\t-c   exit\\ 3", kAnyCode},  // tabs and repeated blanks split too
+        {"sh " + dir.Sub("exit3.sh"), 3},
+        {"sh " + dir.Sub("kill.sh"), kNoStatus},  // killed: no exit status
+        {"./tool.sh", 4, "."},  // relative to the working directory given
+        {"touch marker", 0, "."},
+        {"/bin/true", 0, "/nonexistent-dir-xyz"},  // unusable: runs where we are
     };
-    for (const auto& c : cases) {
-        uint32_t code = 77, pid = 0;
-        EXPECT_EQ(CProcess::ExecuteCmd(c.command.c_str(), code, pid), c.result) << c.command;
-        EXPECT_TRUE(c.code == kAnyCode || code == c.code) << c.command << ": " << code;
-        EXPECT_GT(pid, 0u) << c.command;
-    }
-}
-
-TEST(CProcessExecute, WorkingDirectorySwitchedAndRestored)
-{
-    testsupport::TempDir dir;
-    std::string before;
-    ASSERT_TRUE(CProcess::GetCurrentDir(before));
-    uint32_t code = 0, pid = 0;
-    // "touch marker" creates the file relative to the working directory.
-    EXPECT_TRUE(CProcess::ExecuteCmd("touch marker", code, pid, dir.Path().c_str()));
-    EXPECT_TRUE(testsupport::FileExists(dir.Sub("marker")));
-    std::string after;
-    ASSERT_TRUE(CProcess::GetCurrentDir(after));
-    EXPECT_EQ(before, after);
-
-    // An unusable directory: the command runs where we are.
-    EXPECT_TRUE(CProcess::ExecuteCmd("/bin/true", code, pid, "/nonexistent-dir-xyz"));
-    ASSERT_TRUE(CProcess::GetCurrentDir(after));
-    EXPECT_EQ(before, after);
-}
-
-TEST(CProcessExecute, AsyncThenWaitForExit)
-{
-    testsupport::TempDir dir;
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("exit5.sh"), "exit 5\n"));
-    uint32_t pid = 0, code = 0;
-    ASSERT_TRUE(CProcess::ExecuteCmdAsync(("sh " + dir.Sub("exit5.sh")).c_str(), pid));
-    EXPECT_FALSE(CProcess::WaitForExit(pid, code));
-    EXPECT_EQ(code, 5u);
-
-    ASSERT_TRUE(CProcess::ExecuteCmdAsync("/bin/true", pid));
-    EXPECT_TRUE(CProcess::WaitForExit(pid, code, 10));
-    EXPECT_EQ(code, 0u);
-
-    // Not our child (any more): the wait fails, the code stays -1.
-    EXPECT_FALSE(CProcess::WaitForExit(pid, code));
-    EXPECT_EQ(code, 0xFFFFFFFFu);
-}
-
-TEST(CProcessExecute, TerminateProcessKillsChild)
-{
+    const std::string before = Cwd();
+    for (bool async : {false, true})
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.command + (async ? " (async)" : ""));
+            const char* workDir = c.workDir && *c.workDir == '.' ? dir.Path().c_str() : c.workDir;
+            uint32_t code = 77, pid = 0;
+            bool result = async ? CProcess::ExecuteCmdAsync(c.command.c_str(), pid, workDir)
+                                : CProcess::ExecuteCmd(c.command.c_str(), code, pid, workDir);
+            ASSERT_GT(pid, 0u);
+            ASSERT_NE(pid, kNoStatus);
+            if (async) {
+                EXPECT_TRUE(result);
+                result = CProcess::WaitForExit(pid, code);
+            }
+            EXPECT_EQ(result, code == 0);
+            EXPECT_TRUE(c.code == kAnyCode || code == c.code) << code;
+            // The child was reaped already: waiting again fails and gives no status.
+            EXPECT_FALSE(CProcess::WaitForExit(pid, code));
+            EXPECT_EQ(code, kNoStatus);
+            EXPECT_EQ(Cwd(), before);
+        }
+    EXPECT_TRUE(FileExists(dir.Sub("ran-here")) && FileExists(dir.Sub("marker")));
+    EXPECT_TRUE(CProcess::ExecuteCmdAsync("/bin/true"));  // nothing to wait for: reaped with the test program
     uint32_t pid = 0, code = 0;
     ASSERT_TRUE(CProcess::ExecuteCmdAsync("sleep 30", pid));
     EXPECT_TRUE(CProcess::TerminateProcess(pid, 0));
     EXPECT_FALSE(CProcess::WaitForExit(pid, code));
-    EXPECT_EQ(code, 0xFFFFFFFFu);
-    EXPECT_FALSE(CProcess::TerminateProcess(pid, 0)); // reaped: gone
+    EXPECT_FALSE(CProcess::TerminateProcess(pid, 0));  // reaped: gone
 }
 
-TEST(CProcessExecute, ChildClosesDescriptorsUnlessKept)
+TEST(CProcessExecute, ChildClosesLowAndHighDescriptorsUnlessKept)
 {
-    testsupport::TempDir dir;
-    // A descriptor without close-on-exec; the child lists its open ones.
-    int fd = dup(1);
-    ASSERT_GE(fd, 3);
-    std::string script = "[ -e /proc/self/fd/" + std::to_string(fd) + " ]\n";
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("fd.sh"), script));
-    uint32_t code = 0, pid = 0;
-    std::string cmd = "sh " + dir.Sub("fd.sh");
-    EXPECT_FALSE(CProcess::ExecuteCmd(cmd.c_str(), code, pid, nullptr, false, false));
-    EXPECT_EQ(code, 1u);
-    EXPECT_TRUE(CProcess::ExecuteCmd(cmd.c_str(), code, pid, nullptr, false, true));
-    close(fd);
+    // Without close-on-exec; the high one far above the usual 1024.
+    for (int fd : {dup(1), fcntl(1, F_DUPFD, 3000)}) {
+        if (fd < 0)
+            continue;  // descriptor limit too low for the high one
+        // sh opens the script on a low descriptor itself: the check runs in its -c text.
+        const std::string cmd = "test -e /proc/self/fd/" + std::to_string(fd);
+        uint32_t code = 0, pid = 0;
+        EXPECT_FALSE(CProcess::ExecuteCmd(cmd.c_str(), code, pid, nullptr, false, false)) << fd;
+        EXPECT_EQ(code, 1u);
+        EXPECT_TRUE(CProcess::ExecuteCmd(cmd.c_str(), code, pid, nullptr, false, true)) << fd;
+        close(fd);
+    }
 }
 
-TEST(CProcessExecute, ChildHasTerminationSignalsUnblocked)
+TEST(CProcessExecute, ChildKeepsOtherBlockedSignalsButNotTerminationOnes)
 {
+    TempDir dir;
+    const std::string out = dir.Sub("mask");
+    ASSERT_TRUE(WriteFile(dir.Sub("mask.sh"), "exec cat /proc/self/status > " + out + "\n"));
+    const int signals[] = {SIGUSR1, SIGTERM, SIGINT, SIGHUP, SIGALRM};
     sigset_t block, old;
     sigemptyset(&block);
-    sigaddset(&block, SIGTERM);
+    for (int sig : signals)
+        sigaddset(&block, sig);
     ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &block, &old), 0);
-    uint32_t pid = 0, code = 0;
-    bool started = CProcess::ExecuteCmdAsync("sleep 30", pid);
+    bool ran = CProcess::ExecuteCmd(("sh " + dir.Sub("mask.sh")).c_str());
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    ASSERT_TRUE(started);
-    kill(static_cast<pid_t>(pid), SIGTERM);
-    EXPECT_FALSE(CProcess::WaitForExit(pid, code)); // killed by SIGTERM, not left blocked
-    EXPECT_EQ(code, 0xFFFFFFFFu);
+    ASSERT_TRUE(ran);
+    const std::string status = ReadFile(out);
+    unsigned long long mask = std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16);
+    for (int sig : signals)
+        EXPECT_EQ(((mask >> (sig - 1)) & 1) != 0, sig == SIGUSR1) << sig << ": " << std::hex << mask;
+}
+
+TEST(CProcessExecute, ManyStartsFromThreadsAllReaped)
+{
+    // Each start waits for its own child only.
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&failures] {
+            for (int i = 0; i < 10; ++i) {
+                uint32_t code = 9, pid = 0;
+                failures += !CProcess::ExecuteCmd("/bin/true", code, pid) || code != 0;
+            }
+        });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(failures.load(), 0);
 }
 
 TEST(CProcessDir, GetAndSetCurrentDir)
 {
-    testsupport::TempDir dir;
-    std::string before;
-    ASSERT_TRUE(CProcess::GetCurrentDir(before));
-    EXPECT_FALSE(CProcess::SetCurrentDir(""));
-    EXPECT_FALSE(CProcess::SetCurrentDir(nullptr));
-    EXPECT_FALSE(CProcess::SetCurrentDir("/nonexistent-dir-xyz"));
+    TempDir dir;
+    const std::string before = Cwd();
+    for (const char* bad : {"", static_cast<const char*>(nullptr), "/nonexistent-dir-xyz"})
+        EXPECT_FALSE(CProcess::SetCurrentDir(bad));
     ASSERT_TRUE(CProcess::SetCurrentDir(dir.Path().c_str()));
-    std::string now;
-    ASSERT_TRUE(CProcess::GetCurrentDir(now));
-    char real[4096];
-    ASSERT_NE(realpath(dir.Path().c_str(), real), nullptr);
-    EXPECT_EQ(now, real);
+    EXPECT_EQ(Cwd(), std::filesystem::canonical(dir.Path()));
     ASSERT_TRUE(CProcess::SetCurrentDir(before.c_str()));
-}
-
-TEST(CProcessProc, HandleCountIsAlwaysOne)
-{
-    uint32_t count = 0;
+    uint32_t count = 0;  // a placeholder of the interface: always one
     EXPECT_EQ(CProcess::GetProcessHandleCount(1, count), 0);
     EXPECT_EQ(count, 1u);
 }
 
-TEST(CProcessProc, MemorySpecificInfoUnitsFromFakeProc)
+TEST(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
 {
+    using namespace std::string_literals;
+    constexpr uint64_t kUntouched = 0x1234;
+    auto padding = [](size_t n) { return "Name:\t" + std::string(n, 'x') + "\n"; };
+    // "VmRSS:\t123" ends exactly at the 16 KiB read limit, "456 kB" lies beyond.
+    const std::string cutAtLimit = padding(16384 - 10 - 7) + "VmRSS:\t123456 kB\n";
+    const struct {
+        const char* what;
+        std::string content;
+        const char* field;
+        unsigned unit;
+        uint64_t expected;
+    } cases[] = {
+        {"empty file", "", "VmRSS:", 1, kUntouched},
+        {"field only", "VmRSS:", "VmRSS:", 0, 0},
+        {"field without figure", "VmRSS:\t kB\n", "VmRSS:", 0, 0},
+        {"digits then letters", "VmRSS:\t12ab kB\n", "VmRSS:", 0, 12 * 1024},
+        {"bytes", "VmRSS:\t2048 kB\n", "VmRSS:", CProcess::BYTES, 2048 * 1024},
+        {"kilobytes", "VmRSS:\t2048 kB\n", "VmRSS:", CProcess::KILOBYTES, 2048},
+        {"megabytes", "VmRSS:\t2048 kB\n", "VmRSS:", CProcess::MEGABYTES, 2},
+        {"MB unit", "VmSwap:\t1 MB\n", "VmSwap:", 0, 1024 * 1024},
+        {"gigabytes", "VmRSS:\t3 GB\n", "VmRSS:", 2, 3072},
+        {"no unit", "Threads:\t7\n", "Threads:", 0, 7},
+        {"unknown unit", "VmRSS:\t2048 TB\n", "VmRSS:", 0, 2048},
+        {"unit in lower case", "VmRSS:\t2048 kb\n", "VmRSS:", 0, 2048},
+        {"figure overflows 64 bits", "VmRSS:\t99999999999999999999 kB\n", "VmRSS:", 0, UINT64_MAX},
+        {"figure overflows in kilobytes", "VmRSS:\t99999999999999999999 kB\n", "VmRSS:", 1, UINT64_MAX >> 10},
+        {"unit factor overflows", "VmRSS:\t18014398509481984 kB\n", "VmRSS:", 0, UINT64_MAX},
+        {"largest figure without overflow", "VmRSS:\t18014398509481983 kB\n", "VmRSS:", 1, 18014398509481983ull},
+        {"field missing", "VmRSS:\t5 kB\n", "VmHWM:", 0, kUntouched},
+        {"asked field a prefix of the line's", "VmRSS:\t5 kB\n", "VmRS", 0, kUntouched},
+        {"field without colon", "VmRSS\t5 kB\n", "VmRSS:", 0, kUntouched},
+        {"field as prefix of a longer word", "VmRSSx:\t5 kB\n", "VmRSS:", 0, kUntouched},
+        {"NUL inside the first line", "VmR\0SS:\t5 kB\nVmRSS:\t7 kB\n"s, "VmRSS:", 0, 7 * 1024},
+        {"NUL inside the figure", "VmRSS:\t1\0002 kB\n"s, "VmRSS:", 0, 1024},
+        {"carriage returns", "VmRSS:\t5 kB\r\n", "VmRSS:", 0, 5 * 1024},
+        {"line longer than the read limit hides the field", padding(20000) + "VmRSS:\t5 kB\n", "VmRSS:", 0,
+         kUntouched},
+        {"field cut by the read limit is not taken", cutAtLimit, "VmRSS:", 0, kUntouched},
+        {"field before a long line", "VmRSS:\t5 kB\n" + padding(20000), "VmRSS:", 0, 5 * 1024},
+        {"last line without newline", "Pid:\t1\nVmRSS:\t9 kB", "VmRSS:", 0, 9 * 1024},
+        {"first of two lines wins", "VmRSS:\t1 kB\nVmRSS:\t2 kB\n", "VmRSS:", 0, 1024},
+    };
     ProcRootGuard guard;
-    testsupport::TempDir root;
-    ASSERT_TRUE(testsupport::WriteFile(root.Sub("42/status"),
-                                       "Name:\tfake\nVmPeak:\t    4096 kB\nVmSize:\t    3072 kB\nVmLib:\t  1024 kB\n"
-                                       "VmRSS:\t    2048 kB\nVmSwap:\t       1 MB\nThreads:\t7\nOdd:\t5 parsecs\n"));
+    TempDir root;
     CProcess::SetProcRoot(root.Path().c_str());
-
-    uint64_t v = 0;
-    CProcess::GetProcessMemorySpecificInfo(42, v, "VmRSS:", CProcess::KILOBYTES);
-    EXPECT_EQ(v, 2048u);
-    CProcess::GetProcessMemorySpecificInfo(42, v, "VmRSS:", CProcess::MEGABYTES);
-    EXPECT_EQ(v, 2u);
-    CProcess::GetProcessMemorySpecificInfo(42, v, "VmRSS:", CProcess::BYTES);
-    EXPECT_EQ(v, 2048u * 1024);
-    CProcess::GetProcessMemorySpecificInfo(42, v, "VmSwap:", CProcess::BYTES);
-    EXPECT_EQ(v, 1024u * 1024);
-    CProcess::GetProcessMemorySpecificInfo(42, v, "Threads:", CProcess::BYTES);
-    EXPECT_EQ(v, 7u); // no unit: the number as it is
-    CProcess::GetProcessMemorySpecificInfo(42, v, "Odd:", CProcess::BYTES);
-    EXPECT_EQ(v, 5u);
-
-    // Missing field, missing process, prefix of a field: value unchanged.
-    v = 12345;
-    CProcess::GetProcessMemorySpecificInfo(42, v, "VmHWM:", CProcess::KILOBYTES);
-    EXPECT_EQ(v, 12345u);
-    CProcess::GetProcessMemorySpecificInfo(43, v, "VmRSS:", CProcess::KILOBYTES);
-    EXPECT_EQ(v, 12345u);
-    CProcess::GetProcessMemorySpecificInfo(42, v, "VmRS", CProcess::KILOBYTES);
-    EXPECT_EQ(v, 12345u);
-
-    uint64_t size, peak, swap, fourth, diff;
-    EXPECT_TRUE(CProcess::GetProcessMemoryInfo(42, size, peak, swap, fourth, diff));
-    EXPECT_EQ(size, 3072u * 1024);
-    EXPECT_EQ(peak, 4096u * 1024);
-    EXPECT_EQ(swap, 1024u * 1024);
-    EXPECT_EQ(fourth, 0u);
-    EXPECT_EQ(diff, 2048u * 1024);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_TRUE(WriteFile(root.Sub("42/status"), c.content));
+        uint64_t value = kUntouched;
+        CProcess::GetProcessMemorySpecificInfo(42, value, c.field, c.unit);
+        EXPECT_EQ(c.expected, value);
+    }
+    uint64_t value = kUntouched, size, peak, swap, fourth, diff;  // no such process
+    CProcess::GetProcessMemorySpecificInfo(43, value, "VmRSS:", 0);
+    EXPECT_EQ(value, kUntouched);
     EXPECT_FALSE(CProcess::GetProcessMemoryInfo(43, size, peak, swap, fourth, diff));
     EXPECT_EQ(size, 0u);
+    ASSERT_TRUE(WriteFile(root.Sub("42/status"), "VmPeak:\t    4096 kB\nVmSize:\t    3072 kB\nVmLib:\t  1024 kB\n"
+                                                 "VmRSS:\t    2048 kB\nVmSwap:\t       1 MB\n"));
+    EXPECT_TRUE(CProcess::GetProcessMemoryInfo(42, size, peak, swap, fourth, diff));
+    EXPECT_EQ(std::vector<uint64_t>({size, peak, swap, fourth, diff}),
+              std::vector<uint64_t>({3072u * 1024, 4096u * 1024, 1024u * 1024, 0, 2048u * 1024}));
 }
 
-TEST(CProcessProc, MemoryInfoSurvivesGarbageStatus)
+TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
 {
     ProcRootGuard guard;
-    testsupport::TempDir root;
-    std::string junk(40000, 'x');
-    junk += "\nVmRSS:";           // field without number, beyond the read limit anyway
-    ASSERT_TRUE(testsupport::WriteFile(root.Sub("7/status"), junk));
-    ASSERT_TRUE(testsupport::WriteFile(root.Sub("8/status"), "VmRSS:"));
+    TempDir root;
+    ASSERT_TRUE(WriteFile(root.Sub("12/comm"), "kopd\n"));
+    ASSERT_TRUE(WriteFile(root.Sub("30/comm"), "a-very-long-nam\n"));  // the kernel cuts at 15
+    ASSERT_TRUE(WriteFile(root.Sub("0/comm"), "zero\n"));
+    ASSERT_TRUE(WriteFile(root.Sub("self/comm"), "selfname\n"));
+    ASSERT_TRUE(WriteFile(root.Sub("12/cmdline"), std::string("/usr/sbin/kopd\0-n\0", 18)));
+    ASSERT_TRUE(WriteFile(root.Sub("31/comm"), "kthread\n") && WriteFile(root.Sub("31/cmdline"), ""));
     CProcess::SetProcRoot(root.Path().c_str());
-    uint64_t v = 99;
-    CProcess::GetProcessMemorySpecificInfo(7, v, "VmRSS:", 1);
-    EXPECT_EQ(v, 99u);
-    CProcess::GetProcessMemorySpecificInfo(8, v, "VmRSS:", 0);
-    EXPECT_EQ(v, 0u); // field present, number missing: 0
-}
-
-TEST(CProcessProc, OwnMemoryFromRealProc)
-{
-    uint64_t v = 0;
-    CProcess::GetProcessMemorySpecificInfo(static_cast<uint32_t>(getpid()), v, "VmRSS:", CProcess::KILOBYTES);
-    EXPECT_GT(v, 0u);
-}
-
-TEST(CProcessProc, FindProcessAndNames)
-{
-    ProcRootGuard guard;
-    testsupport::TempDir root;
-    ASSERT_TRUE(testsupport::WriteFile(root.Sub("12/comm"), "kopd\n"));
-    ASSERT_TRUE(testsupport::WriteFile(root.Sub("30/comm"), "a-very-long-nam\n")); // the kernel cuts at 15
-    ASSERT_TRUE(testsupport::WriteFile(root.Sub("0/comm"), "zero\n"));
-    ASSERT_TRUE(testsupport::WriteFile(root.Sub("self/comm"), "selfname\n"));
-    ASSERT_TRUE(testsupport::WriteFile(root.Sub("12/cmdline"), std::string("/usr/sbin/kopd\0-n\0", 18)));
-    CProcess::SetProcRoot(root.Path().c_str());
-
-    uint32_t pid = 0;
-    EXPECT_TRUE(CProcess::FindProcess(pid, "kopd"));
-    EXPECT_EQ(pid, 12u);
-    EXPECT_TRUE(CProcess::FindProcess(pid, "a-very-long-nam"));
-    EXPECT_EQ(pid, 30u);
-    EXPECT_FALSE(CProcess::FindProcess(pid, "a-very-long-name"));
-    EXPECT_EQ(pid, 0xFFFFFFFFu);
-    EXPECT_FALSE(CProcess::FindProcess(pid, "zero"));     // id 0 is no process
-    EXPECT_FALSE(CProcess::FindProcess(pid, "selfname")); // not a number
-    EXPECT_FALSE(CProcess::FindProcess(pid, "kop"));
-
-    std::string name, path;
-    EXPECT_TRUE(CProcess::GetProcessName(name, 12));
-    EXPECT_EQ(name, "kopd");
+    EXPECT_EQ(CProcess::GetProcRoot(), root.Path());
+    const struct {
+        const char* name;
+        uint32_t pid;
+    } finds[] = {{"kopd", 12}, {"a-very-long-nam", 30}, {"a-very-long-name", kNoStatus},
+                 {"zero", kNoStatus} /* id 0 is no process */, {"selfname", kNoStatus} /* not a number */,
+                 {"kop", kNoStatus}};
+    for (const auto& f : finds) {
+        uint32_t pid = 0;
+        EXPECT_EQ(CProcess::FindProcess(pid, f.name), f.pid != kNoStatus) << f.name;
+        EXPECT_EQ(pid, f.pid) << f.name;
+    }
+    std::string name, path, text;
     EXPECT_TRUE(CProcess::GetProcessInfo(12, name, path));
-    EXPECT_EQ(path, "/usr/sbin/kopd");
+    EXPECT_EQ(name + " " + path, "kopd /usr/sbin/kopd");
     EXPECT_FALSE(CProcess::GetProcessName(name, 13));
-    EXPECT_FALSE(CProcess::GetProcessInfo(30, name, path)); // no exe, no cmdline
-
-    std::string text;
-    EXPECT_TRUE(CProcess::get_proc_file(12, "comm", text));
-    EXPECT_EQ(text, "kopd");
+    EXPECT_FALSE(CProcess::GetProcessInfo(30, name, path));  // no exe, no cmdline
+    EXPECT_FALSE(CProcess::GetProcessInfo(31, name, path));  // an empty command line (a kernel thread)
+    EXPECT_FALSE(CProcess::get_proc_file(12, nullptr, text));
     EXPECT_FALSE(CProcess::get_proc_file(12, "status", text));
 
     CProcess::SetProcRoot((root.Path() + "/missing").c_str());
-    pid = 5;
+    uint32_t pid = 5;
     EXPECT_FALSE(CProcess::FindProcess(pid, "kopd"));
-    EXPECT_EQ(pid, 0xFFFFFFFFu);
-}
+    EXPECT_EQ(pid, kNoStatus);
 
-TEST(CProcessProc, FindsOwnProcessInRealProc)
-{
-    std::string name;
-    ASSERT_TRUE(CProcess::GetProcessName(name, static_cast<uint32_t>(getpid())));
-    uint32_t pid = 0;
+    CProcess::SetProcRoot(nullptr);  // and in the real /proc, this process
+    const uint32_t self = static_cast<uint32_t>(getpid());
+    uint64_t rss = 0;
+    CProcess::GetProcessMemorySpecificInfo(self, rss, "VmRSS:", CProcess::KILOBYTES);
+    EXPECT_GT(rss, 0u);
+    ASSERT_TRUE(CProcess::GetProcessInfo(self, name, path));
+    EXPECT_EQ(path, std::filesystem::read_symlink("/proc/self/exe"));
     EXPECT_TRUE(CProcess::FindProcess(pid, name.c_str()));
-    std::string n2, path;
-    EXPECT_TRUE(CProcess::GetProcessInfo(static_cast<uint32_t>(getpid()), n2, path));
-    EXPECT_EQ(path, TestProgram());
 }

@@ -13,11 +13,8 @@ using namespace kopdtest;
 
 namespace {
 
-void ExpectTraced(const std::string& trace, const std::vector<std::string>& pieces)
-{
-    for (const std::string& piece : pieces)
-        EXPECT_TRUE(Contains(trace, piece)) << piece;
-}
+const std::string kMain = std::string(TEST_KOPD_PATH) + ": KOPD-MAIN: ";
+const std::string kShutdown = "slot16 event=0x20000 data=null third=0";
 
 /// A line of the smbus driver's answer: the field's name, padded to 28.
 std::string Field(std::string name, const std::string& value)
@@ -28,79 +25,59 @@ std::string Field(std::string name, const std::string& value)
 
 } // namespace
 
-TEST_F(KopdTest, NotRootIsRefusedBeforeTouchingTheLock)
-{
-    ENTER_NAMESPACE();
-    Launch l;
-    l.args = {"-n"};
-    l.realUid = 65534;
-    EXPECT_EQ(WaitExit(Start(l)), 1);
-    EXPECT_EQ(Output(), std::string(TEST_KOPD_PATH) + ": KOPD-MAIN: Error! Permission denied\n");
-    EXPECT_FALSE(FileExists(LockFile()));
-    EXPECT_FALSE(FileExists(RecordPath()));
-}
-
 TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
 {
-    ENTER_NAMESPACE();
-    Launch l;
-    l.args = {"-n"};
-    pid_t pid = Start(l);
+    // Not root: refused before touching the lock.
+    EXPECT_EQ(WaitExit(Start({"-n"}, {}, "", 65534)), 1);
+    EXPECT_EQ(Output(), kMain + "Error! Permission denied\n");
+    EXPECT_FALSE(FileExists(LockFile()) || FileExists(RecordPath()));
+
+    pid_t pid = Start();
     ASSERT_TRUE(WaitStarted()) << Output();
     EXPECT_EQ(WaitPidFile(), pid);  // "No Demon": no fork
-    EXPECT_EQ(ReadFile(PidFile()), std::to_string(pid) + "\n");
-    EXPECT_EQ(ReadFile(LockFile()), "kopd#" + std::to_string(pid));
-    EXPECT_EQ(Output(), std::string(TEST_KOPD_PATH) + ": KOPD-MAIN: started in \"No Demon\" Mode\n");
+    const std::string pidText = std::to_string(pid) + "\n", lockText = "kopd#" + std::to_string(pid);
+    EXPECT_EQ(ReadFile(PidFile()), pidText);
+    EXPECT_EQ(ReadFile(LockFile()), lockText);
+    EXPECT_EQ(Output(), kMain + "started in \"No Demon\" Mode\n");
 
     // A second instance is refused in both modes and leaves the files alone.
     for (const char* mode : {"-nodemon", "-tinst"}) {
-        Launch second;
-        second.args = {mode};
-        EXPECT_EQ(WaitExit(Start(second)), 1) << mode;
+        EXPECT_EQ(WaitExit(Start({mode})), 1) << mode;
         EXPECT_TRUE(Contains(Output(), ": KOPD-MAIN: Error! Another process instance is already running!\n"))
             << Output();
-        EXPECT_EQ(ReadFile(PidFile()), std::to_string(pid) + "\n");
-        EXPECT_EQ(ReadFile(LockFile()), "kopd#" + std::to_string(pid));
+        EXPECT_EQ(ReadFile(PidFile()), pidText);
+        EXPECT_EQ(ReadFile(LockFile()), lockText);
     }
 
     // SIGHUP toggles tracing, SIGALRM is ignored: neither stops the daemon.
     for (int sig : {SIGHUP, SIGHUP, SIGALRM})
         ASSERT_TRUE(SignalAndWaitTaken(pid, sig));
-    EXPECT_TRUE(Alive(pid));
     EXPECT_FALSE(Contains(Record(), "slot5"));
-
     SetRunLevel("6\n");
-    ASSERT_TRUE(SignalAndWaitTaken(pid, SIGTERM));
-    EXPECT_EQ(WaitExit(pid), 0);
-    EXPECT_EQ(RecordLines(), (std::vector<std::string>{"query id=0", "slot2 flags=0 runmode=0", "slot4",
-                                                       "slot16 event=0x20000 data=null third=0",
-                                                       "slot16 event=0x30000 level=6 third=0", "slot5",
-                                                       "slot3 value=0", "release"}));
-    ExpectCleanStop();
-    IfTrace([](const std::string& t) {
-        ExpectTraced(t, {"SWITCH API          : Loading modules, force rescan = 1", "KOPD-MAIN: RUN MODE: 0",
-                         "KOPD-MAIN: running as x86_64 (64-Bit) process; Build on SLES11 GA x86_64 (64-Bit)",
-                         "kopd Version=\"9.80-16\" Milestone=\"-\"", "KOPD-MAIN: ## Done initializing ##",
-                         "KOPD-MAIN::DiscoverSmbusDriverInfo: cannot open /dev/pci/smbus (errno=2: ",
-                         "KOPD-MAIN: INFO: smbus-driver is not available on this OS", "KOPD-MAIN: Current RunLevel = 6",
-                         "KOPD-MAIN:  Waiting for signals...", "KOPD-MAIN: Signal 1 (SIGHUP) caught",
-                         "KOPD-MAIN: Trace reset due to SIGHUP", "KOPD-MAIN: Trace forced due to SIGHUP",
-                         "KOPD-MAIN: WARNING: Signal 14 (SIGALRM) caught -> ignoring",
-                         "KOPD-MAIN: Signal 15 caught -> processing", "KOPD-MAIN: /usr/bin/systemctl detected on this OS",
-                         "KOPD-MAIN: OS shutdown reguired: RunLevel = 6 from /etc/tarvd/RunLevel",
-                         "KOPD-MAIN: ## Someone signaled exit state ##", "KOPD-MAIN: ## EXIT PROCESS KOPD ##"});
-    });
+    ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
+    EXPECT_EQ(RecordLines(), (Lines{"query id=0", "slot2 flags=0 runmode=0", "slot4", kShutdown,
+                                    "slot16 event=0x30000 level=6 third=0", "slot5", "slot3 value=0", "release"}));
+    ExpectTraced({"SWITCH API          : Loading modules, force rescan = 1", "KOPD-MAIN: RUN MODE: 0",
+                  "KOPD-MAIN: running as x86_64 (64-Bit) process; Build on SLES11 GA x86_64 (64-Bit)",
+                  "kopd Version=\"9.80-16\" Milestone=\"-\"", "KOPD-MAIN: ## Done initializing ##",
+                  "KOPD-MAIN::DiscoverSmbusDriverInfo: cannot open /dev/pci/smbus (errno=2: ",
+                  "KOPD-MAIN: INFO: smbus-driver is not available on this OS", "KOPD-MAIN: Current RunLevel = 6",
+                  "KOPD-MAIN:  Waiting for signals...", "KOPD-MAIN: Signal 1 (SIGHUP) caught",
+                  "KOPD-MAIN: Trace reset due to SIGHUP", "KOPD-MAIN: Trace forced due to SIGHUP",
+                  "KOPD-MAIN: WARNING: Signal 14 (SIGALRM) caught -> ignoring",
+                  "KOPD-MAIN: Signal 15 caught -> processing", "KOPD-MAIN: /usr/bin/systemctl detected on this OS",
+                  "KOPD-MAIN: OS shutdown reguired: RunLevel = 6 from /etc/tarvd/RunLevel",
+                  "KOPD-MAIN: ## Someone signaled exit state ##", "KOPD-MAIN: ## EXIT PROCESS KOPD ##"});
 }
 
 TEST_F(KopdTest, DaemonModeRunModesAndRescan)
 {
-    ENTER_NAMESPACE();
     SetRunLevel("3\n");
     const struct {
-        std::vector<std::string> args;
+        Lines args;
         bool foreground;
         std::string load;
-        std::vector<std::string> traced;
+        Lines traced;
     } cases[] = {
         {{"-no", "-tupd", "-tinst", "-rescan"}, false, "slot2 flags=1 runmode=7",
          {"TUPD mode due to -tupd", "TINST mode due to -tinst", "RESCAN due to -rescan"}},
@@ -111,71 +88,56 @@ TEST_F(KopdTest, DaemonModeRunModesAndRescan)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.load);
-        unlink(RecordPath().c_str());
-        unlink(ShimRecordPath().c_str());
-        Launch l;
-        l.args = c.args;
+        ClearRecords();
         // Preloaded: would report any open of the smbus device.
-        l.env = {"LD_PRELOAD=" + std::string(TEST_SMBUS_SHIM), "SHIM_SMBUS_MODE=ok"};
-        pid_t launched = Start(l), daemon = launched;
+        pid_t launched = Start(c.args, {"LD_PRELOAD=" TEST_SMBUS_SHIM, "SHIM_SMBUS_MODE=ok"}), daemon = launched;
         if (!c.foreground) {
             EXPECT_EQ(WaitExit(launched), 0);  // the parent leaves at once
-            daemon = WaitPidFile();
-            ASSERT_GT(daemon, 0);
+            ASSERT_GT(daemon = WaitPidFile(), 0);
             EXPECT_NE(daemon, launched);
         }
         ASSERT_TRUE(WaitStarted()) << Output();
         EXPECT_EQ(WaitPidFile(), daemon);
         // The lock is taken before the fork: the file names the launched process.
         EXPECT_EQ(ReadFile(LockFile()), "kopd#" + std::to_string(launched));
-        ASSERT_TRUE(SignalAndWaitTaken(daemon, SIGINT));
-        EXPECT_EQ(WaitExit(daemon), 0);
+        ASSERT_NO_FATAL_FAILURE(Stop(daemon, SIGINT));
         // Run level 3: no shutdown notification.
-        EXPECT_EQ(RecordLines(), (std::vector<std::string>{"query id=0", c.load, "slot4",
-                                                           "slot16 event=0x20000 data=null third=0", "slot5",
-                                                           "slot3 value=0", "release"}));
+        EXPECT_EQ(RecordLines(), (Lines{"query id=0", c.load, "slot4", kShutdown, "slot5", "slot3 value=0", "release"}));
         EXPECT_FALSE(FileExists(ShimRecordPath())) << "the smbus device was opened in a non-zero run mode";
-        ExpectCleanStop();
-        IfTrace([&](const std::string& t) {
-            for (const std::string& line : c.traced)
-                EXPECT_TRUE(Contains(t, "KOPD-MAIN::ParseCommandLine   : " + line)) << line;
+        Lines traced;
+        for (const std::string& line : c.traced)
+            traced.push_back("KOPD-MAIN::ParseCommandLine   : " + line);
+        // The rescan is forced whatever the command line said.
+        traced.insert(traced.end(), {"KOPD-MAIN: RUN MODE: " + c.load.substr(c.load.rfind('=') + 1),
+                                     "SWITCH API          : Loading modules, force rescan = 1",
+                                     "KOPD-MAIN: OS shutdown reguired: RunLevel = 3 from /etc/tarvd/RunLevel",
+                                     "KOPD-MAIN: Current RunLevel = -1", "KOPD-MAIN: Signal 2 caught -> processing"});
+        ExpectTraced(traced, [&](const std::string& t) {
             EXPECT_EQ(CountOf(t, "KOPD-MAIN::ParseCommandLine   : "), c.traced.size());
             EXPECT_FALSE(Contains(t, "DiscoverSmbusDriverInfo"));
-            // The rescan is forced whatever the command line said.
-            ExpectTraced(t, {"KOPD-MAIN: RUN MODE: " + c.load.substr(c.load.rfind('=') + 1),
-                             "SWITCH API          : Loading modules, force rescan = 1",
-                             "KOPD-MAIN: OS shutdown reguired: RunLevel = 3 from /etc/tarvd/RunLevel",
-                             "KOPD-MAIN: Current RunLevel = -1", "KOPD-MAIN: Signal 2 caught -> processing"});
         });
     }
 }
 
 TEST_F(KopdTest, MissingRunLevelFileMeansSimpleStop)
 {
-    ENTER_NAMESPACE();
-    Launch l;
-    l.args = {"-n", "-agentless"};
-    l.env = {"TR_NICKNAME=RHEL7"};
-    ASSERT_NO_FATAL_FAILURE(StartAndStop(l));  // after three tries, one second apart
+    ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n", "-agentless"}, {"TR_NICKNAME=RHEL7"}));  // after three tries
     auto lines = RecordLines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "slot16 event=0x20000 data=null third=0"), 1);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), kShutdown), 1);
     EXPECT_FALSE(Contains(Record(), "event=0x30000"));
-    ExpectCleanStop();
-    IfTrace([](const std::string& t) {
-        ExpectTraced(t, {"KOPD-MAIN: cannot open /etc/tarvd/RunLevel (try 0)",
-                         "KOPD-MAIN: cannot open /etc/tarvd/RunLevel (try 1)",
-                         "KOPD-MAIN: cannot open /etc/tarvd/RunLevel (try 2)",
-                         "KOPD-MAIN: this seems to be a simple stop of KOPD (not OS shutdown)",
-                         "KOPD-MAIN: Current RunLevel = 5", "KOPD-MAIN: we are runing on OS \"RHEL7\""});
-        EXPECT_FALSE(Contains(t, "(try 3)"));
-    });
+    ExpectTraced({"KOPD-MAIN: cannot open /etc/tarvd/RunLevel (try 0)", "KOPD-MAIN: cannot open /etc/tarvd/RunLevel (try 1)",
+                  "KOPD-MAIN: cannot open /etc/tarvd/RunLevel (try 2)",
+                  "KOPD-MAIN: this seems to be a simple stop of KOPD (not OS shutdown)",
+                  "KOPD-MAIN: Current RunLevel = 5", "KOPD-MAIN: we are runing on OS \"RHEL7\""},
+                 [](const std::string& t) { EXPECT_FALSE(Contains(t, "(try 3)")); });
 }
 
 TEST_F(KopdTest, WithoutSystemctlOlderSystemsUseUtmpAndNewerOnesTheFile)
 {
     SandboxOptions options;
     options.hideSystemctl = true;
-    ENTER_NAMESPACE(options);
+    if (!Enter(options))
+        GTEST_SKIP() << m_SkipReason;
     ASSERT_FALSE(FileExists(NsPath("/usr/bin/systemctl")));
     // An older system: the utmp run-level record says halt ('0').
     struct utmp record{};
@@ -184,41 +146,26 @@ TEST_F(KopdTest, WithoutSystemctlOlderSystemsUseUtmpAndNewerOnesTheFile)
     strncpy(record.ut_user, "runlevel", sizeof record.ut_user);
     ASSERT_TRUE(WriteFile(NsPath("/run/utmp"), std::string(reinterpret_cast<char*>(&record), sizeof record)));
     SetRunLevel("6\n");  // must not be read on this path
-
-    Launch l;
-    l.args = {"-n", "-tinst"};
-    l.env = {"TR_NICKNAME=SLES11"};
-    ASSERT_NO_FATAL_FAILURE(StartAndStop(l));
-    EXPECT_TRUE(Contains(Record(), "slot16 event=0x20000 data=null third=0\nslot16 event=0x30000 level=0 third=0\n"))
-        << Record();
-    ExpectCleanStop();
-    IfTrace([](const std::string& t) {
-        ExpectTraced(t, {"KOPD-MAIN: try to indentify runlevel on older OS", "KOPD-MAIN: Current RunLevel = 0"});
-        EXPECT_FALSE(Contains(t, "detected on this OS"));
-    });
+    ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n", "-tinst"}, {"TR_NICKNAME=SLES11"}));
+    EXPECT_TRUE(Contains(Record(), kShutdown + "\nslot16 event=0x30000 level=0 third=0\n")) << Record();
+    ExpectTraced({"KOPD-MAIN: try to indentify runlevel on older OS", "KOPD-MAIN: Current RunLevel = 0"},
+                 [](const std::string& t) { EXPECT_FALSE(Contains(t, "detected on this OS")); });
 
     // A newer system by name: the run-level file decides (6 = reboot).
-    unlink(RecordPath().c_str());
-    l.env = {"TR_NICKNAME=OL7"};
-    ASSERT_NO_FATAL_FAILURE(StartAndStop(l));
+    ClearRecords();
+    ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n", "-tinst"}, {"TR_NICKNAME=OL7"}));
     EXPECT_TRUE(Contains(Record(), "slot16 event=0x30000 level=6 third=0\n")) << Record();
-    ExpectCleanStop();
 }
 
 TEST_F(KopdTest, MissingOrUnusableFrameworkIsFatal)
 {
-    ENTER_NAMESPACE();
-    testsupport::MakeDirs(m_Dir.Sub("empty"));
+    MakeDirs(m_Dir.Sub("empty"));
     for (std::string dir : {m_Dir.Sub("empty"), std::string(TEST_NOQUERY_SWITCH_DIR)}) {
         SCOPED_TRACE(dir);
-        Launch l;
-        l.args = {"-n", "-tupd"};
-        l.switchDir = dir;
-        EXPECT_EQ(WaitExit(Start(l)), 1);
+        EXPECT_EQ(WaitExit(Start({"-n", "-tupd"}, {}, dir)), 1);
         EXPECT_FALSE(FileExists(LockFile()));
         EXPECT_FALSE(FileExists(PidFile()));
-        IfTrace([&](const std::string& t) {
-            EXPECT_TRUE(Contains(t, "KOPD-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!"));
+        ExpectTraced({"KOPD-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!"}, [&](const std::string& t) {
             EXPECT_EQ(Contains(t, "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object file"),
                       dir == m_Dir.Sub("empty"));
             EXPECT_FALSE(Contains(t, "Waiting for signals"));
@@ -228,78 +175,64 @@ TEST_F(KopdTest, MissingOrUnusableFrameworkIsFatal)
 
 TEST_F(KopdTest, FailingModuleLoadStillReachesTheSignalLoopAndStopsCleanly)
 {
-    ENTER_NAMESPACE();
     SetRunLevel("0\n");
     for (std::string how : {"throw", "fail"}) {
         SCOPED_TRACE(how);
-        unlink(RecordPath().c_str());
-        Launch l;
-        l.args = {"-n", "-tupd"};
-        l.env = {"TEST_SWITCH_LOAD=" + how};
-        pid_t pid = Start(l);
+        ClearRecords();
+        pid_t pid = Start({"-n", "-tupd"}, {"TEST_SWITCH_LOAD=" + how});
         ASSERT_TRUE(WaitStarted("slot2 flags=0 runmode=8")) << Output();
         EXPECT_TRUE(WaitFor([&] { return FileExists(PidFile()); }));
-        ASSERT_TRUE(SignalAndWaitTaken(pid, SIGTERM));
-        EXPECT_EQ(WaitExit(pid), 0);
-        EXPECT_EQ(RecordLines(), (std::vector<std::string>{"query id=0", "slot2 flags=0 runmode=8",
-                                                           "slot16 event=0x20000 data=null third=0",
-                                                           "slot16 event=0x30000 level=0 third=0", "slot5",
-                                                           "slot3 value=0", "release"}));  // never started
-        ExpectCleanStop();
-        IfTrace([&](const std::string& t) {
+        ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
+        EXPECT_EQ(RecordLines(), (Lines{"query id=0", "slot2 flags=0 runmode=8", kShutdown,
+                                        "slot16 event=0x30000 level=0 third=0", "slot5", "slot3 value=0",
+                                        "release"}));  // never started
+        ExpectTraced({"KOPD-MAIN: ## EXIT PROCESS KOPD ##"}, [&](const std::string& t) {
             EXPECT_EQ(Contains(t, "SWITCH DLL - Exception during LoadModules"), how == "throw");
             EXPECT_EQ(CountOf(t, "SWITCH API          : ## ERROR! Loading modules FAILED!"), how == "throw" ? 1u : 0u);
             EXPECT_EQ(CountOf(t, "KOPD-MAIN: ERROR! Load extension modules FAILED!"), 1u);
             EXPECT_FALSE(Contains(t, "all modules started"));
             EXPECT_EQ(CountOf(t, "KOPD-MAIN:  Waiting for signals..."), 1u);
-            EXPECT_TRUE(Contains(t, "KOPD-MAIN: ## EXIT PROCESS KOPD ##"));
         });
     }
 }
 
 TEST_F(KopdTest, DriverQueryRequestAndAnswer)
 {
-    ENTER_NAMESPACE();
     SetRunLevel("3\n");
     const std::string longOs(140, 'o');  // longer than its 128-byte field
     for (std::string mode : {"ok", "fail"}) {
         SCOPED_TRACE(mode);
-        unlink(RecordPath().c_str());
-        unlink(ShimRecordPath().c_str());
-        Launch l;
-        l.args = {"-n"};
-        l.env = {"LD_PRELOAD=" + std::string(TEST_SMBUS_SHIM), "SHIM_SMBUS_MODE=" + mode, "TR_SYSTEM=PRIMERGY",
-                 "TR_OS=" + longOs, "TR_NICKNAME="};
-        ASSERT_NO_FATAL_FAILURE(StartAndStop(l));
+        ClearRecords();
+        ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n"}, {"LD_PRELOAD=" TEST_SMBUS_SHIM, "SHIM_SMBUS_MODE=" + mode,
+                                                     "TR_SYSTEM=PRIMERGY", "TR_OS=" + longOs, "TR_NICKNAME="}));
         EXPECT_EQ(SplitLines(ReadFile(ShimRecordPath())),
-                  (std::vector<std::string>{"open flags=0x80002",  // O_RDWR | O_CLOEXEC
-                                            "ioctl request=0xC00873FF", "header version=1 cmd=0xFF size=1312 success=0",
-                                            "in requestor=0x00095010 name=KOPD", "in TR_SYSTEM=PRIMERGY",
-                                            "in TR_OS=" + longOs.substr(0, 128), "in TR_NICKNAME=",
-                                            "in nonzero-out-bytes=0"}));
-        IfTrace([&](const std::string& t) {
-            EXPECT_TRUE(Contains(t, "KOPD-MAIN: cannot identify OS (from TR_NICKNAME) on which we are running"));
-            if (mode == "fail") {
-                EXPECT_TRUE(Contains(t, "KOPD-MAIN::DiscoverSmbusDriverInfo: IOCTL_SMBUS_DRIVER_INFO (0xC00873FF) to "
-                                        "/dev/pci/smbus failed (errno=25: "));
-                EXPECT_EQ(CountOf(t, "KOPD-MAIN: INFO: smbus-driver is not available on this OS (But, don't worry "
-                                     "about this, it might be OK on some OS systems!)"),
-                          1u);
-                EXPECT_FALSE(Contains(t, "evaluating IOCTL_SMBUS_DRIVER_INFO"));
-                return;
-            }
-            EXPECT_FALSE(Contains(t, "smbus-driver is not available"));
-            // Text fields the driver left unterminated are printed up to the field's end only.
-            ExpectTraced(t, {"KOPD-MAIN: WARNING: kopd version (0x00095010) is less than smbus driver version "
-                             "(0x0A000001)",
-                             "KOPD-MAIN::DiscoverSmbusDriverInfo: evaluating IOCTL_SMBUS_DRIVER_INFO (0xC00873FF)",
-                             Field("Version", "0x00000001"), Field("CmdNumber", "0x000000FF"),
-                             Field("SizeOfInOutBuffer", "0x00000520"), "pInOutBuffer                : 0x0x",
-                             Field("Success", "0x00000001"), Field("smbus_VersionCode", "0x0A000001"),
-                             Field("RequestorVersion", "0x00095010"), Field("smbus_IsSmbusHwFound", "0x00000001"),
-                             Field("smbus_MajorDeviceNumber", "0x000000F0"), Field("RequestorName", "KOPD"),
-                             Field("smbus_Name", "smbus"), Field("smbus_KernelVersion", std::string(160, 'K')),
-                             Field("TR_SYSTEM", "PRIMERGY"), Field("smbus_ErrorReturnString", "none")});
-        });
+                  (Lines{"open flags=0x80002",  // O_RDWR | O_CLOEXEC
+                         "ioctl request=0xC00873FF", "header version=1 cmd=0xFF size=1312 success=0",
+                         "in requestor=0x00095010 name=KOPD", "in TR_SYSTEM=PRIMERGY", "in TR_OS=" + longOs.substr(0, 128),
+                         "in TR_NICKNAME=", "in nonzero-out-bytes=0"}));
+        const std::string unavailable = "KOPD-MAIN: INFO: smbus-driver is not available on this OS (But, don't "
+                                        "worry about this, it might be OK on some OS systems!)";
+        if (mode == "fail") {
+            ExpectTraced({"KOPD-MAIN: cannot identify OS (from TR_NICKNAME) on which we are running",
+                          "KOPD-MAIN::DiscoverSmbusDriverInfo: IOCTL_SMBUS_DRIVER_INFO (0xC00873FF) to "
+                          "/dev/pci/smbus failed (errno=25: "},
+                         [&](const std::string& t) {
+                             EXPECT_EQ(CountOf(t, unavailable), 1u);
+                             EXPECT_FALSE(Contains(t, "evaluating IOCTL_SMBUS_DRIVER_INFO"));
+                         });
+            continue;
+        }
+        // Text fields the driver left unterminated are printed up to the field's end only.
+        ExpectTraced({"KOPD-MAIN: cannot identify OS (from TR_NICKNAME) on which we are running",
+                      "KOPD-MAIN: WARNING: kopd version (0x00095010) is less than smbus driver version (0x0A000001)",
+                      "KOPD-MAIN::DiscoverSmbusDriverInfo: evaluating IOCTL_SMBUS_DRIVER_INFO (0xC00873FF)",
+                      Field("Version", "0x00000001"), Field("CmdNumber", "0x000000FF"),
+                      Field("SizeOfInOutBuffer", "0x00000520"), "pInOutBuffer                : 0x0x",
+                      Field("Success", "0x00000001"), Field("smbus_VersionCode", "0x0A000001"),
+                      Field("RequestorVersion", "0x00095010"), Field("smbus_IsSmbusHwFound", "0x00000001"),
+                      Field("smbus_MajorDeviceNumber", "0x000000F0"), Field("RequestorName", "KOPD"),
+                      Field("smbus_Name", "smbus"), Field("smbus_KernelVersion", std::string(160, 'K')),
+                      Field("TR_SYSTEM", "PRIMERGY"), Field("smbus_ErrorReturnString", "none")},
+                     [](const std::string& t) { EXPECT_FALSE(Contains(t, "smbus-driver is not available")); });
     }
 }

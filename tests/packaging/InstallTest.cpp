@@ -7,24 +7,17 @@
 
 #include "support/ChildProcess.h"
 #include "support/Sandbox.h"
-#include "support/TestSupport.h"
 
 using namespace testsupport;
 
 namespace {
 
-bool Has(const std::string& text, const std::string& what) { return text.find(what) != std::string::npos; }
-
 class InstallTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        std::string out;
-        ASSERT_EQ(Shell("DESTDIR=" + Quote(Root()) + " " + Quote(TEST_CMAKE_COMMAND) + " --install " +
-                            Quote(TARVD_BINARY_DIR),
-                        &out),
-                  0)
-            << out;
+        Ok("DESTDIR=" + Quote(Root()) + " " + Quote(TEST_CMAKE_COMMAND) + " --install " + Quote(TARVD_BINARY_DIR));
+        ASSERT_FALSE(HasFailure());
     }
 
     std::string Root() const { return m_Dir.Sub("root"); }
@@ -37,7 +30,7 @@ protected:
     }
     static bool Executable(const std::string& path)
     {
-        struct stat st {};
+        struct stat st{};
         return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 0111) == 0111;
     }
     /// Runs `script`, expecting success; its output.
@@ -47,20 +40,12 @@ protected:
         EXPECT_EQ(Shell(script, &out), 0) << script << "\n" << out;
         return out;
     }
-    /// Builds the installed example with its Makefile and pkg-config.
-    std::string BuildWithPkgConfig()
-    {
-        std::string src = m_Dir.Sub("make-src");
-        Ok("cp -r " + Quote(ExampleDir()) + " " + Quote(src) + " && " + PkgConfigEnv() + "make -C " + Quote(src));
-        return src + "/libtarvd_my_example.so";
-    }
-
     TempDir m_Dir;
 };
 
 } // namespace
 
-TEST_F(InstallTest, FilesInTheirPlacesAndNoSearchPathOfTheirOwn)
+TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheirOwn)
 {
     const std::string lib = TEST_INSTALL_LIBDIR, doc = TEST_INSTALL_DOCDIR, inc = TEST_INSTALL_INCLUDEDIR "/tarvd/";
     for (const std::string& f : std::vector<std::string>{
@@ -85,45 +70,32 @@ TEST_F(InstallTest, FilesInTheirPlacesAndNoSearchPathOfTheirOwn)
     // libswitch.so by default; anywhere else the RUNPATH must name it.
     std::string out = Ok("readelf -d " + Quote(In(TEST_INSTALL_SBINDIR "/kopd")));
     if (lib == "/usr/lib/x86_64-linux-gnu" || lib == "/usr/lib" || lib == "/lib")
-        EXPECT_FALSE(Has(out, "RUNPATH") || Has(out, "RPATH")) << out;
+        EXPECT_FALSE(Contains(out, "RUNPATH") || Contains(out, "RPATH")) << out;
     else
-        EXPECT_TRUE(Has(out, "[" + lib + "]")) << out;
-    EXPECT_FALSE(Has(out, TARVD_BINARY_DIR)) << out;  // no build-tree path in installed files
-}
+        EXPECT_TRUE(Contains(out, "[" + lib + "]")) << out;
+    EXPECT_FALSE(Contains(out, TARVD_BINARY_DIR)) << out;  // no build-tree path in installed files
 
-TEST_F(InstallTest, ConfigurationUnitsAndSamplesNameTheInstalledPaths)
-{
-    const std::string doc = In(TEST_INSTALL_DOCDIR) + "/examples/";
+    // Configuration, units and samples name the installed paths.
+    const std::string examples = In(TEST_INSTALL_DOCDIR) + "/examples/";
     const struct {
         std::string file, line;
     } lines[] = {
         {In(TEST_MODULE_CONF_DIR "/example.conf"), "\nLibrary=" TEST_INSTALL_LIBDIR "/tarvd/modules/libtarvd_example.so\n"},
         {In(TEST_UNIT_DIR "/kopd.service"), "\nExecStart=" TEST_INSTALL_SBINDIR "/kopd -n\n"},
         {In(TEST_UNIT_DIR "/kopd-runlevel.service"), "\nExecStop=" TEST_INSTALL_HELPER " shutdown\n"},
-        {doc + "systemd/kopd-forking.service", "\nType=forking\n"},
-        {doc + "systemd/kopd-forking.service", "\nPIDFile=/run/kopd.pid\n"},
-        {doc + "TraceConfig/kopd.ini", "[KOPD]\nFileDebugLevel="},
+        {examples + "systemd/kopd-forking.service", "\nType=forking\n"},
+        {examples + "systemd/kopd-forking.service", "\nPIDFile=/run/kopd.pid\n"},
+        {examples + "TraceConfig/kopd.ini", "[KOPD]\nFileDebugLevel="},
     };
     for (const auto& l : lines)
-        EXPECT_TRUE(Has(ReadFile(l.file), l.line)) << l.file << ": " << l.line;
+        EXPECT_TRUE(Contains(ReadFile(l.file), l.line)) << l.file << ": " << l.line;
     for (const char* unit : {"/kopd.service", "/kopd-runlevel.service"})
-        EXPECT_FALSE(Has(ReadFile(In(TEST_UNIT_DIR) + unit), "@")) << unit << ": unsubstituted placeholder";
+        EXPECT_FALSE(Contains(ReadFile(In(TEST_UNIT_DIR) + unit), "@")) << unit << ": unsubstituted placeholder";
     // Without its closing [EndOfFile] section the trace facility ignores a file.
     for (const char* f : {"global_trace.ini", "kopd.ini"}) {
-        std::string text = ReadFile(doc + "TraceConfig/" + f);
+        std::string text = ReadFile(examples + "TraceConfig/" + f);
         EXPECT_EQ(text.substr(std::min(text.rfind('['), text.size())), "[EndOfFile]\n") << f;
     }
-}
-
-TEST_F(InstallTest, ExampleBuildsOutOfTreeWithPkgConfig)
-{
-    std::string out = Ok(PkgConfigEnv() + "pkg-config --cflags --libs tarvd");
-    EXPECT_TRUE(Has(out, "-I" + Root() + TEST_INSTALL_INCLUDEDIR "/tarvd")) << out;
-    EXPECT_TRUE(Has(out, "-ltarvd")) << out;
-    EXPECT_EQ(Ok(PkgConfigEnv() + "pkg-config --modversion tarvd"), TEST_PROJECT_VERSION "\n");
-    EXPECT_TRUE(Has(Ok(PkgConfigEnv() + "pkg-config --variable=moduleconfdir tarvd"), TEST_MODULE_CONF_DIR));
-    std::string module = BuildWithPkgConfig();
-    EXPECT_TRUE(Has(Ok("nm -D --defined-only " + Quote(module)), " T tarvd_module_v1"));
 }
 
 TEST_F(InstallTest, ExampleBuildsOutOfTreeWithFindPackage)
@@ -135,7 +107,7 @@ TEST_F(InstallTest, ExampleBuildsOutOfTreeWithFindPackage)
        " -DCMAKE_FIND_PACKAGE_NO_SYSTEM_PACKAGE_REGISTRY=ON && " + cmake + " --build " + Quote(build));
     EXPECT_TRUE(FileExists(build + "/libtarvd_my_example.so"));
     // Found the staged package, not one elsewhere on the machine.
-    EXPECT_TRUE(Has(ReadFile(build + "/CMakeCache.txt"), "tarvd_DIR:PATH=" + In(TEST_INSTALL_LIBDIR) + "/cmake/tarvd"));
+    EXPECT_TRUE(Contains(ReadFile(build + "/CMakeCache.txt"), "tarvd_DIR:PATH=" + In(TEST_INSTALL_LIBDIR) + "/cmake/tarvd"));
     // The package refuses another major version and accepts an older minor.
     for (const char* version : {"8", "9.1"}) {
         WriteFile(src + "/CMakeLists.txt", "cmake_minimum_required(VERSION 3.20)\nproject(p LANGUAGES CXX)\n"
@@ -146,11 +118,18 @@ TEST_F(InstallTest, ExampleBuildsOutOfTreeWithFindPackage)
     }
 }
 
-TEST_F(InstallTest, InstalledDaemonLoadsAnOutOfTreeModule)
+TEST_F(InstallTest, ExampleBuiltWithPkgConfigIsLoadedByTheInstalledDaemon)
 {
+    std::string out = Ok(PkgConfigEnv() + "pkg-config --cflags --libs tarvd");
+    EXPECT_TRUE(Contains(out, "-I" + Root() + TEST_INSTALL_INCLUDEDIR "/tarvd")) << out;
+    EXPECT_TRUE(Contains(out, "-ltarvd")) << out;
+    EXPECT_EQ(Ok(PkgConfigEnv() + "pkg-config --modversion tarvd"), TEST_PROJECT_VERSION "\n");
+    EXPECT_TRUE(Contains(Ok(PkgConfigEnv() + "pkg-config --variable=moduleconfdir tarvd"), TEST_MODULE_CONF_DIR));
+    const std::string src = m_Dir.Sub("make-src"), module = src + "/libtarvd_my_example.so";
+    Ok("cp -r " + Quote(ExampleDir()) + " " + Quote(src) + " && " + PkgConfigEnv() + "make -C " + Quote(src));
+    EXPECT_TRUE(Contains(Ok("nm -D --defined-only " + Quote(module)), " T tarvd_module_v1"));
     if (!CanUseMountNamespace())
         GTEST_SKIP() << "needs root and mount namespaces";
-    std::string module = BuildWithPkgConfig();
     // The staged /usr lies over the real one and the staged /etc goes into
     // the private /etc, so that the daemon, the framework and the bundled
     // module are found at their installed paths.
@@ -158,7 +137,7 @@ TEST_F(InstallTest, InstalledDaemonLoadsAnOutOfTreeModule)
     options.usrOnTop = In("/usr");
     Sandbox box(m_Dir.Sub("stage"), options);
     ASSERT_EQ(box.Error(), "");
-    std::string out, trace = m_Dir.Sub("trace");
+    const std::string trace = m_Dir.Sub("trace");
     ASSERT_EQ(box.RunScript("cp -a " + Quote(Root() + "/etc") + "/. /etc/\n"
                             "printf '[Module]\\nName=my_example\\nLibrary=%s\\nRunModes=all\\nOrder=60\\n"
                             "HeartbeatSeconds=1\\n' " + Quote(module) + " >" TEST_MODULE_CONF_DIR "/my_example.conf\n",
@@ -166,13 +145,13 @@ TEST_F(InstallTest, InstalledDaemonLoadsAnOutOfTreeModule)
               0)
         << out;
     pid_t pid = box.Spawn({TEST_INSTALL_SBINDIR "/kopd", {"-n"}, DaemonEnv(trace), m_Dir.Sub("out.txt")});
-    EXPECT_TRUE(WaitFor([&] { return Has(ReadFile(trace + "/log.kopd"), "Done initializing"); }));
+    EXPECT_TRUE(WaitFor([&] { return Contains(ReadFile(trace + "/log.kopd"), "Done initializing"); }));
     kill(pid, SIGTERM);
     EXPECT_EQ(WaitExit(pid), 0) << ReadFile(m_Dir.Sub("out.txt"));
 
     std::string all = ReadDaemonTrace(trace);
-    EXPECT_TRUE(Has(all, "module my_example loaded from " + module)) << all;
-    EXPECT_TRUE(Has(all, "module example loaded from " TEST_INSTALL_LIBDIR "/tarvd/modules/libtarvd_example.so"));
-    EXPECT_TRUE(Has(all, "ExampleModule       : stopped after"));
-    EXPECT_FALSE(Has(all, "## ERROR! module")) << all;
+    EXPECT_TRUE(Contains(all, "module my_example loaded from " + module)) << all;
+    EXPECT_TRUE(Contains(all, "module example loaded from " TEST_INSTALL_LIBDIR "/tarvd/modules/libtarvd_example.so"));
+    EXPECT_TRUE(Contains(all, "ExampleModule       : stopped after"));
+    EXPECT_FALSE(Contains(all, "## ERROR! module")) << all;
 }

@@ -3,54 +3,40 @@
 // is done and STOPPING=1 when it stops, and nothing when it forks.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstring>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include "common/UniqueHandle.h"
 #include "daemon/CServiceNotify.h"
 #include "support/Sandbox.h"
-#include "support/TestSupport.h"
 
 using namespace testsupport;
 
 namespace {
 
-/// A datagram socket standing in for the service manager.
-class FakeManager {
-public:
-    /// `address`: a path, or "@name" for the abstract namespace.
+/// A datagram socket standing in for the service manager; `address`: a
+/// path, or "@name" for the abstract namespace.
+struct FakeManager {
     explicit FakeManager(const std::string& address)
     {
-        m_Fd.Reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
+        sockaddr_un addr{AF_UNIX, {}};
         memcpy(addr.sun_path, address.data(), address.size());
-        socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size());
-        if (address[0] == '@')
-            addr.sun_path[0] = '\0';
-        else
-            ++len;
-        m_Bound = m_Fd && bind(m_Fd.Get(), reinterpret_cast<sockaddr*>(&addr), len) == 0;
+        addr.sun_path[0] = address[0] == '@' ? '\0' : address[0];
+        socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size() + (address[0] != '@'));
+        bound = fd && bind(fd.Get(), reinterpret_cast<sockaddr*>(&addr), len) == 0;
     }
-    bool Bound() const { return m_Bound; }
-
     /// The next datagram, or "" after `ms` without one.
     std::string Receive(int ms)
     {
-        pollfd p{m_Fd.Get(), POLLIN, 0};
+        pollfd p{fd.Get(), POLLIN, 0};
         char buffer[512];
-        ssize_t n = poll(&p, 1, ms) == 1 ? recv(m_Fd.Get(), buffer, sizeof buffer, 0) : 0;
+        ssize_t n = poll(&p, 1, ms) == 1 ? recv(fd.Get(), buffer, sizeof buffer, 0) : 0;
         return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
     }
-
-private:
-    UniqueFd m_Fd;
-    bool m_Bound = false;
+    UniqueFd fd{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    bool bound = false;
 };
 
 std::string UniqueAbstractName()
@@ -60,20 +46,27 @@ std::string UniqueAbstractName()
 
 } // namespace
 
-TEST(ServiceNotify, SendsToPathAndAbstractSockets)
+TEST(ServiceNotify, TakesTheAddressOutOfTheEnvironmentAndSendsToPathAndAbstractSockets)
 {
     TempDir dir;
     for (const std::string& address : {dir.Sub("notify"), UniqueAbstractName()}) {
         FakeManager manager(address);
-        ASSERT_TRUE(manager.Bound()) << address;
+        ASSERT_TRUE(manager.bound) << address;
+        ScopedEnv env(CServiceNotify::kSocketVariable, address.c_str());
         CServiceNotify notify;
-        ASSERT_TRUE(notify.SetAddress(address));
-        EXPECT_TRUE(notify.Enabled());
+        ASSERT_TRUE(notify.TakeFromEnvironment());
+        EXPECT_EQ(notify.Address(), address);
+        // Children of the daemon must not inherit the manager's socket.
+        EXPECT_EQ(getenv(CServiceNotify::kSocketVariable), nullptr);
         for (const char* state : {"READY=1", "STOPPING=1"}) {
             EXPECT_TRUE(notify.Notify(state));
             EXPECT_EQ(manager.Receive(5000), state);
         }
     }
+    ScopedEnv env(CServiceNotify::kSocketVariable, nullptr);
+    CServiceNotify notify;
+    EXPECT_FALSE(notify.TakeFromEnvironment());
+    EXPECT_FALSE(notify.Enabled());
 }
 
 TEST(ServiceNotify, RejectsUnusableAddressesAndReportsWhenNobodyListens)
@@ -93,54 +86,15 @@ TEST(ServiceNotify, RejectsUnusableAddressesAndReportsWhenNobodyListens)
     EXPECT_EQ(notify.LastError(), ENOENT);
 }
 
-TEST(ServiceNotify, TakesTheAddressOutOfTheEnvironment)
-{
-    TempDir dir;
-    {
-        ScopedEnv env(CServiceNotify::kSocketVariable, dir.Sub("sock").c_str());
-        CServiceNotify notify;
-        EXPECT_TRUE(notify.TakeFromEnvironment());
-        EXPECT_EQ(notify.Address(), dir.Sub("sock"));
-        // Children of the daemon must not inherit the manager's socket.
-        EXPECT_EQ(getenv(CServiceNotify::kSocketVariable), nullptr);
-    }
-    ScopedEnv env(CServiceNotify::kSocketVariable, nullptr);
-    CServiceNotify notify;
-    EXPECT_FALSE(notify.TakeFromEnvironment());
-    EXPECT_FALSE(notify.Enabled());
-}
-
-namespace {
-
-/// kopd in a sandbox, started by the "service manager"; each run traces
-/// into a directory of its own.
-class ReadinessTest : public ::testing::Test {
+/// kopd in a sandbox with the bundled example module, started by the "service manager".
+class ReadinessTest : public KopdFixture {
 protected:
-    // The forking daemon leaves its parent: adopted, so that it can be collected.
-    static void SetUpTestSuite() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
-    void SetUp() override
+    ReadinessTest() : KopdFixture(TEST_KOPD_PATH, TEST_FRAMEWORK_DIR)
     {
-        if (!CanUseMountNamespace())
-            GTEST_SKIP() << "needs root and mount namespaces";
-        ASSERT_EQ(m_Box.Error(), "");
+        m_Env = {"TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR};
     }
-
-    pid_t StartKopd(const std::string& notifySocket, std::vector<std::string> args)
-    {
-        std::vector<std::string> env = DaemonEnv(m_Dir.Sub("trace" + std::to_string(++m_Runs)));
-        env.insert(env.end(), {"LD_LIBRARY_PATH=" TEST_FRAMEWORK_DIR, "TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR,
-                               "NOTIFY_SOCKET=" + notifySocket});
-        return m_Box.Spawn({TEST_KOPD_PATH, std::move(args), env, m_Dir.Sub("out.txt")});
-    }
-    std::string Log() const { return ReadFile(m_Dir.Sub("trace" + std::to_string(m_Runs) + "/log.kopd")); }
-    std::string Output() const { return ReadFile(m_Dir.Sub("out.txt")); }
-
-    TempDir m_Dir;
-    Sandbox m_Box{m_Dir.Sub("stage")};
-    int m_Runs = 0;
+    std::string Log() const { return ReadFile(TraceDir() + "/log.kopd"); }
 };
-
-} // namespace
 
 TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationAndStoppingAtStop)
 {
@@ -148,8 +102,8 @@ TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationAndStoppingAtStop)
     // mount namespace shares.
     for (const std::string& address : {m_Dir.Sub("notify"), UniqueAbstractName()}) {
         FakeManager manager(address);
-        ASSERT_TRUE(manager.Bound());
-        pid_t pid = StartKopd(address, {"-n"});
+        ASSERT_TRUE(manager.bound);
+        pid_t pid = Start({"-n"}, {"NOTIFY_SOCKET=" + address});
         // The moment READY arrives the daemon has written its last start-up line.
         ASSERT_EQ(manager.Receive(60000), "READY=1") << Output();
         std::string log = Log();
@@ -170,12 +124,11 @@ TEST_F(ReadinessTest, ForkingModeDoesNotNotify)
     // Without -n the daemon forks and is not the process the manager
     // started: it must keep quiet, also past the end of its start-up.
     FakeManager manager(m_Dir.Sub("notify"));
-    ASSERT_TRUE(manager.Bound());
-    EXPECT_EQ(WaitExit(StartKopd(m_Dir.Sub("notify"), {})), 0) << Output();
-    std::string pid;
-    ASSERT_TRUE(WaitFor([&] { return Contains(pid = ReadFile(m_Box.Path("/run/kopd.pid")), "\n"); }));
+    ASSERT_TRUE(manager.bound);
+    EXPECT_EQ(WaitExit(Start({}, {"NOTIFY_SOCKET=" + m_Dir.Sub("notify")})), 0) << Output();
+    pid_t pid = WaitPidFile();
+    ASSERT_GT(pid, 0);
     ASSERT_TRUE(WaitFor([&] { return Contains(Log(), "KOPD-MAIN: ## Done initializing ##"); })) << Log();
-    ASSERT_EQ(kill(std::stoi(pid), SIGTERM), 0);
-    EXPECT_EQ(WaitExit(std::stoi(pid)), 0);
+    ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
     EXPECT_EQ(manager.Receive(100), "");
 }

@@ -7,6 +7,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/TestSupport.h"
+#include "support/Wait.h"
 
 using namespace testsupport;
 
@@ -21,40 +22,40 @@ const char kEtcIsAFile[] = "<etc is a file>";
 
 struct HelperCase {
     const char* action;
-    std::string jobs;             ///< the job list, printed by `cat`
-    const char* listCommand;      ///< instead of the job list, when set
-    const char* before;           ///< the run-level file beforehand, if any
-    int status;
-    const char* after;            ///< the run-level file afterwards, null: none
-    const char* says = "";        ///< a piece of the helper's output
+    std::string jobs;              ///< the job list, printed by `cat`
+    const char* after = nullptr;   ///< the run-level file afterwards, null: none
+    const char* before = nullptr;  ///< the run-level file beforehand, if any
+    int status = 0;
+    const char* says = "";          ///< a piece of the helper's output
+    const char* listCommand = nullptr;  ///< instead of the job list, when set
 };
 
 const HelperCase kCases[] = {
-    {"shutdown", kReboot, nullptr, nullptr, 0, "6\n"},
-    {"shutdown", kPowerOff, nullptr, nullptr, 0, "0\n"},
-    {"shutdown", " 1 halt.target start waiting\n", nullptr, nullptr, 0, "0\n"},
-    {"shutdown", "3 kexec.target start waiting\n", nullptr, nullptr, 0, "6\n"},
-    {"shutdown", "3 soft-reboot.target start waiting\n", nullptr, nullptr, 0, "6\n"},
-    {"shutdown", std::string(kPowerOff) + kReboot, nullptr, nullptr, 0, "6\n"},  // reboot wins
+    {"shutdown", kReboot, "6\n"},
+    {"shutdown", kPowerOff, "0\n"},
+    {"shutdown", " 1 halt.target start waiting\n", "0\n"},
+    {"shutdown", "3 kexec.target start waiting\n", "6\n"},
+    {"shutdown", "3 soft-reboot.target start waiting\n", "6\n"},
+    {"shutdown", std::string(kPowerOff) + kReboot, "6\n"},  // reboot wins
     // A stop of the service alone, or an isolate to another target.
-    {"shutdown", "", nullptr, nullptr, 0, nullptr},
-    {"shutdown", " 5 kopd.service stop waiting\n 6 kopd-runlevel.service stop running\n", nullptr, nullptr, 0, nullptr},
-    {"shutdown", " 9 rescue.target start waiting\n", nullptr, nullptr, 0, nullptr},
+    {"shutdown", ""},
+    {"shutdown", " 5 kopd.service stop waiting\n 6 kopd-runlevel.service stop running\n"},
+    {"shutdown", " 9 rescue.target start waiting\n"},
     // Target names must match whole units.
-    {"shutdown", " 1 my-reboot.target.wants start waiting\n", nullptr, nullptr, 0, nullptr},
-    {"shutdown", " 1 prereboot.target start waiting\n", nullptr, nullptr, 0, nullptr},
-    {"shutdown", " 1 poweroff.targets start waiting\n", nullptr, nullptr, 0, nullptr},
-    {"shutdown", " 1 reboot-helper.service start waiting\n", nullptr, nullptr, 0, nullptr},
+    {"shutdown", " 1 my-reboot.target.wants start waiting\n"},
+    {"shutdown", " 1 prereboot.target start waiting\n"},
+    {"shutdown", " 1 poweroff.targets start waiting\n"},
+    {"shutdown", " 1 reboot-helper.service start waiting\n"},
     // A failing job list counts as a plain stop.
-    {"shutdown", "", "exit 3", nullptr, 0, nullptr},
-    {"shutdown", "", "/nonexistent/systemctl list-jobs", nullptr, 0, nullptr},
+    {"shutdown", "", nullptr, nullptr, 0, "", "exit 3"},
+    {"shutdown", "", nullptr, nullptr, 0, "", "/nonexistent/systemctl list-jobs"},
     // A stale value is replaced whole; at boot the file goes, whatever the jobs.
-    {"shutdown", kReboot, nullptr, "0\nleft over from somewhere\n", 0, "6\n"},
-    {"boot", kReboot, nullptr, "6\n", 0, nullptr},
-    {"boot", "", nullptr, nullptr, 0, nullptr},
-    {"shutdown", kReboot, nullptr, kEtcIsAFile, 1, nullptr, "cannot write"},
-    {"restart", kReboot, nullptr, nullptr, 2, nullptr, "usage"},
-    {"", "", "true", nullptr, 2, nullptr},
+    {"shutdown", kReboot, "6\n", "0\nleft over from somewhere\n"},
+    {"boot", kReboot, nullptr, "6\n"},
+    {"boot", ""},
+    {"shutdown", kReboot, nullptr, kEtcIsAFile, 1, "cannot write"},
+    {"restart", kReboot, nullptr, nullptr, 2, "usage"},
+    {"", "", nullptr, nullptr, 2, "", "true"},
 };
 
 class ShutdownHelper : public ::testing::TestWithParam<HelperCase> {};
@@ -66,9 +67,7 @@ TEST_P(ShutdownHelper, DecidesTheRunLevel)
     const HelperCase& c = GetParam();
     TempDir dir;
     const std::string file = dir.Sub("etc/tarvd/RunLevel");
-    if (c.before) {
-        ASSERT_TRUE(c.before == kEtcIsAFile ? WriteFile(dir.Sub("etc"), "x") : WriteFile(file, c.before));
-    }
+    ASSERT_TRUE(!c.before || (c.before == kEtcIsAFile ? WriteFile(dir.Sub("etc"), "x") : WriteFile(file, c.before)));
     WriteFile(dir.Sub("jobs.txt"), c.jobs);
     std::string list = c.listCommand ? c.listCommand : "cat " + Quote(dir.Sub("jobs.txt"));
     std::string out;
@@ -96,20 +95,13 @@ TEST(ServiceUnits, RunLevelUnitStopsBeforeTheDaemon)
 {
     // Units stop in the reverse order of their start: the run-level unit
     // starts after kopd so that its stop (which writes the file) runs first.
-    const struct {
-        const char* unit;
-        const char* line;
-        bool present;
-    } lines[] = {
-        {"kopd-runlevel", "\nAfter=kopd.service\n", true}, {"kopd-runlevel", "Before=kopd.service", false},
-        {"kopd-runlevel", "\nType=oneshot\n", true},       {"kopd-runlevel", "\nRemainAfterExit=yes\n", true},
-        {"kopd-runlevel", "\nExecStart=@HELPER_PATH@ boot\n", true},
-        {"kopd-runlevel", "\nExecStop=@HELPER_PATH@ shutdown\n", true},
-        {"kopd", "\nType=notify\n", true},                 {"kopd", "\nExecStart=@KOPD_PATH@ -n\n", true},
-        {"kopd", "\nNotifyAccess=main\n", true},           {"kopd", "\nWants=kopd-runlevel.service\n", true},
-    };
-    for (const auto& l : lines) {
-        std::string unit = ReadFile(std::string(TARVD_SOURCE_DIR) + "/packaging/" + l.unit + ".service");
-        EXPECT_EQ(unit.find(l.line) != std::string::npos, l.present) << l.unit << ": " << l.line;
-    }
+    const std::string runLevel = ReadFile(TARVD_SOURCE_DIR "/packaging/kopd-runlevel.service");
+    const std::string kopd = ReadFile(TARVD_SOURCE_DIR "/packaging/kopd.service");
+    for (const char* line : {"\nAfter=kopd.service\n", "\nType=oneshot\n", "\nRemainAfterExit=yes\n",
+                             "\nExecStart=@HELPER_PATH@ boot\n", "\nExecStop=@HELPER_PATH@ shutdown\n"})
+        EXPECT_TRUE(Contains(runLevel, line)) << line;
+    EXPECT_FALSE(Contains(runLevel, "Before=kopd.service"));
+    for (const char* line : {"\nType=notify\n", "\nExecStart=@KOPD_PATH@ -n\n", "\nNotifyAccess=main\n",
+                             "\nWants=kopd-runlevel.service\n"})
+        EXPECT_TRUE(Contains(kopd, line)) << line;
 }

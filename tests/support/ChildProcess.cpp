@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>
@@ -21,46 +20,35 @@ void Reap(pid_t pid, RunResult& r)
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    if (WIFEXITED(status))
-        r.exitCode = WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        r.signal = WTERMSIG(status);
+    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
 }
 
 } // namespace
 
 Child::Child(const std::string& program, const std::vector<std::string>& args)
 {
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) != 0)
-        return;
-    if (pipe2(err, O_CLOEXEC) != 0) {
-        close(out[0]);
-        close(out[1]);
-        return;
-    }
+    int pipes[2][2] = {{-1, -1}, {-1, -1}};
     std::vector<std::string> argStore{program};
     argStore.insert(argStore.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (auto& a : argStore)
         argv.push_back(a.data());
     argv.push_back(nullptr);
-    m_Pid = fork();
-    if (m_Pid == 0) {
+    if (pipe2(pipes[0], O_CLOEXEC) == 0 && pipe2(pipes[1], O_CLOEXEC) == 0 && (m_Pid = fork()) == 0) {
         int devnull = open("/dev/null", O_RDONLY);
-        if (devnull >= 0)
-            dup2(devnull, 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
+        dup2(devnull, 0);
+        dup2(pipes[0][1], 1);
+        dup2(pipes[1][1], 2);
         for (const char* v : kTraceVariables)
             unsetenv(v);
         execv(program.c_str(), argv.data());
         _exit(127);
     }
-    close(out[1]);
-    close(err[1]);
-    m_Fds[0] = out[0];
-    m_Fds[1] = err[0];
+    for (int i = 0; i < 2; ++i) {  // the read ends, even without a child: closed at destruction
+        close(pipes[i][1]);
+        m_Fds[i] = pipes[i][0];
+    }
 }
 
 Child::~Child()
@@ -83,19 +71,15 @@ bool Child::Pump(int waitMs)
     for (int fd : m_Fds)
         if (fd >= 0)
             p[n++] = {fd, POLLIN, 0};
-    if (n == 0)
-        return false;
-    if (poll(p, n, waitMs) <= 0)
-        return true;
+    if (n == 0 || poll(p, n, waitMs) <= 0)
+        return n != 0;
     for (nfds_t i = 0; i < n; ++i) {
-        if (!(p[i].revents & (POLLIN | POLLHUP | POLLERR)))
-            continue;
         int which = p[i].fd == m_Fds[0] ? 0 : 1;
         char buf[65536];
-        ssize_t r = read(p[i].fd, buf, sizeof buf);
-        if (r > 0) {
+        ssize_t r = p[i].revents ? read(p[i].fd, buf, sizeof buf) : -1;
+        if (r > 0)
             (which == 0 ? m_Out : m_Err).append(buf, static_cast<size_t>(r));
-        } else if (r == 0 || errno != EINTR) {
+        else if (p[i].revents && (r == 0 || errno != EINTR)) {
             close(p[i].fd);
             m_Fds[which] = -1;
         }
@@ -106,10 +90,9 @@ bool Child::Pump(int waitMs)
 bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout)
 {
     auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (m_Out.find(text) == std::string::npos) {
+    while (m_Out.find(text) == std::string::npos)
         if (std::chrono::steady_clock::now() > deadline || !Pump(50))
             return false;
-    }
     return true;
 }
 
@@ -119,13 +102,10 @@ RunResult Child::Finish(std::chrono::milliseconds timeout)
     if (m_Pid <= 0)
         return r;
     auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (Pump(50)) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            r.timedOut = true;
-            kill(m_Pid, SIGKILL);
-            break;
-        }
+    while (Pump(50) && !(r.timedOut = std::chrono::steady_clock::now() > deadline)) {
     }
+    if (r.timedOut)
+        kill(m_Pid, SIGKILL);
     Reap(m_Pid, r);
     m_Pid = -1;
     r.out = m_Out;
@@ -143,12 +123,11 @@ RunResult Child::Stop(int sig, std::chrono::milliseconds timeout)
 RunResult Run(const std::string& program, const std::vector<std::string>& args, std::chrono::seconds timeout)
 {
     Child child(program, args);
-    if (!child.Started()) {
-        RunResult r;
+    bool started = child.Started();
+    RunResult r = child.Finish(timeout);
+    if (!started)
         r.err = "cannot start " + program;
-        return r;
-    }
-    return child.Finish(timeout);
+    return r;
 }
 
 std::string Quote(const std::string& s)

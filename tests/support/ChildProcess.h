@@ -17,21 +17,19 @@ struct RunResult {
     bool Exited(int code) const { return signal == 0 && !timedOut && exitCode == code; }
 };
 
-/// Runs `program` with `args` (no shell), stdin from /dev/null, the trace
-/// variables of the environment removed.  Kills the child after `timeout`.
+/// Runs `program` (no shell), stdin /dev/null, no trace variables; killed after `timeout`.
 RunResult Run(const std::string& program, const std::vector<std::string>& args,
               std::chrono::seconds timeout = std::chrono::seconds(60));
 
 /// Quotes `s` for a POSIX shell.
 std::string Quote(const std::string& s);
 
-/// Runs `script` with /bin/sh (like Run); stdout and stderr, interleaved,
-/// in `output`.  The exit status, or -1 when the shell did not exit.
+/// Runs `script` with /bin/sh (like Run), stdout and stderr interleaved in
+/// `output`: the exit status, or -1 when the shell did not exit.
 int Shell(const std::string& script, std::string* output = nullptr,
           std::chrono::seconds timeout = std::chrono::seconds(300));
 
-/// A child whose output is read while it runs; killed when still running
-/// at destruction.
+/// A child whose output is read while it runs; killed if still running at destruction.
 class Child {
 public:
     Child(const std::string& program, const std::vector<std::string>& args);
@@ -41,8 +39,7 @@ public:
     bool Started() const { return m_Pid > 0; }
     /// Reads output until it contains `text` or `timeout` passes.
     bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout);
-    /// Sends `sig` and waits (up to `timeout`) for the end; the rest of the
-    /// output is collected.
+    /// Sends `sig` and waits (up to `timeout`) for the end, collecting the output.
     RunResult Stop(int sig, std::chrono::milliseconds timeout);
     /// Reads until both outputs close (SIGKILL after `timeout`), then reaps.
     RunResult Finish(std::chrono::milliseconds timeout);

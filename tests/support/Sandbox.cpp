@@ -1,9 +1,8 @@
 #include "support/Sandbox.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sched.h>
@@ -14,7 +13,6 @@
 #include <unistd.h>
 
 #include "support/ChildProcess.h"
-#include "support/TestSupport.h"
 
 namespace testsupport {
 
@@ -25,8 +23,7 @@ std::string Failed(const std::string& what) { return what + ": " + strerror(errn
 /// An overlay on `dir` whose upper layer lies in `stage`; empty or the failure.
 std::string Overlay(const std::string& stage, const std::string& dir, const std::string& lower)
 {
-    std::string name = dir.substr(dir.rfind('/') + 1);
-    std::string up = stage + "/" + name + "-up", work = stage + "/" + name + "-work";
+    std::string up = stage + dir.substr(dir.rfind('/')) + "-up", work = stage + dir.substr(dir.rfind('/')) + "-work";
     mkdir(up.c_str(), 0755);
     mkdir(work.c_str(), 0755);
     std::string options = "lowerdir=" + lower + ",upperdir=" + up + ",workdir=" + work;
@@ -61,19 +58,15 @@ std::string Prepare(const std::string& stage, const SandboxOptions& options)
     for (const std::string& dir : options.writable)
         if (std::string e = Overlay(stage, dir, dir); !e.empty())
             return e;
-    if (!options.usrOnTop.empty()) {
-        std::string lower = "lowerdir=" + options.usrOnTop + ":/usr";
-        if (mount("overlay", "/usr", "overlay", MS_RDONLY, lower.c_str()) != 0)
-            return Failed("overlay on /usr");
-    }
-    if (options.hideSystemctl) {
-        // A whiteout in the upper layer hides the file.
-        mkdir((stage + "/bin-up").c_str(), 0755);
-        if (mknod((stage + "/bin-up/systemctl").c_str(), S_IFCHR | 0, makedev(0, 0)) != 0)
-            return Failed("whiteout for systemctl");
-        if (std::string e = Overlay(stage, "/usr/bin", "/usr/bin"); !e.empty())
-            return e;
-    }
+    std::string lower = "lowerdir=" + options.usrOnTop + ":/usr";
+    if (!options.usrOnTop.empty() && mount("overlay", "/usr", "overlay", MS_RDONLY, lower.c_str()) != 0)
+        return Failed("overlay on /usr");
+    // A whiteout in the upper layer hides the file.
+    if (options.hideSystemctl && (mkdir((stage + "/bin-up").c_str(), 0755) != 0 ||
+                                  mknod((stage + "/bin-up/systemctl").c_str(), S_IFCHR | 0, makedev(0, 0)) != 0))
+        return Failed("whiteout for systemctl");
+    if (std::string e = options.hideSystemctl ? Overlay(stage, "/usr/bin", "/usr/bin") : ""; !e.empty())
+        return e;
     if (std::string e = PrivateRunAndLog(); !e.empty())
         return e;
     if (mkdir("/etc/tarvd", 0755) != 0 && errno != EEXIST)
@@ -84,10 +77,8 @@ std::string Prepare(const std::string& stage, const SandboxOptions& options)
 /// The null-terminated array of the strings' texts, for execve.
 std::vector<char*> Pointers(std::vector<std::string>& strings)
 {
-    std::vector<char*> pointers;
-    for (auto& s : strings)
-        pointers.push_back(s.data());
-    pointers.push_back(nullptr);
+    std::vector<char*> pointers(strings.size() + 1, nullptr);
+    std::transform(strings.begin(), strings.end(), pointers.begin(), [](std::string& s) { return s.data(); });
     return pointers;
 }
 
@@ -102,8 +93,7 @@ Sandbox::Sandbox(const std::string& stage, const SandboxOptions& options)
     }
     m_Holder = fork();
     if (m_Holder == 0) {
-        close(ready[0]);
-        close(control[1]);
+        close(control[1]);  // the holder lives until the test closes its end
         std::string error = Prepare(stage, options);
         std::string answer = error.empty() ? "1" : "0" + error;
         (void)!write(ready[1], answer.data(), answer.size());
@@ -180,12 +170,10 @@ int WaitExit(pid_t pid, std::chrono::milliseconds timeout)
     int status = 0;
     if (pid <= 0)
         return -1;
-    if (!WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout)) {
-        kill(pid, SIGKILL);
+    bool ended = WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout);
+    if (!ended && kill(pid, SIGKILL) == 0)
         waitpid(pid, &status, 0);
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return !ended ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::vector<std::string> DaemonEnv(const std::string& traceDir)
@@ -197,8 +185,7 @@ std::vector<std::string> DaemonEnv(const std::string& traceDir)
 
 std::string ReadDaemonTrace(const std::string& traceDir, const std::string& name)
 {
-    std::string base = traceDir + "/log." + name;
-    std::string all = ReadFile(base + "_i") + ReadFile(base + "_a"), unpacked;
+    std::string base = traceDir + "/log." + name, all = ReadFile(base + "_i") + ReadFile(base + "_a"), unpacked;
     if (FileExists(base + "_i.gz") && Shell("gzip -dc " + Quote(base + "_i.gz"), &unpacked) == 0)
         all += unpacked;
     return all;

@@ -8,7 +8,6 @@
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace testsupport {
 
@@ -37,8 +36,7 @@ bool MakeDirs(const std::string& path)
 
 bool WriteFile(const std::string& path, const std::string& content)
 {
-    auto slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0)
+    if (auto slash = path.rfind('/'); slash != std::string::npos && slash > 0)
         MakeDirs(path.substr(0, slash));
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     return out && out.write(content.data(), static_cast<std::streamsize>(content.size()));
@@ -69,9 +67,7 @@ std::vector<std::string> SplitLines(const std::string& text)
 {
     std::vector<std::string> lines;
     for (size_t start = 0, nl; start < text.size(); start = nl + 1) {
-        nl = text.find('\n', start);
-        if (nl == std::string::npos)
-            nl = text.size();
+        nl = std::min(text.find('\n', start), text.size());
         lines.push_back(text.substr(start, nl - start));
     }
     return lines;
@@ -81,10 +77,9 @@ std::string FixturesDir() { return TARVD_FIXTURES_DIR; }
 
 ScopedEnv::ScopedEnv(const char* name, const char* value) : m_Name(name)
 {
-    if (const char* old = getenv(name)) {
-        m_HadOld = true;
-        m_Old = old;
-    }
+    const char* old = getenv(name);
+    m_HadOld = old != nullptr;
+    m_Old = old ? old : "";
     if (value)
         setenv(name, value, 1);
     else
@@ -101,9 +96,7 @@ ScopedEnv::~ScopedEnv()
 
 bool CanUseMountNamespace()
 {
-    if (geteuid() != 0)
-        return false;
-    pid_t pid = fork();
+    pid_t pid = geteuid() == 0 ? fork() : -1;
     if (pid == 0)
         _exit(unshare(CLONE_NEWNS) == 0 ? 0 : 1);
     int status = 0;

@@ -7,8 +7,7 @@
 
 namespace testsupport {
 
-/// A temporary directory, removed with its contents on destruction (by the
-/// process that made it).
+/// A temporary directory, removed with its contents on destruction (by the process that made it).
 class TempDir {
 public:
     TempDir();
@@ -17,7 +16,6 @@ public:
     TempDir& operator=(const TempDir&) = delete;
 
     const std::string& Path() const { return m_Path; }
-    /// Path() + "/" + name.
     std::string Sub(const std::string& name) const { return m_Path + "/" + name; }
 
 private:
@@ -30,17 +28,13 @@ bool WriteFile(const std::string& path, const std::string& content);
 /// The whole file; empty when it cannot be read.
 std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
-/// mkdir -p.
-bool MakeDirs(const std::string& path);
-/// Removes a tree (rm -rf).
+bool MakeDirs(const std::string& path);  // mkdir -p
 void RemoveTree(const std::string& path);
 /// Splits text at '\n' (the final empty piece after a trailing newline is dropped).
 std::vector<std::string> SplitLines(const std::string& text);
-/// The shared firmware fixtures directory.
-std::string FixturesDir();
+std::string FixturesDir();  ///< the shared firmware fixtures directory
 
-/// Sets an environment variable for the lifetime of the object and restores
-/// the old value afterwards.
+/// Sets an environment variable (null: unsets it) for the object's lifetime.
 class ScopedEnv {
 public:
     ScopedEnv(const char* name, const char* value);  // value null: unset

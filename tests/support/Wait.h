@@ -29,7 +29,7 @@ inline bool Contains(const std::string& text, const std::string& what) { return 
 inline size_t CountOf(const std::string& text, const std::string& what)
 {
     size_t n = 0;
-    for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1))
+    for (size_t pos = 0; (pos = text.find(what, pos)) != std::string::npos; ++pos)
         ++n;
     return n;
 }

@@ -12,11 +12,7 @@
 
 namespace {
 
-bool EnvIs(const char* name, const char* value)
-{
-    const char* v = getenv(name);
-    return v && strcmp(v, value) == 0;
-}
+bool EnvIs(const char* name, const char* value) { return getenv(name) && strcmp(getenv(name), value) == 0; }
 
 class RecordingSwitch final : public SwitchInterface {
 public:
@@ -54,8 +50,8 @@ public:
     int NotifySystemEvent(uint32_t event, void* data, uint32_t third) override
     {
         if (data)
-            TestRecord("TEST_SWITCH_RECORD", "slot16 event=0x%X level=%d third=%u", event,
-                       *static_cast<int32_t*>(data), third);
+            TestRecord("TEST_SWITCH_RECORD", "slot16 event=0x%X level=%d third=%u", event, *static_cast<int32_t*>(data),
+                       third);
         else
             TestRecord("TEST_SWITCH_RECORD", "slot16 event=0x%X data=null third=%u", event, third);
         return 16;

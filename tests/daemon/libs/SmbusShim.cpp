@@ -52,39 +52,21 @@ void Put(char (&field)[N], const char* text)
 
 extern "C" {
 
-__attribute__((visibility("default"))) int open(const char* path, int flags, ...)
-{
-    mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = va_arg(ap, mode_t);
-        va_end(ap);
+// The mode argument is there only when a file may be created.
+#define TARVD_SHIM_OPEN(name)                                                            \
+    __attribute__((visibility("default"))) int name(const char* path, int flags, ...)   \
+    {                                                                                    \
+        va_list ap;                                                                      \
+        va_start(ap, flags);                                                             \
+        mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0;            \
+        va_end(ap);                                                                      \
+        return Intercept(path, flags, mode);                                             \
     }
-    return Intercept(path, flags, mode);
-}
+TARVD_SHIM_OPEN(open)
+TARVD_SHIM_OPEN(open64)
 
-__attribute__((visibility("default"))) int open64(const char* path, int flags, ...)
-{
-    mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = va_arg(ap, mode_t);
-        va_end(ap);
-    }
-    return Intercept(path, flags, mode);
-}
-
-__attribute__((visibility("default"))) int __open_2(const char* path, int flags)
-{
-    return Intercept(path, flags, 0);
-}
-
-__attribute__((visibility("default"))) int __open64_2(const char* path, int flags)
-{
-    return Intercept(path, flags, 0);
-}
+__attribute__((visibility("default"))) int __open_2(const char* path, int flags) { return Intercept(path, flags, 0); }
+__attribute__((visibility("default"))) int __open64_2(const char* path, int flags) { return Intercept(path, flags, 0); }
 
 __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...)
 {

@@ -14,22 +14,16 @@ inline void TestRecord(const char* variable, const char* format, ...) __attribut
 inline void TestRecord(const char* variable, const char* format, ...)
 {
     const char* path = getenv(variable);
-    if (!path || !*path)
-        return;
     char line[1024];
     va_list args;
     va_start(args, format);
     int n = vsnprintf(line, sizeof line - 1, format, args);
     va_end(args);
-    if (n < 0)
-        return;
-    if (n > static_cast<int>(sizeof line) - 2)
-        n = sizeof line - 2;
-    line[n++] = '\n';
-    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fd = path && *path && n >= 0 ? open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644) : -1;
     if (fd < 0)
         return;
-    ssize_t written = write(fd, line, static_cast<size_t>(n));
-    (void)written;
+    n = n > static_cast<int>(sizeof line) - 2 ? sizeof line - 2 : n;
+    line[n++] = '\n';
+    (void)!write(fd, line, static_cast<size_t>(n));
     close(fd);
 }
