@@ -386,6 +386,7 @@ void LoadAndStartModules(CSwitchApi& switchApi, _ExtensionModuleLoaderConfig& co
     } else {
         // Go on without modules, so that the daemon can still be stopped in order.
         DBG_PRINT(1, "%s-MAIN: ERROR! Load extension modules FAILED!", kPrefix);
+        syslog(LOG_ERR, "%s-MAIN: ERROR! Load extension modules FAILED!", kPrefix);
     }
 }
 
@@ -467,6 +468,7 @@ int main(int argc, char** argv)
     CSwitchApi switchApi;
     if (!switchApi.LoadSwitch()) {
         Debug.PrintAlways(0, "%s-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!", kPrefix);
+        syslog(LOG_ERR, "%s-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!", kPrefix);
         switchApi.CloseLibrary();
         lock.reset();
         return 1;

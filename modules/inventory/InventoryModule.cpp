@@ -223,7 +223,7 @@ unsigned Seconds(const TarvdModuleConfig* config, const char* key, unsigned fall
     bool bad = false;
     unsigned long s = tarvdmod::ConfigNumber(config, key, fallbackMs / 1000, low, high, &bad);
     if (bad)
-        DBG_PRINT(1, "\nInventoryModule     : ## WARNING! %s=%s is not a number from %u to %u, using %u",
+        ReportFailure(SysLogTraces::SL_WARNING, "\nInventoryModule     : ## WARNING! %s=%s is not a number from %u to %u, using %u",
                   key, tarvdmod::ConfigText(config, key), low, high, fallbackMs / 1000);
     return static_cast<unsigned>(s * 1000);
 }
@@ -245,7 +245,7 @@ int Load(const TarvdModuleConfig* config)
     bool bad = false;
     s.maxChanges = static_cast<unsigned>(tarvdmod::ConfigNumber(config, "MaxChanges", s.maxChanges, 1, 100000, &bad));
     if (bad)
-        DBG_PRINT(1, "\nInventoryModule     : ## WARNING! MaxChanges is not a number from 1 to 100000, using %u",
+        ReportFailure(SysLogTraces::SL_WARNING, "\nInventoryModule     : ## WARNING! MaxChanges is not a number from 1 to 100000, using %u",
                   s.maxChanges);
     st->runMode = config->runMode;
     st->forceRescan = (config->flags & TARVD_FLAG_FORCE_RESCAN) != 0;

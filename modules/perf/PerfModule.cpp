@@ -305,19 +305,19 @@ int Load(const TarvdModuleConfig* config)
     bool bad = false;
     st->periodMs = static_cast<unsigned>(tarvdmod::ConfigNumber(config, "PeriodMs", kDefaultPeriodMs, 100, 3600000, &bad));
     if (bad)
-        DBG_PRINT(1, "\nPerfModule          : ## WARNING! PeriodMs is not a number from 100 to 3600000, using %u",
+        ReportFailure(SysLogTraces::SL_WARNING, "\nPerfModule          : ## WARNING! PeriodMs is not a number from 100 to 3600000, using %u",
                   st->periodMs);
     bad = false;
     st->historyLength =
         static_cast<unsigned>(tarvdmod::ConfigNumber(config, "HistoryLength", kDefaultHistory, 1, 100000, &bad));
     if (bad)
-        DBG_PRINT(1, "\nPerfModule          : ## WARNING! HistoryLength is not a number from 1 to 100000, using %u",
+        ReportFailure(SysLogTraces::SL_WARNING, "\nPerfModule          : ## WARNING! HistoryLength is not a number from 1 to 100000, using %u",
                   st->historyLength);
     bad = false;
     st->publishSeconds = static_cast<unsigned>(
         tarvdmod::ConfigNumber(config, "PublishSeconds", kDefaultPublishSeconds, 0, kMaxPublishSeconds, &bad));
     if (bad)
-        DBG_PRINT(1, "\nPerfModule          : ## WARNING! PublishSeconds is not a number from 0 to %u, using %u",
+        ReportFailure(SysLogTraces::SL_WARNING, "\nPerfModule          : ## WARNING! PublishSeconds is not a number from 0 to %u, using %u",
                   kMaxPublishSeconds, st->publishSeconds);
     if (const char* root = tarvdmod::ConfigText(config, "ProcRoot"); root && *root)
         st->procRoot = root;
