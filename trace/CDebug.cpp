@@ -216,6 +216,7 @@ void CDebug::Impl::ClassInit()
 {
     CloseAll();
     logFile = tracedetail::CDebugLogFile();
+    settings.logMaxSize = tracedetail::kDefaultLogMaxSize;
     ring.size = 0;
     ring.MarkInitEnd(); // the closed ring's position is 0
     ring.inHeader = false;
