@@ -37,13 +37,6 @@ protected:
         d.SetEntryHeader(buf, sizeof(buf), name);
         return buf;
     }
-    // The ring's entries (after the begin line) as messages.
-    std::vector<std::string> Entries(const std::string& ring, bool* wrapped = nullptr)
-    {
-        std::vector<std::string> entries;
-        EXPECT_TRUE(CTraceReader::ReadRingBuffer(ring, entries, wrapped)) << ring;
-        return Messages(entries);
-    }
 };
 
 } // namespace
@@ -76,12 +69,16 @@ TEST_F(CDebugTest, NewlineRulesAndCutAt1024InLogFile)
     d->PrintAlways("%s", std::string(1024, 'a').c_str());
     d->PrintAlways("%s", std::string(1025, 'b').c_str());
     d->Print(0, "not written: target none");
+    d->PrintAlways("ab%ccd", 0);  // the entry ends at the NUL, newline included
     auto lines = Lines(LogPath());
     for (auto& l : lines)
         EXPECT_TRUE(std::regex_search(l, std::regex("^" + kTime + " " + kThread + kMemory + kName))) << l;
     EXPECT_EQ(Messages(lines), (std::vector<std::string>{"Text after two newlines 7", "", "already ends",
-                                                         std::string(1024, 'a'), std::string(1024, 'b')}));
-    EXPECT_EQ(ReadFile(LogPath()).find("\n\n"), std::string::npos);
+                                                         std::string(1024, 'a'), std::string(1024, 'b'), "ab"}));
+    const std::string text = ReadFile(LogPath());
+    EXPECT_EQ(text.find("\n\n"), std::string::npos);
+    EXPECT_EQ(text.find('\0'), std::string::npos);
+    EXPECT_EQ(text.substr(text.size() - 3), " ab");
 }
 
 TEST_F(CDebugTest, LogFileWrapsToStartOrBehindTheStartUpPart)
@@ -147,7 +144,7 @@ TEST_F(CDebugTest, InitCreatesInitialRingWithHeaderAndMarkers)
     EXPECT_EQ(lineStart % 1024, 0u);
     EXPECT_NE(ring.find(std::string(100, '_')), std::string::npos);
     bool wrapped = true;
-    EXPECT_EQ(Entries(d->GetInitialRingPath(), &wrapped),
+    EXPECT_EQ(RingMessages(d->GetInitialRingPath(), &wrapped),
               (std::vector<std::string>{"### Start of initialization. ###", "CDebugTest          : visible 1"}));
     EXPECT_FALSE(wrapped);
     // The marker follows the newest entry.
@@ -158,12 +155,38 @@ TEST_F(CDebugTest, InitCreatesInitialRingWithHeaderAndMarkers)
     EXPECT_EQ(ReadFile(LogPath()).find("Tarvis Environment:"), std::string::npos);
 }
 
-TEST_F(CDebugTest, RingWrapFillsWithDotsAndRenewsHeader)
+// Small rings: the wrap (dot fill, renewed header, entries in order), an
+// entry that ends exactly 16 bytes before the end, and entries over a tenth
+// of the ring cut to 1024 characters.  The pre-fill is of whole 1024-byte
+// lines; the mapping covers exactly the length asked for.
+TEST_F(CDebugTest, SmallRingsWrapFillToTheirEndAndCutOversizeEntries)
 {
     auto d = MakeTracing();
+    const size_t kLen = 16100;
     std::string ring = m_Dir.Sub("small_ring");
+    ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), kLen));
+    EXPECT_EQ(d->GetRingBufferSize(), kLen);
+    EXPECT_EQ(ReadFile(ring).size(), 16384u);
+    auto pos = [&] {  // the end marker after the begin line
+        std::string t = ReadFile(ring);
+        return t.find("## TRACE-END ##\n", t.find("### Begin of RingBuffer. ###\n"));
+    };
+    size_t p = pos();
+    ASSERT_NE(p, std::string::npos);
+    while (kLen - p - 16 > 1100) {  // entries of 1000 bytes until less than 1100 are left
+        d->Print(1, "%s", std::string(1000 - Header(*d).size() - 1, 'f').c_str());
+        p = pos();
+    }
+    // The memory column may change its length: the header just before.
+    d->Print(1, "%s", std::string(kLen - 16 - p - Header(*d).size() - 1, 'x').c_str());
+    EXPECT_EQ(d->GetRingWrapCount(), 0u);
+    EXPECT_EQ(ReadFile(ring).substr(kLen - 16, 16), "## TRACE-END ##\n");
+    d->Print(1, "y");  // one more byte wraps
+    EXPECT_EQ(d->GetRingWrapCount(), 1u);
+    EXPECT_EQ(ReadFile(ring).substr(kLen - 16, 16), std::string(16, '.'));
+
+    ring = m_Dir.Sub("wrap_ring");
     ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), 16384));
-    EXPECT_EQ(d->GetRingBufferSize(), 16384u);
     for (int i = 0; i < 300; ++i)
         d->Print(1, "wrap entry %04d", i);
     EXPECT_GE(d->GetRingWrapCount(), 1u);
@@ -172,60 +195,28 @@ TEST_F(CDebugTest, RingWrapFillsWithDotsAndRenewsHeader)
     EXPECT_EQ(text.back(), '.');
     EXPECT_EQ(CTraceReader::MessageOf(SplitLines(text)[0]), "Tarvis Environment:");
     bool wrapped = false;
-    auto msg = Entries(ring, &wrapped);
+    auto msg = RingMessages(ring, &wrapped);
     EXPECT_TRUE(wrapped);
     ASSERT_GT(msg.size(), 20u);
-    // Consecutive and increasing all the way through to the newest.
-    const int first = 300 - static_cast<int>(msg.size());
+    const int first = 300 - static_cast<int>(msg.size());  // consecutive up to the newest
     for (size_t i = 0; i < msg.size(); ++i) {
         char expected[32];
         snprintf(expected, sizeof(expected), "wrap entry %04d", first + static_cast<int>(i));
         EXPECT_EQ(msg[i], expected);
     }
-}
 
-TEST_F(CDebugTest, EntryFillingRingUpTo16BytesBeforeEndDoesNotWrap)
-{
-    auto d = MakeTracing();
-    std::string ring = m_Dir.Sub("exact_ring");
-    ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), 16384));
-    auto pos = [&] {  // the end marker after the begin line
-        std::string t = ReadFile(ring);
-        return t.find("## TRACE-END ##\n", t.find("### Begin of RingBuffer. ###\n"));
-    };
-    size_t p = pos();
-    ASSERT_NE(p, std::string::npos);
-    while (16384 - p - 16 > 1100) {  // entries of 1000 bytes until less than 1100 are left
-        d->Print(1, "%s", std::string(1000 - Header(*d).size() - 1, 'f').c_str());
-        p = pos();
-    }
-    // The memory column may change its length: the header just before.
-    d->Print(1, "%s", std::string(16384 - 16 - p - Header(*d).size() - 1, 'x').c_str());
-    EXPECT_EQ(d->GetRingWrapCount(), 0u);
-    EXPECT_EQ(ReadFile(ring).substr(16384 - 16), "## TRACE-END ##\n");
-    d->Print(1, "y");  // one more byte wraps
-    EXPECT_EQ(d->GetRingWrapCount(), 1u);
-    EXPECT_EQ(ReadFile(ring).substr(16384 - 16), std::string(16, '.'));
-}
-
-TEST_F(CDebugTest, OversizeEntriesCutInASmallRingKeptWholeInALargerOne)
-{
-    auto d = MakeTracing();
     std::string big(3000, 'z');
-    std::string small = m_Dir.Sub("small"), large = m_Dir.Sub("large");
-    ASSERT_TRUE(d->InitRingBuffer(small.c_str(), 16384));  // a tenth is 1638
-    d->Print(1, "%s", big.c_str());
-    auto msg = Entries(small);
-    ASSERT_EQ(msg.size(), 3u);
-    EXPECT_EQ(msg[1], std::string(1024, 'z'));
-    EXPECT_EQ(msg[2], "## WARNING: TRACE-SIZE TOO BIG: Output Truncated!");
-    ASSERT_TRUE(d->InitRingBuffer(large.c_str(), 65536));
-    d->Print(1, "%s", big.c_str());
-    d->Print(1, "%s", std::string(1024, 'q').c_str());
-    msg = Entries(large);
-    ASSERT_EQ(msg.size(), 3u);
-    EXPECT_EQ(msg[1], big);
-    EXPECT_EQ(msg[2], std::string(1024, 'q'));
+    for (uint64_t size : {16384, 65536}) {  // a tenth of the first is 1638
+        ring = m_Dir.Sub("ring" + std::to_string(size));
+        ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), size));
+        d->Print(1, "%s", big.c_str());
+        d->Print(1, "%s", std::string(1024, 'q').c_str());
+        const std::vector<std::string> cut = {"### Start of initialization. ###", std::string(1024, 'z'),
+                                              "## WARNING: TRACE-SIZE TOO BIG: Output Truncated!",
+                                              std::string(1024, 'q')};
+        const std::vector<std::string> whole = {"### Start of initialization. ###", big, std::string(1024, 'q')};
+        EXPECT_EQ(RingMessages(ring), size == 16384 ? cut : whole);
+    }
 }
 
 TEST_F(CDebugTest, SetApplInitDoneCompressesInitialRingAndStartsActive)
@@ -249,7 +240,7 @@ TEST_F(CDebugTest, SetApplInitDoneCompressesInitialRingAndStartsActive)
     ASSERT_EQ(msg.size(), 3u);
     EXPECT_EQ(msg[1], "during start-up");
     EXPECT_EQ(msg[2], "### End of initialization. ###");
-    msg = Entries(d->GetActiveRingPath());
+    msg = RingMessages(d->GetActiveRingPath());
     ASSERT_EQ(msg.size(), 2u);
     EXPECT_EQ(msg[1], "after start-up");
     EXPECT_TRUE(Contains(Messages(Lines(d->GetActiveRingPath())), "Application Init Done      : 0"));
@@ -283,7 +274,7 @@ TEST_F(CDebugTest, CommandLineCallerNamesAndForcedSilence)
     EXPECT_TRUE(d->ForceMaxDebug(true));
     EXPECT_EQ(d->GetLevel(), 4u);
     d->Print(4, "back");
-    auto msg = Entries(d->GetInitialRingPath());
+    auto msg = RingMessages(d->GetInitialRingPath());
     EXPECT_EQ(std::vector<std::string>(msg.begin() + 1, msg.begin() + 4), cmd);
     EXPECT_EQ(std::vector<std::string>(msg.end() - 3, msg.end()),
               (std::vector<std::string>{"from module", "level zero still goes out", "back"}));
@@ -390,9 +381,7 @@ TEST_F(CDebugTest, EmptyConfigDirectoryKeepsTracingOffDespiteEnvironment)
     testsupport::TempDir elsewhere;
     Set("TR_LOG_RINGBUF_DIR", elsewhere.Path().c_str());
     WriteConfig("readme.txt", "not an ini\n");
-    Set("TR_LOG_DEBUG_LEVEL", "5");
-    Set("TraceFileLimit", "1");
-    Set("TR_LOG_RINGBUF_WEIGHT", "1");
+    SetTracing("5");
     d->Init("testprog");
     EXPECT_FALSE(d->IsEnabled());
     EXPECT_EQ(d->GetLevel(), 0u);
@@ -401,28 +390,64 @@ TEST_F(CDebugTest, EmptyConfigDirectoryKeepsTracingOffDespiteEnvironment)
     EXPECT_FALSE(testsupport::FileExists(elsewhere.Sub("log.testprog")));
 }
 
-TEST_F(CDebugTest, DynamicUpdateRereadsLevelOfChangedFile)
+// With an update interval set, the first entry after Init already looks at
+// the configuration files; later ones only once the interval has passed.
+TEST_F(CDebugTest, DynamicUpdateRereadsChangedFileAtTheFirstEntry)
 {
     std::string file = m_ConfigDir + "/p.ini";
     WriteConfig("p.ini", "[testprog]\nFileDebugLevel=2\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\n"
                          "TraceFlags=1\n[EndOfFile]\n");
-    Set("TR_LOG_DYNAMIC_UPDATE", "1");  // checked again once a second has passed
+    Set("TR_LOG_DYNAMIC_UPDATE", "3600");
     auto d = Make();
     ASSERT_EQ(d->GetLevel(), 2u);
-    WriteConfig("p.ini", "[testprog]\nFileDebugLevel=5\nTraceFlags=3\nMemoryTracesFlag=0\n[EndOfFile]\n");
-    struct timeval later[2];
-    gettimeofday(&later[0], nullptr);
-    later[0].tv_sec += 100;
-    later[1] = later[0];
-    ASSERT_EQ(utimes(file.c_str(), later), 0);
-    EXPECT_TRUE(testsupport::WaitFor([&] {
-        d->Print(1, "poll");
-        return d->GetLevel() == 5u;
-    }));
+    auto rewrite = [&](const std::string& text, int ahead) {
+        WriteConfig("p.ini", text);
+        struct timeval later[2];
+        gettimeofday(&later[0], nullptr);
+        later[0].tv_sec += ahead;
+        later[1] = later[0];
+        ASSERT_EQ(utimes(file.c_str(), later), 0);
+    };
+    rewrite("[testprog]\nFileDebugLevel=5\nTraceFlags=3\nMemoryTracesFlag=0\n[EndOfFile]\n", 100);
+    d->Print(1, "first");
+    EXPECT_EQ(d->GetLevel(), 5u);
     EXPECT_EQ(d->GetSavedLevel(), 5u);
     EXPECT_EQ(d->GetTraceFlags(), 3u);
     EXPECT_EQ(d->GetMemoryTracesFlag(), 0);
     EXPECT_EQ(d->GetRingBufferSize(), 4u * 256 * kPage);  // unchanged
+    rewrite("[testprog]\nFileDebugLevel=4\n[EndOfFile]\n", 200);
+    d->Print(1, "second");  // within the hour: not looked at
+    EXPECT_EQ(d->GetLevel(), 5u);
+}
+
+// ClassInit closes the outputs and forgets the run; the level stays, and a
+// new Init opens everything again.
+TEST_F(CDebugTest, ClassInitClosesOutputsAndKeepsTheLevel)
+{
+    WriteConfig("p.ini", "[testprog]\nTraceFlags=0x10\n[EndOfFile]\n");
+    Set("TR_LOG_FILE_MAX_SIZE", "9999");
+    auto d = MakeTracing("4");
+    d->SetApplInitDone();
+    d->Print(1, "before");
+    ASSERT_EQ(d->GetTraceFlags(), 16u);
+    const std::string ring = d->GetActiveRingPath(), log = ReadFile(LogPath());
+    d->ClassInit();
+    EXPECT_FALSE(d->IsEnabled() || d->IsApplInitDone());
+    EXPECT_EQ(d->GetTarget(), 0u);
+    EXPECT_EQ(d->GetLevel(), 4u);
+    EXPECT_EQ(d->GetTraceFlags(), 0u);
+    EXPECT_EQ(d->GetRingBufferSize(), 0u);
+    EXPECT_STREQ(d->GetActiveRingPath(), "");
+    EXPECT_STREQ(d->GetInitialRingPath(), "");
+    EXPECT_STREQ(d->GetLogFilePath(), "");
+    d->Print(0, "after");
+    d->PrintAlways("after");
+    EXPECT_EQ(ReadFile(LogPath()), log);
+    EXPECT_FALSE(Contains(RingMessages(ring), "after"));
+    ASSERT_TRUE(d->Init("testprog"));
+    EXPECT_EQ(d->GetTarget(), 2u);
+    d->Print(1, "again");
+    EXPECT_EQ(RingMessages(d->GetInitialRingPath()).back(), "again");
 }
 
 TEST_F(CDebugTest, BuildAppVarNameAndStringToLower)
@@ -451,9 +476,7 @@ TEST_F(CDebugTest, UnwritableDirectoryGoesOnWithoutFiles)
     static std::string logged;
     logged.clear();
     Set("TR_LOG_RINGBUF_DIR", m_Dir.Sub("no/such/dir").c_str());
-    Set("TR_LOG_DEBUG_LEVEL", "3");
-    Set("TraceFileLimit", "1");
-    Set("TR_LOG_RINGBUF_WEIGHT", "1");
+    SetTracing("3");
     auto d = std::make_unique<CDebug>();
     d->SetSysLogFunction([](int, const char* t) { logged += t; });
     d->SetConfigDirectory(m_ConfigDir.c_str());
