@@ -19,7 +19,6 @@ using testsupport::WaitFor;
 
 namespace {
 
-// Waits for its event, then returns a marker.
 struct Gate {
     explicit Gate(bool open = false) : go(open, true) {}
     CEvent go;
@@ -36,10 +35,9 @@ void* WaitAtGate(void* arg)
     return nullptr;
 }
 
-// Runs until cancelled; the destructor of a local object marks that the
-// cancellation unwound the thread.  Cancelled only at pthread_testcancel(),
-// outside any blocking call: a cancellation inside an intercepted blocking
-// call is one a thread sanitizer cannot follow.
+// Runs until cancelled at pthread_testcancel() (a cancellation inside an
+// intercepted blocking call is one a thread sanitizer cannot follow); a
+// local object's destructor marks the unwinding.
 struct Spinning {
     std::atomic<bool> entered{false};
     std::atomic<bool> unwound{false};
@@ -128,17 +126,25 @@ TEST(CThread, FiniteTerminationWaitWarnsAndJoinsLikeAnInfiniteOne)
     EXPECT_TRUE(trace.Has(warning));
 }
 
-TEST(CThread, DetachedThreadCannotBeWaitedFor)
+// A detached thread cannot be waited for; Kill cancels one that still runs
+// (unwinding it) and is harmless on one that has ended.
+TEST(CThread, DetachedThreadsAreCancelledNotWaitedFor)
 {
     Gate g;
+    Spinning b;
     CThread t;
     ASSERT_TRUE(t.Start(WaitAtGate, &g, 0, false, 0, 0, false));
     EXPECT_FALSE(t.WaitForTermination());
     g.go.Set();
     ASSERT_TRUE(WaitFor([&] { return !t.IsAlive(); }));
     EXPECT_TRUE(g.finished);
-    EXPECT_TRUE(t.Kill());  // of a finished detached thread: harmless
+    EXPECT_TRUE(t.Kill());
     EXPECT_EQ(t.GetId(), 0u);
+    ASSERT_TRUE(t.Start(SpinUntilCancelled, &b, 0, false, 0, 0, false));
+    ASSERT_TRUE(WaitFor([&] { return b.entered.load(); }));
+    EXPECT_TRUE(t.Kill());
+    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(WaitFor([&] { return b.unwound.load(); }));
 }
 
 TEST(CThread, KillJoinsAJoinableThreadAndStartAgainReplacesIt)
@@ -156,17 +162,6 @@ TEST(CThread, KillJoinsAJoinableThreadAndStartAgainReplacesIt)
     second.go.Set();
     EXPECT_TRUE(t.WaitForTermination());
     EXPECT_TRUE(second.finished);
-}
-
-TEST(CThread, KillCancelsARunningDetachedThread)
-{
-    Spinning b;
-    CThread t;
-    ASSERT_TRUE(t.Start(SpinUntilCancelled, &b, 0, false, 0, 0, false));
-    ASSERT_TRUE(WaitFor([&] { return b.entered.load(); }));
-    EXPECT_TRUE(t.Kill());
-    EXPECT_EQ(t.GetId(), 0u);
-    EXPECT_TRUE(WaitFor([&] { return b.unwound.load(); }));
 }
 
 TEST(CThread, NameAndScheduling)
@@ -197,19 +192,11 @@ TEST(CThread, ForbiddenPriorityFailsTheStart)
         struct rlimit none {};
         if (setrlimit(RLIMIT_RTPRIO, &none) != 0 || (getuid() == 0 && setuid(65534) != 0))
             return static_cast<int>(kNoDrop);
-        pthread_attr_t attr;  // the plain library call first: is it forbidden at all?
-        sched_param param{};
+        sched_param param{};  // is it forbidden at all (the child itself asks)?
         param.sched_priority = 1;
-        pthread_attr_init(&attr);
-        pthread_attr_setschedpolicy(&attr, SCHED_RR);
-        pthread_attr_setschedparam(&attr, &param);
-        pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-        pthread_t probe;
-        std::atomic<int> ran{0};
-        if (pthread_create(&probe, &attr, CountUp, &ran) == 0) {
-            pthread_join(probe, nullptr);
+        if (sched_setscheduler(0, SCHED_RR, &param) == 0)
             return static_cast<int>(kAllowed);
-        }
+        std::atomic<int> ran{0};
         CThread t;
         bool started = t.Start(CountUp, &ran, 1);
         t.WaitForTermination();
@@ -222,7 +209,8 @@ TEST(CThread, ForbiddenPriorityFailsTheStart)
     EXPECT_TRUE(trace.Has("pthread_create failed: " + std::to_string(EPERM)));
 }
 
-TEST(CThread, DestructorJoinsAJoinableThread)
+// The destructor joins; many short threads started and joined in turn.
+TEST(CThread, DestructorJoinsAndRoundsOfStartAndJoin)
 {
     Gate g;
     {
@@ -231,16 +219,11 @@ TEST(CThread, DestructorJoinsAJoinableThread)
         g.go.Set();
     }
     EXPECT_TRUE(g.finished);
-}
-
-TEST(CThread, StartedAndJoinedInRounds)
-{
     std::atomic<int> ran{0};
-    constexpr int kRounds = 200;
-    for (int i = 0; i < kRounds; ++i) {
+    for (int i = 0; i < 200; ++i) {
         CThread th;
         ASSERT_TRUE(th.Start(CountUp, &ran, 0, false, 0, 0, true));
         ASSERT_TRUE(th.WaitForTermination(TR_INFINITE));
     }
-    EXPECT_EQ(kRounds, ran.load());
+    EXPECT_EQ(200, ran.load());
 }
