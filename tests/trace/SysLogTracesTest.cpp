@@ -33,6 +33,14 @@ protected:
         SysLogTraces::getConnection().logMessageVaList(fmt, ap);
         va_end(ap);
     }
+    static bool Format(char* buf, size_t size, const char* fmt, ...)
+    {
+        va_list ap;
+        va_start(ap, fmt);
+        bool ok = SysLogTraces::FormatMessage(buf, size, fmt, ap);
+        va_end(ap);
+        return ok;
+    }
 };
 
 } // namespace
@@ -57,24 +65,13 @@ TEST_F(SysLogTracesTest, LeadingNewlinesSkippedLongTextCutNullIgnored)
     EXPECT_STREQ(SysLogTraces::getConnection().getProcName(), program_invocation_short_name);
 }
 
-namespace {
-bool FormatInto(char* buf, size_t size, const char* fmt, ...)
+// A null format gives the error text; a small buffer stays in bounds.
+TEST_F(SysLogTracesTest, FormatMessageOfNullFormatAndIntoSmallBuffers)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    bool ok = SysLogTraces::FormatMessage(buf, size, fmt, ap);
-    va_end(ap);
-    return ok;
-}
-} // namespace
-
-TEST(SysLogTracesFormat, NullFormatGivesErrorTextAndSmallBuffersStayInBounds)
-{
-    char buf[64];
-    EXPECT_FALSE(FormatInto(buf, sizeof(buf), nullptr));
+    char buf[64], tiny[4];
+    EXPECT_FALSE(Format(buf, sizeof(buf), nullptr));
     EXPECT_STREQ(buf, "ERROR: cann't format message");
-    char tiny[4];
-    EXPECT_TRUE(FormatInto(tiny, sizeof(tiny), "\n%s", "abcdef"));
+    EXPECT_TRUE(Format(tiny, sizeof(tiny), "\n%s", "abcdef"));
     EXPECT_STREQ(tiny, "abc");
 }
 
