@@ -33,9 +33,7 @@ std::string ReferenceTime(const struct timeval& tv)
 
 std::string CachedTime(traceheader::CTimeTextCache& cache, time_t sec, long usec)
 {
-    struct timeval tv;
-    tv.tv_sec = sec;
-    tv.tv_usec = usec;
+    const struct timeval tv = {sec, usec};
     char out[traceheader::kTimeTextSize];
     cache.Format(tv, out);
     return out;
@@ -109,12 +107,8 @@ TEST(CDebugTimeTextCache, MatchesStrftimeOverJumpsClockSetBackDaylightSavingAndO
             continue;  // no time zone data
         TzGuard tz(c.tz);
         traceheader::CTimeTextCache cache;
-        for (auto [sec, usec] : c.sequence) {
-            struct timeval tv;
-            tv.tv_sec = sec;
-            tv.tv_usec = usec;
-            EXPECT_EQ(CachedTime(cache, sec, usec), ReferenceTime(tv)) << sec << "." << usec;
-        }
+        for (auto [sec, usec] : c.sequence)
+            EXPECT_EQ(CachedTime(cache, sec, usec), ReferenceTime({sec, usec})) << sec << "." << usec;
         for (auto [sec, text] : c.exact)
             EXPECT_EQ(CachedTime(cache, sec, 7000), text);
     }
@@ -181,7 +175,9 @@ TEST(CResidentSize, FollowsProcRootRefusesMalformedStatmAndForkedChildReadsItsOw
     }), 0);
 }
 
-TEST(CDebugEntryHeader, MemoryColumnFromStatmOrFromStatusFallback)
+// The header of a trace object: the memory column from statm, or from the
+// status file without it; the time text between two clock readings.
+TEST(CDebugEntryHeader, MemoryColumnFromStatmOrStatusAndTimeBetweenClockReadings)
 {
     ProcRootGuard guard;
     testsupport::TempDir dir;
@@ -190,25 +186,17 @@ TEST(CDebugEntryHeader, MemoryColumnFromStatmOrFromStatusFallback)
     CProcess::SetProcRoot(dir.Path().c_str());
     CDebug debug;  // memory column on until configured otherwise
     char header[200];
-    int n = debug.SetEntryHeader(header, sizeof(header), "Bench");
-    ASSERT_GT(n, 0);
-    std::string h(header);
-    EXPECT_EQ(h.substr(23), " [" + std::string(header + 25, 8) + "]     2048 KB !Bench         ");
+    ASSERT_GT(debug.SetEntryHeader(header, sizeof(header), "Bench"), 0);
+    EXPECT_EQ(std::string(header).substr(23), " [" + std::string(header + 25, 8) + "]     2048 KB !Bench         ");
     ASSERT_TRUE(testsupport::WriteFile(pidDir + "/statm", StatmLine(1000)));
     CProcess::SetProcRoot(dir.Path().c_str());
     debug.SetEntryHeader(header, sizeof(header), "Bench");
     char expected[32];
     snprintf(expected, sizeof(expected), "%8zu KB !", static_cast<size_t>(1000 * kPage / 1024));
     EXPECT_EQ(std::string(header).substr(35, strlen(expected)), expected);
-}
-
-TEST(CDebugEntryHeader, TimeTextLiesBetweenClockReadings)
-{
-    CDebug debug;
     for (int i = 0; i < 2000; ++i) {
         struct timeval before, after;
         gettimeofday(&before, nullptr);
-        char header[200];
         debug.SetEntryHeader(header, sizeof(header), nullptr);
         gettimeofday(&after, nullptr);
         const std::string text(header, 23);
