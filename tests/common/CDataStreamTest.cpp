@@ -28,6 +28,8 @@ TEST(CDataStream, CopiesAreIndependentAndRangesOutOfItselfAreSafe)
     EXPECT_EQ(Contents(c), std::string("a\0b\xff", 4));
     EXPECT_FALSE(a == c);
     a.Append(nullptr, 4);
+    a.Append("!", 1);
+    EXPECT_EQ(Contents(a), "bye!");
     a.SetAt(nullptr, 3);
     EXPECT_TRUE(a.IsEmpty());
     CDataStream s("0123456789", 10);
