@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <pthread.h>
 #include <sched.h>
 #include <thread>
-#include <unistd.h>
+#include <vector>
 
 #include "common/CCriticalSection.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -30,9 +30,7 @@ void* HoldAndBlock(void*)
     g_Cancelled.Enter();
     pthread_cleanup_push(CCriticalSection::CleanupHandlerForCritSecMutex, &g_Cancelled);
     g_Entered = true;
-    // Cancelled only here, outside any blocking call: a cancellation inside
-    // an intercepted blocking call is one a thread sanitizer cannot follow.
-    for (;;) {
+    for (;;) {  // cancelled here: never inside a blocking call a sanitizer intercepts
         pthread_testcancel();
         sched_yield();
     }
@@ -88,8 +86,7 @@ TEST(CCriticalSection, CancellationCleanupReleasesTheLock)
 {
     pthread_t th;
     ASSERT_EQ(pthread_create(&th, nullptr, HoldAndBlock, nullptr), 0);
-    for (int i = 0; i < 10000 && !g_Entered; ++i)
-        usleep(1000);
+    ASSERT_TRUE(testsupport::WaitFor([] { return g_Entered.load(); }));
     EXPECT_FALSE(FreeForOthers(g_Cancelled));
     ASSERT_EQ(pthread_cancel(th), 0);
     void* status = nullptr;

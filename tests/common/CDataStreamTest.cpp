@@ -3,7 +3,7 @@
 #include <string>
 
 #include "common/CDataStream.h"
-#include "support/TestSupport.h"
+#include "support/TraceEnv.h"
 
 namespace {
 
@@ -28,6 +28,8 @@ TEST(CDataStream, CopiesAreIndependentAndRangesOutOfItselfAreSafe)
     EXPECT_EQ(Contents(c), std::string("a\0b\xff", 4));
     EXPECT_FALSE(a == c);
     a.Append(nullptr, 4);
+    a.Append("!", 1);
+    EXPECT_EQ(Contents(a), "bye!");
     a.SetAt(nullptr, 3);
     EXPECT_TRUE(a.IsEmpty());
     CDataStream s("0123456789", 10);
@@ -39,43 +41,46 @@ TEST(CDataStream, CopiesAreIndependentAndRangesOutOfItselfAreSafe)
     EXPECT_EQ(Contents(s).substr(s.GetSize() - 10), "2345623456");
 }
 
-TEST(CDataStream, ReadFromFileErrorsKeepTheContents)
+// Every failure keeps the contents and is traced (an error entry) with the
+// text kept as the last error; a file longer than the cap is refused whole.
+TEST(CDataStream, ReadFromFileReadsWholeFilesOrFailsKeepingTheContents)
 {
-    testsupport::TempDir dir;
-    const std::string missing = dir.Sub("no-such-file");
-    const struct {
-        const char* path;
-        std::string error;
-    } cases[] = {
-        {"", "CDataStream::ReadFromFile() : Argument file path is empty!"},
-        {nullptr, "CDataStream::ReadFromFile() : Argument file path is empty!"},
-        {missing.c_str(), "CDataStream::ReadFromFile() : Could not read file : '" + missing + "'"},
-        {dir.Path().c_str(), "CDataStream::ReadFromFile() : Could not read file : '" + dir.Path() + "'"},
-    };
-    for (const auto& c : cases) {
-        CDataStream s("keep", 4);
-        EXPECT_FALSE(s.ReadFromFile(c.path));
-        EXPECT_EQ(s.GetLastError(), c.error);
-        EXPECT_EQ(Contents(s), "keep");
-    }
-}
-
-TEST(CDataStream, ReadFromFileReadsBinaryContentsUpToTheCap)
-{
+    testsupport::GlobalTrace trace;
     testsupport::TempDir dir;
     std::string data;
     for (int i = 0; i < 70000; ++i)  // more than one read step, every byte value
         data.push_back(static_cast<char>(i * 7));
-    ASSERT_TRUE(testsupport::WriteFile(dir.Sub("blob"), data));
+    const std::string blob = dir.Sub("blob"), missing = dir.Sub("no-such-file");
+    ASSERT_TRUE(testsupport::WriteFile(blob, data));
     ASSERT_TRUE(testsupport::WriteFile(dir.Sub("empty"), ""));
+    const std::string empty = "CDataStream::ReadFromFile() : Argument file path is empty!";
+    auto unreadable = [](const std::string& path) {
+        return "CDataStream::ReadFromFile() : Could not read file : '" + path + "'";
+    };
+    const struct {
+        const char* path;
+        size_t cap;
+        std::string error;
+    } failures[] = {
+        {"", CDataStream::kMaxFileSize, empty},
+        {nullptr, CDataStream::kMaxFileSize, empty},
+        {missing.c_str(), CDataStream::kMaxFileSize, unreadable(missing)},
+        {dir.Path().c_str(), CDataStream::kMaxFileSize, unreadable(dir.Path())},
+        {blob.c_str(), data.size() - 1, unreadable(blob)},
+    };
+    for (const auto& c : failures) {
+        CDataStream s("keep", 4);
+        EXPECT_FALSE(s.ReadFromFile(c.path, c.cap));
+        EXPECT_EQ(s.GetLastError(), c.error);
+        EXPECT_EQ(Contents(s), "keep");
+        EXPECT_TRUE(trace.Has(c.error)) << c.error;
+    }
     CDataStream s("old", 3);
-    ASSERT_TRUE(s.ReadFromFile(dir.Sub("blob").c_str()));
+    ASSERT_TRUE(s.ReadFromFile(blob.c_str(), data.size()));
     EXPECT_EQ(Contents(s), data);
     EXPECT_TRUE(s.GetLastError().empty());
     ASSERT_TRUE(s.ReadFromFile(dir.Sub("empty").c_str()));
     EXPECT_TRUE(s.IsEmpty());
-    ASSERT_TRUE(s.ReadFromFile(dir.Sub("blob").c_str(), 100));
-    EXPECT_EQ(Contents(s), data.substr(0, 100));
 }
 
 TEST(CDataStream, DumpHexLayoutAndReader)

@@ -10,26 +10,52 @@
 
 namespace testsupport {
 
-void TraceEnv::SetUp()
+void TraceVariables::Clear(const std::string& program, const std::string& dir)
 {
-    std::string perProgram = "TR_LOG_RINGBUF_WEIGHT_" + m_Program;
+    std::string perProgram = "TR_LOG_RINGBUF_WEIGHT_" + program;
     for (auto& c : perProgram)
         c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
     for (const char* v : {"TR_LOG_DYNAMIC_UPDATE", "TR_LOG_DEBUG_LEVEL", "TR_LOG_FILE_DIR", "TR_LOG_FILE_MAX_SIZE",
                           "TR_LOG_RINGBUF_WEIGHT", "TR_LOG_NOHDR_TOSDTERR", "TraceFileLimit", perProgram.c_str()})
         Set(v, nullptr);
-    Set("TR_LOG_RINGBUF_DIR", m_Dir.Path().c_str());
+    Set("TR_LOG_RINGBUF_DIR", dir.c_str());
 }
 
-// The variables are restored newest first: a variable set twice gets its
-// value from before the test back.
-TraceEnv::~TraceEnv()
+TraceVariables::~TraceVariables()
 {
     while (!m_Env.empty())
         m_Env.pop_back();
 }
 
-void TraceEnv::Set(const char* name, const char* value) { m_Env.push_back(std::make_unique<ScopedEnv>(name, value)); }
+void TraceVariables::Set(const char* name, const char* value)
+{
+    m_Env.push_back(std::make_unique<ScopedEnv>(name, value));
+}
+
+void TraceVariables::SetTracing(const char* level)
+{
+    Set("TR_LOG_DEBUG_LEVEL", level);
+    Set("TraceFileLimit", "1");
+    Set("TR_LOG_RINGBUF_WEIGHT", "1");
+}
+
+GlobalTrace::GlobalTrace(const char* level)
+{
+    Clear("testprog", m_Dir.Path());
+    SetTracing(level);
+    Debug.SetSysLogFunction([](int, const char*) {});
+    Debug.SetConfigDirectory(m_Dir.Sub("config").c_str());
+    Debug.Init("testprog");
+}
+
+GlobalTrace::~GlobalTrace() { Debug.ClassInit(); }
+
+std::vector<std::string> GlobalTrace::Messages() const
+{
+    return TraceEnv::RingMessages(m_Dir.Sub("log.testprog_i"));
+}
+
+bool GlobalTrace::Has(const std::string& message) const { return TraceEnv::Contains(Messages(), message); }
 
 std::unique_ptr<CDebug> TraceEnv::Make(const char* name)
 {
@@ -42,9 +68,7 @@ std::unique_ptr<CDebug> TraceEnv::Make(const char* name)
 
 std::unique_ptr<CDebug> TraceEnv::MakeTracing(const char* level)
 {
-    Set("TR_LOG_DEBUG_LEVEL", level);
-    Set("TraceFileLimit", "1");
-    Set("TR_LOG_RINGBUF_WEIGHT", "1");
+    SetTracing(level);
     return Make();
 }
 

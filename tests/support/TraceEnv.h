@@ -1,7 +1,8 @@
 // The trace environment of the tests: the machine's trace variables cleared,
 // a temporary trace directory (TR_LOG_RINGBUF_DIR), a configuration directory
 // of the test's own (missing until a test writes files into it), CDebug
-// objects of their own with syslog silenced, and readers for what they wrote.
+// objects of their own with syslog silenced, and readers for what they wrote;
+// or the program's own `Debug` tracing into a temporary ring for a while.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,22 +17,40 @@
 
 namespace testsupport {
 
-class TraceEnv : public ::testing::Test {
-protected:
-    explicit TraceEnv(std::string program = "testprog") : m_Program(std::move(program)) {}
-    ~TraceEnv() override;
-    void SetUp() override;
-
-    /// Sets (null: unsets) a variable until the end of the test.
+/// Trace variables set for the object's lifetime.
+class TraceVariables {
+public:
+    /// Restores the variables newest first: a variable set twice gets its
+    /// value from before back.
+    ~TraceVariables();
+    /// Sets (null: unsets) a variable until the end of the object.
     void Set(const char* name, const char* value);
-    /// A CDebug configured from m_ConfigDir and the environment.
-    std::unique_ptr<CDebug> Make(const char* name = nullptr);
+    /// Unsets the machine's trace variables; the trace directory is `dir`.
+    void Clear(const std::string& program, const std::string& dir);
     /// Tracing on at `level` with the smallest ring (1 MiB, 4 MiB at start-up).
-    std::unique_ptr<CDebug> MakeTracing(const char* level = "3");
-    /// Writes a configuration file into m_ConfigDir.
-    void WriteConfig(const std::string& file, const std::string& text);
-    std::string LogPath() const { return m_Dir.Sub("log." + m_Program); }
+    void SetTracing(const char* level);
 
+private:
+    std::vector<std::unique_ptr<ScopedEnv>> m_Env;
+};
+
+/// The program's `Debug` tracing at `level` into the ring of a temporary
+/// directory (library code traces there) while the object lives; closed
+/// again (ClassInit) at its end.
+class GlobalTrace : public TraceVariables {
+public:
+    explicit GlobalTrace(const char* level = "3");
+    ~GlobalTrace();
+    /// The messages of the ring.
+    std::vector<std::string> Messages() const;
+    bool Has(const std::string& message) const;
+
+private:
+    TempDir m_Dir;
+};
+
+class TraceEnv : public ::testing::Test, public TraceVariables {
+public:
     /// The lines of a file.
     static std::vector<std::string> Lines(const std::string& path);
     /// The messages of entry lines (CTraceReader::MessageOf).
@@ -46,10 +65,21 @@ protected:
     /// Expects a normal exit of the child with `code`.
     static void ExpectExit(int status, int code);
 
+protected:
+    explicit TraceEnv(std::string program = "testprog") : m_Program(std::move(program)) {}
+    void SetUp() override { Clear(m_Program, m_Dir.Path()); }
+
+    /// A CDebug configured from m_ConfigDir and the environment.
+    std::unique_ptr<CDebug> Make(const char* name = nullptr);
+    /// A CDebug as Make, tracing at `level` (SetTracing).
+    std::unique_ptr<CDebug> MakeTracing(const char* level = "3");
+    /// Writes a configuration file into m_ConfigDir.
+    void WriteConfig(const std::string& file, const std::string& text);
+    std::string LogPath() const { return m_Dir.Sub("log." + m_Program); }
+
     std::string m_Program;
     TempDir m_Dir;
     std::string m_ConfigDir = m_Dir.Sub("config");
-    std::vector<std::unique_ptr<ScopedEnv>> m_Env;
 };
 
 } // namespace testsupport

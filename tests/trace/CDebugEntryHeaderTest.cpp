@@ -6,19 +6,15 @@
 #include "trace/CDebug.h"
 #include "trace/CDebugEntryHeaderInternal.h"
 
-#include "support/TestSupport.h"
+#include "support/TraceEnv.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <memory>
-#include <string>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -37,9 +33,7 @@ std::string ReferenceTime(const struct timeval& tv)
 
 std::string CachedTime(traceheader::CTimeTextCache& cache, time_t sec, long usec)
 {
-    struct timeval tv;
-    tv.tv_sec = sec;
-    tv.tv_usec = usec;
+    const struct timeval tv = {sec, usec};
     char out[traceheader::kTimeTextSize];
     cache.Format(tv, out);
     return out;
@@ -51,6 +45,8 @@ struct TzGuard {
     testsupport::ScopedEnv env;
 };
 
+const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+
 struct ProcRootGuard {
     ~ProcRootGuard() { CProcess::SetProcRoot(nullptr); }
 };
@@ -61,23 +57,17 @@ std::string StatmLine(uint64_t residentPages) { return "2000 " + std::to_string(
 
 TEST(CDebugEntryHeaderFormat, SameBytesAndResultAsSnprintf)
 {
-    const std::string longName(300, 'n');
-    const std::vector<std::string> times = {"2024-02-29 23:59:59.999", traceheader::kUnknownTime, "",
-                                            std::string(70, 't')};
-    const std::vector<std::string> names = {"", "kopd", "exactly13char", "fourteen_chars", std::string(128, 'x'),
-                                            std::string(129, 'y'), longName};
-    const std::vector<unsigned> threads = {0u, 0xDEADBEEFu, 0xFFFFFFFFu, 0x0000A0B1u};
-    const std::vector<uint64_t> sizes = {0, 7, 12345678, 123456789, 0xFFFFFFFFFFFFFFFFull};
-    const std::vector<size_t> bufferSizes = {0, 1, 10, 40, 128, 600};
+    const std::string times[] = {"2024-02-29 23:59:59.999", traceheader::kUnknownTime, "", std::string(70, 't')};
+    const std::string names[] = {"", "kopd", "exactly13char", "fourteen_chars", std::string(128, 'x'),
+                                 std::string(129, 'y'), std::string(300, 'n')};
     int cases = 0;
     for (const auto& t : times)
         for (const auto& n : names)
-            for (unsigned th : threads)
-                for (uint64_t kb : sizes)
-                    for (bool memory : {false, true})
-                        for (size_t size : bufferSizes) {
-                            char expected[600];
-                            char actual[600];
+            for (unsigned th : {0u, 0xDEADBEEFu, 0xFFFFFFFFu, 0x0000A0B1u})
+                for (uint64_t kb : {0ull, 7ull, 12345678ull, 123456789ull, 0xFFFFFFFFFFFFFFFFull})
+                    for (int memory = 0; memory < 2; ++memory)
+                        for (size_t size : {0, 1, 10, 40, 128, 600}) {
+                            char expected[600], actual[600];
                             memset(expected, '#', sizeof(expected));
                             memset(actual, '#', sizeof(actual));
                             int e = memory ? snprintf(expected, size, "%s [%08X] %8zu %s !%-13s ", t.c_str(), th,
@@ -86,8 +76,7 @@ TEST(CDebugEntryHeaderFormat, SameBytesAndResultAsSnprintf)
                             int a = traceheader::FormatEntryHeader(actual, size, t.c_str(), th, memory, kb, n.c_str());
                             ASSERT_EQ(a, e) << "time '" << t << "' name '" << n << "' size " << size;
                             // Nothing written beyond what snprintf wrote.
-                            ASSERT_EQ(0, memcmp(expected, actual, sizeof(expected)))
-                                << "time '" << t << "' name '" << n << "' size " << size;
+                            ASSERT_EQ(0, memcmp(expected, actual, sizeof(expected))) << t << "/" << n << "/" << size;
                             ++cases;
                         }
     EXPECT_GT(cases, 1000);
@@ -118,18 +107,16 @@ TEST(CDebugTimeTextCache, MatchesStrftimeOverJumpsClockSetBackDaylightSavingAndO
             continue;  // no time zone data
         TzGuard tz(c.tz);
         traceheader::CTimeTextCache cache;
-        for (auto [sec, usec] : c.sequence) {
-            struct timeval tv;
-            tv.tv_sec = sec;
-            tv.tv_usec = usec;
-            EXPECT_EQ(CachedTime(cache, sec, usec), ReferenceTime(tv)) << sec << "." << usec;
-        }
+        for (auto [sec, usec] : c.sequence)
+            EXPECT_EQ(CachedTime(cache, sec, usec), ReferenceTime({sec, usec})) << sec << "." << usec;
         for (auto [sec, text] : c.exact)
             EXPECT_EQ(CachedTime(cache, sec, 7000), text);
     }
 }
 
-TEST(CResidentSize, EqualsVmRssOfStatusFile)
+// The real statm file against VmRSS of the status file; one read serves a
+// sample key, a new key (or none) reads again.
+TEST(CResidentSize, EqualsVmRssAndIsReadOncePerSampleKey)
 {
     CResidentSizeReader reader;
     // Memory may change between the two reads (another thread of the test
@@ -143,121 +130,73 @@ TEST(CResidentSize, EqualsVmRssOfStatusFile)
         equal = fast == status;
     }
     EXPECT_TRUE(equal) << "statm " << fast << " kB, status " << status << " kB";
-    EXPECT_GT(fast, 0u);
-}
-
-TEST(CResidentSize, SampleKeySharesOneReadAndNewKeyReadsAgain)
-{
-    CResidentSizeReader reader;
-    uint64_t first = 0;
+    uint64_t first = 0, again = 0, fresh = 0, unkeyed = 0;
     ASSERT_TRUE(reader.ReadKilobytes(first, 42));
-    // 64 MiB made resident: a new read must see it, the same key must not.
-    const size_t size = 64u << 20;
+    const size_t size = 64u << 20;  // made resident: a new read must see it
     std::unique_ptr<char[]> ballast(new char[size]);
     memset(ballast.get(), 1, size);
-    uint64_t again = 0;
-    ASSERT_TRUE(reader.ReadKilobytes(again, 42));
+    ASSERT_TRUE(reader.ReadKilobytes(again, 42) && reader.ReadKilobytes(fresh, 43) && reader.ReadKilobytes(unkeyed));
     EXPECT_EQ(again, first);
-    uint64_t fresh = 0;
-    ASSERT_TRUE(reader.ReadKilobytes(fresh, 43));
     EXPECT_GE(fresh, first + 60000);
-    uint64_t unkeyed = 0;
-    ASSERT_TRUE(reader.ReadKilobytes(unkeyed));
     EXPECT_GE(unkeyed, first + 60000);
     EXPECT_EQ(ballast[size - 1], 1);
 }
 
-TEST(CResidentSize, FollowsProcRootAndRejectsMalformedStatm)
+// A switched /proc root is followed at once, malformed statm contents are
+// refused, and a forked child reads its own file, not the parent's.
+TEST(CResidentSize, FollowsProcRootRefusesMalformedStatmAndForkedChildReadsItsOwn)
 {
     ProcRootGuard guard;
     testsupport::TempDir dir;
     const std::string pidDir = dir.Sub(std::to_string(getpid()));
-    ASSERT_TRUE(testsupport::MakeDirs(pidDir));
     ASSERT_TRUE(testsupport::WriteFile(pidDir + "/statm", StatmLine(25)));
-    const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-
     CResidentSizeReader reader;
     uint64_t kb = 0;
-    ASSERT_TRUE(reader.ReadKilobytes(kb, 1)); // the real one
+    ASSERT_TRUE(reader.ReadKilobytes(kb, 1));  // the real one
     CProcess::SetProcRoot(dir.Path().c_str());
-    ASSERT_TRUE(reader.ReadKilobytes(kb, 1)); // same key, but /proc switched
-    EXPECT_EQ(kb, 25 * page / 1024);
-
+    ASSERT_TRUE(reader.ReadKilobytes(kb, 1));  // same key, but /proc switched
+    EXPECT_EQ(kb, 25 * kPage / 1024);
     for (const char* bad : {"", "abc def\n", "12\n", "12 x9\n", "12 \n", " 5 6\n", "12 99999999999999999999999\n"}) {
-        ProcRootGuard inner;
-        CProcess::SetProcRoot(dir.Path().c_str()); // reopen for the new content
         ASSERT_TRUE(testsupport::WriteFile(pidDir + "/statm", bad));
+        CProcess::SetProcRoot(dir.Path().c_str());  // reopen for the new content
         uint64_t value = 777;
         EXPECT_FALSE(reader.ReadKilobytes(value)) << "'" << bad << "'";
         EXPECT_EQ(value, 777u);
     }
-    ASSERT_TRUE(testsupport::WriteFile(pidDir + "/statm", "1 3"));
+    ASSERT_TRUE(testsupport::WriteFile(pidDir + "/statm", "1 4"));
     CProcess::SetProcRoot(dir.Path().c_str());
-    ASSERT_TRUE(reader.ReadKilobytes(kb));
-    EXPECT_EQ(kb, 3 * page / 1024);
-}
-
-TEST(CResidentSize, ForkedChildReadsItsOwnFile)
-{
-    ProcRootGuard guard;
-    testsupport::TempDir dir;
-    const std::string parentDir = dir.Sub(std::to_string(getpid()));
-    ASSERT_TRUE(testsupport::MakeDirs(parentDir));
-    ASSERT_TRUE(testsupport::WriteFile(parentDir + "/statm", StatmLine(4)));
-    CProcess::SetProcRoot(dir.Path().c_str());
-    const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-    CResidentSizeReader reader;
-    uint64_t kb = 0;
     ASSERT_TRUE(reader.ReadKilobytes(kb, 9));
-    ASSERT_EQ(kb, 4 * page / 1024);
-
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    EXPECT_EQ(kb, 4 * kPage / 1024);
+    testsupport::TraceEnv::ExpectExit(testsupport::TraceEnv::InChild([&] {
         const std::string own = dir.Sub(std::to_string(getpid()));
-        bool ok = testsupport::MakeDirs(own) && testsupport::WriteFile(own + "/statm", StatmLine(8));
         uint64_t value = 0;
-        ok = ok && reader.ReadKilobytes(value, 9) && value == 8 * page / 1024;
-        _exit(ok ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "the child read its parent's figure";
+        bool ok = testsupport::WriteFile(own + "/statm", StatmLine(8)) && reader.ReadKilobytes(value, 9);
+        return ok && value == 8 * kPage / 1024 ? 0 : 1;
+    }), 0);
 }
 
-TEST(CDebugEntryHeader, MemoryColumnFromStatmOrFromStatusFallback)
+// The header of a trace object: the memory column from statm, or from the
+// status file without it; the time text between two clock readings.
+TEST(CDebugEntryHeader, MemoryColumnFromStatmOrStatusAndTimeBetweenClockReadings)
 {
     ProcRootGuard guard;
     testsupport::TempDir dir;
     const std::string pidDir = dir.Sub(std::to_string(getpid()));
-    ASSERT_TRUE(testsupport::MakeDirs(pidDir));
     ASSERT_TRUE(testsupport::WriteFile(pidDir + "/status", "Name:\tx\nVmRSS:\t    2048 kB\n"));
     CProcess::SetProcRoot(dir.Path().c_str());
-
-    CDebug debug; // memory column on until configured otherwise
+    CDebug debug;  // memory column on until configured otherwise
     char header[200];
-    int n = debug.SetEntryHeader(header, sizeof(header), "Bench");
-    ASSERT_GT(n, 0);
-    std::string h(header);
-    EXPECT_EQ(h.substr(23), " [" + std::string(header + 25, 8) + "]     2048 KB !Bench         ");
-
-    const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    ASSERT_GT(debug.SetEntryHeader(header, sizeof(header), "Bench"), 0);
+    EXPECT_EQ(std::string(header).substr(23), " [" + std::string(header + 25, 8) + "]     2048 KB !Bench         ");
     ASSERT_TRUE(testsupport::WriteFile(pidDir + "/statm", StatmLine(1000)));
     CProcess::SetProcRoot(dir.Path().c_str());
     debug.SetEntryHeader(header, sizeof(header), "Bench");
     char expected[32];
-    snprintf(expected, sizeof(expected), "%8zu KB !", static_cast<size_t>(1000 * page / 1024));
+    snprintf(expected, sizeof(expected), "%8zu KB !", static_cast<size_t>(1000 * kPage / 1024));
     EXPECT_EQ(std::string(header).substr(35, strlen(expected)), expected);
-}
-
-TEST(CDebugEntryHeader, TimeTextLiesBetweenClockReadings)
-{
-    CDebug debug;
     for (int i = 0; i < 2000; ++i) {
         struct timeval before, after;
         gettimeofday(&before, nullptr);
-        char header[200];
         debug.SetEntryHeader(header, sizeof(header), nullptr);
         gettimeofday(&after, nullptr);
         const std::string text(header, 23);

@@ -1,6 +1,6 @@
 // The trace facility under stress and interference: many threads wrapping
-// the ring buffer, the ring file truncated under the running program,
-// symbolic links planted at the trace files, descriptors leaking to children.
+// the ring buffer, symbolic links planted at the trace files, descriptors
+// leaking to children (cuts of the ring file: CDebugRingCutFaultTest).
 #include "daemon/CProcess.h"
 #include "trace/CDebug.h"
 #include "trace/CTraceReader.h"
@@ -12,14 +12,9 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <map>
-#include <memory>
 #include <set>
-#include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -83,29 +78,6 @@ TEST_F(CDebugFaultTest, ManyThreadsWrappingTheRingLoseAndDuplicateNothing)
         EXPECT_EQ(i, logged.count(t) ? logged[t] + 1000 : 0) << l;
         logged[t] = i;
     }
-}
-
-TEST_F(CDebugFaultTest, RingFileTruncatedUnderTheProgramDoesNotKillIt)
-{
-    ExpectExit(InChild([this] {
-                   auto d = MakeTracing();
-                   d->SetApplInitDone();
-                   const std::string ring = d->GetActiveRingPath();
-                   for (int round = 0; round < 3; ++round) {
-                       for (int i = 0; i < 2000; ++i)
-                           d->Print(1, "\nFaultTest          : before cut %d %d", round, i);
-                       // Shrink it to nothing and to less than a page.
-                       if (d->GetTarget() != CDebug::TARGET_RINGBUFFER || truncate(ring.c_str(), round % 2 ? 100 : 0))
-                           return 2;
-                       for (int i = 0; i < 6000; ++i)
-                           d->Print(1, "\nFaultTest          : after cut %d %d", round, i);
-                   }
-                   struct stat st {};
-                   if (stat(ring.c_str(), &st) != 0 || static_cast<uint64_t>(st.st_size) != d->GetRingBufferSize())
-                       return 3;  // not grown back
-                   return 0;
-               }),
-               0);
 }
 
 TEST_F(CDebugFaultTest, SymlinksPlantedAtTheTraceFilesAreNotFollowed)

@@ -2,8 +2,8 @@
 // while another thread writes, across a wrap), and bus errors that have
 // nothing to do with the ring: those must still reach the handler installed
 // before the trace facility, or kill the process as they would without it.
-// Every case runs in a child process, since signal dispositions are
-// process-wide and some cases are meant to die.
+// Every case runs in a child process (signal dispositions are process-wide,
+// and some cases are meant to die); the child's exit code says what failed.
 #include "trace/CDebug.h"
 
 #include "support/TraceEnv.h"
@@ -13,17 +13,12 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
-#include <memory>
-#include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define RING_CUT_TEST_SANITIZER 1
@@ -35,18 +30,8 @@
 
 namespace {
 
-// Exit codes of the children.
-enum {
-    kOk = 0,
-    kNoRing = 2,
-    kNotRestored = 3,
-    kEntryMissing = 4,
-    kEntryTwice = 5,
-    kNoWrap = 6,
-    kSetupFailed = 7,
-    kSurvivedFault = 8,
-    kOwnHandlerRan = 42,
-};
+constexpr int kOk = 0, kNoRing = 2, kNotRestored = 3, kEntryMissing = 4, kEntryTwice = 5, kNoWrap = 6;
+constexpr int kSetupFailed = 7, kSurvivedFault = 8, kOwnHandlerRan = 42;
 
 // Maps a fresh file of two pages and cuts it to nothing: the returned
 // address faults when touched.
@@ -64,20 +49,36 @@ volatile char* CutMapping(const std::string& path)
 
 void OwnBusHandler(int, siginfo_t*, void*) { _exit(kOwnHandlerRan); }
 
+bool InstallOwnBusHandler()
+{
+    struct sigaction sa {};
+    sa.sa_sigaction = OwnBusHandler;
+    sa.sa_flags = SA_SIGINFO;
+    sigemptyset(&sa.sa_mask);
+    return sigaction(SIGBUS, &sa, nullptr) == 0;
+}
+
 class CDebugRingCutFaultTest : public testsupport::TraceEnv {
 protected:
     CDebugRingCutFaultTest() : TraceEnv("cutprog") {}
-    // Tracing at level 3 into the active ring (1 MiB).
-    std::unique_ptr<CDebug> MakeActive()
+    // Runs `body` in a child with tracing at level 3 into the active ring
+    // (1 MiB), the program's own SIGBUS handler installed before when asked
+    // for; the child's wait status.
+    int InActiveChild(const std::function<int(CDebug&)>& body, bool ownBusHandler = false)
     {
-        auto d = MakeTracing();
-        d->SetApplInitDone();
-        return d;
+        return InChild([&] {
+            if (ownBusHandler && !InstallOwnBusHandler())
+                return kSetupFailed;
+            auto d = MakeTracing();
+            d->SetApplInitDone();
+            return d->GetTarget() == CDebug::TARGET_RINGBUFFER ? body(*d) : kNoRing;
+        });
     }
-    // The number of times `what` occurs in the ring.
-    static int CountInRing(const CDebug& d, const std::string& what)
+    // kOk when `what` is in the ring exactly once.
+    static int Once(const CDebug& d, const std::string& what)
     {
-        return static_cast<int>(testsupport::CountOf(testsupport::ReadFile(d.GetActiveRingPath()), what));
+        size_t n = testsupport::CountOf(testsupport::ReadFile(d.GetActiveRingPath()), what);
+        return n == 1 ? kOk : n == 0 ? kEntryMissing : kEntryTwice;
     }
     static bool WholeSize(const CDebug& d)
     {
@@ -88,78 +89,62 @@ protected:
 
 TEST_F(CDebugRingCutFaultTest, EveryEntryAfterACutIsWrittenOnceAndTheFileGrownBack)
 {
-    ExpectExit(InChild([this] {
-                   auto d = MakeActive();
-                   if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
-                       return static_cast<int>(kNoRing);
+    ExpectExit(InActiveChild([](CDebug& d) {
                    for (int i = 0; i < 300; ++i)
-                       d->Print(1, "\nCutTest            : before %d", i);
+                       d.Print(1, "\nCutTest            : before %d", i);
                    // Cut to nothing, then to less than a page (the entries go
                    // to pages behind the new end either way).
                    for (int round = 0; round < 2; ++round) {
-                       if (truncate(d->GetActiveRingPath(), round ? 100 : 0) != 0)
-                           return static_cast<int>(kNoRing);
+                       if (truncate(d.GetActiveRingPath(), round ? 100 : 0) != 0)
+                           return kNoRing;
                        for (int i = 0; i < 50; ++i)
-                           d->Print(1, "\nCutTest            : after R%d S%d END", round, i);
+                           d.Print(1, "\nCutTest            : after R%d S%d END", round, i);
                        // The next cut wipes these again: check them now.
-                       if (!WholeSize(*d))
-                           return static_cast<int>(kNotRestored);
-                       for (int i = 0; i < 50; ++i) {
-                           int n = CountInRing(*d, "after R" + std::to_string(round) + " S" + std::to_string(i) + " END\n");
-                           if (n != 1)
-                               return static_cast<int>(n == 0 ? kEntryMissing : kEntryTwice);
-                       }
+                       if (!WholeSize(d))
+                           return kNotRestored;
+                       for (int i = 0; i < 50; ++i)
+                           if (int rc = Once(d, "after R" + std::to_string(round) + " S" + std::to_string(i) + " END\n"))
+                               return rc;
                    }
-                   return static_cast<int>(kOk);
+                   return kOk;
                }),
                kOk);
 }
 
 TEST_F(CDebugRingCutFaultTest, CutBeforeEveryEntryAcrossAWrapLosesNothingWrittenAfterIt)
 {
-    ExpectExit(InChild([this] {
-                   auto d = MakeActive();
-                   if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
-                       return static_cast<int>(kNoRing);
-                   const std::string ring = d->GetActiveRingPath();
-                   // Fill the ring close to its end without cuts.
+    ExpectExit(InActiveChild([](CDebug& d) {
+                   const std::string ring = d.GetActiveRingPath();
+                   const char* fill = "\nCutTest            : fill S%d padding-padding-padding-padding END";
                    int i = 0;
-                   while (d->GetRingWrapCount() == 0 && i < 100000)
-                       d->Print(1, "\nCutTest            : fill S%d padding-padding-padding-padding END", i++);
-                   if (d->GetRingWrapCount() == 0)
-                       return static_cast<int>(kNoWrap);
-                   // Up to the second wrap (the filler is ~100 bytes an entry,
-                   // so about ten thousand of them) every entry, the wrap
-                   // itself included, meets a file cut to nothing.
+                   while (d.GetRingWrapCount() == 0 && i < 100000)  // close to the end without cuts
+                       d.Print(1, fill, i++);
+                   // Up to the second wrap (about ten thousand entries of ~100
+                   // bytes) every entry, the wrap itself included, meets a
+                   // file cut to nothing.
                    const int firstCut = i;
-                   while (d->GetRingWrapCount() == 1 && i < firstCut + 100000) {
+                   while (d.GetRingWrapCount() == 1 && i < firstCut + 100000) {
                        if (truncate(ring.c_str(), 0) != 0)
-                           return static_cast<int>(kNoRing);
-                       d->Print(1, "\nCutTest            : fill S%d padding-padding-padding-padding END", i++);
+                           return kNoRing;
+                       d.Print(1, fill, i++);
                    }
-                   if (d->GetRingWrapCount() != 2)
-                       return static_cast<int>(kNoWrap);
-                   if (!WholeSize(*d))
-                       return static_cast<int>(kNotRestored);
+                   if (d.GetRingWrapCount() != 2)
+                       return kNoWrap;
+                   if (!WholeSize(d))
+                       return kNotRestored;
                    // The entry that wrapped went in whole behind the start-up
                    // part, after the rewritten log header.
-                   int n = CountInRing(*d, "fill S" + std::to_string(i - 1) + " padding-padding-padding-padding END\n");
-                   if (n != 1)
-                       return static_cast<int>(n == 0 ? kEntryMissing : kEntryTwice);
-                   if (CountInRing(*d, "Ring Buffer Path") < 1)
-                       return static_cast<int>(kEntryMissing);
-                   return static_cast<int>(kOk);
+                   if (int rc = Once(d, "fill S" + std::to_string(i - 1) + " padding-padding-padding-padding END\n"))
+                       return rc;
+                   return testsupport::Contains(testsupport::ReadFile(ring), "Ring Buffer Path") ? kOk : kEntryMissing;
                }),
                kOk);
 }
 
 TEST_F(CDebugRingCutFaultTest, CutsFromAnotherThreadWhileWritingAndWrappingDoNotKill)
 {
-    ExpectExit(InChild([this] {
-                   auto d = MakeActive();
-                   if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
-                       return static_cast<int>(kNoRing);
-                   const std::string ring = d->GetActiveRingPath();
+    ExpectExit(InActiveChild([](CDebug& d) {
+                   const std::string ring = d.GetActiveRingPath();
                    std::atomic<bool> stop{false};
                    std::thread cutter([&] {
                        for (unsigned k = 0; !stop.load(); ++k) {
@@ -171,17 +156,13 @@ TEST_F(CDebugRingCutFaultTest, CutsFromAnotherThreadWhileWritingAndWrappingDoNot
                    // Faults land anywhere: in entries, the wrap filler, the
                    // log header written at a wrap, and in the retries.
                    for (int i = 0; i < 30000; ++i)
-                       d->Print(1, "\nCutTest            : racing S%d padding-padding-padding-padding END", i);
+                       d.Print(1, "\nCutTest            : racing S%d padding-padding-padding-padding END", i);
                    stop = true;
                    cutter.join();
-                   if (d->GetRingWrapCount() < 2)
-                       return static_cast<int>(kNoWrap);
-                   d->Print(1, "\nCutTest            : after the cutter END");
-                   if (!WholeSize(*d))
-                       return static_cast<int>(kNotRestored);
-                   if (CountInRing(*d, "after the cutter END\n") != 1)
-                       return static_cast<int>(kEntryMissing);
-                   return static_cast<int>(kOk);
+                   if (d.GetRingWrapCount() < 2)
+                       return kNoWrap;
+                   d.Print(1, "\nCutTest            : after the cutter END");
+                   return WholeSize(d) ? Once(d, "after the cutter END\n") : kNotRestored;
                }),
                kOk);
 }
@@ -189,20 +170,17 @@ TEST_F(CDebugRingCutFaultTest, CutsFromAnotherThreadWhileWritingAndWrappingDoNot
 TEST_F(CDebugRingCutFaultTest, BusErrorOutsideTheRingStillKills)
 {
     const std::string other = m_Dir.Sub("other-mapping");
-    int status = InChild([&] {
-        auto d = MakeActive();
-        if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
-            return static_cast<int>(kNoRing);
-        d->Print(1, "\nCutTest            : before the fault");
+    int status = InActiveChild([&](CDebug& d) {
+        d.Print(1, "\nCutTest            : before the fault");
         // A sanitizer reports the fault on stderr: keep it out of the test log.
         int err = open((other + ".stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         if (err >= 0)
             dup2(err, STDERR_FILENO);
         volatile char* p = CutMapping(other);
         if (!p)
-            return static_cast<int>(kSetupFailed);
+            return kSetupFailed;
         p[4096] = 'x';
-        return static_cast<int>(kSurvivedFault);
+        return kSurvivedFault;
     });
     ASSERT_NE(-1, status);
 #ifdef RING_CUT_TEST_SANITIZER
@@ -224,30 +202,21 @@ TEST_F(CDebugRingCutFaultTest, BusErrorOutsideTheRingStillKills)
 TEST_F(CDebugRingCutFaultTest, HandlerInstalledBeforeTheTraceGetsForeignBusErrorsAndRingCutsStaySilent)
 {
     const std::string other = m_Dir.Sub("other-mapping");
-    int status = InChild([&] {
-        struct sigaction sa {};
-        sa.sa_sigaction = OwnBusHandler;
-        sa.sa_flags = SA_SIGINFO;
-        sigemptyset(&sa.sa_mask);
-        if (sigaction(SIGBUS, &sa, nullptr) != 0)
-            return static_cast<int>(kSetupFailed);
-        auto d = MakeActive();
-        if (d->GetTarget() != CDebug::TARGET_RINGBUFFER)
-            return static_cast<int>(kNoRing);
+    int status = InActiveChild([&](CDebug& d) {
         // A cut ring is handled by the trace alone: the program's handler
         // would end the child with its own code.
-        if (truncate(d->GetActiveRingPath(), 0) != 0)
-            return static_cast<int>(kSetupFailed);
+        if (truncate(d.GetActiveRingPath(), 0) != 0)
+            return kSetupFailed;
         for (int i = 0; i < 100; ++i)
-            d->Print(1, "\nCutTest            : after cut S%d", i);
-        if (!WholeSize(*d))
-            return static_cast<int>(kNotRestored);
+            d.Print(1, "\nCutTest            : after cut S%d", i);
+        if (!WholeSize(d))
+            return kNotRestored;
         volatile char* p = CutMapping(other);
         if (!p)
-            return static_cast<int>(kSetupFailed);
+            return kSetupFailed;
         p[4096] = 'x';
-        return static_cast<int>(kSurvivedFault);
-    });
+        return kSurvivedFault;
+    }, true);
     ExpectExit(status, kOwnHandlerRan);
 }
 

@@ -5,21 +5,17 @@
 #include "trace/CTraceReader.h"
 
 #include "support/TraceEnv.h"
-#include "support/Wait.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdarg>
-#include <memory>
 #include <regex>
-#include <string>
 #include <sys/time.h>
 #include <thread>
-#include <utility>
-#include <vector>
 
 using testsupport::ReadFile;
 using testsupport::SplitLines;
+using Msgs = std::vector<std::string>;
 
 namespace {
 
@@ -34,15 +30,9 @@ protected:
     static std::string Header(CDebug& d, const char* name = nullptr)
     {
         char buf[128];
-        d.SetEntryHeader(buf, sizeof(buf), name);
+        const int n = d.SetEntryHeader(buf, sizeof(buf), name);
+        EXPECT_EQ(n, static_cast<int>(strlen(buf)));
         return buf;
-    }
-    // The ring's entries (after the begin line) as messages.
-    std::vector<std::string> Entries(const std::string& ring, bool* wrapped = nullptr)
-    {
-        std::vector<std::string> entries;
-        EXPECT_TRUE(CTraceReader::ReadRingBuffer(ring, entries, wrapped)) << ring;
-        return Messages(entries);
     }
 };
 
@@ -52,9 +42,6 @@ TEST_F(CDebugTest, EntryHeaderWithAndWithoutMemoryColumn)
 {
     auto d = Make();
     ASSERT_EQ(d->GetMemoryTracesFlag(), -1);  // not configured counts as on
-    char buf[128];
-    int n = d->SetEntryHeader(buf, sizeof(buf), nullptr);
-    EXPECT_EQ(n, static_cast<int>(strlen(buf)));
     EXPECT_TRUE(std::regex_match(Header(*d), std::regex(kTime + " " + kThread + kMemory + kName)));
     EXPECT_TRUE(std::regex_match(Header(*d, "averyveryverylongname"),
                                  std::regex(kTime + " " + kThread + kMemory + "averyveryverylongname ")));
@@ -76,12 +63,16 @@ TEST_F(CDebugTest, NewlineRulesAndCutAt1024InLogFile)
     d->PrintAlways("%s", std::string(1024, 'a').c_str());
     d->PrintAlways("%s", std::string(1025, 'b').c_str());
     d->Print(0, "not written: target none");
+    d->PrintAlways("ab%ccd", 0);  // the entry ends at the NUL, newline included
     auto lines = Lines(LogPath());
     for (auto& l : lines)
         EXPECT_TRUE(std::regex_search(l, std::regex("^" + kTime + " " + kThread + kMemory + kName))) << l;
-    EXPECT_EQ(Messages(lines), (std::vector<std::string>{"Text after two newlines 7", "", "already ends",
-                                                         std::string(1024, 'a'), std::string(1024, 'b')}));
-    EXPECT_EQ(ReadFile(LogPath()).find("\n\n"), std::string::npos);
+    EXPECT_EQ(Messages(lines), (Msgs{"Text after two newlines 7", "", "already ends", std::string(1024, 'a'),
+                                     std::string(1024, 'b'), "ab"}));
+    const std::string text = ReadFile(LogPath());
+    EXPECT_EQ(text.find("\n\n"), std::string::npos);
+    EXPECT_EQ(text.find('\0'), std::string::npos);
+    EXPECT_EQ(text.substr(text.size() - 3), " ab");
 }
 
 TEST_F(CDebugTest, LogFileWrapsToStartOrBehindTheStartUpPart)
@@ -109,7 +100,7 @@ TEST_F(CDebugTest, LogFileWrapsToStartOrBehindTheStartUpPart)
                                                            std::to_string(d->GetLogWrapCycle()) + ", CntInitEnd=" +
                                                            at + ", CurrentByteCnt=" + at + R"( \(MaxCnt=3000\)$)")))
             << after[0];
-        std::vector<std::string> ordered;
+        Msgs ordered;
         bool wrapped = false;
         CTraceReader::ReadLogFile(LogPath(), ordered, &wrapped);
         EXPECT_TRUE(wrapped);
@@ -120,7 +111,10 @@ TEST_F(CDebugTest, LogFileWrapsToStartOrBehindTheStartUpPart)
     }
 }
 
-TEST_F(CDebugTest, InitCreatesInitialRingWithHeaderAndMarkers)
+// The initial ring: header, a pre-fill line, the begin line on a 1 KiB
+// boundary, the entries, the end marker.  At the end of start-up it is
+// compressed and an active ring of a quarter of its size follows.
+TEST_F(CDebugTest, InitialRingThenCompressedAtInitDoneAndActiveRing)
 {
     auto d = MakeTracing();
     EXPECT_TRUE(d->IsEnabled());
@@ -130,40 +124,81 @@ TEST_F(CDebugTest, InitCreatesInitialRingWithHeaderAndMarkers)
     EXPECT_EQ(std::string(d->GetActiveRingPath()), m_Dir.Sub("log.testprog_a"));
     d->Print(3, "\nCDebugTest          : visible %d", 1);
     d->Print(4, "invisible");
-
     std::string ring = ReadFile(d->GetInitialRingPath());
     ASSERT_EQ(ring.size(), d->GetRingBufferSize());
     auto msg = Messages(SplitLines(ring));
     EXPECT_EQ(msg[0], "Tarvis Environment:");
-    for (std::string line : {"TR_LOG_RINGBUF_WEIGHT=1", "TR_LOG_RINGBUF_WEIGHT_TESTPROG=NotSet",
-                             "Trace Level                : 3", "# End of header."})
+    for (const std::string& line : Msgs{"TR_LOG_RINGBUF_WEIGHT=1", "TR_LOG_RINGBUF_WEIGHT_TESTPROG=NotSet",
+                             "Trace Level                : 3", "# End of header.",
+                             "Ring Buffer Directory      : " + m_Dir.Path()})
         EXPECT_TRUE(Contains(msg, line)) << line;
     EXPECT_TRUE(Contains(msg, "TR_OS=NotSet") || getenv("TR_OS"));
-    EXPECT_TRUE(Contains(msg, "Ring Buffer Directory      : " + m_Dir.Path()));
-    // The begin line starts on a 1 KiB boundary, after a pre-fill line.
     size_t begin = ring.find("### Begin of RingBuffer. ###\n");
     ASSERT_NE(begin, std::string::npos);
     size_t lineStart = ring.rfind('\n', begin) + 1;
     EXPECT_EQ(lineStart % 1024, 0u);
     EXPECT_NE(ring.find(std::string(100, '_')), std::string::npos);
     bool wrapped = true;
-    EXPECT_EQ(Entries(d->GetInitialRingPath(), &wrapped),
-              (std::vector<std::string>{"### Start of initialization. ###", "CDebugTest          : visible 1"}));
+    EXPECT_EQ(RingMessages(d->GetInitialRingPath(), &wrapped),
+              (Msgs{"### Start of initialization. ###", "CDebugTest          : visible 1"}));
     EXPECT_FALSE(wrapped);
-    // The marker follows the newest entry.
-    size_t marker = ring.find("## TRACE-END ##\n", lineStart);
+    size_t marker = ring.find("## TRACE-END ##\n", lineStart);  // behind the newest entry
     ASSERT_NE(marker, std::string::npos);
     EXPECT_EQ(ring.rfind("visible 1\n", marker), marker - 10);
-    // The log file carries no header by default.
-    EXPECT_EQ(ReadFile(LogPath()).find("Tarvis Environment:"), std::string::npos);
+    EXPECT_EQ(ReadFile(LogPath()).find("Tarvis Environment:"), std::string::npos);  // no header by default
+
+    if (access("/usr/bin/gzip", X_OK) != 0 && access("/bin/gzip", X_OK) != 0)
+        GTEST_SKIP() << "gzip is not installed";
+    d->SetApplInitDone();
+    EXPECT_TRUE(d->IsEnabled() && d->IsApplInitDone());
+    EXPECT_EQ(d->GetTarget(), 2u);
+    EXPECT_EQ(d->GetRingBufferSize(), 256u * kPage);
+    EXPECT_FALSE(testsupport::FileExists(d->GetInitialRingPath()));
+    d->Print(1, "after start-up");
+    std::string content;
+    ASSERT_TRUE(CTraceReader::ReadGzipFile(std::string(d->GetInitialRingPath()) + ".gz", content));
+    Msgs entries;
+    ASSERT_TRUE(CTraceReader::ParseRingBuffer(content.data(), content.size(), entries));
+    EXPECT_EQ(Messages(entries), (Msgs{"### Start of initialization. ###", "CDebugTest          : visible 1",
+                                       "### End of initialization. ###"}));
+    EXPECT_EQ(RingMessages(d->GetActiveRingPath()), (Msgs{"### Start of initialization. ###", "after start-up"}));
+    EXPECT_TRUE(Contains(Messages(Lines(d->GetActiveRingPath())), "Application Init Done      : 0"));
+    EXPECT_FALSE(CTraceReader::ReadGzipFile(m_Dir.Sub("nothing.gz"), content));
+    EXPECT_FALSE(CTraceReader::ReadGzipFile("it's.gz", content));
 }
 
-TEST_F(CDebugTest, RingWrapFillsWithDotsAndRenewsHeader)
+// Small rings: the wrap (dot fill, renewed header, entries in order), an
+// entry that ends exactly 16 bytes before the end, and entries over a tenth
+// of the ring cut to 1024 characters.  The pre-fill is of whole 1024-byte
+// lines; the mapping covers exactly the length asked for.
+TEST_F(CDebugTest, SmallRingsWrapFillToTheirEndAndCutOversizeEntries)
 {
     auto d = MakeTracing();
+    const size_t kLen = 16100;
     std::string ring = m_Dir.Sub("small_ring");
+    ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), kLen));
+    EXPECT_EQ(d->GetRingBufferSize(), kLen);
+    EXPECT_EQ(ReadFile(ring).size(), 16384u);
+    auto pos = [&] {  // the end marker after the begin line
+        std::string t = ReadFile(ring);
+        return t.find("## TRACE-END ##\n", t.find("### Begin of RingBuffer. ###\n"));
+    };
+    size_t p = pos();
+    ASSERT_NE(p, std::string::npos);
+    while (kLen - p - 16 > 1100) {  // entries of 1000 bytes until less than 1100 are left
+        d->Print(1, "%s", std::string(1000 - Header(*d).size() - 1, 'f').c_str());
+        p = pos();
+    }
+    // The memory column may change its length: the header just before.
+    d->Print(1, "%s", std::string(kLen - 16 - p - Header(*d).size() - 1, 'x').c_str());
+    EXPECT_EQ(d->GetRingWrapCount(), 0u);
+    EXPECT_EQ(ReadFile(ring).substr(kLen - 16, 16), "## TRACE-END ##\n");
+    d->Print(1, "y");  // one more byte wraps
+    EXPECT_EQ(d->GetRingWrapCount(), 1u);
+    EXPECT_EQ(ReadFile(ring).substr(kLen - 16, 16), std::string(16, '.'));
+
+    ring = m_Dir.Sub("wrap_ring");
     ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), 16384));
-    EXPECT_EQ(d->GetRingBufferSize(), 16384u);
     for (int i = 0; i < 300; ++i)
         d->Print(1, "wrap entry %04d", i);
     EXPECT_GE(d->GetRingWrapCount(), 1u);
@@ -172,89 +207,28 @@ TEST_F(CDebugTest, RingWrapFillsWithDotsAndRenewsHeader)
     EXPECT_EQ(text.back(), '.');
     EXPECT_EQ(CTraceReader::MessageOf(SplitLines(text)[0]), "Tarvis Environment:");
     bool wrapped = false;
-    auto msg = Entries(ring, &wrapped);
+    auto msg = RingMessages(ring, &wrapped);
     EXPECT_TRUE(wrapped);
     ASSERT_GT(msg.size(), 20u);
-    // Consecutive and increasing all the way through to the newest.
-    const int first = 300 - static_cast<int>(msg.size());
+    const int first = 300 - static_cast<int>(msg.size());  // consecutive up to the newest
     for (size_t i = 0; i < msg.size(); ++i) {
         char expected[32];
         snprintf(expected, sizeof(expected), "wrap entry %04d", first + static_cast<int>(i));
         EXPECT_EQ(msg[i], expected);
     }
-}
 
-TEST_F(CDebugTest, EntryFillingRingUpTo16BytesBeforeEndDoesNotWrap)
-{
-    auto d = MakeTracing();
-    std::string ring = m_Dir.Sub("exact_ring");
-    ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), 16384));
-    auto pos = [&] {  // the end marker after the begin line
-        std::string t = ReadFile(ring);
-        return t.find("## TRACE-END ##\n", t.find("### Begin of RingBuffer. ###\n"));
-    };
-    size_t p = pos();
-    ASSERT_NE(p, std::string::npos);
-    while (16384 - p - 16 > 1100) {  // entries of 1000 bytes until less than 1100 are left
-        d->Print(1, "%s", std::string(1000 - Header(*d).size() - 1, 'f').c_str());
-        p = pos();
-    }
-    // The memory column may change its length: the header just before.
-    d->Print(1, "%s", std::string(16384 - 16 - p - Header(*d).size() - 1, 'x').c_str());
-    EXPECT_EQ(d->GetRingWrapCount(), 0u);
-    EXPECT_EQ(ReadFile(ring).substr(16384 - 16), "## TRACE-END ##\n");
-    d->Print(1, "y");  // one more byte wraps
-    EXPECT_EQ(d->GetRingWrapCount(), 1u);
-    EXPECT_EQ(ReadFile(ring).substr(16384 - 16), std::string(16, '.'));
-}
-
-TEST_F(CDebugTest, OversizeEntriesCutInASmallRingKeptWholeInALargerOne)
-{
-    auto d = MakeTracing();
     std::string big(3000, 'z');
-    std::string small = m_Dir.Sub("small"), large = m_Dir.Sub("large");
-    ASSERT_TRUE(d->InitRingBuffer(small.c_str(), 16384));  // a tenth is 1638
-    d->Print(1, "%s", big.c_str());
-    auto msg = Entries(small);
-    ASSERT_EQ(msg.size(), 3u);
-    EXPECT_EQ(msg[1], std::string(1024, 'z'));
-    EXPECT_EQ(msg[2], "## WARNING: TRACE-SIZE TOO BIG: Output Truncated!");
-    ASSERT_TRUE(d->InitRingBuffer(large.c_str(), 65536));
-    d->Print(1, "%s", big.c_str());
-    d->Print(1, "%s", std::string(1024, 'q').c_str());
-    msg = Entries(large);
-    ASSERT_EQ(msg.size(), 3u);
-    EXPECT_EQ(msg[1], big);
-    EXPECT_EQ(msg[2], std::string(1024, 'q'));
-}
-
-TEST_F(CDebugTest, SetApplInitDoneCompressesInitialRingAndStartsActive)
-{
-    if (access("/usr/bin/gzip", X_OK) != 0 && access("/bin/gzip", X_OK) != 0)
-        GTEST_SKIP() << "gzip is not installed";
-    auto d = MakeTracing();
-    uint64_t initial = d->GetRingBufferSize();
-    d->Print(1, "during start-up");
-    d->SetApplInitDone();
-    EXPECT_TRUE(d->IsEnabled() && d->IsApplInitDone());
-    EXPECT_EQ(d->GetTarget(), 2u);
-    EXPECT_EQ(d->GetRingBufferSize(), initial / 4);
-    EXPECT_FALSE(testsupport::FileExists(d->GetInitialRingPath()));
-    d->Print(1, "after start-up");
-    std::string content, gz = std::string(d->GetInitialRingPath()) + ".gz";
-    ASSERT_TRUE(CTraceReader::ReadGzipFile(gz, content));
-    std::vector<std::string> entries;
-    ASSERT_TRUE(CTraceReader::ParseRingBuffer(content.data(), content.size(), entries));
-    auto msg = Messages(entries);
-    ASSERT_EQ(msg.size(), 3u);
-    EXPECT_EQ(msg[1], "during start-up");
-    EXPECT_EQ(msg[2], "### End of initialization. ###");
-    msg = Entries(d->GetActiveRingPath());
-    ASSERT_EQ(msg.size(), 2u);
-    EXPECT_EQ(msg[1], "after start-up");
-    EXPECT_TRUE(Contains(Messages(Lines(d->GetActiveRingPath())), "Application Init Done      : 0"));
-    EXPECT_FALSE(CTraceReader::ReadGzipFile(m_Dir.Sub("nothing.gz"), content));
-    EXPECT_FALSE(CTraceReader::ReadGzipFile("it's.gz", content));
+    for (uint64_t size : {16384, 65536}) {  // a tenth of the first is 1638
+        ring = m_Dir.Sub("ring" + std::to_string(size));
+        ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), size));
+        d->Print(1, "%s", big.c_str());
+        d->Print(1, "%s", std::string(1024, 'q').c_str());
+        const Msgs cut = {"### Start of initialization. ###", std::string(1024, 'z'),
+                                              "## WARNING: TRACE-SIZE TOO BIG: Output Truncated!",
+                                              std::string(1024, 'q')};
+        const Msgs whole = {"### Start of initialization. ###", big, std::string(1024, 'q')};
+        EXPECT_EQ(RingMessages(ring), size == 16384 ? cut : whole);
+    }
 }
 
 TEST_F(CDebugTest, CommandLineCallerNamesAndForcedSilence)
@@ -263,7 +237,7 @@ TEST_F(CDebugTest, CommandLineCallerNamesAndForcedSilence)
     char a0[] = "kopd", a1[] = "-n";
     char* argv[] = {a0, a1, nullptr};
     d->SetMainParams(2, argv);
-    const std::vector<std::string> cmd = {"testprog Command Line Options:", "argv[0] = \"kopd\"", "argv[1] = \"-n\""};
+    const Msgs cmd = {"testprog Command Line Options:", "argv[0] = \"kopd\"", "argv[1] = \"-n\""};
     EXPECT_EQ(Messages(Lines(LogPath())), cmd);
     auto call = [&](const char* fmt, ...) {
         va_list ap;
@@ -272,9 +246,9 @@ TEST_F(CDebugTest, CommandLineCallerNamesAndForcedSilence)
         va_end(ap);
     };
     call("\nfrom %s", "module");
-    std::vector<std::string> entries;
+    Msgs entries;
     ASSERT_TRUE(CTraceReader::ReadRingBuffer(d->GetInitialRingPath(), entries));
-    EXPECT_TRUE(std::regex_search(entries.back(), std::regex(R"( KB !client        from module$)"))) << entries.back();
+    EXPECT_TRUE(std::regex_search(entries.back(), std::regex(" KB !client        from module$"))) << entries.back();
     EXPECT_TRUE(d->ForceMaxDebug(false));
     EXPECT_FALSE(d->IsEnabled());
     EXPECT_EQ(d->GetLevel(), 0u);
@@ -283,10 +257,10 @@ TEST_F(CDebugTest, CommandLineCallerNamesAndForcedSilence)
     EXPECT_TRUE(d->ForceMaxDebug(true));
     EXPECT_EQ(d->GetLevel(), 4u);
     d->Print(4, "back");
-    auto msg = Entries(d->GetInitialRingPath());
-    EXPECT_EQ(std::vector<std::string>(msg.begin() + 1, msg.begin() + 4), cmd);
-    EXPECT_EQ(std::vector<std::string>(msg.end() - 3, msg.end()),
-              (std::vector<std::string>{"from module", "level zero still goes out", "back"}));
+    auto msg = RingMessages(d->GetInitialRingPath());
+    EXPECT_EQ(Msgs(msg.begin() + 1, msg.begin() + 4), cmd);
+    EXPECT_EQ(Msgs(msg.end() - 3, msg.end()),
+              (Msgs{"from module", "level zero still goes out", "back"}));
     d->WriteLogHeader(1);  // a header written now includes the command line
     EXPECT_TRUE(Contains(Messages(Lines(LogPath())), "Process PID                : " + std::to_string(getpid())));
 }
@@ -305,41 +279,44 @@ TEST_F(CDebugTest, ConfigurationCascade)
     const std::string global = "[GlobalDebugSettings]\nDynamicUpdate=30\n[EndOfFile]\n";
     struct Expected {
         long enabled = -1, level = -1, iniLevel = -1, flags = -1, factor = -1, weight = -1;
-        long logMax = -1, noHeader = -1, dynamic = -1;  // -1: not checked
+        long logMax = -1, noHeader = -1, dynamic = -1, ring = -1;  // -1: not checked
     };
     const struct {
         const char* what;
-        std::vector<std::pair<std::string, std::string>> files;
+        Msgs pairs;  // file name and text, ...
         std::vector<std::pair<const char*, const char*>> env;
         Expected e;
+        Msgs logLines = {};
     } cases[] = {
         {"environment alone", {}, {{kLevel, "5"}, {"TraceFileLimit", "1"}, {kWeight, "1"}},
          {.enabled = 1, .level = 5, .logMax = 51200, .noHeader = 1}},
         {"level without ring size", {}, {{kLevel, "3"}}, {.enabled = 0, .level = 0}},
-        {"section name as substring, number bases, factor clamped", {{"a.ini", substring}}, {},
-         {.enabled = 1, .level = 7, .iniLevel = 7, .flags = 16, .factor = 2, .weight = 8, .noHeader = 0}},
-        {"hexadecimal level", {{"a.ini", "[testprog]\nFileDebugLevel=0x10\n[EndOfFile]\n"}}, {}, {.iniLevel = 16}},
-        {"octal level", {{"a.ini", "[testprog]\nFileDebugLevel=010\n[EndOfFile]\n"}}, {}, {.iniLevel = 8}},
-        {"file over default", {{"a.ini", level2}}, {}, {.level = 2}},
-        {"environment over file", {{"a.ini", level2}},
+        {"section name as substring, number bases, factor clamped", {"a.ini", substring}, {},
+         {.enabled = 1, .level = 7, .iniLevel = 7, .flags = 16, .factor = 2, .weight = 8, .noHeader = 0,
+          .ring = static_cast<long>(4 * 2 * 8 * 256 * kPage)},
+         {"RingBufferSizeFactor       : 5", "Ring Buffer Factor         : 2", "No Header to LogFile       : 0"}},
+        {"hexadecimal level", {"a.ini", "[testprog]\nFileDebugLevel=0x10\n[EndOfFile]\n"}, {}, {.iniLevel = 16}},
+        {"octal level", {"a.ini", "[testprog]\nFileDebugLevel=010\n[EndOfFile]\n"}, {}, {.iniLevel = 8}},
+        {"file over default", {"a.ini", level2}, {}, {.level = 2}},
+        {"environment over file", {"a.ini", level2},
          {{kLevel, "6"}, {"TR_LOG_FILE_MAX_SIZE", "9999"}, {"TR_LOG_NOHDR_TOSDTERR", "0"}, {"TR_LOG_DYNAMIC_UPDATE", "0"}},
          {.level = 6, .weight = 1, .logMax = 9999, .noHeader = 0}},
-        {"per-program weight wins", {{"a.ini", level2}}, {{kWeight, "2"}, {"TR_LOG_RINGBUF_WEIGHT_TESTPROG", "3"}},
+        {"per-program weight wins", {"a.ini", level2}, {{kWeight, "2"}, {"TR_LOG_RINGBUF_WEIGHT_TESTPROG", "3"}},
          {.weight = 3}},
         {"file without EndOfFile ignored, first complete file wins",
-         {{"a.ini", "[testprog]\nFileDebugLevel=4\n"}, {"b.ini", "[testprog]\nFileDebugLevel=5\n[EndOfFile]\n[x]\n"},
-          {"c.ini", "[testprog]\nFileDebugLevel=6\n[EndOfFile]\nFileDebugLevel=9\n"},
-          {"d.ini", "[testprog]\nFileDebugLevel=7\n[EndOfFile]\n"}},
+         {"a.ini", "[testprog]\nFileDebugLevel=4\n", "b.ini", "[testprog]\nFileDebugLevel=5\n[EndOfFile]\n[x]\n",
+          "c.ini", "[testprog]\nFileDebugLevel=6\n[EndOfFile]\nFileDebugLevel=9\n",
+          "d.ini", "[testprog]\nFileDebugLevel=7\n[EndOfFile]\n"},
          {}, {.iniLevel = 6}},
-        {"global file", {{"global_trace.ini", global}}, {}, {.dynamic = 30}},
-        {"environment over global file", {{"global_trace.ini", global}}, {{"TR_LOG_DYNAMIC_UPDATE", "7"}}, {.dynamic = 7}},
+        {"global file", {"global_trace.ini", global}, {}, {.dynamic = 30}},
+        {"environment over global file", {"global_trace.ini", global}, {{"TR_LOG_DYNAMIC_UPDATE", "7"}}, {.dynamic = 7}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         testsupport::RemoveTree(m_ConfigDir);
         SetUp();  // the test's own clean environment again
-        for (auto& [file, text] : c.files)
-            WriteConfig(file, text);
+        for (size_t i = 0; i + 1 < c.pairs.size(); i += 2)
+            WriteConfig(c.pairs[i], c.pairs[i + 1]);
         for (auto& [name, value] : c.env)
             Set(name, value);
         auto d = Make();
@@ -348,37 +325,45 @@ TEST_F(CDebugTest, ConfigurationCascade)
             {e.enabled, d->IsEnabled()}, {e.level, d->GetLevel()}, {e.iniLevel, d->GetIniLevel()},
             {e.flags, d->GetTraceFlags()}, {e.factor, d->GetRingFactor()}, {e.weight, d->GetRingWeight()},
             {e.logMax, d->GetLogMaxSize()}, {e.noHeader, d->GetNoHeaderFlag()},
-            {e.dynamic, static_cast<long>(d->GetDynamicUpdateInterval())}};
+            {e.dynamic, static_cast<long>(d->GetDynamicUpdateInterval())},
+            {e.ring, static_cast<long>(d->GetRingBufferSize())}};
         for (size_t i = 0; i < std::size(checks); ++i)
-            EXPECT_TRUE(checks[i].first == -1 || checks[i].first == checks[i].second) << "check " << i << ": " << checks[i].second;
+            EXPECT_TRUE(checks[i].first == -1 || checks[i].first == checks[i].second) << i << ": " << checks[i].second;
+        for (const auto& line : c.logLines)  // the log file's header
+            EXPECT_TRUE(Contains(Messages(Lines(LogPath())), line)) << line;
     }
-    // The factor case once more: the ring's size, and the log file with the
-    // header (its flag is 0).
-    testsupport::RemoveTree(m_ConfigDir);
-    testsupport::RemoveTree(LogPath());
-    SetUp();
-    WriteConfig("a.ini", substring);
-    EXPECT_EQ(Make()->GetRingBufferSize(), 4u * 2 * 8 * 256 * kPage);
-    auto log = Messages(Lines(LogPath()));
-    for (std::string line : {"RingBufferSizeFactor       : 5", "Ring Buffer Factor         : 2",
-                             "No Header to LogFile       : 0"})
-        EXPECT_TRUE(Contains(log, line)) << line;
 }
 
-TEST_F(CDebugTest, TraceDirectoryFromRingVariableFileVariableOrConfiguration)
+// The trace directory: the ring variable, else the configuration's (over
+// the file variable).  A directory that cannot be written leaves tracing
+// off with one system-log line.
+TEST_F(CDebugTest, TraceDirectoryFromTheVariablesOrTheConfigurationAndUnwritableOnes)
 {
     testsupport::TempDir a, b, ini;
     Set("TR_LOG_FILE_DIR", a.Path().c_str());
     Set("TR_LOG_RINGBUF_DIR", b.Path().c_str());
-    auto d = MakeTracing();  // the ring directory wins
+    auto d = MakeTracing();
     EXPECT_EQ(std::string(d->GetTraceDirectory()), b.Path());
-    EXPECT_TRUE(testsupport::FileExists(b.Sub("log.testprog")));
-    EXPECT_TRUE(testsupport::FileExists(b.Sub("log.testprog_i")));
+    EXPECT_TRUE(testsupport::FileExists(b.Sub("log.testprog")) && testsupport::FileExists(b.Sub("log.testprog_i")));
     EXPECT_FALSE(testsupport::FileExists(a.Sub("log.testprog")));
-    Set("TR_LOG_RINGBUF_DIR", nullptr);  // the file directory gives way to the configuration's
+    Set("TR_LOG_RINGBUF_DIR", nullptr);
     WriteConfig("p.ini", "[TESTPROG]\nRingBufferDirectory=" + ini.Path() + "\n[EndOfFile]\n");
     EXPECT_EQ(std::string(Make()->GetTraceDirectory()), ini.Path());
     EXPECT_TRUE(testsupport::FileExists(ini.Sub("log.testprog")));
+
+    static std::string logged;
+    Set("TR_LOG_RINGBUF_DIR", m_Dir.Sub("no/such/dir").c_str());
+    testsupport::RemoveTree(m_ConfigDir);
+    d = std::make_unique<CDebug>();
+    d->SetSysLogFunction([](int, const char* t) { logged += t; });
+    d->SetConfigDirectory(m_ConfigDir.c_str());
+    EXPECT_FALSE(d->Init("testprog"));
+    EXPECT_FALSE(d->IsEnabled());
+    EXPECT_EQ(d->GetTarget(), 0u);
+    EXPECT_EQ(d->GetLevel(), 0u);
+    EXPECT_EQ(logged, "ERROR: Error during opening " + m_Dir.Sub("no/such/dir") + "/log.testprog --> proceed without it\n");
+    d->Print(0, "goes nowhere");
+    d->PrintAlways("goes nowhere");
 }
 
 TEST_F(CDebugTest, EmptyConfigDirectoryKeepsTracingOffDespiteEnvironment)
@@ -390,42 +375,75 @@ TEST_F(CDebugTest, EmptyConfigDirectoryKeepsTracingOffDespiteEnvironment)
     testsupport::TempDir elsewhere;
     Set("TR_LOG_RINGBUF_DIR", elsewhere.Path().c_str());
     WriteConfig("readme.txt", "not an ini\n");
-    Set("TR_LOG_DEBUG_LEVEL", "5");
-    Set("TraceFileLimit", "1");
-    Set("TR_LOG_RINGBUF_WEIGHT", "1");
+    SetTracing("5");
     d->Init("testprog");
     EXPECT_FALSE(d->IsEnabled());
-    EXPECT_EQ(d->GetLevel(), 0u);
-    EXPECT_EQ(d->GetTarget(), 0u);
+    EXPECT_EQ(d->GetLevel() + d->GetTarget(), 0u);
     EXPECT_EQ(std::string(d->GetTraceDirectory()), m_Dir.Path());
     EXPECT_FALSE(testsupport::FileExists(elsewhere.Sub("log.testprog")));
 }
 
-TEST_F(CDebugTest, DynamicUpdateRereadsLevelOfChangedFile)
+// With an update interval set, the first entry after Init already looks at
+// the configuration files; later ones only once the interval has passed.
+TEST_F(CDebugTest, DynamicUpdateRereadsChangedFileAtTheFirstEntry)
 {
     std::string file = m_ConfigDir + "/p.ini";
     WriteConfig("p.ini", "[testprog]\nFileDebugLevel=2\nRingBufferSizeFactor=1\nRingBufferSizeWeight=1\n"
                          "TraceFlags=1\n[EndOfFile]\n");
-    Set("TR_LOG_DYNAMIC_UPDATE", "1");  // checked again once a second has passed
+    Set("TR_LOG_DYNAMIC_UPDATE", "3600");
     auto d = Make();
     ASSERT_EQ(d->GetLevel(), 2u);
-    WriteConfig("p.ini", "[testprog]\nFileDebugLevel=5\nTraceFlags=3\nMemoryTracesFlag=0\n[EndOfFile]\n");
-    struct timeval later[2];
-    gettimeofday(&later[0], nullptr);
-    later[0].tv_sec += 100;
-    later[1] = later[0];
-    ASSERT_EQ(utimes(file.c_str(), later), 0);
-    EXPECT_TRUE(testsupport::WaitFor([&] {
-        d->Print(1, "poll");
-        return d->GetLevel() == 5u;
-    }));
+    auto rewrite = [&](const std::string& text, int ahead) {
+        WriteConfig("p.ini", text);
+        struct timeval later[2];
+        gettimeofday(&later[0], nullptr);
+        later[0].tv_sec += ahead;
+        later[1] = later[0];
+        ASSERT_EQ(utimes(file.c_str(), later), 0);
+    };
+    rewrite("[testprog]\nFileDebugLevel=5\nTraceFlags=3\nMemoryTracesFlag=0\n[EndOfFile]\n", 100);
+    d->Print(1, "first");
+    EXPECT_EQ(d->GetLevel(), 5u);
     EXPECT_EQ(d->GetSavedLevel(), 5u);
     EXPECT_EQ(d->GetTraceFlags(), 3u);
     EXPECT_EQ(d->GetMemoryTracesFlag(), 0);
     EXPECT_EQ(d->GetRingBufferSize(), 4u * 256 * kPage);  // unchanged
+    rewrite("[testprog]\nFileDebugLevel=4\n[EndOfFile]\n", 200);
+    d->Print(1, "second");  // within the hour: not looked at
+    EXPECT_EQ(d->GetLevel(), 5u);
 }
 
-TEST_F(CDebugTest, BuildAppVarNameAndStringToLower)
+// ClassInit closes the outputs and forgets the run; the level stays, and a
+// new Init opens everything again.
+TEST_F(CDebugTest, ClassInitClosesOutputsAndKeepsTheLevel)
+{
+    WriteConfig("p.ini", "[testprog]\nTraceFlags=0x10\n[EndOfFile]\n");
+    Set("TR_LOG_FILE_MAX_SIZE", "9999");
+    auto d = MakeTracing("4");
+    d->SetApplInitDone();
+    d->Print(1, "before");
+    ASSERT_EQ(d->GetTraceFlags(), 16u);
+    const std::string ring = d->GetActiveRingPath(), log = ReadFile(LogPath());
+    d->ClassInit();
+    EXPECT_FALSE(d->IsEnabled() || d->IsApplInitDone());
+    EXPECT_EQ(d->GetTarget(), 0u);
+    EXPECT_EQ(d->GetLevel(), 4u);
+    EXPECT_EQ(d->GetTraceFlags(), 0u);
+    EXPECT_EQ(d->GetRingBufferSize(), 0u);
+    EXPECT_STREQ(d->GetActiveRingPath(), "");
+    EXPECT_STREQ(d->GetInitialRingPath(), "");
+    EXPECT_STREQ(d->GetLogFilePath(), "");
+    d->Print(0, "after");
+    d->PrintAlways("after");
+    EXPECT_EQ(ReadFile(LogPath()), log);
+    EXPECT_FALSE(Contains(RingMessages(ring), "after"));
+    ASSERT_TRUE(d->Init("testprog"));
+    EXPECT_EQ(d->GetTarget(), 2u);
+    d->Print(1, "again");
+    EXPECT_EQ(RingMessages(d->GetInitialRingPath()).back(), "again");
+}
+
+TEST_F(CDebugTest, BuildAppVarNameStaysInTheBuffer)
 {
     const struct {
         size_t size;
@@ -440,30 +458,6 @@ TEST_F(CDebugTest, BuildAppVarNameAndStringToLower)
         CDebug::BuildAppVarName(buf, c.size, c.app);
         EXPECT_STREQ(buf, c.expected);
     }
-    char text[] = "KoPd-1";
-    CDebug::StringToLower(text);
-    EXPECT_STREQ(text, "kopd-1");
-    CDebug::StringToLower(nullptr);
-}
-
-TEST_F(CDebugTest, UnwritableDirectoryGoesOnWithoutFiles)
-{
-    static std::string logged;
-    logged.clear();
-    Set("TR_LOG_RINGBUF_DIR", m_Dir.Sub("no/such/dir").c_str());
-    Set("TR_LOG_DEBUG_LEVEL", "3");
-    Set("TraceFileLimit", "1");
-    Set("TR_LOG_RINGBUF_WEIGHT", "1");
-    auto d = std::make_unique<CDebug>();
-    d->SetSysLogFunction([](int, const char* t) { logged += t; });
-    d->SetConfigDirectory(m_ConfigDir.c_str());
-    EXPECT_FALSE(d->Init("testprog"));
-    EXPECT_FALSE(d->IsEnabled());
-    EXPECT_EQ(d->GetTarget(), 0u);
-    EXPECT_EQ(d->GetLevel(), 0u);
-    EXPECT_EQ(logged, "ERROR: Error during opening " + m_Dir.Sub("no/such/dir") + "/log.testprog --> proceed without it\n");
-    d->Print(0, "goes nowhere");
-    d->PrintAlways("goes nowhere");
 }
 
 TEST_F(CDebugTest, ReentrantLockAllowsNestedEntryFromSameThread)
@@ -478,7 +472,7 @@ TEST_F(CDebugTest, ReentrantLockAllowsNestedEntryFromSameThread)
     for (int i = 0; i < 20; ++i)
         d->WriteLogHeader(2);
     other.join();
-    std::vector<std::string> entries;
+    Msgs entries;
     EXPECT_TRUE(CTraceReader::ReadRingBuffer(d->GetInitialRingPath(), entries));
     EXPECT_TRUE(Contains(Messages(entries), "other 199"));
     for (auto& e : entries)

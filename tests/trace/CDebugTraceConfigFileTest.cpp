@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <dirent.h>
 #include <string>
 #include <vector>
 
@@ -66,6 +68,22 @@ TEST(TraceConfigMalformed, EachFileReadsAsExpected)
             EXPECT_EQ("untouched", value);
         }
     }
+}
+
+// The listing's filter: ".ini" anywhere in the name.
+TEST(TraceConfigMalformed, DirectoryListingTakesEveryNameContainingIni)
+{
+    const struct {
+        const char* name;
+        bool taken;
+    } cases[] = {{"a.ini", true}, {"x.ini.bak", true}, {".ini", true}, {"ini", false}, {"a.in", false},
+                 {"a.INI", false}, {"", false}};
+    for (const auto& c : cases) {
+        struct dirent entry {};
+        strncpy(entry.d_name, c.name, sizeof entry.d_name - 1);
+        EXPECT_EQ(CDirectoryList::SelectFilesInDir(&entry) != 0, c.taken) << c.name;
+    }
+    EXPECT_EQ(CDirectoryList::SelectFilesInDir(nullptr), 0);
 }
 
 } // namespace

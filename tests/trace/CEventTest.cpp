@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -15,14 +14,14 @@ using testsupport::WaitFor;
 
 namespace {
 
-// Threads that each wait once (without limit) on an event; counts the ones
-// that came back with 0.
+// Threads that each wait once on an event; counts the ones that came back
+// with 0.
 class Waiters {
 public:
-    Waiters(CEvent& ev, int n)
+    Waiters(CEvent& ev, int n, unsigned timeout = TR_INFINITE)
     {
         for (int i = 0; i < n; ++i)
-            m_Threads.emplace_back([this, &ev] { ++(ev.Wait(TR_INFINITE) == TR_WAIT_OBJECT_0 ? m_Released : m_Failed); });
+            m_Threads.emplace_back([this, &ev, timeout] { ++(ev.Wait(timeout) == TR_WAIT_OBJECT_0 ? m_Released : m_Failed); });
     }
     ~Waiters() { Join(); }
     void Join()
@@ -74,18 +73,20 @@ TEST(CEvent, SetAndPulseReleaseBlockedWaiters)
         Op op;
         int releasedEach;  // by one operation
         bool setAfter;
+        unsigned timeout;
     } cases[] = {
-        {"auto-reset Set", false, kSet, 1, false},
-        {"manual-reset Set", true, kSet, 3, true},
-        {"manual-reset Set, Reset at once", true, kSetReset, 3, false},
-        {"manual-reset Pulse", true, kPulse, 3, false},
-        {"auto-reset Pulse", false, kPulse, 1, false},
+        {"auto-reset Set", false, kSet, 1, false, TR_INFINITE},
+        {"auto-reset Set, finite waits", false, kSet, 1, false, 600000},
+        {"manual-reset Set", true, kSet, 3, true, TR_INFINITE},
+        {"manual-reset Set, Reset at once", true, kSetReset, 3, false, TR_INFINITE},
+        {"manual-reset Pulse", true, kPulse, 3, false, TR_INFINITE},
+        {"auto-reset Pulse", false, kPulse, 1, false, TR_INFINITE},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         for (int round = 0; round < 10; ++round) {
             CEvent ev(false, c.manual);
-            Waiters w(ev, 3);
+            Waiters w(ev, 3, c.timeout);
             ASSERT_TRUE(AllWaiting(ev, 3));
             for (int released = c.releasedEach; released <= 3; released += c.releasedEach) {
                 EXPECT_TRUE(c.op == kPulse ? ev.Pulse() : ev.Set());
@@ -103,27 +104,23 @@ TEST(CEvent, SetAndPulseReleaseBlockedWaiters)
     }
 }
 
-TEST(CEvent, FiniteWaitReturnsWhenSignalled)
-{
-    CEvent ev;
-    std::atomic<int> rc{-2};
-    std::thread t([&] { rc = ev.Wait(60000); });
-    ASSERT_TRUE(AllWaiting(ev, 1));
-    ev.Set();
-    t.join();
-    EXPECT_EQ(rc.load(), TR_WAIT_OBJECT_0);
-    EXPECT_FALSE(ev.IsSet());  // auto reset: taken by the waiter
-}
-
-TEST(CEvent, CloseReleasesAWaiterAndAClosedEventRefusesEverything)
+// Create changes the flags, but not while a thread waits; Close releases
+// the waiter and refuses everything afterwards.
+TEST(CEvent, CreateAndCloseWithAWaiter)
 {
     CEvent ev(false, false);
-    std::atomic<int> rc{-2};
-    std::thread t([&] { rc = ev.Wait(TR_INFINITE); });
+    EXPECT_TRUE(ev.Create(true, true));
+    EXPECT_EQ(ev.Wait(0), TR_WAIT_OBJECT_0);
+    EXPECT_TRUE(ev.IsSet());  // now manual
+    EXPECT_TRUE(ev.Create(false, false));
+    EXPECT_FALSE(ev.IsSet());
+    Waiters w(ev, 1);
     ASSERT_TRUE(AllWaiting(ev, 1));
+    EXPECT_FALSE(ev.Create(true, true));
+    EXPECT_FALSE(ev.IsSet());  // nothing changed
     EXPECT_TRUE(ev.Close());
-    t.join();
-    EXPECT_EQ(rc.load(), TR_WAIT_OBJECT_0);
+    w.Join();
+    EXPECT_EQ(w.m_Released.load(), 1);
     EXPECT_FALSE(ev.IsOpen());
     EXPECT_EQ(ev.Wait(0), TR_WAIT_FAILED);
     EXPECT_EQ(ev.Wait(TR_INFINITE), TR_WAIT_FAILED);
@@ -133,40 +130,24 @@ TEST(CEvent, CloseReleasesAWaiterAndAClosedEventRefusesEverything)
     EXPECT_TRUE(ev.Open("anything"));  // no effect
 }
 
-TEST(CEvent, CreateChangesFlagsButNotWhileThreadsWait)
-{
-    CEvent ev(false, false);
-    EXPECT_TRUE(ev.Create(true, true));
-    EXPECT_EQ(ev.Wait(0), TR_WAIT_OBJECT_0);
-    EXPECT_TRUE(ev.IsSet());  // now manual
-    EXPECT_TRUE(ev.Create(false, false));
-    EXPECT_FALSE(ev.IsSet());
-    std::atomic<int> rc{-2};
-    std::thread t([&] { rc = ev.Wait(TR_INFINITE); });
-    ASSERT_TRUE(AllWaiting(ev, 1));
-    EXPECT_FALSE(ev.Create(true, true));
-    EXPECT_FALSE(ev.IsSet());  // nothing changed
-    ev.Set();
-    t.join();
-    EXPECT_EQ(rc.load(), TR_WAIT_OBJECT_0);
-    EXPECT_FALSE(ev.IsSet());  // still auto reset
-}
-
-TEST(CEvent, NamedEventsShareOneStateUntilTheLastReferenceGoes)
+// Names and copies share one state until the last reference goes; a second
+// creator asking for other flags gets the first one's state.
+TEST(CEvent, NamesAndCopiesShareOneStateUntilTheLastReferenceGoes)
 {
     {
         CEvent a(false, true, "CEventTest.shared"), b(false, true, "CEventTest.shared");
-        CEvent other(false, true, "CEventTest.other");
-        std::atomic<int> rc{-2};
-        std::thread t([&] { rc = b.Wait(TR_INFINITE); });
+        CEvent other(false, true, "CEventTest.other"), copy(a), assigned(true, false);
+        assigned = a;
+        assigned = assigned;  // self-assignment keeps the state
+        Waiters w(b, 1);
         ASSERT_TRUE(AllWaiting(a, 1));
         EXPECT_TRUE(a.Set());
-        t.join();
-        EXPECT_EQ(rc.load(), TR_WAIT_OBJECT_0);
+        w.Join();
+        EXPECT_EQ(w.m_Released.load(), 1);
+        EXPECT_TRUE(copy.IsSet() && assigned.IsSet());
         EXPECT_FALSE(other.IsSet());
         b.Reset();
-        EXPECT_FALSE(a.IsSet());
-        // A second creator asking for other flags gets the first one's state.
+        EXPECT_FALSE(a.IsSet() || copy.IsSet());
         CEvent first(true, false, "CEventTest.mismatch"), second(false, true, "CEventTest.mismatch");
         EXPECT_EQ(second.Wait(0), TR_WAIT_OBJECT_0);
         EXPECT_FALSE(first.IsSet());  // consumed: auto reset
@@ -176,6 +157,13 @@ TEST(CEvent, NamedEventsShareOneStateUntilTheLastReferenceGoes)
     fresh.Set();
     EXPECT_EQ(fresh.Wait(0), TR_WAIT_OBJECT_0);
     EXPECT_FALSE(fresh.IsSet());  // a fresh auto-reset state, not the old manual one
+    auto* original = new CEvent(false, false, "CEventTest.outlive");
+    CEvent copy(*original);
+    delete original;
+    EXPECT_TRUE(copy.Set());
+    CEvent again(false, true, "CEventTest.outlive");  // the copy still holds the name
+    EXPECT_EQ(again.Wait(0), TR_WAIT_OBJECT_0);
+    EXPECT_FALSE(copy.IsSet());  // auto reset of the shared state
 }
 
 TEST(CEvent, NamedCreationFromManyThreadsYieldsOneState)
@@ -198,37 +186,10 @@ TEST(CEvent, NamedCreationFromManyThreadsYieldsOneState)
     EXPECT_EQ(sawSet.load(), 4);
 }
 
-TEST(CEvent, CopiesAndAssignmentShareTheState)
-{
-    CEvent a(false, true);
-    CEvent b(a), c(false, false);
-    c = a;
-    a.Set();
-    EXPECT_TRUE(b.IsSet() && c.IsSet());
-    c = c;  // self-assignment keeps the state
-    c.Reset();
-    EXPECT_FALSE(a.IsSet());
-    {
-        CEvent d(false, true, "CEventTest.assigned"), e(true, false);
-        e = d;  // e's old anonymous state is released, d's shared
-        d.Set();
-        EXPECT_TRUE(e.IsSet());
-    }
-    CEvent f(false, false, "CEventTest.assigned");  // both references gone: fresh
-    EXPECT_FALSE(f.IsSet());
-    auto* original = new CEvent(false, false, "CEventTest.outlive");
-    CEvent copy(*original);
-    delete original;
-    EXPECT_TRUE(copy.Set());
-    CEvent again(false, true, "CEventTest.outlive");  // the copy still holds the name
-    EXPECT_EQ(again.Wait(0), TR_WAIT_OBJECT_0);
-    EXPECT_FALSE(copy.IsSet());  // auto reset of the shared state
-}
-
+// Ping-pong: every Set wakes exactly one waiter, so the counter moves
+// strictly in turn.
 TEST(CEvent, AutoResetHandsOverEachSetToExactlyOneWaiter)
 {
-    // Ping-pong: every Set wakes exactly one waiter, so the counter moves
-    // strictly in turn.
     CEvent ping(false, false), pong(false, false);
     constexpr int kRounds = 2000;
     int shared = 0;  // guarded by the hand-over itself

@@ -1,13 +1,12 @@
 #include "trace/CTraceReader.h"
 
-#include "support/TestSupport.h"
+#include "support/TraceEnv.h"
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 namespace {
+
+using Msgs = std::vector<std::string>;
 
 std::string Entry(const std::string& text, const char* time = "2024-01-02 03:04:05.006")
 {
@@ -17,138 +16,75 @@ std::string Entry(const std::string& text, const char* time = "2024-01-02 03:04:
 const std::string kMarker = "## TRACE-END ##\n";
 
 // Header, pre-fill, begin line, entries, marker, then `tail`.
-std::string Ring(const std::vector<std::string>& newest, const std::string& tail)
+std::string Ring(const Msgs& newest, const std::string& tail)
 {
     std::string r = Entry("Tarvis Environment:") + Entry("# End of header.") + kMarker + std::string(200, '_') + "\n";
     r += Entry("### Begin of RingBuffer. ###");
     for (auto& e : newest)
         r += Entry(e);
-    r += kMarker + tail;
-    return r;
+    return r + kMarker + tail;
 }
 
-std::vector<std::string> Msgs(const std::vector<std::string>& lines)
-{
-    std::vector<std::string> out;
-    for (auto& l : lines)
-        out.push_back(CTraceReader::MessageOf(l));
-    return out;
-}
+std::string At(const char* time, const std::string& text) { return Entry(text, time); }
+
+const std::string kWrap = "------ WRAP ----- Cycle=2, CntInitEnd=10, CurrentByteCnt=10 (MaxCnt=100)";
 
 } // namespace
 
-TEST(CTraceReader, UnwrappedRingFromBeginToMarker)
+// Behind the marker of a wrapped ring: the rest of an overwritten entry
+// (dropped), old entries, the dot fill.
+TEST(CTraceReader, RingsAndLogFilesInTimeOrder)
 {
-    std::string r = Ring({"a", "b"}, std::string(300, '_') + "\n");
-    std::vector<std::string> e;
-    bool wrapped = true;
-    ASSERT_TRUE(CTraceReader::ParseRingBuffer(r.data(), r.size(), e, &wrapped));
-    EXPECT_FALSE(wrapped);
-    EXPECT_EQ(Msgs(e), (std::vector<std::string>{"a", "b"}));
-}
-
-TEST(CTraceReader, WrappedRingOlderEntriesFirstCutEntryDropped)
-{
-    // Behind the marker: the rest of an overwritten entry, two old entries, the fill.
-    std::string tail = "rest of an old entry\n" + Entry("old1") + Entry("old2") + std::string(40, '.');
-    std::string r = Ring({"new1", "new2"}, tail);
-    std::vector<std::string> e;
-    bool wrapped = false;
-    ASSERT_TRUE(CTraceReader::ParseRingBuffer(r.data(), r.size(), e, &wrapped));
-    EXPECT_TRUE(wrapped);
-    EXPECT_EQ(Msgs(e), (std::vector<std::string>{"old1", "old2", "new1", "new2"}));
-
-    // An old entry that starts exactly behind the marker is kept.
-    r = Ring({"new"}, Entry("old0") + std::string(20, '.'));
-    ASSERT_TRUE(CTraceReader::ParseRingBuffer(r.data(), r.size(), e, &wrapped));
-    EXPECT_EQ(Msgs(e), (std::vector<std::string>{"old0", "new"}));
-}
-
-TEST(CTraceReader, TruncatedAndDamagedRingsNeverOverrun)
-{
-    std::string r = Ring({"a", "b", "c"}, std::string(50, '.'));
-    std::vector<std::string> e;
-    // Every prefix of the file: no crash, and a result only when complete enough.
-    for (size_t n = 0; n <= r.size(); ++n) {
-        std::string cut = r.substr(0, n); // own allocation: ASan sees overruns
-        bool ok = CTraceReader::ParseRingBuffer(cut.data(), cut.size(), e);
-        size_t markerEnd = r.rfind(kMarker) + kMarker.size();
-        if (n >= markerEnd)
-            EXPECT_TRUE(ok) << n;
-        else
-            EXPECT_FALSE(ok) << n;
+    const struct {
+        const char* what;
+        bool ring;
+        std::string data;
+        bool ok, wrapped;
+        Msgs expected;
+    } cases[] = {
+        {"ring without wrap", true, Ring({"a", "b"}, std::string(300, '_') + "\n"), true, false, {"a", "b"}},
+        {"wrapped ring, cut entry dropped", true,
+         Ring({"new1", "new2"}, "rest of an old entry\n" + Entry("old1") + Entry("old2") + std::string(40, '.')),
+         true, true, {"old1", "old2", "new1", "new2"}},
+        {"old entry right behind the marker", true, Ring({"new"}, Entry("old0") + std::string(20, '.')), true, true,
+         {"old0", "new"}},
+        {"ring without marker: what is there", true,
+         Entry("### Begin of RingBuffer. ###") + Entry("x") + "partial", false, false, {"x"}},
+        {"ring without begin line", true, kMarker + "xyz", false, false, {}},
+        {"log file without wrap", false, Entry("one") + Entry("two"), true, false, {"one", "two"}},
+        {"log file with a cut last line", false, Entry("one") + Entry("two") + "2024-01-02 03:04", false, false,
+         {"one", "two"}},
+        {"log file across a wrap", false,
+         At("2024-01-01 00:00:00.000", "kept") + At("2024-01-01 00:00:09.000", kWrap) +
+             At("2024-01-01 00:00:09.000", "newest1") + At("2024-01-01 00:00:09.500", "newest2") + "d line\n" +
+             At("2024-01-01 00:00:05.000", "old1") + At("2024-01-01 00:00:06.000", "old2"),
+         true, true, {"kept", "old1", "old2", kWrap, "newest1", "newest2"}},
+        {"log file: old text found by its time", false,
+         At("2024-01-01 00:00:09.000", kWrap) + At("2024-01-01 00:00:09.000", "new") +
+             At("2024-01-01 00:00:01.000", "old"),
+         true, true, {"old", kWrap, "new"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Msgs lines;
+        bool wrapped = !c.wrapped;
+        bool ok = c.ring ? CTraceReader::ParseRingBuffer(c.data.data(), c.data.size(), lines, &wrapped)
+                         : CTraceReader::ParseLogFile(c.data.data(), c.data.size(), lines, &wrapped);
+        EXPECT_EQ(ok, c.ok);
+        EXPECT_TRUE(!c.ok || wrapped == c.wrapped);
+        EXPECT_EQ(testsupport::TraceEnv::Messages(lines), c.expected);
+        // Every prefix: no overrun (own allocations, so that ASan sees one);
+        // a ring is complete from its last marker on.
+        for (size_t n = 0; n <= c.data.size(); ++n) {
+            std::string cut = c.data.substr(0, n);
+            ok = c.ring ? CTraceReader::ParseRingBuffer(cut.data(), cut.size(), lines)
+                        : CTraceReader::ParseLogFile(cut.data(), cut.size(), lines);
+            EXPECT_TRUE(!c.ring || !c.ok || ok == (n >= c.data.rfind(kMarker) + kMarker.size())) << n;
+        }
     }
-    // No begin line at all, a marker only, nothing.
-    std::string junk = kMarker + "xyz";
-    EXPECT_FALSE(CTraceReader::ParseRingBuffer(junk.data(), junk.size(), e));
-    EXPECT_TRUE(e.empty());
+    Msgs e;
     EXPECT_FALSE(CTraceReader::ParseRingBuffer(nullptr, 0, e));
-    // Begin line but no marker: what is there comes back, result false.
-    std::string noMarker = Entry("### Begin of RingBuffer. ###") + Entry("x") + "partial";
-    EXPECT_FALSE(CTraceReader::ParseRingBuffer(noMarker.data(), noMarker.size(), e));
-    EXPECT_EQ(Msgs(e), (std::vector<std::string>{"x"}));
     EXPECT_FALSE(CTraceReader::ReadRingBuffer("/nonexistent/ring", e));
-}
-
-TEST(CTraceReader, LogFileWithoutWrapInFileOrder)
-{
-    std::string log = Entry("one") + Entry("two");
-    std::vector<std::string> l;
-    bool wrapped = true;
-    EXPECT_TRUE(CTraceReader::ParseLogFile(log.data(), log.size(), l, &wrapped));
-    EXPECT_FALSE(wrapped);
-    EXPECT_EQ(Msgs(l), (std::vector<std::string>{"one", "two"}));
-    log += "2024-01-02 03:04";
-    EXPECT_FALSE(CTraceReader::ParseLogFile(log.data(), log.size(), l));
-    EXPECT_EQ(l.size(), 2u);
-}
-
-TEST(CTraceReader, LogFileAcrossWrap)
-{
-    std::string log = Entry("kept", "2024-01-01 00:00:00.000") +
-                      Entry("------ WRAP ----- Cycle=2, CntInitEnd=10, CurrentByteCnt=10 (MaxCnt=100)",
-                            "2024-01-01 00:00:09.000") +
-                      Entry("newest1", "2024-01-01 00:00:09.000") + Entry("newest2", "2024-01-01 00:00:09.500") +
-                      "d line\n" + Entry("old1", "2024-01-01 00:00:05.000") + Entry("old2", "2024-01-01 00:00:06.000");
-    std::vector<std::string> l;
-    bool wrapped = false;
-    EXPECT_TRUE(CTraceReader::ParseLogFile(log.data(), log.size(), l, &wrapped));
-    EXPECT_TRUE(wrapped);
-    auto m = Msgs(l);
-    ASSERT_EQ(m.size(), 6u);
-    EXPECT_EQ(m[0], "kept");
-    EXPECT_EQ(m[1], "old1");
-    EXPECT_EQ(m[2], "old2");
-    EXPECT_EQ(m[3].substr(0, 17), "------ WRAP -----");
-    EXPECT_EQ(m[5], "newest2");
-
-    // The boundary found by time when the old text starts on a line start.
-    std::string aligned = Entry("------ WRAP ----- Cycle=1, CntInitEnd=0, CurrentByteCnt=0 (MaxCnt=100)",
-                                "2024-01-01 00:00:09.000") +
-                          Entry("new", "2024-01-01 00:00:09.000") + Entry("old", "2024-01-01 00:00:01.000");
-    EXPECT_TRUE(CTraceReader::ParseLogFile(aligned.data(), aligned.size(), l));
-    m = Msgs(l);
-    ASSERT_EQ(m.size(), 3u);
-    EXPECT_EQ(m[0], "old");
-    EXPECT_EQ(m[2], "new");
-
-    for (size_t n = 0; n <= log.size(); ++n) {
-        std::string cut = log.substr(0, n);
-        CTraceReader::ParseLogFile(cut.data(), cut.size(), l);
-    }
-}
-
-TEST(CTraceReader, MessageOfHandlesBothHeaderForms)
-{
-    EXPECT_EQ(CTraceReader::MessageOf("2024-01-02 03:04:05.006 [0000ABCD]     1234 KB !kopd          text here"),
-              "text here");
-    EXPECT_EQ(CTraceReader::MessageOf("2024-01-02 03:04:05.006 [0000ABCD] kopd           leading blank"), " leading blank");
-    EXPECT_EQ(CTraceReader::MessageOf("2024-01-02 03:04:05.006 [0000ABCD] averyverylongname text"), "text");
-    EXPECT_EQ(CTraceReader::MessageOf("not an entry"), "not an entry");
-    // Too short for a whole header: the line as it is.
-    EXPECT_EQ(CTraceReader::MessageOf("2024-01-02 03:04:05.006 [0000"), "2024-01-02 03:04:05.006 [0000");
-    EXPECT_EQ(CTraceReader::MessageOf("2024-01-02 03:04:05.006 [0000ABCD] kop"), "");
-    EXPECT_FALSE(CTraceReader::IsEntryLine("2024-01-02", 10));
 }
 
 TEST(CTraceReader, ParseEntrySplitsColumnsAndLeavesOutDamagedOnes)
@@ -160,11 +96,13 @@ TEST(CTraceReader, ParseEntrySplitsColumnsAndLeavesOutDamagedOnes)
         const char* thread;  // printed as %08X, or null
         long memoryKb;       // -1: none
         const char* name;    // null: none
-        const char* text;
+        const char* text;    // MessageOf as well
     } cases[] = {
         {t + "[0000ABCD]     1234 KB !kopd          hello", true, "0000ABCD", 1234, "kopd", "hello"},
         {t + "[DEADBEEF] averylongname1234 text", true, "DEADBEEF", -1, "averylongname1234", "text"},
         {t + "[DEADBEEF] kopd          plain", true, "DEADBEEF", -1, "kopd", "plain"},
+        {t + "[DEADBEEF] kopd           leading blank", true, "DEADBEEF", -1, "kopd", " leading blank"},
+        {t + "[0000ABCD] kop", true, "0000ABCD", -1, "ko", ""},
         {t + "[XYZ00000]     12x4 KB !kopd          bad", true, nullptr, -1, "kopd", "bad"},
         {t + "[0000000", true, nullptr, -1, nullptr, "2024-01-02 03:04:05.678 [0000000"},
         {"continuation line", false, nullptr, -1, nullptr, "continuation line"},
@@ -174,6 +112,7 @@ TEST(CTraceReader, ParseEntrySplitsColumnsAndLeavesOutDamagedOnes)
         CTraceReader::EntryColumns e = CTraceReader::ParseEntry(c.line);
         EXPECT_EQ(e.isEntry, c.isEntry);
         EXPECT_EQ(e.text, c.text);
+        EXPECT_EQ(CTraceReader::MessageOf(c.line), c.text);
         EXPECT_EQ(e.time.has_value(), c.isEntry);
         char hex[16] = "";
         if (e.thread)
@@ -182,4 +121,5 @@ TEST(CTraceReader, ParseEntrySplitsColumnsAndLeavesOutDamagedOnes)
         EXPECT_EQ(e.memoryKb ? static_cast<long>(*e.memoryKb) : -1L, c.memoryKb);
         EXPECT_EQ(e.name.value_or("<none>"), c.name ? c.name : "<none>");
     }
+    EXPECT_FALSE(CTraceReader::IsEntryLine("2024-01-02", 10));
 }

@@ -1,10 +1,12 @@
+#include "trace/FailureReport.h"
 #include "trace/SysLogTraces.h"
+
+#include "support/SysLogCapture.h"
+#include "support/TraceEnv.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdarg>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -23,13 +25,21 @@ protected:
         g_Logged.clear();
         SysLogTraces::SetSink(Record);
     }
-    void TearDown() override { SysLogTraces::SetSink(nullptr); }
+    void TearDown() override { testsupport::RestoreSysLogCapture(); }
     static void Log(const char* fmt, ...) __attribute__((format(printf, 1, 2)))
     {
         va_list ap;
         va_start(ap, fmt);
         SysLogTraces::getConnection().logMessageVaList(fmt, ap);
         va_end(ap);
+    }
+    static bool Format(char* buf, size_t size, const char* fmt, ...)
+    {
+        va_list ap;
+        va_start(ap, fmt);
+        bool ok = SysLogTraces::FormatMessage(buf, size, fmt, ap);
+        va_end(ap);
+        return ok;
     }
 };
 
@@ -55,23 +65,25 @@ TEST_F(SysLogTracesTest, LeadingNewlinesSkippedLongTextCutNullIgnored)
     EXPECT_STREQ(SysLogTraces::getConnection().getProcName(), program_invocation_short_name);
 }
 
-namespace {
-bool FormatInto(char* buf, size_t size, const char* fmt, ...)
+// A null format gives the error text; a small buffer stays in bounds.
+TEST_F(SysLogTracesTest, FormatMessageOfNullFormatAndIntoSmallBuffers)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    bool ok = SysLogTraces::FormatMessage(buf, size, fmt, ap);
-    va_end(ap);
-    return ok;
-}
-} // namespace
-
-TEST(SysLogTracesFormat, NullFormatGivesErrorTextAndSmallBuffersStayInBounds)
-{
-    char buf[64];
-    EXPECT_FALSE(FormatInto(buf, sizeof(buf), nullptr));
+    char buf[64], tiny[4];
+    EXPECT_FALSE(Format(buf, sizeof(buf), nullptr));
     EXPECT_STREQ(buf, "ERROR: cann't format message");
-    char tiny[4];
-    EXPECT_TRUE(FormatInto(tiny, sizeof(tiny), "\n%s", "abcdef"));
+    EXPECT_TRUE(Format(tiny, sizeof(tiny), "\n%s", "abcdef"));
     EXPECT_STREQ(tiny, "abc");
+}
+
+// A reported failure: an error entry of the trace, and the text without
+// its leading and trailing newlines, '%' doubled (the system log takes it
+// as a format), in the system log with the priority given.
+TEST(ReportFailure, WritesTheTraceEntryAndTheSystemLogLine)
+{
+    testsupport::GlobalTrace trace("1");
+    testsupport::TakeSysLogLines();
+    ReportFailure(SysLogTraces::SL_WARNING, "\n\nmodule %s: 100%% refused\n\n", "m1");
+    EXPECT_TRUE(trace.Has("module m1: 100% refused"));
+    const std::vector<std::pair<int, std::string>> logged = {{SysLogTraces::SL_WARNING, "module m1: 100%% refused"}};
+    EXPECT_EQ(testsupport::TakeSysLogLines(), logged);
 }
