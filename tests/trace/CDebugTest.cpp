@@ -430,6 +430,7 @@ TEST_F(CDebugTest, ClassInitClosesOutputsAndKeepsTheLevel)
     EXPECT_EQ(d->GetLevel(), 4u);
     EXPECT_EQ(d->GetTraceFlags(), 0u);
     EXPECT_EQ(d->GetRingBufferSize(), 0u);
+    EXPECT_EQ(d->GetLogMaxSize(), 51200u);
     EXPECT_STREQ(d->GetActiveRingPath(), "");
     EXPECT_STREQ(d->GetInitialRingPath(), "");
     EXPECT_STREQ(d->GetLogFilePath(), "");
