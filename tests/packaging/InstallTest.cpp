@@ -81,6 +81,7 @@ TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheir
         std::string file, line;
     } lines[] = {
         {In(TEST_MODULE_CONF_DIR "/example.conf"), "\nLibrary=" TEST_INSTALL_LIBDIR "/tarvd/modules/libtarvd_example.so\n"},
+        {In(TEST_MODULE_CONF_DIR "/example.conf"), "\nEnabled=0\n"},  // installed, not loaded
         {In(TEST_UNIT_DIR "/kopd.service"), "\nExecStart=" TEST_INSTALL_SBINDIR "/kopd -n\n"},
         {In(TEST_UNIT_DIR "/kopd-runlevel.service"), "\nExecStop=" TEST_INSTALL_HELPER " shutdown\n"},
         {examples + "systemd/kopd-forking.service", "\nType=forking\n"},
@@ -151,7 +152,9 @@ TEST_F(InstallTest, ExampleBuiltWithPkgConfigIsLoadedByTheInstalledDaemon)
 
     std::string all = ReadDaemonTrace(trace);
     EXPECT_TRUE(Contains(all, "module my_example loaded from " + module)) << all;
-    EXPECT_TRUE(Contains(all, "module example loaded from " TEST_INSTALL_LIBDIR "/tarvd/modules/libtarvd_example.so"));
+    // The bundled example is installed, not enabled.
+    EXPECT_TRUE(Contains(all, "SWITCH              : module example is disabled")) << all;
+    EXPECT_FALSE(Contains(all, "module example loaded from"));
     EXPECT_TRUE(Contains(all, "ExampleModule       : stopped after"));
     EXPECT_FALSE(Contains(all, "## ERROR! module")) << all;
 }
