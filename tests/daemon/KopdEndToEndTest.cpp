@@ -34,6 +34,7 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
     EXPECT_FALSE(FileExists(LockFile()) || FileExists(RecordPath()));
 
     pid_t pid = Start();
+    const std::string traceDir = TraceDir();  // (the refused starts below trace nothing)
     ASSERT_TRUE(WaitStarted()) << Output();
     EXPECT_EQ(WaitPidFile(), pid);  // "No Demon": no fork
     const std::string pidText = std::to_string(pid) + "\n", lockText = "kopd#" + std::to_string(pid);
@@ -68,7 +69,8 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
                   "KOPD-MAIN: WARNING: Signal 14 (SIGALRM) caught -> ignoring",
                   "KOPD-MAIN: Signal 15 caught -> processing", "KOPD-MAIN: /usr/bin/systemctl detected on this OS",
                   "KOPD-MAIN: OS shutdown reguired: RunLevel = 6 from /etc/tarvd/RunLevel",
-                  "KOPD-MAIN: ## Someone signaled exit state ##", "KOPD-MAIN: ## EXIT PROCESS KOPD ##"});
+                  "KOPD-MAIN: ## Someone signaled exit state ##", "KOPD-MAIN: ## EXIT PROCESS KOPD ##"},
+                 [](const std::string&) {}, traceDir);
 }
 
 TEST_F(KopdTest, DaemonModeRunModesAndRescan)

@@ -89,7 +89,8 @@ TEST_F(ModulesEndToEndTest, InventoryAndUsageReachTheRegistryAndSigtermStopsEver
 }
 
 // Tracing switched on by the shipped sample files, or by the variables; a
-// trace directory that cannot be written is said, and the daemon runs on.
+// trace directory that cannot be written is reported on standard error, and
+// the daemon runs on.
 TEST_F(ModulesEndToEndTest, TracingByTheSampleFilesOrTheEnvironment)
 {
     const std::string envDir = m_Dir.Sub("env-trace"), missing = m_Dir.Sub("missing");
