@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <regex>
 #include <utmp.h>
 
 #include "KopdTestSupport.h"
@@ -33,6 +34,7 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
     EXPECT_FALSE(FileExists(LockFile()) || FileExists(RecordPath()));
 
     pid_t pid = Start();
+    const std::string traceDir = TraceDir();  // (the refused starts below trace nothing)
     ASSERT_TRUE(WaitStarted()) << Output();
     EXPECT_EQ(WaitPidFile(), pid);  // "No Demon": no fork
     const std::string pidText = std::to_string(pid) + "\n", lockText = "kopd#" + std::to_string(pid);
@@ -67,7 +69,8 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
                   "KOPD-MAIN: WARNING: Signal 14 (SIGALRM) caught -> ignoring",
                   "KOPD-MAIN: Signal 15 caught -> processing", "KOPD-MAIN: /usr/bin/systemctl detected on this OS",
                   "KOPD-MAIN: OS shutdown reguired: RunLevel = 6 from /etc/tarvd/RunLevel",
-                  "KOPD-MAIN: ## Someone signaled exit state ##", "KOPD-MAIN: ## EXIT PROCESS KOPD ##"});
+                  "KOPD-MAIN: ## Someone signaled exit state ##", "KOPD-MAIN: ## EXIT PROCESS KOPD ##"},
+                 [](const std::string&) {}, traceDir);
 }
 
 TEST_F(KopdTest, DaemonModeRunModesAndRescan)
@@ -235,4 +238,41 @@ TEST_F(KopdTest, DriverQueryRequestAndAnswer)
                       Field("TR_SYSTEM", "PRIMERGY"), Field("smbus_ErrorReturnString", "none")},
                      [](const std::string& t) { EXPECT_FALSE(Contains(t, "smbus-driver is not available")); });
     }
+}
+
+TEST_F(KopdTest, HelpAndVersionAnswerAnyUserWithoutTakingTheLock)
+{
+    for (uid_t uid : {0u, 65534u})
+        for (const char* option : {"--help", "--version"}) {
+            SCOPED_TRACE(std::string(option) + " as " + std::to_string(uid));
+            EXPECT_EQ(WaitExit(Start({"-n", option}, {}, "", uid)), 0);
+            const char* expected = option[2] == 'h' ? "Usage: kopd \\[-n\\|-nodemon\\][^]*"  // the whole usage
+                                                    : "kopd \\(.+\\) [0-9.-]+, built .+\n";
+            EXPECT_TRUE(std::regex_match(Output(), std::regex(expected))) << Output();
+            EXPECT_FALSE(FileExists(LockFile()) || FileExists(PidFile()) || FileExists(RecordPath()));
+        }
+}
+
+TEST_F(KopdTest, KopregChangesNothingWhileKopdRunsAndReadsAsUsual)
+{
+#ifndef TEST_KOPREG_PATH
+    GTEST_SKIP() << "kopreg is not part of this build";
+#else
+    const std::string key = "HKLM\\SOFTWARE\\X", registry = NsPath("/etc/tarvd/registry");
+    const Lines set = {"set", key, "v", "--type", "s", "y"};
+    std::string out;
+    ASSERT_EQ(RunPlain(TEST_KOPREG_PATH, {"set", key, "w", "--type", "s", "kept"}, out), 0) << out;
+    const std::string before = ReadFile(registry);
+    pid_t pid = Start();
+    ASSERT_TRUE(WaitStarted()) << Output();
+    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, set, out), 1);
+    EXPECT_TRUE(Contains(out, "kopd is running")) << out;
+    EXPECT_EQ(ReadFile(registry), before);
+    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, {"get", key, "w"}, out), 0);
+    EXPECT_TRUE(Contains(out, "kept")) << out;
+    ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
+    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, set, out), 0) << out;
+    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, {"get", key, "v"}, out), 0);
+    EXPECT_EQ(out, "y\n");
+#endif
 }

@@ -5,18 +5,43 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <sys/stat.h>
+#include <syslog.h>
 
 #include "KopdTestSupport.h"
 #include "modules/ModuleTestSupport.h"
 #include "support/ChildProcess.h"
+#include "trace/CDebugInternal.h"
 
 using namespace kopdtest;
 
-using ModulesEndToEndTest = KopdTest;
+static const std::string kTraceConfigDir = tracedetail::kDefaultConfigDirectory;
+
+class ModulesEndToEndTest : public KopdTest {
+protected:
+    void SetUp() override
+    {
+        KopdTest::SetUp();
+        if (!IsSkipped())
+            SetRunLevel("3\n");  // a simple stop, without waiting for the run level
+    }
+    std::string Registry() const { return ReadFile(NsPath("/etc/tarvd/registry")); }
+    /// Starts kopd with the real framework, `env` and nothing else (no trace variables).
+    pid_t StartUntraced(const std::string& modulesDir, Lines env = {})
+    {
+        env.insert(env.end(), {"LD_LIBRARY_PATH=" TEST_FRAMEWORK_DIR, "TARVD_MODULES_DIR=" + modulesDir});
+        return StartPlain(TEST_KOPD_PATH, {"-n"}, env);
+    }
+    /// Once the performance module has published (the modules run), stops kopd.
+    void StopOncePublished(pid_t pid)
+    {
+        ASSERT_TRUE(WaitFor([&] { return Contains(Registry(), "[Memory]"); })) << Output();
+        ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
+    }
+};
 
 TEST_F(ModulesEndToEndTest, InventoryAndUsageReachTheRegistryAndSigtermStopsEverything)
 {
-    SetRunLevel("3\n");  // a simple stop, without waiting for the run level
     const std::string snap = m_Dir.Sub("snap"), proc = m_Dir.Sub("proc"), mods = m_Dir.Sub("mods");
     modtest::MakeSnapshot(snap);
     modtest::MakeProc(proc);
@@ -24,17 +49,16 @@ TEST_F(ModulesEndToEndTest, InventoryAndUsageReachTheRegistryAndSigtermStopsEver
                                                         snap + "\nRescanSeconds=3600\nVolumeCheckSeconds=3600\n"));
     ASSERT_TRUE(WriteFile(mods + "/perf.conf", "[Module]\nLibrary=" TEST_PERF_MODULE "\nOrder=30\nProcRoot=" + proc +
                                                    "\nPeriodMs=200\n"));
-    auto registry = [&] { return ReadFile(NsPath("/etc/tarvd/registry")); };
     pid_t pid = Start({"-n"}, {"TARVD_MODULES_DIR=" + mods}, TEST_FRAMEWORK_DIR);
     ASSERT_TRUE(WaitFor([&] {
-        std::string r = registry();
+        std::string r = Registry();
         return Contains(r, "[Inventory]") && Contains(r, "ScanCount=d=1\n") && Contains(r, "[Memory]") &&
                Contains(r, "CurrentUsage=d=75\n") && Contains(r, "Name=s=br0\n");
-    })) << Output() << registry();
+    })) << Output() << Registry();
     EXPECT_EQ(WaitPidFile(), pid);
     ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
     for (const char* section : {"[0000:00:02.0]\n", "[%2Fsrv%2Fdata dir]\n", "[Processes]\n"})
-        EXPECT_TRUE(Contains(registry(), section)) << section << registry();
+        EXPECT_TRUE(Contains(Registry(), section)) << section << Registry();
 
     // What the tools print: {command, a regular expression it must match}.
     std::vector<std::pair<std::string, std::string>> tools;
@@ -62,4 +86,91 @@ TEST_F(ModulesEndToEndTest, InventoryAndUsageReachTheRegistryAndSigtermStopsEver
                   "InventoryModule     : notified: daemon is stopping",
                   "InventoryModule     : stopped after 1 full scan(s)", "PerfModule          : stopped after",
                   "KOPD-MAIN: ## EXIT PROCESS KOPD ##"});
+}
+
+// Tracing switched on by the shipped sample files, or by the variables; a
+// trace directory that cannot be written is reported on standard error, and
+// the daemon runs on.
+TEST_F(ModulesEndToEndTest, TracingByTheSampleFilesOrTheEnvironment)
+{
+    const std::string envDir = m_Dir.Sub("env-trace"), missing = m_Dir.Sub("missing");
+    const std::string logDir = NsPath("/var/log/tarvd");
+    const struct {
+        const char* what;
+        std::string dir;  ///< TR_LOG_RINGBUF_DIR, empty: the sample files instead
+        std::string traced;
+    } cases[] = {{"environment", envDir, envDir}, {"missing directory", missing, ""}, {"sample files", "", logDir}};
+    ASSERT_TRUE(MakeDirs(envDir) && MakeDirs(logDir));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        unlink(NsPath("/etc/tarvd/registry").c_str());
+        Lines env;
+        if (!c.dir.empty())
+            env = {"TR_LOG_DEBUG_LEVEL=3", "TraceFileLimit=1", "TR_LOG_RINGBUF_WEIGHT=1",
+                   "TR_LOG_RINGBUF_DIR=" + c.dir};
+        else
+            ASSERT_EQ(Shell("mkdir -p " + NsPath(kTraceConfigDir) + " && cp " TARVD_SOURCE_DIR
+                            "/packaging/TraceConfig/*.ini " + NsPath(kTraceConfigDir)), 0);
+        ASSERT_NO_FATAL_FAILURE(StopOncePublished(StartUntraced(TEST_EXAMPLE_CONF_DIR, env)));
+        if (c.traced.empty()) {
+            EXPECT_TRUE(Contains(Output(), "Warning! trace directory " + missing + " is missing or not writable"))
+                << Output();
+            continue;
+        }
+        EXPECT_TRUE(FileExists(c.traced + "/log.kopd_a"));
+        EXPECT_TRUE(FileExists(c.traced + "/log.kopd_i") || FileExists(c.traced + "/log.kopd_i.gz"));
+        const std::string trace = ReadDaemonTrace(c.traced);
+        EXPECT_TRUE(Contains(trace, "SWITCH              : module perf loaded from")) << trace;
+        EXPECT_TRUE(Contains(trace, "PerfModule          : started"));
+    }
+}
+
+// With tracing off, a module that cannot be loaded is still heard: an error
+// in the system log (here a socket of the test's own on a private /dev).
+TEST_F(ModulesEndToEndTest, FailingModulesAreReportedToTheSystemLog)
+{
+    DatagramSink log(m_Dir.Sub("log"));
+    ASSERT_TRUE(log.bound);
+    std::string out;
+    ASSERT_EQ(m_Ns->RunScript("mkdir /run/dev && mount --bind /dev /run/dev && mount -t tmpfs tmpfs /dev\n"
+                              "for d in null zero urandom log; do touch /dev/$d; done\n"
+                              "for d in null zero urandom; do mount --bind /run/dev/$d /dev/$d; done\n"
+                              "umount -l /run/dev && mount --bind " + Quote(m_Dir.Sub("log")) + " /dev/log\n",
+                              m_Dir.Sub("dev.txt"), &out), 0) << out;
+    const std::string mods = m_Dir.Sub("mods");
+    ASSERT_TRUE(WriteFile(mods + "/missing.conf", "[Module]\nName=missing\nLibrary=" + mods + "/libnowhere.so\n") &&
+                WriteFile(mods + "/text.conf", "[Module]\nName=text\nLibrary=" + mods + "/text.conf\n") &&
+                WriteFile(mods + "/perf.conf", "[Module]\nName=perf\nLibrary=" TEST_PERF_MODULE "\n"));
+    ASSERT_NO_FATAL_FAILURE(StopOncePublished(StartUntraced(mods)));  // the other module runs
+    std::string errors;
+    for (std::string d; !(d = log.Receive(100)).empty();)
+        if (d[0] == '<' && (std::atoi(d.c_str() + 1) & 7) == LOG_ERR && Contains(d, "SWITCH") &&
+            Contains(d, "-> skipped"))
+            errors += d + "\n";
+    EXPECT_TRUE(Contains(errors, "module missing") && Contains(errors, "module text")) << errors;
+}
+
+// The registry file is rewritten when something worth keeping changed, not
+// for every new figure: over a minute of the modules' default settings
+// (figures published once a minute), twice at most.
+TEST_F(ModulesEndToEndTest, RegistryFileRewrittenOnlyForChangesWorthKeeping)
+{
+    pid_t pid = Start({"-n"}, {"TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR}, TEST_FRAMEWORK_DIR);
+    ASSERT_TRUE(WaitFor([&] { return Contains(Registry(), "ScanCount=d=1\n") && Contains(Registry(), "[Memory]"); }))
+        << Output();
+    const std::string file = NsPath("/etc/tarvd/registry");
+    struct stat last{}, now{};
+    ASSERT_EQ(stat(file.c_str(), &last), 0);
+    int rewrites = 0;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (stat(file.c_str(), &now) == 0 && (now.st_ino != last.st_ino || now.st_mtim.tv_sec != last.st_mtim.tv_sec ||
+                                              now.st_mtim.tv_nsec != last.st_mtim.tv_nsec)) {
+            ++rewrites;
+            last = now;
+        }
+    }
+    EXPECT_LE(rewrites, 2);
+    ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
 }

@@ -81,7 +81,17 @@ TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheir
         std::string file, line;
     } lines[] = {
         {In(TEST_MODULE_CONF_DIR "/example.conf"), "\nLibrary=" TEST_INSTALL_LIBDIR "/tarvd/modules/libtarvd_example.so\n"},
+        {In(TEST_MODULE_CONF_DIR "/example.conf"), "\nEnabled=0\n"},  // installed, not loaded
         {In(TEST_UNIT_DIR "/kopd.service"), "\nExecStart=" TEST_INSTALL_SBINDIR "/kopd -n\n"},
+        {In(TEST_UNIT_DIR "/kopd.service"), "\nType=notify\n"},
+        {In(TEST_UNIT_DIR "/kopd.service"), "\nNotifyAccess=main\n"},
+        {In(TEST_UNIT_DIR "/kopd.service"), "\nWants=kopd-runlevel.service\n"},
+        // Units stop in the reverse order of their start: the run-level unit
+        // starts after kopd so that its stop (which writes the file) runs first.
+        {In(TEST_UNIT_DIR "/kopd-runlevel.service"), "\nAfter=kopd.service\n"},
+        {In(TEST_UNIT_DIR "/kopd-runlevel.service"), "\nType=oneshot\n"},
+        {In(TEST_UNIT_DIR "/kopd-runlevel.service"), "\nRemainAfterExit=yes\n"},
+        {In(TEST_UNIT_DIR "/kopd-runlevel.service"), "\nExecStart=" TEST_INSTALL_HELPER " boot\n"},
         {In(TEST_UNIT_DIR "/kopd-runlevel.service"), "\nExecStop=" TEST_INSTALL_HELPER " shutdown\n"},
         {examples + "systemd/kopd-forking.service", "\nType=forking\n"},
         {examples + "systemd/kopd-forking.service", "\nPIDFile=/run/kopd.pid\n"},
@@ -91,6 +101,7 @@ TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheir
         EXPECT_TRUE(Contains(ReadFile(l.file), l.line)) << l.file << ": " << l.line;
     for (const char* unit : {"/kopd.service", "/kopd-runlevel.service"})
         EXPECT_FALSE(Contains(ReadFile(In(TEST_UNIT_DIR) + unit), "@")) << unit << ": unsubstituted placeholder";
+    EXPECT_FALSE(Contains(ReadFile(In(TEST_UNIT_DIR "/kopd-runlevel.service")), "Before=kopd.service"));
     // Without its closing [EndOfFile] section the trace facility ignores a file.
     for (const char* f : {"global_trace.ini", "kopd.ini"}) {
         std::string text = ReadFile(examples + "TraceConfig/" + f);
@@ -151,7 +162,9 @@ TEST_F(InstallTest, ExampleBuiltWithPkgConfigIsLoadedByTheInstalledDaemon)
 
     std::string all = ReadDaemonTrace(trace);
     EXPECT_TRUE(Contains(all, "module my_example loaded from " + module)) << all;
-    EXPECT_TRUE(Contains(all, "module example loaded from " TEST_INSTALL_LIBDIR "/tarvd/modules/libtarvd_example.so"));
+    // The bundled example is installed, not enabled.
+    EXPECT_TRUE(Contains(all, "SWITCH              : module example is disabled")) << all;
+    EXPECT_FALSE(Contains(all, "module example loaded from"));
     EXPECT_TRUE(Contains(all, "ExampleModule       : stopped after"));
     EXPECT_FALSE(Contains(all, "## ERROR! module")) << all;
 }

@@ -3,41 +3,14 @@
 // is done and STOPPING=1 when it stops, and nothing when it forks.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 
-#include "common/UniqueHandle.h"
 #include "daemon/CServiceNotify.h"
 #include "support/Sandbox.h"
 
 using namespace testsupport;
 
 namespace {
-
-/// A datagram socket standing in for the service manager; `address`: a
-/// path, or "@name" for the abstract namespace.
-struct FakeManager {
-    explicit FakeManager(const std::string& address)
-    {
-        sockaddr_un addr{AF_UNIX, {}};
-        memcpy(addr.sun_path, address.data(), address.size());
-        addr.sun_path[0] = address[0] == '@' ? '\0' : address[0];
-        socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size() + (address[0] != '@'));
-        bound = fd && bind(fd.Get(), reinterpret_cast<sockaddr*>(&addr), len) == 0;
-    }
-    /// The next datagram, or "" after `ms` without one.
-    std::string Receive(int ms)
-    {
-        pollfd p{fd.Get(), POLLIN, 0};
-        char buffer[512];
-        ssize_t n = poll(&p, 1, ms) == 1 ? recv(fd.Get(), buffer, sizeof buffer, 0) : 0;
-        return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
-    }
-    UniqueFd fd{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    bool bound = false;
-};
 
 std::string UniqueAbstractName()
 {
@@ -50,7 +23,7 @@ TEST(ServiceNotify, TakesTheAddressOutOfTheEnvironmentAndSendsToPathAndAbstractS
 {
     TempDir dir;
     for (const std::string& address : {dir.Sub("notify"), UniqueAbstractName()}) {
-        FakeManager manager(address);
+        DatagramSink manager(address);
         ASSERT_TRUE(manager.bound) << address;
         ScopedEnv env(CServiceNotify::kSocketVariable, address.c_str());
         CServiceNotify notify;
@@ -96,12 +69,12 @@ protected:
     std::string Log() const { return ReadFile(TraceDir() + "/log.kopd"); }
 };
 
-TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationAndStoppingAtStop)
+TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationStoppingAtStopAndNothingWhenForking)
 {
     // The abstract namespace belongs to the network namespace, which the
     // mount namespace shares.
     for (const std::string& address : {m_Dir.Sub("notify"), UniqueAbstractName()}) {
-        FakeManager manager(address);
+        DatagramSink manager(address);
         ASSERT_TRUE(manager.bound);
         pid_t pid = Start({"-n"}, {"NOTIFY_SOCKET=" + address});
         // The moment READY arrives the daemon has written its last start-up line.
@@ -117,15 +90,11 @@ TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationAndStoppingAtStop)
         EXPECT_EQ(WaitExit(pid), 0) << Output();
         EXPECT_EQ(manager.Receive(200), "");
     }
-}
-
-TEST_F(ReadinessTest, ForkingModeDoesNotNotify)
-{
     // Without -n the daemon forks and is not the process the manager
     // started: it must keep quiet, also past the end of its start-up.
-    FakeManager manager(m_Dir.Sub("notify"));
+    DatagramSink manager(m_Dir.Sub("forking"));
     ASSERT_TRUE(manager.bound);
-    EXPECT_EQ(WaitExit(Start({}, {"NOTIFY_SOCKET=" + m_Dir.Sub("notify")})), 0) << Output();
+    EXPECT_EQ(WaitExit(Start({}, {"NOTIFY_SOCKET=" + m_Dir.Sub("forking")})), 0) << Output();
     pid_t pid = WaitPidFile();
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(WaitFor([&] { return Contains(Log(), "KOPD-MAIN: ## Done initializing ##"); })) << Log();

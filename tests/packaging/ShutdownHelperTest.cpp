@@ -1,13 +1,11 @@
 // The shutdown helper's decisions, with the service manager's job list and
-// the run-level file replaced through its override variables, and the
-// ordering of the units that run it.
+// the run-level file replaced through its override variables.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
 #include "support/ChildProcess.h"
 #include "support/TestSupport.h"
-#include "support/Wait.h"
 
 using namespace testsupport;
 
@@ -90,18 +88,3 @@ TEST_P(ShutdownHelper, DecidesTheRunLevel)
 }
 
 INSTANTIATE_TEST_SUITE_P(Jobs, ShutdownHelper, ::testing::ValuesIn(kCases));
-
-TEST(ServiceUnits, RunLevelUnitStopsBeforeTheDaemon)
-{
-    // Units stop in the reverse order of their start: the run-level unit
-    // starts after kopd so that its stop (which writes the file) runs first.
-    const std::string runLevel = ReadFile(TARVD_SOURCE_DIR "/packaging/kopd-runlevel.service");
-    const std::string kopd = ReadFile(TARVD_SOURCE_DIR "/packaging/kopd.service");
-    for (const char* line : {"\nAfter=kopd.service\n", "\nType=oneshot\n", "\nRemainAfterExit=yes\n",
-                             "\nExecStart=@HELPER_PATH@ boot\n", "\nExecStop=@HELPER_PATH@ shutdown\n"})
-        EXPECT_TRUE(Contains(runLevel, line)) << line;
-    EXPECT_FALSE(Contains(runLevel, "Before=kopd.service"));
-    for (const char* line : {"\nType=notify\n", "\nExecStart=@KOPD_PATH@ -n\n", "\nNotifyAccess=main\n",
-                             "\nWants=kopd-runlevel.service\n"})
-        EXPECT_TRUE(Contains(kopd, line)) << line;
-}

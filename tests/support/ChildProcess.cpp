@@ -1,5 +1,6 @@
 #include "support/ChildProcess.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -31,10 +32,7 @@ Child::Child(const std::string& program, const std::vector<std::string>& args)
     int pipes[2][2] = {{-1, -1}, {-1, -1}};
     std::vector<std::string> argStore{program};
     argStore.insert(argStore.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : argStore)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv = CStrings(argStore);
     if (pipe2(pipes[0], O_CLOEXEC) == 0 && pipe2(pipes[1], O_CLOEXEC) == 0 && (m_Pid = fork()) == 0) {
         int devnull = open("/dev/null", O_RDONLY);
         dup2(devnull, 0);
@@ -128,6 +126,13 @@ RunResult Run(const std::string& program, const std::vector<std::string>& args, 
     if (!started)
         r.err = "cannot start " + program;
     return r;
+}
+
+std::vector<char*> CStrings(std::vector<std::string>& strings)
+{
+    std::vector<char*> pointers(strings.size() + 1, nullptr);
+    std::transform(strings.begin(), strings.end(), pointers.begin(), [](std::string& s) { return s.data(); });
+    return pointers;
 }
 
 std::string Quote(const std::string& s)

@@ -21,6 +21,9 @@ struct RunResult {
 RunResult Run(const std::string& program, const std::vector<std::string>& args,
               std::chrono::seconds timeout = std::chrono::seconds(60));
 
+/// The null-terminated array of the strings' texts, for exec.
+std::vector<char*> CStrings(std::vector<std::string>& strings);
+
 /// Quotes `s` for a POSIX shell.
 std::string Quote(const std::string& s);
 

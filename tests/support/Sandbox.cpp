@@ -1,14 +1,16 @@
 #include "support/Sandbox.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,14 +76,6 @@ std::string Prepare(const std::string& stage, const SandboxOptions& options)
     return {};
 }
 
-/// The null-terminated array of the strings' texts, for execve.
-std::vector<char*> Pointers(std::vector<std::string>& strings)
-{
-    std::vector<char*> pointers(strings.size() + 1, nullptr);
-    std::transform(strings.begin(), strings.end(), pointers.begin(), [](std::string& s) { return s.data(); });
-    return pointers;
-}
-
 } // namespace
 
 Sandbox::Sandbox(const std::string& stage, const SandboxOptions& options)
@@ -137,7 +131,7 @@ pid_t Sandbox::Spawn(const SandboxProgram& launch) const
     dup2(in, 0);
     dup2(out, 1);
     dup2(out, 2);
-    if (chdir("/") != 0 || (launch.realUid != 0 && setreuid(launch.realUid, 0) != 0))
+    if (chdir("/") != 0 || (launch.uid != 0 && setresuid(launch.uid, launch.uid, launch.uid) != 0))
         _exit(122);
     if (launch.gate >= 0) {
         // Only the gate's read end stays open: a write end of this or
@@ -152,7 +146,7 @@ pid_t Sandbox::Spawn(const SandboxProgram& launch) const
     }
     std::vector<std::string> args{launch.program}, env = launch.env;
     args.insert(args.end(), launch.args.begin(), launch.args.end());
-    execve(launch.program.c_str(), Pointers(args).data(), Pointers(env).data());
+    execve(launch.program.c_str(), CStrings(args).data(), CStrings(env).data());
     _exit(124);
 }
 
@@ -163,6 +157,23 @@ int Sandbox::RunScript(const std::string& script, const std::string& outputFile,
     if (output)
         *output = ReadFile(outputFile);
     return rc;
+}
+
+DatagramSink::DatagramSink(const std::string& address) : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un addr{AF_UNIX, {}};
+    memcpy(addr.sun_path, address.data(), std::min(address.size(), sizeof addr.sun_path));
+    addr.sun_path[0] = address[0] == '@' ? '\0' : address[0];
+    socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size() + (address[0] != '@'));
+    bound = fd && bind(fd.Get(), reinterpret_cast<sockaddr*>(&addr), len) == 0;
+}
+
+std::string DatagramSink::Receive(int ms)
+{
+    pollfd p{fd.Get(), POLLIN, 0};
+    char buffer[1024];
+    ssize_t n = poll(&p, 1, ms) == 1 ? recv(fd.Get(), buffer, sizeof buffer, 0) : 0;
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
 }
 
 int WaitExit(pid_t pid, std::chrono::milliseconds timeout)

@@ -15,6 +15,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "common/UniqueHandle.h"
 #include "support/TestSupport.h"
 #include "support/Wait.h"
 
@@ -31,7 +32,7 @@ struct SandboxProgram {  ///< a program to start in the sandbox
     std::vector<std::string> args;
     std::vector<std::string> env;  ///< the whole environment, NAME=value
     std::string output;            ///< file for stdout and stderr
-    uid_t realUid = 0;             ///< when not 0: the real uid, effective stays root
+    uid_t uid = 0;                 ///< when not 0: runs as this user
     int gate = -1;  ///< when set, the program runs once this pipe end reads end-of-file
 };
 
@@ -56,6 +57,16 @@ private:
     pid_t m_Holder = -1;
     int m_Control = -1;
     std::string m_Error;
+};
+
+/// A datagram socket standing in for the service manager or the system log;
+/// `address`: a path, or "@name" for the abstract namespace.
+struct DatagramSink {
+    explicit DatagramSink(const std::string& address);
+    /// The next datagram, or "" after `ms` without one.
+    std::string Receive(int ms);
+    UniqueFd fd;
+    bool bound = false;
 };
 
 /// Waits for the child `pid`: its exit status, 128 + signal, or -1 when `timeout` passed (killed).
@@ -90,13 +101,13 @@ protected:
     }
     /// Starts kopd with `args` and `more` environment; `switchDir`: the framework's, empty: the fixture's.
     pid_t Start(const std::vector<std::string>& args = {"-n"}, const std::vector<std::string>& more = {},
-                const std::string& switchDir = "", uid_t realUid = 0, int gate = -1)
+                const std::string& switchDir = "", uid_t uid = 0, int gate = -1)
     {
         std::vector<std::string> env = DaemonEnv(m_Dir.Sub("trace" + std::to_string(++m_Launches)));
         env.push_back("LD_LIBRARY_PATH=" + (switchDir.empty() ? m_SwitchDir : switchDir));
         env.insert(env.end(), m_Env.begin(), m_Env.end());
         env.insert(env.end(), more.begin(), more.end());
-        return m_Ns->Spawn({m_Program, args, env, OutputFile(), realUid, gate});
+        return m_Ns->Spawn({m_Program, args, env, OutputFile(), uid, gate});
     }
     std::string TraceDir() const { return m_Dir.Sub("trace" + std::to_string(m_Launches)); }
     std::string OutputFile() const { return m_Dir.Sub("out" + std::to_string(m_Launches) + ".txt"); }

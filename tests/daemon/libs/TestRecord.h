@@ -1,7 +1,6 @@
-// Appends one line to the file named by an environment variable (used by the
-// test libraries to tell the tests what they were asked to do).  Each line is
-// written with one write() on an O_APPEND descriptor, so it is complete even
-// if the process is killed right after.
+// Appends one line to the file named by an environment variable (how the
+// test libraries tell the tests what they were asked to do).  One write()
+// on an O_APPEND descriptor: a line is whole even if the process is killed.
 #pragma once
 
 #include <cstdarg>
@@ -13,12 +12,12 @@
 inline void TestRecord(const char* variable, const char* format, ...) __attribute__((format(printf, 2, 3)));
 inline void TestRecord(const char* variable, const char* format, ...)
 {
-    const char* path = getenv(variable);
     char line[1024];
     va_list args;
     va_start(args, format);
     int n = vsnprintf(line, sizeof line - 1, format, args);
     va_end(args);
+    const char* path = getenv(variable);
     int fd = path && *path && n >= 0 ? open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644) : -1;
     if (fd < 0)
         return;

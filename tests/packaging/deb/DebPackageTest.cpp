@@ -69,6 +69,8 @@ TEST_F(DebPackage, ContentsFollowTheInstallLayout)
              TEST_INSTALL_HELPER})
         EXPECT_TRUE(Contains(contents, " ." + path + "\n") || Contains(contents, " ." + path + " -> ")) << path;
     EXPECT_FALSE(Contains(contents, TARVD_BINARY_DIR));
+    const std::string conf = "tar -xOf - ." TEST_MODULE_CONF_DIR "/example.conf";
+    EXPECT_TRUE(Contains(Ok("dpkg-deb --fsys-tarfile " + Quote(m_Deb) + " | " + conf), "\nEnabled=0\n"));
     for (const std::string& line : SplitLines(contents))
         EXPECT_TRUE(Contains(line, " root/root ")) << line;
 }
