@@ -13,11 +13,15 @@
 #include "hwinfo/HwPaths.h"
 #include "modules/common/ModuleSettings.h"
 #include "modules/inventory/InventoryModel.h"
+#include "support/FakeProc.h"
 #include "support/RegistryFixture.h"
 
 using namespace hwtest;
 using namespace modtest;
 using testsupport::Contains;
+using testsupport::NumberOr;
+using testsupport::SubKeys;
+using testsupport::TextOr;
 using testsupport::TempDir;
 
 namespace {
@@ -340,12 +344,21 @@ protected:
     {
         RegistryTest::SetUp();
         ASSERT_TRUE(m_Lib.Table()) << dlerror();
-        MakeProc(m_Proc.Path());
+        // 75 % of memory (40 % without the page cache) and half the swap in use, the counters
+        // standing still; eth0 and br0 are monitored; link speeds: eth0's known, enp3s0's -1.
+        m_Proc.MemInfo(1000, 250, 2000, 1000, 600);
+        m_Proc.Stat(100, 0, 50, 850, 1);
+        m_Proc.NetDev({{"lo", 100, 100}, {"eth0", 1000, 2000}, {"enp3s0", 5000000000, 7}, {"br0", 3000, 4000}});
+        m_Proc.Write("sys/kernel/pid_max", "32768\n");
+        m_Proc.Write("sys/class/net/eth0/speed", "1000\n");
+        m_Proc.Write("sys/class/net/enp3s0/speed", "-1\n");
     }
-    /// Loads and starts the module with `values` (the proc root and a 100 ms period unless named).
+    /// Loads and starts the module with `values` (unless named: the proc and sys roots, a 100 ms
+    /// period, published every period).
     void Start(std::map<std::string, std::string> values = {})
     {
-        values.insert({{"PeriodMs", "100"}, {"ProcRoot", m_Proc.Path()}});
+        values.insert({{"PeriodMs", "100"}, {"ProcRoot", m_Proc.Root()}, {"SysRoot", m_Proc.Path("sys")},
+                       {"PublishSeconds", "0"}});
         m_Config = std::make_unique<ModuleConfig>(values);
         ASSERT_EQ(m_Lib->load(m_Config->Get()), 1);
         ASSERT_EQ(m_Lib->start(), 1);
@@ -355,7 +368,7 @@ protected:
         return WaitFor([&] { return NumberOr(kPerf + key, name, 999) == value; });
     }
 
-    TempDir m_Proc;
+    testsupport::FakeProc m_Proc;
     std::unique_ptr<ModuleConfig> m_Config;
     ModuleLibrary m_Lib{TEST_PERF_MODULE};
 };
@@ -377,12 +390,27 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
     EXPECT_EQ(TextOr(kPerf + "\\Network\\0", "Name"), "eth0");
     EXPECT_EQ(SubKeys(kPerf + "\\Network"), (std::vector<std::string>{"0", "1"}));  // lo is not monitored
     EXPECT_EQ(NumberOr(kPerf, "PeriodMs", 0), 100u);
-    EXPECT_TRUE(std::regex_match(TextOr(kPerf, "LastUpdate"), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
+    EXPECT_TRUE(std::regex_match(TextOr(kPerf, "LastUpdate"), kTime));
+    // Memory as free(1) shows it, and every interface under its own name; speeds only where known.
+    // Rates come with the second reading (0: the counters stand still).
+    const std::string mem = kPerf + "\\Memory", links = kPerf + "\\Interfaces\\";
+    EXPECT_TRUE(WaitFor([&] { return TextOr(links + "enp3s0", "SentBytesPerSecond") == "0"; }));
+    EXPECT_EQ(NumberOr(mem, "UsedPercent", 999), 40u);
+    EXPECT_EQ(TextOr(mem, "TotalBytes") + " " + TextOr(mem, "AvailableBytes") + " " + TextOr(mem, "UsedBytes") + " " +
+                  TextOr(mem, "SwapTotalBytes") + " " + TextOr(mem, "SwapUsedBytes"),
+              "1024000 614400 409600 2048000 1024000");
+    EXPECT_EQ(SubKeys(kPerf + "\\Interfaces"), (std::vector<std::string>{"br0", "enp3s0", "eth0", "lo"}));
+    EXPECT_EQ(TextOr(links + "enp3s0", "ReceivedBytes") + " " + TextOr(links + "enp3s0", "SentBytes") + " " +
+                  TextOr(links + "enp3s0", "ReceivedBytesPerSecond"),
+              "5000000000 7 0");
+    EXPECT_EQ(NumberOr(links + "eth0", "LinkSpeedMbps", 0), 1000u);
+    for (const char* unknown : {"enp3s0", "br0", "lo"})
+        EXPECT_EQ(NumberOr(links + unknown, "LinkSpeedMbps", 0), 0u) << unknown;
 
     // A change of the machine shows within a few periods; the average follows (5 samples).
-    WriteMemInfo(m_Proc.Path(), 1000, 500, 2000, 2000);
+    m_Proc.MemInfo(1000, 500, 2000, 2000);
     EXPECT_TRUE(WaitNumber("\\Memory", "CurrentUsage", 50) && WaitNumber("\\Memory", "AverageUsage", 50));
-    EXPECT_TRUE(WaitNumber("\\Memory", "CurrentSwapUsage", 0));
+    EXPECT_TRUE(WaitNumber("\\Memory", "CurrentSwapUsage", 0) && WaitNumber("\\Memory", "UsedPercent", 50));
     // The daemon's stop: an update running right now may still finish; none starts afterwards.
     m_Lib->notify(TARVD_EVENT_DAEMON_STOPPING, nullptr);
     int32_t level = 6;
@@ -401,7 +429,7 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
 TEST_F(PerfModuleTest, RepeatedStartsAndStopsWithABadConfigurationAndNoProcRoot)
 {
     // 50 ms is below the minimum: the default period (1000 ms) is used.
-    Start({{"PeriodMs", "50"}, {"HistoryLength", "none"}, {"ProcRoot", m_Proc.Sub("absent")}});
+    Start({{"PeriodMs", "50"}, {"HistoryLength", "none"}, {"ProcRoot", m_Proc.Path("absent")}});
     for (int round = 0; round < 3; ++round) {
         m_Lib->stop();  // the monitor may still be starting
         ASSERT_EQ(m_Lib->start(), 1);
@@ -413,5 +441,11 @@ TEST_F(PerfModuleTest, RepeatedStartsAndStopsWithABadConfigurationAndNoProcRoot)
     EXPECT_EQ(NumberOr(kPerf + "\\Memory", "CurrentUsage", 0), 0u);  // no sample: 0 or none
     m_Lib->stop();
     m_Lib->unload();
+    m_Lib->unload();
+    // Published at the start, then every PublishSeconds (out of range: the default, a minute).
+    Start({{"PublishSeconds", "86401"}});
+    EXPECT_TRUE(WaitFor([&] { return NumberOr(kPerf, "Updates", 0) == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // three periods
+    EXPECT_EQ(NumberOr(kPerf, "Updates", 0), 1u);
     m_Lib->unload();
 }

@@ -124,6 +124,13 @@ TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
     Fails({"import", "HKLM\\SOFTWARE\\Junk", m_Dir.Sub("junk")});
     Fails({"list", "HKLM\\SOFTWARE\\Junk"});
     Fails({"import", kKey, m_Dir.Sub("missing")});
+
+    // A deletion that would leave no value in the whole tree is refused; the files stay as they are.
+    Ok({"delete-key", "HKLM", "SOFTWARE"});
+    const std::string files = testsupport::ReadFile(m_Dir.Sub("registry")) + testsupport::ReadFile(m_Dir.Sub("registry.old"));
+    Fails({"delete-value", "HKLM\\Keep", "K"}, "kopreg: not deleted: the registry would hold no value at all");
+    Fails({"delete-key", "HKLM", "Keep"}, "kopreg: not deleted: the registry would hold no value at all");
+    EXPECT_EQ(testsupport::ReadFile(m_Dir.Sub("registry")) + testsupport::ReadFile(m_Dir.Sub("registry.old")), files);
 }
 
 TEST_F(KopregTest, CorruptRegistryFallsBackOrFailsClearly)
@@ -152,6 +159,7 @@ TEST_F(KopregTest, UsageErrorsExit2)
     const std::vector<std::vector<std::string>> usage = {
         {}, {"frobnicate"}, {"--bogus", "list"}, {"get", kKey}, {"list", "a", "b"}, {"set", kKey, "V", "data"},
         {"set", kKey, "a=b", "--type", "s", "x"},
+        {"set", kKey, "V", "--type", "s", "two\nlines"},
         {"set", kKey, "V", "--type", "q", "x"},
         {"set", kKey, "V", "--type", "d", "4294967296"},
         {"set", kKey, "V", "--type", "d", "12abc"},
