@@ -91,4 +91,22 @@ inline void MakeSnapshot(const std::string& root)
                                           "/dev/vda2 /boot xfs rw 0 0\n/dev/vda3 /srv/data\\040dir ext4 rw 0 0\n");
 }
 
+/// A proc root: 75 % of memory (40 % without the page cache) and half the swap in use, the
+/// counters standing still, eth0 and br0 monitored besides lo and enp3s0, pid_max; link speeds
+/// below sys: eth0's known, enp3s0's -1, the others' missing.
+inline void MakeProc(const std::string& proc)
+{
+    WriteFile(proc + "/meminfo", "MemTotal: 1000 kB\nMemFree: 250 kB\nMemAvailable: 600 kB\nCached: 350 kB\n"
+                                 "SwapTotal: 2000 kB\nSwapFree: 1000 kB\n");
+    WriteFile(proc + "/stat", "cpu  100 0 50 850 0 0 0 0 0 0\ncpu0 100 0 50 850 0 0 0 0 0 0\n");
+    WriteFile(proc + "/net/dev", "Inter-|   Receive |  Transmit\n face |bytes    packets ...|bytes    packets ...\n"
+                                 "    lo: 100 1 0 0 0 0 0 0 100 1 0 0 0 0 0 0\n"
+                                 "  eth0: 1000 10 0 0 0 0 0 0 2000 20 0 0 0 0 0 0\n"
+                                 "enp3s0: 5000000000 9 0 0 0 0 0 0 7 1 0 0 0 0 0 0\n"
+                                 "   br0: 3000 30 0 0 0 0 0 0 4000 40 0 0 0 0 0 0\n");
+    WriteFile(proc + "/sys/kernel/pid_max", "32768\n");
+    WriteFile(proc + "/sys/class/net/eth0/speed", "1000\n");
+    WriteFile(proc + "/sys/class/net/enp3s0/speed", "-1\n");
+}
+
 } // namespace modtest

@@ -13,7 +13,6 @@
 #include "hwinfo/HwPaths.h"
 #include "modules/common/ModuleSettings.h"
 #include "modules/inventory/InventoryModel.h"
-#include "support/FakeProc.h"
 #include "support/RegistryFixture.h"
 
 using namespace hwtest;
@@ -344,20 +343,13 @@ protected:
     {
         RegistryTest::SetUp();
         ASSERT_TRUE(m_Lib.Table()) << dlerror();
-        // 75 % of memory (40 % without the page cache) and half the swap in use, the counters
-        // standing still; eth0 and br0 are monitored; link speeds: eth0's known, enp3s0's -1.
-        m_Proc.MemInfo(1000, 250, 2000, 1000, 600);
-        m_Proc.Stat(100, 0, 50, 850, 1);
-        m_Proc.NetDev({{"lo", 100, 100}, {"eth0", 1000, 2000}, {"enp3s0", 5000000000, 7}, {"br0", 3000, 4000}});
-        m_Proc.Write("sys/kernel/pid_max", "32768\n");
-        m_Proc.Write("sys/class/net/eth0/speed", "1000\n");
-        m_Proc.Write("sys/class/net/enp3s0/speed", "-1\n");
+        MakeProc(m_Proc.Path());
     }
     /// Loads and starts the module with `values` (unless named: the proc and sys roots, a 100 ms
     /// period, published every period).
     void Start(std::map<std::string, std::string> values = {})
     {
-        values.insert({{"PeriodMs", "100"}, {"ProcRoot", m_Proc.Root()}, {"SysRoot", m_Proc.Path("sys")},
+        values.insert({{"PeriodMs", "100"}, {"ProcRoot", m_Proc.Path()}, {"SysRoot", m_Proc.Sub("sys")},
                        {"PublishSeconds", "0"}});
         m_Config = std::make_unique<ModuleConfig>(values);
         ASSERT_EQ(m_Lib->load(m_Config->Get()), 1);
@@ -368,7 +360,7 @@ protected:
         return WaitFor([&] { return NumberOr(kPerf + key, name, 999) == value; });
     }
 
-    testsupport::FakeProc m_Proc;
+    TempDir m_Proc;
     std::unique_ptr<ModuleConfig> m_Config;
     ModuleLibrary m_Lib{TEST_PERF_MODULE};
 };
@@ -408,7 +400,8 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
         EXPECT_EQ(NumberOr(links + unknown, "LinkSpeedMbps", 0), 0u) << unknown;
 
     // A change of the machine shows within a few periods; the average follows (5 samples).
-    m_Proc.MemInfo(1000, 500, 2000, 2000);
+    WriteFile(m_Proc.Sub("meminfo"), "MemTotal: 1000 kB\nMemFree: 500 kB\nMemAvailable: 500 kB\nSwapTotal: 2000 kB\n"
+                                     "SwapFree: 2000 kB\n");
     EXPECT_TRUE(WaitNumber("\\Memory", "CurrentUsage", 50) && WaitNumber("\\Memory", "AverageUsage", 50));
     EXPECT_TRUE(WaitNumber("\\Memory", "CurrentSwapUsage", 0) && WaitNumber("\\Memory", "UsedPercent", 50));
     // The daemon's stop: an update running right now may still finish; none starts afterwards.
@@ -429,7 +422,7 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
 TEST_F(PerfModuleTest, RepeatedStartsAndStopsWithABadConfigurationAndNoProcRoot)
 {
     // 50 ms is below the minimum: the default period (1000 ms) is used.
-    Start({{"PeriodMs", "50"}, {"HistoryLength", "none"}, {"ProcRoot", m_Proc.Path("absent")}});
+    Start({{"PeriodMs", "50"}, {"HistoryLength", "none"}, {"ProcRoot", m_Proc.Sub("absent")}});
     for (int round = 0; round < 3; ++round) {
         m_Lib->stop();  // the monitor may still be starting
         ASSERT_EQ(m_Lib->start(), 1);

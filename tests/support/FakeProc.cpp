@@ -8,11 +8,10 @@ std::string N(uint64_t v) { return std::to_string(v); }
 
 void FakeProc::Write(const std::string& rel, const std::string& text) { WriteFile(m_Dir.Sub(rel), text); }
 
-void FakeProc::MemInfo(uint64_t memTotal, uint64_t memFree, uint64_t swapTotal, uint64_t swapFree,
-                       std::optional<uint64_t> memAvailable)
+void FakeProc::MemInfo(uint64_t memTotal, uint64_t memFree, uint64_t swapTotal, uint64_t swapFree)
 {
     Write("meminfo", "MemTotal:       " + N(memTotal) + " kB\nMemFree:        " + N(memFree) +
-                         " kB\nMemAvailable:   " + N(memAvailable.value_or(memFree)) + " kB\nBuffers:          1234 kB\n"
+                         " kB\nMemAvailable:   " + N(memFree) + " kB\nBuffers:          1234 kB\n"
                          "SwapCached:          0 kB\nSwapTotal:      " + N(swapTotal) + " kB\nSwapFree:       " +
                          N(swapFree) + " kB\nDirty:              12 kB\n");
 }

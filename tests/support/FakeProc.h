@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,10 +26,8 @@ public:
     /// Writes `text` to `rel` below the root (folders made as needed).
     void Write(const std::string& rel, const std::string& text);
 
-    /// meminfo with the four figures (kB) amid other lines; MemAvailable is
-    /// `memAvailable` when given, else the free figure.
-    void MemInfo(uint64_t memTotal, uint64_t memFree, uint64_t swapTotal, uint64_t swapFree,
-                 std::optional<uint64_t> memAvailable = std::nullopt);
+    /// meminfo with the four figures (kB) amid other lines.
+    void MemInfo(uint64_t memTotal, uint64_t memFree, uint64_t swapTotal, uint64_t swapFree);
     /// stat: the summary line, `processors` processor lines and an
     /// interrupt line longer than a page, as the kernel writes them.
     void Stat(uint64_t user, uint64_t nice, uint64_t system, uint64_t idle, int processors = 2);

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 using tooltest::json;
 
 namespace {
@@ -156,16 +158,11 @@ TEST_F(KopregTest, CorruptRegistryFallsBackOrFailsClearly)
 
 TEST_F(KopregTest, UsageErrorsExit2)
 {
-    const std::vector<std::vector<std::string>> usage = {
-        {}, {"frobnicate"}, {"--bogus", "list"}, {"get", kKey}, {"list", "a", "b"}, {"set", kKey, "V", "data"},
-        {"set", kKey, "a=b", "--type", "s", "x"},
-        {"set", kKey, "V", "--type", "s", "two\nlines"},
-        {"set", kKey, "V", "--type", "q", "x"},
-        {"set", kKey, "V", "--type", "d", "4294967296"},
-        {"set", kKey, "V", "--type", "d", "12abc"},
-        {"set", kKey, "V", "--type", "b", "abc"},
-        {"set", kKey, "V", "--type", "b", "zz"},
-    };
+    std::vector<std::vector<std::string>> usage = {{}, {"frobnicate"}, {"--bogus", "list"}, {"get", kKey},
+                                                   {"list", "a", "b"}, {"set", kKey, "V", "data"}};
+    for (auto [name, type, data] : {std::array{"a=b", "s", "x"}, {"V", "s", "two\nlines"}, {"V", "q", "x"},
+                                    {"V", "d", "4294967296"}, {"V", "d", "12abc"}, {"V", "b", "abc"}, {"V", "b", "zz"}})
+        usage.push_back({"set", kKey, name, "--type", type, data});
     for (const auto& args : usage) {
         auto r = Reg(args);
         EXPECT_TRUE(r.Exited(2)) << (args.empty() ? "" : args[0]) << " status " << r.exitCode << " " << r.err;
@@ -177,7 +174,6 @@ TEST_F(KopregTest, UsageErrorsExit2)
     // A value name that is a subkey is not overwritten.
     Ok({"set", kKey, "V", "--type", "d", "1"});
     Ok({"create", std::string(kKey) + "\\K"});
-    r = Reg({"set", kKey, "K", "--type", "d", "1"});
-    EXPECT_TRUE(r.Exited(1));
+    Fails({"set", kKey, "K", "--type", "d", "1"});
     EXPECT_EQ(ListJson(kKey).at("subkeys").size(), 1u);
 }
