@@ -151,6 +151,21 @@ TEST_F(CRegistryFaultTest, PlantedSymlinkAtTheNewFileLeavesItsTargetUntouched)
     EXPECT_EQ("precious\n", testsupport::ReadFile(victim));
 }
 
+TEST_F(CRegistryFaultTest, ADumpIntoAStreamThatRunsOutOfRoomFails)
+{
+    CRegistry reg(CRegistry::HKEY_LOCAL_MACHINE);
+    ASSERT_EQ(reg.CreateKey(nullptr, "A/B"), 0);
+    const unsigned char bytes[] = {1, 2, 3};
+    ASSERT_TRUE(reg.SetValue("bin", bytes, sizeof bytes, RegBinary));
+    // "[A]\n[B]\nbin=b=01 02 03 \n\n\n\n": full in the binary data, then in the closing lines.
+    for (size_t room : {14, 25}) {
+        char buffer[32];
+        UniqueFile f(fmemopen(buffer, room, "w"));
+        ASSERT_TRUE(f && setvbuf(f.Get(), nullptr, _IONBF, 0) == 0);
+        EXPECT_FALSE(CRegistry::HKEY_LOCAL_MACHINE->dumpNode(f.Get())) << room;
+    }
+}
+
 } // namespace
 
 TEST_F(RegistryTest, KilledSavesLeaveAWholeTree)
