@@ -263,7 +263,7 @@ private:
         if (table->abiVersion != TARVD_MODULE_ABI_VERSION) {
             // Say what the module was built for, so that an administrator
             // sees at once which side has to be rebuilt or updated.
-            DBG_PRINT(1,
+            ReportFailure(SysLogTraces::SL_ERR,
                       "\nSWITCH              : ## ERROR! module %s: incompatible ABI version 0x%08X (built for libtarvd "
                       "%u, module interface %u); this framework needs 0x%08X (libtarvd %u, module interface %u) -> "
                       "skipped, rebuild the module against this version",

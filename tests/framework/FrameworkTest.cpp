@@ -5,16 +5,20 @@
 
 #include "daemon/CSwitchApi.h"
 #include "framework/ModuleConfig.h"
+#include "support/SysLogCapture.h"
 #include "support/TestSupport.h"
+#include "support/TraceEnv.h"
+#include "trace/SysLogTraces.h"
 
 using namespace testsupport;
-using Lines = std::vector<std::string>;
+using Texts = std::vector<std::string>;
 
 namespace {
 
 std::string Module(const char* name) { return std::string(TEST_FW_MODULES_DIR) + "/libfwtest_" + name + ".so"; }
 
-class FrameworkTest : public ::testing::Test {
+// Tracing stays off unless a child turns it on (TraceEnv::InChild).
+class FrameworkTest : public TraceEnv {
 protected:
     void Conf(const std::string& f, const std::string& body) { ASSERT_TRUE(WriteFile(m_Dir.Sub("mods/" + f), body)); }
     void ModuleConf(const char* name, int order, const std::string& extra = "")
@@ -22,7 +26,7 @@ protected:
         Conf(std::string(name) + ".conf",
              "[Module]\nLibrary=" + Module(name) + "\nOrder=" + std::to_string(order) + "\n" + extra);
     }
-    Lines Record() const { return SplitLines(ReadFile(m_Record)); }
+    Texts Record() const { return SplitLines(ReadFile(m_Record)); }
 
     /// Loads the framework and its modules with the given run mode and flags.
     int Load(uint32_t runMode = 0, uint32_t flags = 0)
@@ -34,7 +38,6 @@ protected:
     }
     SwitchInterface* Sw() { return m_Api.Interface(); }
 
-    TempDir m_Dir;
     std::string m_Record = m_Dir.Sub("record.txt");
     ScopedEnv m_RecordEnv{"TEST_MODULE_RECORD", m_Record.c_str()};
     std::string m_ModsDir = (MakeDirs(m_Dir.Sub("mods")), m_Dir.Sub("mods"));
@@ -56,7 +59,7 @@ TEST_F(FrameworkTest, DrivesModulesInOrderFromStartToUnload)
     Sw()->StopAllModules();
     EXPECT_EQ(m_Api.UnloadModules(0), 1);
     m_Api.Release();
-    EXPECT_EQ(Record(), (Lines{"second load runmode=0 flags=1 name=second greeting=(none)",
+    EXPECT_EQ(Record(), (Texts{"second load runmode=0 flags=1 name=second greeting=(none)",
                                "good load runmode=0 flags=1 name=good greeting=hello world",
                                "second start", "good start", "second notify 0x20000", "good notify 0x20000",
                                "second notify 0x30000 level=6", "good notify 0x30000 level=6",
@@ -71,13 +74,15 @@ TEST_F(FrameworkTest, BrokenAndThrowingModulesAreContainedAndTheOthersRun)
     Conf("missing.conf", "Library=" + m_Dir.Sub("nowhere/libmissing.so") + "\n");
     Conf("garbage.conf", "this is not a key value line\nLibrary=" + Module("second") + "\n");
     Conf("ignored.txt", "Library=" + Module("second") + "\n");
+    Conf("notlib.conf", "Library=" + m_Dir.Sub("mods/ignored.txt") + "\n");
+    TakeSysLogLines();
     ASSERT_EQ(Load(), 1);
     EXPECT_NO_THROW(Sw()->StartAllModules());
     EXPECT_NO_THROW(Sw()->NotifySystemEvent(SW_EVENT_DAEMON_STOPPING, nullptr, 0));
     EXPECT_NO_THROW(Sw()->StopAllModules());
     EXPECT_NO_THROW(m_Api.UnloadModules(0));
     m_Api.Release();
-    EXPECT_EQ(Record(), (Lines{"throwload load runmode=0 flags=0 name=throwload greeting=(none)",
+    EXPECT_EQ(Record(), (Texts{"throwload load runmode=0 flags=0 name=throwload greeting=(none)",
                                "throwload unload",  // a chance to clean up after the throw
                                "refuse load runmode=0 flags=0 name=refuse greeting=(none)",
                                "throwrun load runmode=0 flags=0 name=throwrun greeting=(none)",
@@ -85,6 +90,12 @@ TEST_F(FrameworkTest, BrokenAndThrowingModulesAreContainedAndTheOthersRun)
                                "throwrun start",  // threw: counts as not started, so it is not stopped
                                "good start", "throwrun notify 0x20000", "good notify 0x20000", "good stop",
                                "good unload", "throwrun unload"}));
+    // Each failure reaches the system log as an error naming the module, with tracing off.
+    const auto logged = TakeSysLogLines();
+    for (const char* name : {"noentry", "badabi", "throwload", "refuse", "throwrun", "missing", "garbage", "notlib"})
+        EXPECT_TRUE(std::any_of(logged.begin(), logged.end(), [&](const std::pair<int, std::string>& l) {
+            return l.first == SysLogTraces::SL_ERR && l.second.find(name) != std::string::npos;
+        })) << name;
 }
 
 TEST_F(FrameworkTest, RunModesAndEnabledSelectTheModules)
@@ -95,18 +106,39 @@ TEST_F(FrameworkTest, RunModesAndEnabledSelectTheModules)
     ModuleConf("throwrun", 4, "RunModes=0 8\n");
     ASSERT_EQ(Load(7), 1);
     m_Api.Release();  // the last reference unloads what is still loaded
-    EXPECT_EQ(Record(), (Lines{"good load runmode=7 flags=0 name=good greeting=(none)",
+    EXPECT_EQ(Record(), (Texts{"good load runmode=7 flags=0 name=good greeting=(none)",
                                "second load runmode=7 flags=0 name=second greeting=(none)", "second unload",
                                "good unload"}));
 }
 
-TEST_F(FrameworkTest, EmptyModulesDirectoryLoadsNothingAndAMissingOneFailsTheLoad)
+TEST_F(FrameworkTest, EmptyOrMissingModulesDirectoryLoadsNothingAndAFileInItsPlaceFailsTheLoad)
 {
     EXPECT_EQ(Load(), 1);
     EXPECT_TRUE(Record().empty());
     m_Api.Release();
-    ScopedEnv dir("TARVD_MODULES_DIR", m_Dir.Sub("absent").c_str());
+    // A machine without modules has no directory for them: nothing configured, one trace line.
+    const std::string absent = m_Dir.Sub("absent");
+    ScopedEnv dir("TARVD_MODULES_DIR", absent.c_str());
+    for (const auto& [name, value] : {std::pair{"TR_LOG_DEBUG_LEVEL", "2"}, {"TraceFileLimit", "1"},
+                                      {"TR_LOG_RINGBUF_WEIGHT", "1"}})
+        Set(name, value);
+    ExpectExit(InChild([&] {
+                   Debug.SetConfigDirectory(m_ConfigDir.c_str());
+                   Debug.Init(m_Program.c_str());
+                   return Load() == 1 && Sw()->StartAllModules() == 0 ? 0 : 1;
+               }),
+               0);
+    const Texts messages = RingMessages(m_Dir.Sub("log.testprog_i"));
+    EXPECT_EQ(std::count(messages.begin(), messages.end(),
+                         "SWITCH              : the modules directory " + absent + " is missing: no modules configured"),
+              1);
+    EXPECT_TRUE(TakeSysLogLines().empty());
+    // A file in its place cannot be read (ENOTDIR): the load fails, and the system log hears it.
+    ASSERT_TRUE(WriteFile(absent, ""));
     EXPECT_EQ(Load(), 0);
+    EXPECT_EQ(TakeSysLogLines(), (std::vector<std::pair<int, std::string>>{
+                                     {3, "SWITCH              : ## ERROR! cannot read the modules directory " + absent +
+                                             " (errno=20: Not a directory)"}}));
     EXPECT_NO_THROW(Sw()->StartAllModules());
     EXPECT_EQ(m_Api.UnloadModules(0), 1);
 }
@@ -127,7 +159,7 @@ TEST_F(FrameworkTest, InterfaceSlotsThroughTheVirtualTable)
     reinterpret_cast<int (*)(SwitchInterface*, uint32_t, void*, uint32_t)>(vtable[16])(sw, 0x30000, &level, 0);
     reinterpret_cast<int (*)(SwitchInterface*)>(vtable[5])(sw);
     reinterpret_cast<int (*)(SwitchInterface*, uint32_t)>(vtable[3])(sw, 0);
-    EXPECT_EQ(Record(), (Lines{"good load runmode=0 flags=1 name=good greeting=(none)", "good start",
+    EXPECT_EQ(Record(), (Texts{"good load runmode=0 flags=1 name=good greeting=(none)", "good start",
                                "good notify 0x30000 level=0", "good stop", "good unload"}));
 }
 
@@ -181,5 +213,10 @@ TEST(ModuleConfig, ParsesKeysRejectsMalformedFilesAndListsADirectory)
     EXPECT_EQ(files.size(), std::size(bad));  // the ones written and mine.conf, sorted
     EXPECT_TRUE(std::is_sorted(files.begin(), files.end()));
     EXPECT_EQ(files[0], dir.Sub("badmodes.conf"));
-    EXPECT_FALSE(tarvdfw::ListModuleConfigs(dir.Sub("absent"), files));
+    int errorNumber = -1;
+    EXPECT_TRUE(tarvdfw::ListModuleConfigs(dir.Path(), files, &errorNumber) && errorNumber == 0);
+    EXPECT_FALSE(tarvdfw::ListModuleConfigs(dir.Sub("absent"), files, &errorNumber));
+    EXPECT_EQ(errorNumber, ENOENT);
+    EXPECT_FALSE(tarvdfw::ListModuleConfigs(dir.Sub("mine.conf"), files, &errorNumber));
+    EXPECT_EQ(errorNumber, ENOTDIR);
 }

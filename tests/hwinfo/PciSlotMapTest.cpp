@@ -3,6 +3,7 @@
 
 #include "hwinfo/CPciSlotMap.h"
 #include "support/Firmware.h"
+#include "support/TraceEnv.h"
 
 using namespace hwtest;
 
@@ -58,7 +59,11 @@ TEST(PciSlotMapSmbios, SkipRulesShortRecordsAndTheEightBitCount)
     }
 }
 
-TEST(PciSlotMapIrq, RoutingTableChecks)
+// Each table is read here, and again in a child with the program's trace on: the check that
+// refused it is seen.
+class PciSlotMapIrq : public testsupport::TraceEnv {};
+
+TEST_F(PciSlotMapIrq, RoutingTableChecks)
 {
     Bytes zero = Pir({{0, 8, 1}}), large = zero, odd = zero, bad = zero;
     PutLe16(zero, 6, 0);
@@ -67,23 +72,39 @@ TEST(PciSlotMapIrq, RoutingTableChecks)
     PutLe16(odd, 6, 0x21);
     FixChecksum(zero, 31), FixChecksum(odd, 31);
     bad[40] ^= 0x10;
-    std::tuple<const char*, Bytes, uint64_t, std::string> cases[] = {
+    std::tuple<const char*, Bytes, uint64_t, std::string, const char*> cases[] = {
         {"valid", Pir({{0, 0x08, 0}, {2, 0x18, 7}}), kPirAddress,
-         "PciSlotData 0:1.** --> Slot 0 (Unknown bus type);PciSlotData 2:3.** --> Slot 7 (Unknown bus type);"},
-        {"size 0", zero, kPirAddress, ""},
-        {"size past the area", large, kPirAddress, ""},
-        {"size not whole entries", odd, kPirAddress, ""},
-        {"version 11.0", Pir({{0, 8, 1}}, 0x0B00), kPirAddress, ""},
-        {"minor 21", Pir({{0, 8, 1}}, 0x0115), kPirAddress, ""},
-        {"10.20 is the highest", Pir({{0, 8, 1}}, 0x0A14), kPirAddress, "PciSlotData 0:1.** --> Slot 1 (Unknown bus type);"},
-        {"bad checksum", bad, kPirAddress, ""},
-        {"off a 16-byte boundary", Pir({{0, 8, 1}}), kPirAddress + 4, ""},
+         "PciSlotData 0:1.** --> Slot 0 (Unknown bus type);PciSlotData 2:3.** --> Slot 7 (Unknown bus type);", ""},
+        {"size 0", zero, kPirAddress, "", "Illegal table size"},
+        {"size past the area", large, kPirAddress, "", "Illegal table size"},
+        // Past the limit the room left would wrap to a huge size.
+        {"offset past the limit", Pir({{0, 8, 1}}), 0xFFFF0, "", "Illegal table size"},
+        {"size not whole entries", odd, kPirAddress, "", "is not zero (1)"},
+        {"version 11.0", Pir({{0, 8, 1}}, 0x0B00), kPirAddress, "", "Illegal version number"},
+        {"minor 21", Pir({{0, 8, 1}}, 0x0115), kPirAddress, "", "Illegal version number"},
+        {"10.20 is the highest", Pir({{0, 8, 1}}, 0x0A14), kPirAddress,
+         "PciSlotData 0:1.** --> Slot 1 (Unknown bus type);", ""},
+        {"bad checksum", bad, kPirAddress, "", "Illegal checksum"},
+        {"off a 16-byte boundary", Pir({{0, 8, 1}}), kPirAddress + 4, "", ""},
     };
-    for (const auto& [name, table, at, slots] : cases) {
+    for (const char* v : {"TR_LOG_DEBUG_LEVEL", "TraceFileLimit", "TR_LOG_RINGBUF_WEIGHT"})
+        Set(v, "1");
+    for (const auto& [name, table, at, slots, error] : cases) {
+        SCOPED_TRACE(name);
         FakeRoot root;
         root.MakeMemory();
         root.Poke(at, table);
-        EXPECT_EQ(slots, Text(CPciSlotMap::GetSlotMappingFromIrqRoutingTable())) << name;
+        EXPECT_EQ(Text(CPciSlotMap::GetSlotMappingFromIrqRoutingTable()), slots);
+        ExpectExit(InChild([&, &error = error] {
+                       Debug.SetConfigDirectory(m_ConfigDir.c_str());
+                       Debug.Init(m_Program.c_str());
+                       CPciSlotMap::GetSlotMappingFromIrqRoutingTable();
+                       for (const std::string& m : RingMessages(Debug.GetInitialRingPath()))
+                           if (m.find(error) != std::string::npos)
+                               return 0;
+                       return 1;
+                   }),
+                   0);
     }
     FakeRoot noMemory;
     EXPECT_TRUE(CPciSlotMap::GetSlotMappingFromIrqRoutingTable().empty());

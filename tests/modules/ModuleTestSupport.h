@@ -91,57 +91,22 @@ inline void MakeSnapshot(const std::string& root)
                                           "/dev/vda2 /boot xfs rw 0 0\n/dev/vda3 /srv/data\\040dir ext4 rw 0 0\n");
 }
 
-inline void WriteMemInfo(const std::string& proc, uint64_t memTotal, uint64_t memFree, uint64_t swapTotal,
-                         uint64_t swapFree)
-{
-    auto line = [](const char* key, uint64_t kb) { return std::string(key) + "  " + std::to_string(kb) + " kB\n"; };
-    WriteFile(proc + "/meminfo", line("MemTotal:", memTotal) + line("MemFree:", memFree) +
-                                     line("SwapTotal:", swapTotal) + line("SwapFree:", swapFree));
-}
-
-/// 75 % memory and 50 % swap used, a static stat, monitored eth0 and br0 besides lo, pid_max.
+/// A proc root: 75 % of memory (40 % without the page cache) and half the swap in use, the
+/// counters standing still, eth0 and br0 monitored besides lo and enp3s0, pid_max; link speeds
+/// below sys: eth0's known, enp3s0's -1, the others' missing.
 inline void MakeProc(const std::string& proc)
 {
-    WriteMemInfo(proc, 1000, 250, 2000, 1000);
+    WriteFile(proc + "/meminfo", "MemTotal: 1000 kB\nMemFree: 250 kB\nMemAvailable: 600 kB\nCached: 350 kB\n"
+                                 "SwapTotal: 2000 kB\nSwapFree: 1000 kB\n");
     WriteFile(proc + "/stat", "cpu  100 0 50 850 0 0 0 0 0 0\ncpu0 100 0 50 850 0 0 0 0 0 0\n");
     WriteFile(proc + "/net/dev", "Inter-|   Receive |  Transmit\n face |bytes    packets ...|bytes    packets ...\n"
                                  "    lo: 100 1 0 0 0 0 0 0 100 1 0 0 0 0 0 0\n"
                                  "  eth0: 1000 10 0 0 0 0 0 0 2000 20 0 0 0 0 0 0\n"
+                                 "enp3s0: 5000000000 9 0 0 0 0 0 0 7 1 0 0 0 0 0 0\n"
                                  "   br0: 3000 30 0 0 0 0 0 0 4000 40 0 0 0 0 0 0\n");
     WriteFile(proc + "/sys/kernel/pid_max", "32768\n");
-}
-
-// Registry readers: each with a handle of its own, released at once.
-
-/// A number (type 4 only) below HKEY_LOCAL_MACHINE, or `fallback`.
-inline uint32_t NumberOr(const std::string& key, const char* name, uint32_t fallback)
-{
-    CRegistry reg;
-    unsigned n = 0;
-    bool ok = reg.Open(key.c_str(), CRegistry::HKEY_LOCAL_MACHINE) == 0 && reg.GetValue(name) &&
-              reg.GetLastType() == 4 && reg.QueryValue(&n, name) == 0;
-    return ok ? n : fallback;
-}
-
-/// A text (type 1 only) below HKEY_LOCAL_MACHINE, or `fallback`.
-inline std::string TextOr(const std::string& key, const char* name, const std::string& fallback = "<none>")
-{
-    CRegistry reg;
-    std::string t;
-    bool ok = reg.Open(key.c_str(), CRegistry::HKEY_LOCAL_MACHINE) == 0 && reg.GetValue(name) &&
-              reg.GetLastType() == 1 && reg.QueryValue(t, name) == 0;
-    return ok ? t : fallback;
-}
-
-inline std::vector<std::string> SubKeys(const std::string& key)
-{
-    std::vector<std::string> names;
-    CRegistry reg;
-    char name[256];
-    if (reg.Open(key.c_str(), CRegistry::HKEY_LOCAL_MACHINE) == 0)
-        for (unsigned i = 0, size = sizeof name; reg.EnumKey(name, &size, i) == 0; ++i, size = sizeof name)
-            names.emplace_back(name);
-    return names;
+    WriteFile(proc + "/sys/class/net/eth0/speed", "1000\n");
+    WriteFile(proc + "/sys/class/net/enp3s0/speed", "-1\n");
 }
 
 } // namespace modtest

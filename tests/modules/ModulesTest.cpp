@@ -18,6 +18,9 @@
 using namespace hwtest;
 using namespace modtest;
 using testsupport::Contains;
+using testsupport::NumberOr;
+using testsupport::SubKeys;
+using testsupport::TextOr;
 using testsupport::TempDir;
 
 namespace {
@@ -342,10 +345,12 @@ protected:
         ASSERT_TRUE(m_Lib.Table()) << dlerror();
         MakeProc(m_Proc.Path());
     }
-    /// Loads and starts the module with `values` (the proc root and a 100 ms period unless named).
+    /// Loads and starts the module with `values` (unless named: the proc and sys roots, a 100 ms
+    /// period, published every period).
     void Start(std::map<std::string, std::string> values = {})
     {
-        values.insert({{"PeriodMs", "100"}, {"ProcRoot", m_Proc.Path()}});
+        values.insert({{"PeriodMs", "100"}, {"ProcRoot", m_Proc.Path()}, {"SysRoot", m_Proc.Sub("sys")},
+                       {"PublishSeconds", "0"}});
         m_Config = std::make_unique<ModuleConfig>(values);
         ASSERT_EQ(m_Lib->load(m_Config->Get()), 1);
         ASSERT_EQ(m_Lib->start(), 1);
@@ -377,12 +382,28 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
     EXPECT_EQ(TextOr(kPerf + "\\Network\\0", "Name"), "eth0");
     EXPECT_EQ(SubKeys(kPerf + "\\Network"), (std::vector<std::string>{"0", "1"}));  // lo is not monitored
     EXPECT_EQ(NumberOr(kPerf, "PeriodMs", 0), 100u);
-    EXPECT_TRUE(std::regex_match(TextOr(kPerf, "LastUpdate"), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
+    EXPECT_TRUE(std::regex_match(TextOr(kPerf, "LastUpdate"), kTime));
+    // Memory as free(1) shows it, and every interface under its own name; speeds only where known.
+    // Rates come with the second reading (0: the counters stand still).
+    const std::string mem = kPerf + "\\Memory", links = kPerf + "\\Interfaces\\";
+    EXPECT_TRUE(WaitFor([&] { return TextOr(links + "enp3s0", "SentBytesPerSecond") == "0"; }));
+    EXPECT_EQ(NumberOr(mem, "UsedPercent", 999), 40u);
+    EXPECT_EQ(TextOr(mem, "TotalBytes") + " " + TextOr(mem, "AvailableBytes") + " " + TextOr(mem, "UsedBytes") + " " +
+                  TextOr(mem, "SwapTotalBytes") + " " + TextOr(mem, "SwapUsedBytes"),
+              "1024000 614400 409600 2048000 1024000");
+    EXPECT_EQ(SubKeys(kPerf + "\\Interfaces"), (std::vector<std::string>{"br0", "enp3s0", "eth0", "lo"}));
+    EXPECT_EQ(TextOr(links + "enp3s0", "ReceivedBytes") + " " + TextOr(links + "enp3s0", "SentBytes") + " " +
+                  TextOr(links + "enp3s0", "ReceivedBytesPerSecond"),
+              "5000000000 7 0");
+    EXPECT_EQ(NumberOr(links + "eth0", "LinkSpeedMbps", 0), 1000u);
+    for (const char* unknown : {"enp3s0", "br0", "lo"})
+        EXPECT_EQ(NumberOr(links + unknown, "LinkSpeedMbps", 0), 0u) << unknown;
 
     // A change of the machine shows within a few periods; the average follows (5 samples).
-    WriteMemInfo(m_Proc.Path(), 1000, 500, 2000, 2000);
+    WriteFile(m_Proc.Sub("meminfo"), "MemTotal: 1000 kB\nMemFree: 500 kB\nMemAvailable: 500 kB\nSwapTotal: 2000 kB\n"
+                                     "SwapFree: 2000 kB\n");
     EXPECT_TRUE(WaitNumber("\\Memory", "CurrentUsage", 50) && WaitNumber("\\Memory", "AverageUsage", 50));
-    EXPECT_TRUE(WaitNumber("\\Memory", "CurrentSwapUsage", 0));
+    EXPECT_TRUE(WaitNumber("\\Memory", "CurrentSwapUsage", 0) && WaitNumber("\\Memory", "UsedPercent", 50));
     // The daemon's stop: an update running right now may still finish; none starts afterwards.
     m_Lib->notify(TARVD_EVENT_DAEMON_STOPPING, nullptr);
     int32_t level = 6;
@@ -413,5 +434,11 @@ TEST_F(PerfModuleTest, RepeatedStartsAndStopsWithABadConfigurationAndNoProcRoot)
     EXPECT_EQ(NumberOr(kPerf + "\\Memory", "CurrentUsage", 0), 0u);  // no sample: 0 or none
     m_Lib->stop();
     m_Lib->unload();
+    m_Lib->unload();
+    // Published at the start, then every PublishSeconds (out of range: the default, a minute).
+    Start({{"PublishSeconds", "86401"}});
+    EXPECT_TRUE(WaitFor([&] { return NumberOr(kPerf, "Updates", 0) == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // three periods
+    EXPECT_EQ(NumberOr(kPerf, "Updates", 0), 1u);
     m_Lib->unload();
 }

@@ -18,9 +18,13 @@ TEST(CPerfMonMemory, UsedAndSwapFromMalformedAndOverflowingFiles)
     const Case cases[] = {
         {"a quarter used", "MemTotal: 1000 kB\nMemFree: 250 kB\nSwapTotal: 400 kB\nSwapFree: 100 kB\n", 2, 75, 75},
         {"missing field", "MemTotal: 1000 kB\nMemFree: 500 kB\nSwapTotal: 100 kB\nSwapCached: 0 kB\n", 0, 0, 0},
-        // Both saturate alike; more free swap than there is: nothing in use, not a wrapped figure.
+        // Plain unsigned arithmetic: more free than the total wraps to an
+        // absurd figure that the percentage holds at 100.
+        {"free above the total", "MemTotal: 1000 kB\nMemFree: 2000 kB\nSwapTotal: 400 kB\nSwapFree: 401 kB\n", 2,
+         100, 100},
+        // Saturated readings: total - free of equal figures is 0; 1000 - 2^64-1 wraps to 1001.
         {"saturated", std::string(5000, 'M') + "\nMemTotal: " + huge + " kB\nMemFree: 18446744073709551615 kB\nJunk: " +
-             std::string(300, '9') + "\nSwapTotal: 1000 kB\nSwapFree: " + huge + " kB\n", 2, 0, 0},
+             std::string(300, '9') + "\nSwapTotal: 1000 kB\nSwapFree: " + huge + " kB\n", 2, 0, 100},
         // No swap: the whole is 0, so the raw part (0) is reported.
         {"no swap", "MemTotal: " + huge + " kB\nMemFree: 0 kB\nSwapTotal: 0 kB\nSwapFree: 0 kB\n", 2, 100, 0},
     };
@@ -71,6 +75,13 @@ TEST(CPerfMonSystem, DifferencesOfTheSummaryLineAndQueriesOutsideTheGroups)
     r.proc.Stat(130, 10, 60, 1000);  // idle only
     r.mon.SnapshotData(kSys);
     EXPECT_EQ(r.Current(CPerfMon::PERF_SYSTEM_IDLE), 100);
+    // Counters that went back by as much as idle went on: a zero whole, so
+    // the current form reports each raw difference's low byte (idle +140,
+    // user -140 wrapped), and the average leaves the sample out.
+    r.proc.Stat(0, 0, 60, 1140);
+    r.mon.SnapshotData(kSys);
+    EXPECT_EQ(r.Answers(CPerfMon::PERF_SYSTEM_USAGE, CPerfMon::PERF_SYSTEM_KERNEL),
+              (std::vector{116, 1, 140, 1, 116, 1, 0, 1}));
     EXPECT_EQ(r.Average(CPerfMon::PERF_SYSTEM_USAGE), 25);
     // Modes other than 0 and 1 answer 0 and leave the byte.
     for (int mode : {2, -1})
@@ -137,7 +148,8 @@ TEST(CPerfMonNetwork, RatesAgainstTheIntervalBudget)
         // Half the link for two seconds: the budget is two seconds' worth.
         {"longer interval", {"eth0", 0, 0}, {"eth0", 131072, 0}, 3000, 25, 0, 25},
         {"32-bit counters wrapped", {"eth0", 0xFFFF8000ull, 0xFFFFFFF0ull}, {"eth0", 0x8000, 0x10}, 2000, 50, 0, 50},
-        {"64-bit counter reset", {"eth0", 0x200000000ull, 0}, {"eth0", 13107, 0}, 2000, 10, 0, 10},
+        // Above 32 bits a counter that went down is not a wrap: the plain difference is absurd.
+        {"64-bit counter reset", {"eth0", 0x200000000ull, 0}, {"eth0", 13107, 0}, 2000, 100, 0, 100},
     };
     for (const Case& c : cases) {
         Rig r;
@@ -178,9 +190,11 @@ TEST(CPerfMonNetwork, InstancesFollowTheInterfaceTableAndShortIntervalsKeepTheRe
     NextReading(r, {{"eth0", 40632 + 26214, 0}}, 5000);
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 4u);
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 20);
-    NextReading(r, {{"eth0", 500000, 0}}, 500);  // the clock set back: starts afresh
-    NextReading(r, {{"eth0", 500000 + 13107, 0}}, 1500);
+    // The clock set back: a huge elapsed time, so a sample with a rate near 0.
+    NextReading(r, {{"eth0", 500000, 0}}, 500);
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 5u);
+    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 0);
+    NextReading(r, {{"eth0", 500000 + 13107, 0}}, 1500);
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 10);
 }
 

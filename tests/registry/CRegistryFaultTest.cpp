@@ -2,6 +2,7 @@
 // at any moment, a new file planted as a symbolic link: the files on disk
 // always load as one whole tree, and a failed save keeps the tree dirty.
 #include "support/RegistryFixture.h"
+#include "support/SysLogCapture.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -97,6 +98,16 @@ TEST_F(CRegistryFaultTest, FailureAtEveryFileOperationKeepsTheTreeDirtyAndTheFil
     WriteGeneration(2);             // now there is a current file to rotate
     ASSERT_EQ(2, LoadAndCheck());
 
+    // What the system log hears of each failure, whatever the trace level.
+    const std::string fresh = "CRegistry: ERROR: Cannot write \"" + New() + "\": ";
+    const std::string current = "\"" + Current() + "\"";
+    const std::string logged[kKinds][2] = {
+        {"CRegistry: ERROR: Cannot open \"" + New() + "\" for writing"},
+        {fresh + "No space left on device", fresh + "No space left on device"},
+        {fresh + "Input/output error"},
+        {"CRegistry: ERROR: Cannot rename " + current + " to \"" + Backup() + "\": Invalid cross-device link",
+         "CRegistry: ERROR: Cannot rename \"" + New() + "\" to " + current + ": Invalid cross-device link"}};
+    testsupport::TakeSysLogLines();
     long gen = 2;
     for (int kind = 0; kind < kKinds; ++kind) {
         const int calls = kind == kRename ? 2 : clean[kind];
@@ -110,6 +121,8 @@ TEST_F(CRegistryFaultTest, FailureAtEveryFileOperationKeepsTheTreeDirtyAndTheFil
             // Only a failed backup rotation lets the save go on.
             const bool saved = kind == kRename && at == 1;
             EXPECT_EQ(!saved, CRegistry::IsDirty());
+            EXPECT_EQ(testsupport::TakeSysLogLines(),
+                      (std::vector<std::pair<int, std::string>>{{saved ? 4 : 3, logged[kind][std::min(at, 2) - 1]}}));
             gen += saved ? 1 : 0;
             EXPECT_EQ(gen, LoadAndCheck());
             // The next save succeeds and is what a load then gives.
@@ -136,6 +149,21 @@ TEST_F(CRegistryFaultTest, PlantedSymlinkAtTheNewFileLeavesItsTargetUntouched)
     EXPECT_FALSE(CRegistry::IsDirty());
     EXPECT_EQ(2, LoadAndCheck());
     EXPECT_EQ("precious\n", testsupport::ReadFile(victim));
+}
+
+TEST_F(CRegistryFaultTest, ADumpIntoAStreamThatRunsOutOfRoomFails)
+{
+    CRegistry reg(CRegistry::HKEY_LOCAL_MACHINE);
+    ASSERT_EQ(reg.CreateKey(nullptr, "A/B"), 0);
+    const unsigned char bytes[] = {1, 2, 3};
+    ASSERT_TRUE(reg.SetValue("bin", bytes, sizeof bytes, RegBinary));
+    // "[A]\n[B]\nbin=b=01 02 03 \n\n\n\n": full in the binary data, then in the closing lines.
+    for (size_t room : {14, 25}) {
+        char buffer[32];
+        UniqueFile f(fmemopen(buffer, room, "w"));
+        ASSERT_TRUE(f && setvbuf(f.Get(), nullptr, _IONBF, 0) == 0);
+        EXPECT_FALSE(CRegistry::HKEY_LOCAL_MACHINE->dumpNode(f.Get())) << room;
+    }
 }
 
 } // namespace

@@ -1,8 +1,10 @@
 // The registry files: the exact text a save writes, its rotation to the
 // backup, the fall-back to the backup and factory default, and trees that
 // read back byte for byte.
+#include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <tuple>
 
 #include "support/RegistryFixture.h"
 
@@ -10,18 +12,8 @@ using testsupport::FileExists;
 using testsupport::ReadFile;
 using testsupport::WriteFile;
 
-namespace {
-
 // The string value "from" of HKEY_LOCAL_MACHINE, through a fresh handle.
-std::string From()
-{
-    CRegistry reg;
-    std::string s;
-    reg.QueryValue(s, "from", CRegistry::HKEY_LOCAL_MACHINE);
-    return s;
-}
-
-} // namespace
+std::string From() { return testsupport::TextOr("", "from", ""); }
 
 TEST_F(RegistryTest, WritesExactTextReadsItBackAndRotates)
 {
@@ -134,4 +126,56 @@ TEST_F(RegistryTest, SaveOfAnUnloadedTreeIsNotReloadedUnderOpenHandles)
     EXPECT_EQ(other.QueryValue(&n, "late"), 0u);
     EXPECT_EQ(n, 2u);
     holder.Close();
+}
+
+TEST_F(RegistryTest, NamesAndTextsTheFileCannotCarryAreRefusedWithNothingLeftBehind)
+{
+    // {key below HKEY_LOCAL_MACHINE, value name, string}: what would read back as other keys or values.
+    const std::tuple<const char*, const char*, const char*> refused[] = {
+        {"Plain", "v", "x\n\n[Injected]\nevil=s=1"}, {"Plain", "a=b", "x"}, {"Plain", "[Injected", "x"},
+        {"Plain", "line\nfeed", "x"}, {"With\nLineFeed", "v", "x"}, {"With=Equals", "v", "x"},
+        {"[Leading", "v", "x"}, {"Closing]Bracket", "v", "x"}, {"Ok\\Then]Bad", "v", "x"}, {"Ok\\Then=Bad", "v", "x"}};
+    for (const auto& [key, name, text] : refused) {
+        CRegistry reg;
+        const bool set = reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, key) == 0 &&
+                         reg.SetValue(name, reinterpret_cast<const unsigned char*>(text),
+                                      static_cast<unsigned>(strlen(text)), RegString);
+        EXPECT_FALSE(set) << key << " " << name;
+        EXPECT_EQ(reg.GetStatus(), CRegistry::kInvalid) << key << " " << name;
+    }
+    {
+        CRegistry reg;
+        ASSERT_EQ(reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, "Inner[Bracket"), 0);
+        EXPECT_EQ(reg.SetValue("v", "text with = and [brackets] inside"), 0u);
+        EXPECT_EQ(reg.SetValue("name[x]", "a"), 0u);
+        const unsigned char bytes[] = {'\n', '[', '=', 0};  // binary forms are unaffected
+        EXPECT_TRUE(reg.SetValue("b", bytes, sizeof bytes, RegBinary));
+    }
+    // A refused path left no part of itself (a refused value leaves its key); the rest reads back.
+    Reload();
+    CRegistry loaded;
+    EXPECT_EQ(Dump(*CRegistry::HKEY_LOCAL_MACHINE),
+              "[Inner[Bracket]\nb=b=0a 5b 3d 00 \nname[x]=s=a\nv=s=text with = and [brackets] inside\n\n[Plain]\n\n\n");
+}
+
+TEST_F(RegistryTest, AFileNestedFarBeyondTheCStackLoadsSavesAndGoesAway)
+{
+    // Far deeper than any recursion could go: reading, saving and
+    // destroying the tree must all work without one.
+    constexpr int kLevels = 200000;
+    std::string file = "[HKEY_LOCAL_MACHINE]\nv=d=1\n";
+    for (int i = 0; i < kLevels; ++i)
+        file += "[n]\n";
+    ASSERT_TRUE(WriteFile(Current(), file + "deep=d=1\n"));
+    auto depth = [] {
+        int levels = 0;
+        for (CRegistry reg(CRegistry::HKEY_LOCAL_MACHINE); reg.Open("n", reg.GetKey()) == 0;)
+            ++levels;
+        return levels;
+    };
+    EXPECT_EQ(depth(), kLevels);
+    ASSERT_TRUE(CRegistry::SaveTree());
+    Reload();
+    EXPECT_EQ(depth(), kLevels);
+    Reload();
 }

@@ -10,15 +10,6 @@ namespace {
 
 using namespace std::string_literals;
 
-// A value `depth` keys deep, in the form a dump of it takes.
-std::string Nested(int depth)
-{
-    std::string s;
-    for (int i = 0; i < depth; ++i)
-        s += "[k]\n";
-    return s + "x=d=1\n" + std::string(depth + 1, '\n');
-}
-
 // 20000 values of one key in sorted order, on lines of random lengths (up
 // to the 1023-character limit on every 50th) that cross the borders of the
 // reader's blocks at many offsets.
@@ -120,9 +111,6 @@ TEST_F(CRegistryMalformedTest, BrokenFilesFallBackOrFail)
         {"a repeated section replaces the first", "[K]\nfirst=d=1\n\n[K]\nsecond=d=2\n\n\n",
          "[K]\nsecond=d=2\n\n\n"},
         {"a block of only a bad number still counts as read", "[K]\nx=d=abc\n\n\n", "[K]\n\n\n"},
-        {"value nested 200 levels deep", Nested(200), Nested(200)},
-        {"value nested 2000 levels deep is skipped", Nested(2000), "<none>"},
-        {"100000 levels do not exhaust the stack", Nested(100000), "<none>"},
         {"a large file reads back byte for byte", LargeFile(), LargeFile()},
     };
     for (const FileCase& c : cases) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "common/UniqueHandle.h"
 #include "registry/CRegistry.h"
@@ -47,3 +48,43 @@ protected:
 
     testsupport::TempDir m_Dir;
 };
+
+namespace testsupport {
+
+// Readers of values below HKEY_LOCAL_MACHINE: each with a handle of its own, released at once.
+
+inline bool HasValue(CRegistry& reg, const std::string& key, const char* name, unsigned type)
+{
+    return reg.Open(key.c_str(), CRegistry::HKEY_LOCAL_MACHINE) == 0 && reg.GetValue(name) &&
+           reg.GetLastType() == type;
+}
+
+/// A number (type 4 only), or `fallback`.
+inline uint32_t NumberOr(const std::string& key, const char* name, uint32_t fallback)
+{
+    CRegistry reg;
+    unsigned n = 0;
+    return HasValue(reg, key, name, 4) && reg.QueryValue(&n, name) == 0 ? n : fallback;
+}
+
+/// A text (type 1 only), or `fallback`.
+inline std::string TextOr(const std::string& key, const char* name, const std::string& fallback = "<none>")
+{
+    CRegistry reg;
+    std::string t;
+    return HasValue(reg, key, name, 1) && reg.QueryValue(t, name) == 0 ? t : fallback;
+}
+
+/// Names of the subkeys of `key`, in the tree's order.
+inline std::vector<std::string> SubKeys(const std::string& key)
+{
+    std::vector<std::string> names;
+    CRegistry reg;
+    char name[256];
+    if (reg.Open(key.c_str(), CRegistry::HKEY_LOCAL_MACHINE) == 0)
+        for (unsigned i = 0, size = sizeof name; reg.EnumKey(name, &size, i) == 0; ++i, size = sizeof name)
+            names.emplace_back(name);
+    return names;
+}
+
+} // namespace testsupport

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 using tooltest::json;
 
 namespace {
@@ -124,6 +126,13 @@ TEST_F(KopregTest, ExportImportRoundTripAndDeletes)
     Fails({"import", "HKLM\\SOFTWARE\\Junk", m_Dir.Sub("junk")});
     Fails({"list", "HKLM\\SOFTWARE\\Junk"});
     Fails({"import", kKey, m_Dir.Sub("missing")});
+
+    // A deletion that would leave no value in the whole tree is refused; the files stay as they are.
+    Ok({"delete-key", "HKLM", "SOFTWARE"});
+    const std::string files = testsupport::ReadFile(m_Dir.Sub("registry")) + testsupport::ReadFile(m_Dir.Sub("registry.old"));
+    Fails({"delete-value", "HKLM\\Keep", "K"}, "kopreg: not deleted: the registry would hold no value at all");
+    Fails({"delete-key", "HKLM", "Keep"}, "kopreg: not deleted: the registry would hold no value at all");
+    EXPECT_EQ(testsupport::ReadFile(m_Dir.Sub("registry")) + testsupport::ReadFile(m_Dir.Sub("registry.old")), files);
 }
 
 TEST_F(KopregTest, CorruptRegistryFallsBackOrFailsClearly)
@@ -149,15 +158,11 @@ TEST_F(KopregTest, CorruptRegistryFallsBackOrFailsClearly)
 
 TEST_F(KopregTest, UsageErrorsExit2)
 {
-    const std::vector<std::vector<std::string>> usage = {
-        {}, {"frobnicate"}, {"--bogus", "list"}, {"get", kKey}, {"list", "a", "b"}, {"set", kKey, "V", "data"},
-        {"set", kKey, "a=b", "--type", "s", "x"},
-        {"set", kKey, "V", "--type", "q", "x"},
-        {"set", kKey, "V", "--type", "d", "4294967296"},
-        {"set", kKey, "V", "--type", "d", "12abc"},
-        {"set", kKey, "V", "--type", "b", "abc"},
-        {"set", kKey, "V", "--type", "b", "zz"},
-    };
+    std::vector<std::vector<std::string>> usage = {{}, {"frobnicate"}, {"--bogus", "list"}, {"get", kKey},
+                                                   {"list", "a", "b"}, {"set", kKey, "V", "data"}};
+    for (auto [name, type, data] : {std::array{"a=b", "s", "x"}, {"V", "s", "two\nlines"}, {"V", "q", "x"},
+                                    {"V", "d", "4294967296"}, {"V", "d", "12abc"}, {"V", "b", "abc"}, {"V", "b", "zz"}})
+        usage.push_back({"set", kKey, name, "--type", type, data});
     for (const auto& args : usage) {
         auto r = Reg(args);
         EXPECT_TRUE(r.Exited(2)) << (args.empty() ? "" : args[0]) << " status " << r.exitCode << " " << r.err;
@@ -169,7 +174,6 @@ TEST_F(KopregTest, UsageErrorsExit2)
     // A value name that is a subkey is not overwritten.
     Ok({"set", kKey, "V", "--type", "d", "1"});
     Ok({"create", std::string(kKey) + "\\K"});
-    r = Reg({"set", kKey, "K", "--type", "d", "1"});
-    EXPECT_TRUE(r.Exited(1));
+    Fails({"set", kKey, "K", "--type", "d", "1"});
     EXPECT_EQ(ListJson(kKey).at("subkeys").size(), 1u);
 }
