@@ -17,8 +17,12 @@
  *     unload()          once, before dlclose
  *
  * A function may be null when the module has nothing to do at that point
- * (only `load` is mandatory).  A module that throws is reported and skipped;
- * the other modules are not affected.  Modules trace through the daemon's
+ * (only `load` is mandatory).  Nothing should throw out of a module function;
+ * the framework catches what does and reports it: a module that throws in
+ * its entry point or in `load` is skipped (`unload` is called first when
+ * `load` threw), one that throws in `start` is not started, and a throw in
+ * `notify`, `stop` or `unload` is reported while the daemon carries on.  The
+ * other modules are not affected.  Modules trace through the daemon's
  * `Debug` object (trace/CDebug.h).
  */
 #ifndef TARVD_MODULE_H
@@ -77,6 +81,14 @@ typedef struct TarvdModuleV1 {
 } TarvdModuleV1;
 
 typedef const TarvdModuleV1* (*TarvdModuleEntry)(void);
+
+/** Exports a symbol from a module built with -fvisibility=hidden (as the
+ *  examples are): the framework looks the entry point up with dlsym. */
+#define TARVD_MODULE_EXPORT __attribute__((visibility("default")))
+
+/** The entry point every module defines.  Declared here exported, so that
+ *  the definition is exported whatever the module's default visibility. */
+TARVD_MODULE_EXPORT const TarvdModuleV1* tarvd_module_v1(void);
 
 #ifdef __cplusplus
 }

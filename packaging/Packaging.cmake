@@ -3,12 +3,10 @@
 # targets exist.
 include(CMakePackageConfigHelpers)
 
-# Where the framework reads its module configuration files from: the
-# system's configuration directory, /etc for a /usr installation.
-set(TARVD_MODULE_CONF_DIR "${CMAKE_INSTALL_FULL_SYSCONFDIR}/tarvd/modules.d")
-set(TARVD_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/tarvd/modules")
+# TARVD_MODULE_CONF_DIR and TARVD_MODULE_DIR: see InstallHelpers.cmake.
 set(TARVD_DOC_DIR "${CMAKE_INSTALL_DATAROOTDIR}/doc/tarvd")
 set(TARVD_HELPER_DIR "${CMAKE_INSTALL_LIBEXECDIR}/tarvd")
+set(TARVD_MAINTAINER "tarvd maintainers <tarvd@example.org>")
 set(TARVD_SYSTEMD_UNIT_DIR "${CMAKE_INSTALL_PREFIX}/lib/systemd/system"
     CACHE PATH "Directory of the systemd unit files")
 set(TARVD_PKG ${CMAKE_SOURCE_DIR}/packaging)
@@ -37,7 +35,7 @@ install(EXPORT tarvdTargets NAMESPACE tarvd::
 configure_package_config_file(${TARVD_PKG}/templates/tarvdConfig.cmake.in
   ${TARVD_PKG_OUT}/tarvdConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tarvd
-  PATH_VARS CMAKE_INSTALL_INCLUDEDIR TARVD_MODULE_DIR)
+  PATH_VARS CMAKE_INSTALL_INCLUDEDIR)
 write_basic_package_version_file(${TARVD_PKG_OUT}/tarvdConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${TARVD_PKG_OUT}/tarvdConfig.cmake ${TARVD_PKG_OUT}/tarvdConfigVersion.cmake
@@ -78,8 +76,8 @@ install(FILES ${TARVD_PKG_OUT}/systemd/kopd.service ${TARVD_PKG_OUT}/systemd/kop
         DESTINATION ${TARVD_SYSTEMD_UNIT_DIR})
 install(PROGRAMS ${TARVD_PKG}/kopd-shutdown-helper DESTINATION ${TARVD_HELPER_DIR})
 
-# --- manual pages and examples ----------------------------------------------
-install(FILES ${TARVD_PKG}/man/kopd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+# --- manual pages, examples and the package's documents ---------------------
+tarvd_install_man(${TARVD_PKG}/man/kopd.8)
 install(FILES ${TARVD_PKG}/TraceConfig/global_trace.ini ${TARVD_PKG}/TraceConfig/kopd.ini
         DESTINATION ${TARVD_DOC_DIR}/examples/TraceConfig)
 install(FILES ${TARVD_PKG}/module/CMakeLists.txt ${TARVD_PKG}/module/Makefile ${TARVD_PKG}/module/example.conf
@@ -87,12 +85,22 @@ install(FILES ${TARVD_PKG}/module/CMakeLists.txt ${TARVD_PKG}/module/Makefile ${
         DESTINATION ${TARVD_DOC_DIR}/examples/module)
 install(FILES ${TARVD_PKG_OUT}/systemd/kopd-forking.service DESTINATION ${TARVD_DOC_DIR}/examples/systemd)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/module-developer-guide.md ${CMAKE_SOURCE_DIR}/README.md
+              ${TARVD_PKG}/debian/copyright
         DESTINATION ${TARVD_DOC_DIR})
+# The package's change log names the version being built: a release bumps
+# both together.
+file(STRINGS ${TARVD_PKG}/debian/changelog _changelog_top LIMIT_COUNT 1)
+if(NOT _changelog_top MATCHES "^tarvd \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "packaging/debian/changelog: the newest entry is '${_changelog_top}', "
+                      "the project's version is ${PROJECT_VERSION}")
+endif()
+tarvd_gzip(${TARVD_PKG}/debian/changelog ${TARVD_PKG_OUT}/changelog.gz)
+install(FILES ${TARVD_PKG_OUT}/changelog.gz DESTINATION ${TARVD_DOC_DIR})
 
 # --- Debian package (cpack -G DEB) -------------------------------------------
 set(CPACK_PACKAGE_NAME tarvd)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "tarvd maintainers <root@localhost>")
+set(CPACK_PACKAGE_CONTACT "${TARVD_MAINTAINER}")
 set(CPACK_PACKAGE_VENDOR "tarvd")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "server-management agent daemon, module framework and tools")
 set(CPACK_PACKAGE_DESCRIPTION
@@ -104,10 +112,19 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-# The shared-library dependencies come from dpkg-shlibdeps; gzip is run by
-# the trace facility to compress the start-up trace.
+# The shared-library dependencies come from dpkg-shlibdeps (versioned); the
+# maintainer scripts enable and start the units with deb-systemd-helper and
+# deb-systemd-invoke.  gzip, which the trace facility runs to compress the
+# start-up trace, is an essential package: never listed.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "gzip")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "init-system-helpers (>= 1.54~)")
+# libtarvd.so.9 is a public library that modules and programs link: its
+# shlibs entry lets their packages depend on this version or a later one of
+# the same major, and the ldconfig trigger refreshes the loader's cache once
+# per dpkg run.  The framework libswitch.so is a private plug-in (no shlibs
+# entry, no soname) in the package's own library directory.
+file(WRITE ${TARVD_PKG_OUT}/debian/shlibs "libtarvd ${PROJECT_VERSION_MAJOR} tarvd (>= ${PROJECT_VERSION})\n")
+file(WRITE ${TARVD_PKG_OUT}/debian/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_STRIP_FILES ON)
 # conffiles: every module configuration file the package installs; listed
@@ -115,7 +132,8 @@ set(CPACK_STRIP_FILES ON)
 set(TARVD_CONFFILES ${TARVD_PKG_OUT}/debian/conffiles)
 file(MAKE_DIRECTORY ${TARVD_PKG_OUT}/debian)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-  ${TARVD_PKG}/debian/postinst ${TARVD_PKG}/debian/prerm ${TARVD_PKG}/debian/postrm ${TARVD_CONFFILES})
+  ${TARVD_PKG}/debian/postinst ${TARVD_PKG}/debian/prerm ${TARVD_PKG}/debian/postrm ${TARVD_CONFFILES}
+  ${TARVD_PKG_OUT}/debian/shlibs ${TARVD_PKG_OUT}/debian/triggers)
 set(CPACK_TARVD_CONFFILES ${TARVD_CONFFILES})
 set(CPACK_TARVD_MODULE_CONF_DIR ${TARVD_MODULE_CONF_DIR})
 set(CPACK_PRE_BUILD_SCRIPTS ${TARVD_PKG}/Conffiles.cmake)

@@ -3,6 +3,7 @@
 // installed daemon loading such a module.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <sys/stat.h>
 
 #include "support/ChildProcess.h"
@@ -49,10 +50,11 @@ TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheir
 {
     const std::string lib = TEST_INSTALL_LIBDIR, doc = TEST_INSTALL_DOCDIR, inc = TEST_INSTALL_INCLUDEDIR "/tarvd/";
     for (const std::string& f : std::vector<std::string>{
-             lib + "/libswitch.so", lib + "/libtarvd.so", lib + "/libtarvd.so.9", lib + "/libtarvd.so." TEST_PROJECT_VERSION,
+             lib + "/tarvd/libswitch.so", lib + "/libtarvd.so", lib + "/libtarvd.so.9", lib + "/libtarvd.so." TEST_PROJECT_VERSION,
           lib + "/tarvd/modules/libtarvd_example.so", inc + "tarvd_module.h", inc + "framework/tarvd_module.h",
           inc + "trace/CDebug.h", inc + "trace/CThread.h", inc + "common/UniqueHandle.h",
-          inc + "daemon/CServiceNotify.h", inc + "registry/CRegistry.h", std::string(TEST_INSTALL_MANDIR "/man8/kopd.8"),
+          inc + "daemon/CServiceNotify.h", inc + "registry/CRegistry.h", std::string(TEST_INSTALL_MANDIR "/man8/kopd.8.gz"),
+          doc + "/copyright", doc + "/changelog.gz",
           doc + "/module-developer-guide.md", doc + "/examples/module/CMakeLists.txt", doc + "/examples/module/Makefile",
           doc + "/examples/module/ExampleModule.cpp", doc + "/examples/module/example.conf"})
         EXPECT_TRUE(FileExists(In(f))) << f;
@@ -61,10 +63,11 @@ TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheir
     // Operator tools, where the tools are part of the build: in sbin or bin.
     if (FileExists(TARVD_SOURCE_DIR "/tools/CMakeLists.txt"))
         for (std::string tool : {"koptrace", "kopreg", "kophw", "kopperf"}) {
-            EXPECT_TRUE(Executable(In(TEST_INSTALL_SBINDIR "/" + tool)) || Executable(In(TEST_INSTALL_BINDIR "/" + tool)))
-                << tool;
-            EXPECT_TRUE(FileExists(In(TEST_INSTALL_MANDIR "/man1/" + tool + ".1"))) << tool;
+            EXPECT_TRUE(Executable(In(TEST_INSTALL_BINDIR "/" + tool))) << tool;
+            EXPECT_TRUE(FileExists(In(TEST_INSTALL_MANDIR "/man1/" + tool + ".1.gz"))) << tool;
         }
+    // Compressed pages that man reads: the page's own section in its header.
+    EXPECT_TRUE(Contains(Ok("gzip -dc " + Quote(In(TEST_INSTALL_MANDIR "/man8/kopd.8.gz"))), ".TH KOPD 8 "));
 
     // Under a system library directory the loader finds libtarvd and
     // libswitch.so by default; anywhere else the RUNPATH must name it.
@@ -74,6 +77,8 @@ TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheir
     else
         EXPECT_TRUE(Contains(out, "[" + lib + "]")) << out;
     EXPECT_FALSE(Contains(out, TARVD_BINARY_DIR)) << out;  // no build-tree path in installed files
+    // The framework is the library's private plug-in: its RUNPATH names the directory.
+    EXPECT_TRUE(Contains(Ok("readelf -d " + Quote(In(lib + "/libtarvd.so.9"))), "[" + lib + "/tarvd]"));
 
     // Configuration, units and samples name the installed paths.
     const std::string examples = In(TEST_INSTALL_DOCDIR) + "/examples/";
@@ -100,7 +105,8 @@ TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheir
     for (const auto& l : lines)
         EXPECT_TRUE(Contains(ReadFile(l.file), l.line)) << l.file << ": " << l.line;
     for (const char* unit : {"/kopd.service", "/kopd-runlevel.service"})
-        EXPECT_FALSE(Contains(ReadFile(In(TEST_UNIT_DIR) + unit), "@")) << unit << ": unsubstituted placeholder";
+        EXPECT_FALSE(std::regex_search(ReadFile(In(TEST_UNIT_DIR) + unit), std::regex("@[A-Z_]+@")))
+            << unit << ": unsubstituted placeholder";
     EXPECT_FALSE(Contains(ReadFile(In(TEST_UNIT_DIR "/kopd-runlevel.service")), "Before=kopd.service"));
     // Without its closing [EndOfFile] section the trace facility ignores a file.
     for (const char* f : {"global_trace.ini", "kopd.ini"}) {
@@ -165,6 +171,100 @@ TEST_F(InstallTest, ExampleBuiltWithPkgConfigIsLoadedByTheInstalledDaemon)
     // The bundled example is installed, not enabled.
     EXPECT_TRUE(Contains(all, "SWITCH              : module example is disabled")) << all;
     EXPECT_FALSE(Contains(all, "module example loaded from"));
+    EXPECT_TRUE(Contains(all, "ExampleModule       : stopped after"));
+    EXPECT_FALSE(Contains(all, "## ERROR! module")) << all;
+}
+
+namespace {
+
+/// The first fenced block of the guide that opens with "```" + `kind` and holds `containing`.
+std::string GuideBlock(const std::string& guide, const std::string& kind, const std::string& containing = "")
+{
+    for (size_t at = 0; (at = guide.find("```" + kind + "\n", at)) != std::string::npos;) {
+        size_t begin = at + kind.size() + 4, end = guide.find("```", begin);
+        if (end == std::string::npos)
+            break;
+        std::string block = guide.substr(begin, end - begin);
+        if (Contains(block, containing))
+            return block;
+        at = end + 3;
+    }
+    ADD_FAILURE() << "no ```" << kind << " block with '" << containing << "' in the guide";
+    return "";
+}
+
+std::string Replaced(std::string text, const std::string& what, const std::string& with)
+{
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size())
+        text.replace(at, what.size(), with);
+    return text;
+}
+
+// A module of the test's own: no export attribute of its own, only the header's.
+const char* const kMyModule = R"(#include "framework/tarvd_module.h"
+#include "trace/CDebug.h"
+static int Load(const TarvdModuleConfig* config)
+{
+    Debug.PrintAlways(0, "\nMyModule            : loaded as %s", config->name);
+    return 1;
+}
+static const TarvdModuleV1 kTable = {TARVD_MODULE_ABI_VERSION, "my_module", Load, nullptr, nullptr, nullptr, nullptr};
+const TarvdModuleV1* tarvd_module_v1(void) { return &kTable; }
+)";
+
+} // namespace
+
+// The developer guide's commands as it prints them, with <root> and ~ the
+// test's: the example and a module of the guide's own build files (CMake and
+// pkg-config, hidden visibility) are built against a staging install, the
+// CMake builds installed into it, and the staged kopd (run as the guide says)
+// loads all three.
+TEST_F(InstallTest, DeveloperGuideCommandsBuildInstallAndLoadModules)
+{
+    const std::string guide = ReadFile(TARVD_SOURCE_DIR "/docs/module-developer-guide.md");
+    const std::string home = m_Dir.Sub("home"), mine = home + "/mine";
+    const std::string staged = GuideBlock(guide, "sh", "<root>/usr/share/doc");
+    ASSERT_TRUE(MakeDirs(mine) && WriteFile(mine + "/CMakeLists.txt", GuideBlock(guide, "cmake")) &&
+                WriteFile(mine + "/Makefile", GuideBlock(guide, "make")) && WriteFile(mine + "/MyModule.cpp", kMyModule));
+    // The example: the whole block; the module of the guide's files: its
+    // commands after the copy, in their own folder.
+    const std::string env = "set -e\nexport HOME=" + Quote(home) + "\n";
+    Ok(env + Replaced(staged, "<root>", Quote(Root())));
+    Ok(env + "cd " + Quote(mine) + "\n" + Replaced(staged.substr(staged.find('\n') + 1), "<root>", Quote(Root())));
+    const std::string modules = In(TEST_INSTALL_LIBDIR "/tarvd/modules/");
+    for (const std::string& so : {modules + "libtarvd_my_example.so", modules + "libmy_module.so", mine + "/libmy_module.so"})
+        EXPECT_EQ(Ok("nm -D --defined-only " + Quote(so) + " | grep -c ' T '"), "1\n") << so;  // the entry point alone
+
+    if (!CanUseMountNamespace())
+        GTEST_SKIP() << "needs root and mount namespaces";
+    const std::string conf = m_Dir.Sub("conf"), trace = m_Dir.Sub("trace");
+    const std::string section = GuideBlock(guide, "ini", "[Module]");
+    const struct {
+        std::string name, library;
+    } loads[] = {{"my_example", modules + "libtarvd_my_example.so"}, {"my_cmake", modules + "libmy_module.so"},
+                 {"my_make", mine + "/libmy_module.so"}};
+    for (const auto& l : loads) {
+        std::string text = Replaced(section, "Name=my_module", "Name=" + l.name);
+        text = Replaced(text, "/usr/lib/x86_64-linux-gnu/tarvd/modules/libmy_module.so", l.library);
+        ASSERT_TRUE(WriteFile(conf + "/" + l.name + ".conf", text));
+    }
+    // The staged daemon's library path, as section 5 gives it.
+    size_t at = guide.find("`LD_LIBRARY_PATH=<root>");
+    ASSERT_NE(at, std::string::npos);
+    const std::string path = Replaced(guide.substr(at + 17, guide.find('`', at + 1) - at - 17), "<root>", Root());
+    Sandbox box(m_Dir.Sub("stage"));
+    ASSERT_EQ(box.Error(), "");
+    std::vector<std::string> daemonEnv = DaemonEnv(trace);
+    daemonEnv.insert(daemonEnv.end(), {"LD_LIBRARY_PATH=" + path, "TARVD_MODULES_DIR=" + conf});
+    pid_t pid = box.Spawn({In(TEST_INSTALL_SBINDIR "/kopd"), {"-n"}, daemonEnv, m_Dir.Sub("out.txt")});
+    EXPECT_TRUE(WaitFor([&] { return Contains(ReadFile(trace + "/log.kopd"), "Done initializing"); }));
+    kill(pid, SIGTERM);
+    EXPECT_EQ(WaitExit(pid), 0) << ReadFile(m_Dir.Sub("out.txt"));
+    std::string all = ReadDaemonTrace(trace);
+    for (const auto& l : loads) {
+        EXPECT_TRUE(Contains(all, "module " + l.name + " loaded from " + l.library)) << l.name << "\n" << all;
+        EXPECT_EQ(Contains(all, "MyModule            : loaded as " + l.name), l.name != "my_example") << l.name;
+    }
     EXPECT_TRUE(Contains(all, "ExampleModule       : stopped after"));
     EXPECT_FALSE(Contains(all, "## ERROR! module")) << all;
 }

@@ -40,9 +40,11 @@ TEST_F(DebPackage, ControlDataNamesDependenciesAndScripts)
     std::string info = Ok("dpkg-deb --info " + Quote(m_Deb));
     std::string depends = Ok("dpkg-deb --field " + Quote(m_Deb) + " Depends");
     for (const char* field : {"Package: tarvd\n", "Version: " TEST_PROJECT_VERSION, "Architecture: amd64\n",
-                              " postinst", " prerm", " postrm", " conffiles"})
+                              " postinst", " prerm", " postrm", " conffiles", " shlibs", " triggers",
+                              "Maintainer: tarvd maintainers <tarvd@example.org>\n"})
         EXPECT_TRUE(Contains(info, field)) << field << " missing in:\n" << info;
-    for (const char* dep : {"libc6", "libstdc++6", "libgcc-s1", "gzip"})
+    // Versioned: a system older than the build machine's refuses the package.
+    for (const char* dep : {"libc6 (>= ", "libstdc++6 (>= ", "libgcc-s1 (>= ", "init-system-helpers (>= "})
         EXPECT_TRUE(Contains(depends, dep)) << dep << " missing in: " << depends;
 
     TempDir dir;
@@ -54,6 +56,34 @@ TEST_F(DebPackage, ControlDataNamesDependenciesAndScripts)
         EXPECT_EQ(line.rfind(TEST_MODULE_CONF_DIR "/", 0), 0u) << line;
     for (const char* script : {"postinst", "prerm", "postrm"})  // valid shell
         Ok("sh -n " + Quote(dir.Sub(std::string("control/") + script)));
+    const std::string major = std::string(TEST_PROJECT_VERSION).substr(0, std::string(TEST_PROJECT_VERSION).find('.'));
+    EXPECT_EQ(ReadFile(dir.Sub("control/shlibs")), "libtarvd " + major + " tarvd (>= " TEST_PROJECT_VERSION ")\n");
+    EXPECT_EQ(ReadFile(dir.Sub("control/triggers")), "activate-noawait ldconfig\n");
+}
+
+// What lintian may still say about the package, each with its reason; any
+// other error or warning fails.
+TEST_F(DebPackage, LintianFindsNoErrorAndNoUnjustifiedWarning)
+{
+    if (Shell("command -v lintian") != 0)
+        GTEST_SKIP() << "no lintian";
+    static const char* const kAllowed[] = {
+        // One package carries the daemon, its modules and the library they
+        // all link (the modules must match its major version), with the files
+        // to build modules against it: no separate libtarvd9 / -dev packages.
+        "W: tarvd: package-name-doesnt-match-sonames libtarvd9",
+        "W: tarvd: link-to-shared-library-in-wrong-package usr/lib/x86_64-linux-gnu/libtarvd.so.",
+    };
+    std::string out;
+    Shell("lintian --tag-display-limit 0 " + Quote(m_Deb), &out);
+    for (const std::string& line : SplitLines(out)) {
+        if (line.rfind("E: ", 0) != 0 && line.rfind("W: ", 0) != 0)
+            continue;
+        bool allowed = false;
+        for (const char* a : kAllowed)
+            allowed = allowed || line.rfind(a, 0) == 0;
+        EXPECT_TRUE(allowed) << line;
+    }
 }
 
 TEST_F(DebPackage, ContentsFollowTheInstallLayout)
@@ -63,7 +93,7 @@ TEST_F(DebPackage, ContentsFollowTheInstallLayout)
     std::string contents = Ok("dpkg-deb --contents " + Quote(m_Deb));
     const std::string lib = TEST_INSTALL_LIBDIR;
     for (const std::string& path : std::vector<std::string>{
-             TEST_INSTALL_SBINDIR "/kopd", lib + "/libtarvd.so.9", lib + "/libswitch.so",
+             TEST_INSTALL_SBINDIR "/kopd", lib + "/libtarvd.so.9", lib + "/tarvd/libswitch.so",
              lib + "/tarvd/modules/libtarvd_example.so", lib + "/pkgconfig/tarvd.pc", lib + "/cmake/tarvd/tarvdConfig.cmake",
              TEST_MODULE_CONF_DIR "/example.conf", TEST_UNIT_DIR "/kopd.service", TEST_UNIT_DIR "/kopd-runlevel.service",
              TEST_INSTALL_HELPER})
@@ -96,6 +126,7 @@ TEST_F(DebPackage, InstallsAndPurgesWithDpkg)
         "dpkg-query -W -f='${Conffiles}\\n' tarvd\n"
         "test -x " TEST_INSTALL_SBINDIR "/kopd && echo kopd-installed\n"
         "ldconfig -p | grep -q 'libtarvd.so.9 ' && echo ldcache-ok\n"
+        "test -L /etc/systemd/system/multi-user.target.wants/kopd.service && echo unit-enabled\n"
         // The installed daemon runs with nothing but the default search path.
         "env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin ASAN_OPTIONS=verify_asan_link_order=0 " TEST_INSTALL_SBINDIR
         "/kopd -n & pid=$!\n"
@@ -104,11 +135,13 @@ TEST_F(DebPackage, InstallsAndPurgesWithDpkg)
         "dpkg --purge tarvd\n"
         "test -e " TEST_INSTALL_SBINDIR "/kopd || echo kopd-removed\n"
         "test -e /var/log/tarvd || echo log-removed\n"
-        "test -e " TEST_MODULE_CONF_DIR "/example.conf || echo conf-removed\n";
+        "test -e " TEST_MODULE_CONF_DIR "/example.conf || echo conf-removed\n"
+        "test -e /etc/systemd/system/multi-user.target.wants/kopd.service || echo unit-forgotten\n";
     std::string out;
     ASSERT_EQ(box.RunScript(script, dir.Sub("out.txt"), &out), 0) << out;
     for (const char* said : {"status=install ok installed", "etc=755 root:root log=750 root:root",
-                             " " TEST_MODULE_CONF_DIR "/example.conf ", "kopd-installed", "ldcache-ok", "kopd-stopped",
+                             " " TEST_MODULE_CONF_DIR "/example.conf ", "kopd-installed", "ldcache-ok", "unit-enabled", "kopd-stopped",
+                             "unit-forgotten",
                              "kopd-removed", "log-removed", "conf-removed"})
         EXPECT_TRUE(Contains(out, said)) << said << "\n" << out;
 }

@@ -1,0 +1,154 @@
+// kopd under the sandbox of its systemd unit.  Where systemd is not the
+// service manager, the unit's file-system and privilege settings are
+// reproduced in a mount namespace of the test's own: / read-only but for the
+// unit's ReadWritePaths=, /proc/sys, /sys and the cgroups read-only, a
+// private /tmp, no /home, no new privileges, the unit's capability bounding
+// set and umask.  The daemon must still start, load its modules, read the
+// firmware (a real dump under /sys/firmware/dmi/tables) and write its registry.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <sys/stat.h>
+
+#include "support/ChildProcess.h"
+#include "support/Sandbox.h"
+
+using namespace testsupport;
+
+namespace {
+
+/// The unit's [Service] settings; a key given more than once keeps all values, space-separated.
+std::map<std::string, std::string> ServiceSettings(const std::string& unitText)
+{
+    std::map<std::string, std::string> settings;
+    bool service = false;
+    for (const std::string& line : SplitLines(unitText)) {
+        if (!line.empty() && line[0] == '[')
+            service = line == "[Service]";
+        size_t eq = line.find('=');
+        if (!service || line.empty() || line[0] == '#' || eq == std::string::npos)
+            continue;
+        std::string& value = settings[line.substr(0, eq)];
+        value += (value.empty() ? "" : " ") + line.substr(eq + 1);
+    }
+    return settings;
+}
+
+/// "CAP_SYS_RAWIO CAP_X" as setpriv's bounding-set argument: "-all,+sys_rawio,+x".
+std::string BoundingSet(const std::string& caps)
+{
+    std::string arg = "-all";
+    std::istringstream in(caps);
+    for (std::string cap; in >> cap;) {
+        for (char& c : cap)
+            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        arg += ",+" + cap.substr(cap.rfind("cap_", 0) == 0 ? 4 : 0);
+    }
+    return arg;
+}
+
+/// Shell that applies ProtectSystem=strict with `writable` (ReadWritePaths=,
+/// "-" marking a path that may be missing) and the other settings, then
+/// starts `command` in that namespace.
+std::string SandboxScript(const std::map<std::string, std::string>& unit, const std::string& command)
+{
+    std::string script =
+        "set -e\nfor p in " + unit.at("ReadWritePaths") +
+        "; do p=${p#-}; if [ -d \"$p\" ]; then mount --bind \"$p\" \"$p\"; keep=\"$keep $p\"; fi; done\n"
+        // Every other mount read-only; the API file systems (/dev, /proc,
+        // /sys) stay as they are, but for the kernel's tunables and cgroups.
+        "mount --bind /proc/sys /proc/sys\n"
+        "awk '{print $5}' /proc/self/mountinfo | sort -u | while read -r m; do\n"
+        "  case \"$m\" in /dev|/dev/*|/proc|/proc/[!s]*) continue;; esac\n"
+        "  for k in $keep; do case \"$m\" in \"$k\"|\"$k\"/*) continue 2;; esac; done\n"
+        "  mount -o remount,bind,ro \"$m\" 2>/dev/null || mount -o remount,ro \"$m\"\n"
+        "done\n";
+    if (unit.count("PrivateTmp") && unit.at("PrivateTmp") == "yes")
+        script += "mount -t tmpfs tmpfs /tmp\nmount -t tmpfs tmpfs /var/tmp\n";
+    if (unit.count("ProtectHome") && unit.at("ProtectHome") == "yes")
+        script += "for h in /home /root /run/user; do [ ! -d $h ] || mount -t tmpfs -o ro,mode=0755 tmpfs $h; done\n";
+    script += "umask " + unit.at("UMask") + "\nexec setpriv" +
+              (unit.at("NoNewPrivileges") == "yes" ? " --no-new-privs" : "") + " --bounding-set " +
+              BoundingSet(unit.at("CapabilityBoundingSet")) + " --inh-caps -all " + command + "\n";
+    return script;
+}
+
+} // namespace
+
+TEST(HardenedService, DaemonRunsItsModulesAndReadsTheFirmwareInTheUnitsSandbox)
+{
+    const std::string unitText = ReadFile(TEST_UNIT_FILE);
+    const auto unit = ServiceSettings(unitText);
+    // The settings reproduced here, as the unit gives them.
+    for (const auto& [key, value] : std::map<std::string, std::string>{
+             {"ProtectSystem", "strict"}, {"PrivateTmp", "yes"}, {"ProtectHome", "yes"}, {"NoNewPrivileges", "yes"},
+             {"ProtectKernelTunables", "yes"}, {"ProtectControlGroups", "yes"},
+             {"ReadWritePaths", "/etc/tarvd /var/log/tarvd /run -/run/lock"}, {"CapabilityBoundingSet", "CAP_SYS_RAWIO"}})
+        EXPECT_EQ(unit.count(key) ? unit.at(key) : "", value) << key;
+    // The service manager's own rating of the whole sandbox, where it can be asked offline.
+    std::string rating;
+    if (Shell("command -v systemd-analyze") == 0 &&
+        Shell("systemd-analyze security --offline=true " + Quote(TEST_UNIT_FILE) + " 2>&1", &rating) == 0) {
+        size_t at = rating.find("Overall exposure level for kopd.service: ");
+        ASSERT_NE(at, std::string::npos) << rating;
+        EXPECT_LE(std::strtod(rating.c_str() + at + 41, nullptr), 5.0) << rating;
+    }
+    if (!CanUseMountNamespace() || Shell("command -v setpriv && command -v unshare") != 0)
+        GTEST_SKIP() << "needs root, mount namespaces, setpriv and unshare";
+    if (HasFailure())
+        return;
+
+    TempDir dir;
+    Sandbox box(dir.Sub("stage"));
+    ASSERT_EQ(box.Error(), "");
+    const std::string fixture = TARVD_SOURCE_DIR "/tests/fixtures/smbios/dell-poweredge-r777sd.";
+    const std::string firmware = "/sys/firmware/dmi/tables";
+    std::string out;
+    ASSERT_EQ(box.RunScript("mkdir -p /etc/tarvd /var/log/tarvd && mount -t tmpfs tmpfs /sys/firmware\n"
+                            "mkdir -p " + firmware + " && cp " + Quote(fixture + "ep") + " " + firmware +
+                                "/smbios_entry_point && cp " + Quote(fixture + "dmi") + " " + firmware + "/DMI\n",
+                            dir.Sub("setup.txt"), &out),
+              0)
+        << out;
+    // Traces into the unit's writable trace directory, the build tree's modules.
+    std::vector<std::string> env;
+    for (const std::string& e : DaemonEnv(dir.Sub("unused")))
+        if (e.rfind("TR_LOG_RINGBUF_DIR=", 0) != 0)
+            env.push_back(e);
+    env.insert(env.end(), {"TR_LOG_RINGBUF_DIR=/var/log/tarvd", "LD_LIBRARY_PATH=" TEST_FRAMEWORK_DIR,
+                           "TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR});
+    // unshare makes the daemon's own mount namespace and runs the script in
+    // it; every step execs, so the pid is the daemon's.
+    pid_t pid = box.Spawn({"/usr/bin/unshare", {"--mount", "--propagation", "private", "sh", "-c",
+                                                SandboxScript(unit, TEST_KOPD_PATH " -n")},
+                           env, dir.Sub("out.txt")});
+    ASSERT_GT(pid, 0);
+    const std::string registry = box.Path("/etc/tarvd/registry");
+    EXPECT_TRUE(WaitFor([&] {
+        std::string r = ReadFile(registry);
+        return Contains(r, "ScanCount=d=1\n") && Contains(r, "[Memory]");
+    })) << ReadFile(dir.Sub("out.txt"));
+
+    // The daemon itself runs with the unit's privileges and a read-only root.
+    const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+    EXPECT_TRUE(Contains(status, "\nNoNewPrivs:\t1\n")) << status;
+    EXPECT_TRUE(Contains(status, "\nCapBnd:\t0000000000020000\n")) << status;  // CAP_SYS_RAWIO alone
+    EXPECT_EQ(Shell("awk '$5 == \"/\" && $6 ~ /(^|,)ro(,|$)/ {f=1} END {exit !f}' /proc/" + std::to_string(pid) +
+                    "/mountinfo"),
+              0);
+    kill(pid, SIGTERM);
+    EXPECT_EQ(WaitExit(pid), 0) << ReadFile(dir.Sub("out.txt"));
+
+    const std::string trace = ReadDaemonTrace(box.Path("/var/log/tarvd"));
+    struct stat ep{}, dmi{};
+    ASSERT_EQ(stat((fixture + "ep").c_str(), &ep) | stat((fixture + "dmi").c_str(), &dmi), 0);
+    EXPECT_TRUE(Contains(trace, "GetAnySMBiosFromSysfs() Success : Header (" + std::to_string(ep.st_size) +
+                                    ") bytes, Data (" + std::to_string(dmi.st_size) + ") bytes"))
+        << trace;
+    for (const char* module : {"inventory", "perf"})
+        EXPECT_TRUE(Contains(trace, "SWITCH              : module " + std::string(module) + " loaded from")) << module;
+    EXPECT_TRUE(Contains(trace, "Done initializing"));
+    EXPECT_FALSE(Contains(trace, "## ERROR!")) << trace;
+}
