@@ -7,6 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   gzip util-linux procps
+  lintian  # the package test checks the .deb with it
 )
 # Optional extras: benchmarks compare against these, fuzzing needs clang.
 if [[ "${TARVD_WITH_BENCH_REFS:-0}" == 1 ]]; then

@@ -63,7 +63,9 @@ std::string SandboxScript(const std::map<std::string, std::string>& unit, const 
         "awk '{print $5}' /proc/self/mountinfo | sort -u | while read -r m; do\n"
         "  case \"$m\" in /dev|/dev/*|/proc|/proc/[!s]*) continue;; esac\n"
         "  for k in $keep; do case \"$m\" in \"$k\"|\"$k\"/*) continue 2;; esac; done\n"
-        "  mount -o remount,bind,ro \"$m\" 2>/dev/null || mount -o remount,ro \"$m\"\n"
+        // Bind remounts only: a plain remount would make the file system
+        // read-only for the whole machine.
+        "  mount -o remount,bind,ro \"$m\"\n"
         "done\n";
     if (unit.count("PrivateTmp") && unit.at("PrivateTmp") == "yes")
         script += "mount -t tmpfs tmpfs /tmp\nmount -t tmpfs tmpfs /var/tmp\n";
