@@ -49,8 +49,8 @@ std::string BoundingSet(const std::string& caps)
     return arg;
 }
 
-/// Shell that applies ProtectSystem=strict with `writable` (ReadWritePaths=,
-/// "-" marking a path that may be missing) and the other settings, then
+/// Shell that applies ProtectSystem=strict with the unit's ReadWritePaths=
+/// ("-" marking a path that may be missing) and the other settings, then
 /// starts `command` in that namespace.
 std::string SandboxScript(const std::map<std::string, std::string>& unit, const std::string& command)
 {
@@ -66,27 +66,23 @@ std::string SandboxScript(const std::map<std::string, std::string>& unit, const 
         // Bind remounts only: a plain remount would make the file system
         // read-only for the whole machine.
         "  mount -o remount,bind,ro \"$m\"\n"
-        "done\n";
-    if (unit.count("PrivateTmp") && unit.at("PrivateTmp") == "yes")
-        script += "mount -t tmpfs tmpfs /tmp\nmount -t tmpfs tmpfs /var/tmp\n";
-    if (unit.count("ProtectHome") && unit.at("ProtectHome") == "yes")
-        script += "for h in /home /root /run/user; do [ ! -d $h ] || mount -t tmpfs -o ro,mode=0755 tmpfs $h; done\n";
-    script += "umask " + unit.at("UMask") + "\nexec setpriv" +
-              (unit.at("NoNewPrivileges") == "yes" ? " --no-new-privs" : "") + " --bounding-set " +
-              BoundingSet(unit.at("CapabilityBoundingSet")) + " --inh-caps -all " + command + "\n";
-    return script;
+        "done\n"
+        // PrivateTmp=yes, ProtectHome=yes, NoNewPrivileges=yes (checked by the test).
+        "mount -t tmpfs tmpfs /tmp\nmount -t tmpfs tmpfs /var/tmp\n"
+        "for h in /home /root /run/user; do [ ! -d $h ] || mount -t tmpfs -o ro,mode=0755 tmpfs $h; done\n";
+    return script + "umask " + unit.at("UMask") + "\nexec setpriv --no-new-privs --bounding-set " +
+           BoundingSet(unit.at("CapabilityBoundingSet")) + " --inh-caps -all " + command + "\n";
 }
 
 } // namespace
 
 TEST(HardenedService, DaemonRunsItsModulesAndReadsTheFirmwareInTheUnitsSandbox)
 {
-    const std::string unitText = ReadFile(TEST_UNIT_FILE);
-    const auto unit = ServiceSettings(unitText);
+    const auto unit = ServiceSettings(ReadFile(TEST_UNIT_FILE));
     // The settings reproduced here, as the unit gives them.
     for (const auto& [key, value] : std::map<std::string, std::string>{
              {"ProtectSystem", "strict"}, {"PrivateTmp", "yes"}, {"ProtectHome", "yes"}, {"NoNewPrivileges", "yes"},
-             {"ProtectKernelTunables", "yes"}, {"ProtectControlGroups", "yes"},
+             {"ProtectKernelTunables", "yes"}, {"ProtectControlGroups", "yes"}, {"UMask", "0027"},
              {"ReadWritePaths", "/etc/tarvd /var/log/tarvd /run -/run/lock"}, {"CapabilityBoundingSet", "CAP_SYS_RAWIO"}})
         EXPECT_EQ(unit.count(key) ? unit.at(key) : "", value) << key;
     // The service manager's own rating of the whole sandbox, where it can be asked offline.
