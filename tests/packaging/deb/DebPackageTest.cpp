@@ -74,8 +74,10 @@ TEST_F(DebPackage, LintianFindsNoErrorAndNoUnjustifiedWarning)
         "W: tarvd: package-name-doesnt-match-sonames libtarvd9",
         "W: tarvd: link-to-shared-library-in-wrong-package usr/lib/x86_64-linux-gnu/libtarvd.so.",
     };
+    // lintian leaves a database file in its temporary folder: the test's own.
+    TempDir tmp;
     std::string out;
-    Shell("lintian --tag-display-limit 0 " + Quote(m_Deb), &out);
+    Shell("TMPDIR=" + Quote(tmp.Path()) + " lintian --tag-display-limit 0 " + Quote(m_Deb), &out);
     for (const std::string& line : SplitLines(out)) {
         if (line.rfind("E: ", 0) != 0 && line.rfind("W: ", 0) != 0)
             continue;
