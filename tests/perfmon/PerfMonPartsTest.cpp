@@ -1,5 +1,6 @@
 // The performance monitor's parts: bounded parsing of the proc files, the
-// network interface table, the percentage arithmetic and the history buffer.
+// network interface table, the percentage arithmetic, the history buffer and
+// the value/group table.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -193,4 +194,13 @@ TEST(CDataHistoryBuffer, LockGuardsWritersAndTheOldestIsDroppedAtTheMaximum)
     EXPECT_EQ(items.size(), 50u);  // the oldest dropped
     EXPECT_EQ(items.back(), 19999);
     EXPECT_EQ(newest, std::vector<int>{2});
+}
+
+TEST(CPerfMonValues, IsMonitorValueGroups)
+{
+    // {type, first, last}; types of no group or of several hold no value.
+    for (auto [type, first, last] : {std::tuple{1, 0, 3}, {2, 4, 7}, {4, 10, 12}, {8, 8, 9}, {16, 13, 20},
+                                     {0, 1, 0}, {3, 1, 0}, {0x800, 1, 0}, {-1, 1, 0}})
+        for (int v = -1; v <= 21; ++v)
+            EXPECT_EQ(CPerfMon::IsMonitorValue(v, type), v >= first && v <= last) << type << " " << v;
 }
