@@ -37,17 +37,11 @@ std::string Cwd()
 TEST(CProcessExecute, ResultAndExitCodeOfEachCommandFormSyncAndAsync)
 {
     TempDir dir;
-    ASSERT_TRUE(WriteFile(dir.Sub("exit3.sh"), "exit 3\n"));
-    ASSERT_TRUE(WriteFile(dir.Sub("kill.sh"), "kill -9 $$\n"));
-    ASSERT_TRUE(WriteFile(dir.Sub("plain.txt"), "exit 0\n"));
-    ASSERT_TRUE(WriteFile(dir.Sub("noshebang"), "exit 7\n"));
-    ASSERT_TRUE(WriteFile(dir.Sub("tool.sh"), "#!/bin/sh\ntouch ran-here\nexit 4\n"));
+    for (auto [name, text] : {std::pair{"exit3.sh", "exit 3\n"}, {"kill.sh", "kill -9 $$\n"}, {"plain.txt", "exit 0\n"},
+                              {"noshebang", "exit 7\n"}, {"tool.sh", "#!/bin/sh\ntouch ran-here\nexit 4\n"}})
+        ASSERT_TRUE(WriteFile(dir.Sub(name), text));
     ASSERT_EQ(chmod(dir.Sub("noshebang").c_str(), 0755) | chmod(dir.Sub("tool.sh").c_str(), 0755), 0);
-    const struct {
-        std::string command;
-        uint32_t code;
-        const char* workDir = nullptr;
-    } cases[] = {
+    struct Case { std::string command; uint32_t code; const char* workDir = nullptr; } cases[] = {
         {"/bin/true", 0},
         {"true", 0},  // looked up through PATH
         {"/bin/false", 1},
@@ -173,13 +167,8 @@ TEST(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
     auto padding = [](size_t n) { return "Name:\t" + std::string(n, 'x') + "\n"; };
     // "VmRSS:\t123" ends exactly at the 16 KiB read limit, "456 kB" lies beyond.
     const std::string cutAtLimit = padding(16384 - 10 - 7) + "VmRSS:\t123456 kB\n";
-    const struct {
-        const char* what;
-        std::string content;
-        const char* field;
-        unsigned unit;
-        uint64_t expected;
-    } cases[] = {
+    struct Case { const char* what; std::string content; const char* field; unsigned unit; uint64_t expected; };
+    const Case cases[] = {
         {"empty file", "", "VmRSS:", 1, kUntouched},
         {"field only", "VmRSS:", "VmRSS:", 0, 0},
         {"field without figure", "VmRSS:\t kB\n", "VmRSS:", 0, 0},
@@ -236,31 +225,26 @@ TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
 {
     ProcRootGuard guard;
     TempDir root;
-    ASSERT_TRUE(WriteFile(root.Sub("12/comm"), "kopd\n"));
-    ASSERT_TRUE(WriteFile(root.Sub("30/comm"), "a-very-long-nam\n"));  // the kernel cuts at 15
-    ASSERT_TRUE(WriteFile(root.Sub("0/comm"), "zero\n"));
-    ASSERT_TRUE(WriteFile(root.Sub("self/comm"), "selfname\n"));
-    ASSERT_TRUE(WriteFile(root.Sub("12/cmdline"), std::string("/usr/sbin/kopd\0-n\0", 18)));
-    ASSERT_TRUE(WriteFile(root.Sub("31/comm"), "kthread\n") && WriteFile(root.Sub("31/cmdline"), ""));
+    // 30: the kernel cuts names at 15; 31: a kernel thread, its command line empty.
+    for (auto [file, text] : {std::pair<const char*, std::string>{"12/comm", "kopd\n"}, {"30/comm", "a-very-long-nam\n"},
+                              {"0/comm", "zero\n"}, {"self/comm", "selfname\n"}, {"31/comm", "kthread\n"},
+                              {"12/cmdline", std::string("/usr/sbin/kopd\0-n\0", 18)}, {"31/cmdline", ""}})
+        ASSERT_TRUE(WriteFile(root.Sub(file), text));
     CProcess::SetProcRoot(root.Path().c_str());
     EXPECT_EQ(CProcess::GetProcRoot(), root.Path());
-    const struct {
-        const char* name;
-        uint32_t pid;
-    } finds[] = {{"kopd", 12}, {"a-very-long-nam", 30}, {"a-very-long-name", kNoStatus},
+    const std::pair<const char*, uint32_t> finds[] = {{"kopd", 12}, {"a-very-long-nam", 30}, {"a-very-long-name", kNoStatus},
                  {"zero", kNoStatus} /* id 0 is no process */, {"selfname", kNoStatus} /* not a number */,
                  {"kop", kNoStatus}};
-    for (const auto& f : finds) {
+    for (const auto& [name, expected] : finds) {
         uint32_t pid = 0;
-        EXPECT_EQ(CProcess::FindProcess(pid, f.name), f.pid != kNoStatus) << f.name;
-        EXPECT_EQ(pid, f.pid) << f.name;
+        EXPECT_EQ(CProcess::FindProcess(pid, name), expected != kNoStatus) << name;
+        EXPECT_EQ(pid, expected) << name;
     }
     std::string name, path, text;
     EXPECT_TRUE(CProcess::GetProcessInfo(12, name, path));
     EXPECT_EQ(name + " " + path, "kopd /usr/sbin/kopd");
     EXPECT_FALSE(CProcess::GetProcessName(name, 13));
-    EXPECT_FALSE(CProcess::GetProcessInfo(30, name, path));  // no exe, no cmdline
-    EXPECT_FALSE(CProcess::GetProcessInfo(31, name, path));  // an empty command line (a kernel thread)
+    EXPECT_FALSE(CProcess::GetProcessInfo(30, name, path) || CProcess::GetProcessInfo(31, name, path));
     EXPECT_FALSE(CProcess::get_proc_file(12, nullptr, text));
     EXPECT_FALSE(CProcess::get_proc_file(12, "status", text));
 

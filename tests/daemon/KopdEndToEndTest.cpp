@@ -26,8 +26,12 @@ std::string Field(std::string name, const std::string& value)
 
 } // namespace
 
-TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
+TEST_F(KopdTest, ForegroundLifecycleWithSignalsRegistryToolAndShutdownRunLevel6)
 {
+    const std::string key = "HKLM\\SOFTWARE\\X", registry = NsPath("/etc/tarvd/registry");
+    const Lines set = {"set", key, "v", "--type", "s", "y"};
+    std::string out;
+    ASSERT_EQ(RunPlain(TEST_KOPREG_PATH, {"set", key, "w", "--type", "s", "kept"}, out), 0) << out;
     // Not root: refused before touching the lock.
     EXPECT_EQ(WaitExit(Start({"-n"}, {}, "", 65534)), 1);
     EXPECT_EQ(Output(), kMain + "Error! Permission denied\n");
@@ -51,6 +55,13 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
         EXPECT_EQ(ReadFile(LockFile()), lockText);
     }
 
+    // The registry tool changes nothing while kopd runs, and reads as usual.
+    const std::string before = ReadFile(registry);
+    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, set, out), 1);
+    EXPECT_TRUE(Contains(out, "kopd is running")) << out;
+    EXPECT_EQ(ReadFile(registry), before);
+    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, {"get", key, "w"}, out), 0);
+    EXPECT_TRUE(Contains(out, "kept")) << out;
     // SIGHUP toggles tracing, SIGALRM is ignored: neither stops the daemon.
     for (int sig : {SIGHUP, SIGHUP, SIGALRM})
         ASSERT_TRUE(SignalAndWaitTaken(pid, sig));
@@ -71,17 +82,15 @@ TEST_F(KopdTest, ForegroundLifecycleWithSignalsAndShutdownRunLevel6)
                   "KOPD-MAIN: OS shutdown reguired: RunLevel = 6 from /etc/tarvd/RunLevel",
                   "KOPD-MAIN: ## Someone signaled exit state ##", "KOPD-MAIN: ## EXIT PROCESS KOPD ##"},
                  [](const std::string&) {}, traceDir);
+    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, set, out), 0) << out;
+    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, {"get", key, "v"}, out), 0);
+    EXPECT_EQ(out, "y\n");
 }
 
 TEST_F(KopdTest, DaemonModeRunModesAndRescan)
 {
     SetRunLevel("3\n");
-    const struct {
-        Lines args;
-        bool foreground;
-        std::string load;
-        Lines traced;
-    } cases[] = {
+    struct Case { Lines args; bool foreground; std::string load; Lines traced; } cases[] = {
         {{"-no", "-tupd", "-tinst", "-rescan"}, false, "slot2 flags=1 runmode=7",
          {"TUPD mode due to -tupd", "TINST mode due to -tinst", "RESCAN due to -rescan"}},
         {{"-nodemonx", "-agentless", "-unknown"}, false, "slot2 flags=0 runmode=5", {"Agentsless mode due to -agentless"}},
@@ -251,28 +260,4 @@ TEST_F(KopdTest, HelpAndVersionAnswerAnyUserWithoutTakingTheLock)
             EXPECT_TRUE(std::regex_match(Output(), std::regex(expected))) << Output();
             EXPECT_FALSE(FileExists(LockFile()) || FileExists(PidFile()) || FileExists(RecordPath()));
         }
-}
-
-TEST_F(KopdTest, KopregChangesNothingWhileKopdRunsAndReadsAsUsual)
-{
-#ifndef TEST_KOPREG_PATH
-    GTEST_SKIP() << "kopreg is not part of this build";
-#else
-    const std::string key = "HKLM\\SOFTWARE\\X", registry = NsPath("/etc/tarvd/registry");
-    const Lines set = {"set", key, "v", "--type", "s", "y"};
-    std::string out;
-    ASSERT_EQ(RunPlain(TEST_KOPREG_PATH, {"set", key, "w", "--type", "s", "kept"}, out), 0) << out;
-    const std::string before = ReadFile(registry);
-    pid_t pid = Start();
-    ASSERT_TRUE(WaitStarted()) << Output();
-    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, set, out), 1);
-    EXPECT_TRUE(Contains(out, "kopd is running")) << out;
-    EXPECT_EQ(ReadFile(registry), before);
-    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, {"get", key, "w"}, out), 0);
-    EXPECT_TRUE(Contains(out, "kept")) << out;
-    ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
-    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, set, out), 0) << out;
-    EXPECT_EQ(RunPlain(TEST_KOPREG_PATH, {"get", key, "v"}, out), 0);
-    EXPECT_EQ(out, "y\n");
-#endif
 }

@@ -21,16 +21,11 @@ void MakeMachine(const FakeRoot& root)
 {
     root.Write("/proc/bus/pci/00/1f.2", PciConfig(0x8086, 0x1d02, 1, 6));
     root.Write("/proc/bus/pci/3b/00.0", PciConfig(0x8086, 0x0097, 1, 8));
-    auto disk = [&](const std::string& name, const std::string& devpath, const std::string& model, const char* size) {
-        root.Write(devpath + "/model", model + "   \n");
-        root.Write(devpath + "/vendor", std::string("ATA     \n"));
-        root.Write("/sys/block/" + name + "/size", std::string(size));
-        ASSERT_EQ(0, symlink(root.Path(devpath).c_str(), root.Path("/sys/block/" + name + "/device").c_str()));
-    };
-    disk("sda", "/sys/devices/pci0000:00/0000:00:1f.2/ata1/host0/target0:0:0/0:0:0:0", "Disk A", "2048\n");
-    disk("sdb", "/sys/devices/pci0000:00/0000:00:1f.2/ata2/host1/target1:0:0/1:0:0:0", "Disk B", "4096\n");
-    disk("nvme0n1", "/sys/devices/pci0000:3a/0000:3a:00.0/0000:3b:00.0/nvme/nvme0", "NVMe C", "100\n");
-    disk("loop0", "/sys/devices/virtual/loop0", "loop", "8\n");
+    const std::string r = root.Path("");
+    WriteDisk(r, "sda", "/sys/devices/pci0000:00/0000:00:1f.2/ata1/host0/target0:0:0/0:0:0:0", "Disk A", "ATA", 2048);
+    WriteDisk(r, "sdb", "/sys/devices/pci0000:00/0000:00:1f.2/ata2/host1/target1:0:0/1:0:0:0", "Disk B", "ATA", 4096);
+    WriteDisk(r, "nvme0n1", "/sys/devices/pci0000:3a/0000:3a:00.0/0000:3b:00.0/nvme/nvme0", "NVMe C", "ATA", 100);
+    WriteDisk(r, "loop0", "/sys/devices/virtual/loop0", "loop", "ATA", 8);
     root.Write("/sys/block/dm-0/size", std::string("16\n"));
     testsupport::MakeDirs(root.Path("/mnt/data dir"));
     testsupport::MakeDirs(root.Path("/boot"));

@@ -64,15 +64,11 @@ inline void WriteSmbios(const std::string& root, const std::string& ep, const st
     WriteFile(root + hwinfo::kSysfsSmbiosTable, dmi);
 }
 
-/// A block device below the PCI function `pciAddress` ("0000:00:02.0").
-inline void WriteDisk(const std::string& root, const std::string& name, const std::string& pciAddress,
-                      const std::string& model, uint64_t sectors)
+/// A virtio disk of `sectors` behind 0000:00:02.0.
+inline void WriteDisk(const std::string& root, const std::string& name, uint64_t sectors)
 {
-    std::string devpath = root + "/sys/devices/pci0000:00/" + pciAddress + "/virtio1/block/" + name;
-    WriteFile(devpath + "/model", model + "  \n");
-    WriteFile(devpath + "/vendor", "0x1af4\n");
-    WriteFile(root + "/sys/block/" + name + "/size", std::to_string(sectors) + "\n");
-    (void)!symlink(devpath.c_str(), (root + "/sys/block/" + name + "/device").c_str());
+    hwtest::WriteDisk(root, name, "/sys/devices/pci0000:00/0000:00:02.0/virtio1/block/" + name, "Virtual Disk",
+                      "0x1af4", sectors);
 }
 
 /// The small virtual machine of the fixtures (its /proc/bus/pci copied file by file: writable), the
@@ -84,7 +80,7 @@ inline void MakeSnapshot(const std::string& root)
         WriteFile(root + "/proc/bus/pci/" + f, ReadFile(fixtures + "/procpci-vm/" + f));
     std::string smbios = fixtures + "/smbios/dell-precision-3620";
     WriteSmbios(root, ReadFile(smbios + ".ep"), ReadFile(smbios + ".dmi"));
-    WriteDisk(root, "vda", "0000:00:02.0", "Virtual Disk", 2 * 1024 * 1024 * 10);  // 10 GiB
+    WriteDisk(root, "vda", 2 * 1024 * 1024 * 10);  // 10 GiB
     MakeDirs(root + "/boot");
     MakeDirs(root + "/srv/data dir");
     WriteFile(root + "/proc/self/mounts", "/dev/vda1 / ext4 rw 0 0\nproc /proc proc rw 0 0\n"

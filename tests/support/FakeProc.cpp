@@ -38,14 +38,6 @@ void FakeProc::NetDev(const std::vector<NetIf>& interfaces)
     Write("net/dev", text);
 }
 
-void FakeProc::PidStatus(int pid, const std::vector<std::pair<std::string, std::string>>& fields)
-{
-    std::string text;
-    for (const auto& f : fields)
-        text += f.first + ":\t" + f.second + "\n";
-    Write(std::to_string(pid) + "/status", text);
-}
-
 std::string FakeProc::ProcessStat(int pid, const std::string& comm, char state, uint64_t utime, uint64_t stime,
                                   uint64_t threads, uint64_t vsize, uint64_t rssPages)
 {

@@ -1,11 +1,10 @@
 // Made-up proc trees in a temporary directory, laid out like /proc, for the
 // readers that take a proc root: the kernel statistics, the memory figures,
-// the network device table and per-process stat and status files.
+// the network device table and per-process stat files.
 #pragma once
 
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/TestSupport.h"
@@ -33,8 +32,6 @@ public:
     void Stat(uint64_t user, uint64_t nice, uint64_t system, uint64_t idle, int processors = 2);
     /// net/dev with its two header lines.
     void NetDev(const std::vector<NetIf>& interfaces);
-    /// <pid>/status made of "Key:\tvalue" lines.
-    void PidStatus(int pid, const std::vector<std::pair<std::string, std::string>>& fields);
 
     /// The text of a <pid>/stat file.
     static std::string ProcessStat(int pid, const std::string& comm, char state, uint64_t utime, uint64_t stime,

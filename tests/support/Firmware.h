@@ -39,6 +39,10 @@ Bytes PciConfig(uint16_t vendor, uint16_t device, uint8_t base, uint8_t sub, uin
                 uint8_t secondary = 0, size_t size = 64);
 /// A file of tests/fixtures/smbios.
 Bytes SmbiosFixture(const std::string& name);
+/// A block device `name` of the machine below `root`: its sysfs device at `devpath`
+/// (made up from the PCI path) and its size in 512-byte sectors.
+void WriteDisk(const std::string& root, const std::string& name, const std::string& devpath, const std::string& model,
+               const std::string& vendor, uint64_t sectors);
 
 /// A temporary machine root: hwinfo reads all its paths below it (and the
 /// process slot map starts empty) while the object lives.
