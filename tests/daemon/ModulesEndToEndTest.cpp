@@ -109,3 +109,28 @@ TEST_F(ModulesEndToEndTest, FailingModulesAreReportedToTheSystemLog)
             errors += d + "\n";
     EXPECT_TRUE(Contains(errors, "module missing") && Contains(errors, "module text")) << errors;
 }
+
+// The registry file is rewritten when something worth keeping changed, not
+// for every new figure: over a minute of the modules' default settings
+// (figures published once a minute), twice at most.
+TEST_F(ModulesEndToEndTest, RegistryFileRewrittenOnlyForChangesWorthKeeping)
+{
+    pid_t pid = Start({"-n"}, {"TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR}, TEST_FRAMEWORK_DIR);
+    ASSERT_TRUE(WaitFor([&] { return Contains(Registry(), "ScanCount=d=1\n") && Contains(Registry(), "[Memory]"); }))
+        << Output();
+    const std::string file = NsPath("/etc/tarvd/registry");
+    struct stat last{}, now{};
+    ASSERT_EQ(stat(file.c_str(), &last), 0);
+    int rewrites = 0;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (stat(file.c_str(), &now) == 0 && (now.st_ino != last.st_ino || now.st_mtim.tv_sec != last.st_mtim.tv_sec ||
+                                              now.st_mtim.tv_nsec != last.st_mtim.tv_nsec)) {
+            ++rewrites;
+            last = now;
+        }
+    }
+    EXPECT_LE(rewrites, 2);
+    ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
+}
