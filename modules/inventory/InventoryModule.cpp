@@ -95,12 +95,21 @@ void Publish(InventoryState& st, const Inventory& now, bool full)
         ReadCategory(reg, kVolumesKey, stored);
         auto v = CompareVolumes(stored, now.volumes);
         changes.insert(changes.end(), v.begin(), v.end());
+        // An identity stored by a version without one is taken as it is.
+        if (full && !now.identity.empty() && ReadCategory(reg, kIdentityKey, stored) && !stored.empty()) {
+            auto i = CompareIdentity(stored, now.identity);
+            changes.insert(changes.end(), i.begin(), i.end());
+        }
     } else if (full) {
         DBG_PRINT(2, "\nInventoryModule     : no stored inventory: the first one is taken as it is");
     }
     if (full) {
         WriteCategory(reg, kAdaptersKey, now.adapters);
         WriteCategory(reg, kDrivesKey, now.drives);
+        // A firmware table that gives no identity this time leaves the
+        // stored one: an unreadable table is no hardware change.
+        if (!now.identity.empty())
+            WriteCategory(reg, kIdentityKey, now.identity);
     }
     WriteCategory(reg, kVolumesKey, now.volumes);
     std::string time = tarvdmod::IsoTimeUtc();
@@ -139,6 +148,7 @@ void FullScan(InventoryState& st)
     if (Interrupted(st))
         return;
     Inventory now = CollectInventory(*st.scan);
+    now.identity = CollectIdentity();
     if (Interrupted(st))
         return;
     Publish(st, now, true);
