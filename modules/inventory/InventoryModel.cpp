@@ -24,6 +24,12 @@ constexpr uint32_t kTypeText = 1;
 constexpr uint32_t kTypeExpandText = 2;
 constexpr uint32_t kTypeNumber = 4;
 
+// Key names below Identity; processors, memory arrays and memory devices
+// are numbered in table order from 01 ("Memory 03").
+constexpr const char *kIdentityBios = "BIOS", *kIdentitySystem = "System", *kIdentityBaseboard = "Baseboard",
+                     *kIdentityChassis = "Chassis", *kIdentityProcessor = "Processor",
+                     *kIdentityMemoryArray = "MemoryArray", *kIdentityMemory = "Memory";
+
 uint32_t Clamp32(uint64_t v)
 {
     return v > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<uint32_t>(v);

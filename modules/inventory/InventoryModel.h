@@ -35,15 +35,7 @@ inline constexpr const char* kVolumesKey = "Volumes";
 inline constexpr const char* kChangesKey = "Changes";
 /// The machine identity from the firmware's SMBIOS table.
 inline constexpr const char* kIdentityKey = "Identity";
-/// Key names below Identity; processors, memory arrays and memory devices
-/// are numbered in table order from 01 ("Memory 03").
-inline constexpr const char* kIdentityBios = "BIOS";
-inline constexpr const char* kIdentitySystem = "System";
-inline constexpr const char* kIdentityBaseboard = "Baseboard";
-inline constexpr const char* kIdentityChassis = "Chassis";
-inline constexpr const char* kIdentityProcessor = "Processor";
-inline constexpr const char* kIdentityMemoryArray = "MemoryArray";
-inline constexpr const char* kIdentityMemory = "Memory";
+
 
 /// The Slot value of an adapter without a known physical slot.
 inline constexpr uint32_t kNoSlot = 0xFFFFFFFFu;
