@@ -1,8 +1,10 @@
 // Inventory module: scans the server's hardware (PCI adapters with their
-// slots, drives, volumes) on a thread of its own, publishes the result in
+// slots, drives, volumes, and the machine identity from the firmware's
+// SMBIOS table) on a thread of its own, publishes the result in
 // the registry below HKEY_LOCAL_MACHINE\SOFTWARE\Tarvis\Inventory, and
 // records every hardware change it finds (a card or disk added, removed or
-// moved) under ...\Inventory\Changes.  See README, "Bundled modules", for
+// moved, a BIOS update, a memory module added or removed) under
+// ...\Inventory\Changes.  See README, "Bundled modules", for
 // the keys and the configuration values.
 #include <algorithm>
 #include <atomic>

@@ -21,6 +21,7 @@ struct Field {
     bool isNumber = false;
     std::string unit;        ///< after the number in text
     bool withName = false;   ///< number plus "<key>_name" text
+    const char* absent = kNotSpecified;  ///< text of an absent number
 };
 using Section = std::vector<Field>;
 
@@ -80,7 +81,7 @@ void Emit(CJsonWriter& w, bool json, const char* title, const Section& fields)
             } else if (f.number) {
                 line = f.unit == "bytes" ? Bytes(*f.number) : std::to_string(*f.number) + f.unit;
             } else {
-                line = kNotSpecified;
+                line = f.absent;
             }
         }
         if (!json)
@@ -167,10 +168,8 @@ Section ArrayFields(const SmbiosMemoryArrayInfo& a)
 Section DeviceFields(const SmbiosMemoryDeviceInfo& m)
 {
     Field size = Number("Size", "size_bytes", m.sizeBytes, "bytes");
-    if (!m.installed) {
-        size.isNumber = false;  // JSON: "No Module Installed" instead of a number
-        size.text = "No Module Installed";
-    }
+    if (!m.installed)
+        size.absent = "No Module Installed";  // JSON: null, with "installed" "no"
     return {Text("Locator", "locator", m.locator), Text("Bank Locator", "bank_locator", m.bankLocator),
             Field{"Installed", "installed", std::string(m.installed ? "yes" : "no"), std::nullopt, false, "", false},
             size, Code("Type", "type", m.type, SmbiosMemoryTypeName),
