@@ -3,13 +3,14 @@
 // length, the next that many bytes the entry point, the rest the table),
 // written where the kernel publishes them under a private root; then the
 // revision, the structure walk, the lookups of slots (type 9) and onboard
-// devices (type 41) and the slot list built from them.
+// devices (type 41), the slot list built from them and the machine identity.
 #include "FuzzSupport.h"
 
 #include "common/ByteReader.h"
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/HwPaths.h"
+#include "hwinfo/SmbiosIdentity.h"
 
 #include <sys/stat.h>
 
@@ -57,6 +58,10 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
         FUZZ_CHECK(total <= smbios.GetIndexedCount());
         (void)smbios.GetMajor();
         (void)smbios.GetMinor();
+        SmbiosIdentity id = DecodeSmbiosIdentity(smbios);
+        FUZZ_CHECK(id.processors.size() + id.memoryDevices.size() <= smbios.GetIndexedCount());
+        for (const SmbiosMemoryDeviceInfo& m : id.memoryDevices)
+            FUZZ_CHECK(m.installed || !m.sizeBytes);
     }
     smbios.Disconnect();
     FUZZ_CHECK(smbios.GetIndexedCount() == 0);

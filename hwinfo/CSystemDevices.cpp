@@ -233,6 +233,13 @@ bool CSystemVolume::ScanSystemVolumes(std::vector<CSystemVolume>& volumes)
             continue;
         if (v.device.empty() || v.device[0] != '/' || v.fsType == "autofs")
             continue;
+        if (volumes.size() >= kMaxVolumes) {
+            // Each volume costs a statvfs and its record: a table this large
+            // is damaged or hostile, and the rest of it is not read.
+            DBG_PRINT(1, "\nCSystemVolume       : ## WARNING! %s lists more than %zu volumes: the rest is left out",
+                      table.c_str(), kMaxVolumes);
+            break;
+        }
         struct statvfs st {};
         std::string mountPath = hwinfo::RootedPath(v.mountPoint);
         if (statvfs(mountPath.c_str(), &st) == 0) {

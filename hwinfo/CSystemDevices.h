@@ -80,8 +80,12 @@ public:
     /// no path as their source and are skipped, and so are "autofs" mounts
     /// (placeholders of automounted paths).  Sizes come from statvfs on the
     /// mount point (0 when it fails).  True when the mount table could be
-    /// read.
+    /// read.  The table is read line by line and at most kMaxVolumes
+    /// volumes are kept (a trace line tells when more were left out), so a
+    /// huge table costs bounded memory and time.
     static bool ScanSystemVolumes(std::vector<CSystemVolume>& volumes);
+    /// The most volumes a scan keeps; far beyond any real machine's.
+    static constexpr size_t kMaxVolumes = 16384;
     /// Parses one mount-table line; false when it has fewer than three fields.
     static bool ParseMountLine(const std::string& line, CSystemVolume& volume);
 };

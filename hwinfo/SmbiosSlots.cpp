@@ -9,7 +9,10 @@ SmbiosSystemSlot DecodeSystemSlot(const CByteReader& s)
     if (slot.length >= 0x05)
         slot.designation = SmbiosStructureString(s, s.U8Or(0x04));
     slot.type = s.U8Or(0x05);
+    slot.dataBusWidth = s.U8Or(0x06);
     slot.usage = s.U8Or(0x07);
+    if (slot.length >= 0x0B)
+        slot.id = s.Le16Or(0x09);
     if (slot.length >= 0x11 && s.Contains(0x0D, 4)) {
         slot.segment = s.Le16Or(0x0D);
         slot.bus = s.U8Or(0x0F);
@@ -68,6 +71,13 @@ const char* SmbiosSlotTypeName(unsigned t)
     };
     auto it = kNames.find(t);
     return it == kNames.end() ? "Unknown type" : it->second;
+}
+
+const char* SmbiosSlotBusWidthName(unsigned w)
+{
+    static const char* const kNames[] = {nullptr, "Other", "Unknown", "8 bit", "16 bit", "32 bit", "64 bit",
+                                         "128 bit", "x1", "x2", "x4", "x8", "x12", "x16", "x32"};
+    return w < sizeof kNames / sizeof kNames[0] && kNames[w] ? kNames[w] : "Unknown width";
 }
 
 const char* SmbiosSlotUsageName(unsigned u)

@@ -17,9 +17,15 @@ struct SmbiosSystemSlot {
     std::optional<std::string> designation;  ///< string named by byte 0x04 (length 0x05 and more)
     unsigned length = 0;                     ///< formatted length (byte 0x01)
     unsigned type = 0;                       ///< slot type code (byte 0x05)
+    unsigned dataBusWidth = 0;               ///< data bus width code (byte 0x06)
     unsigned usage = 0;                      ///< current usage code (byte 0x07)
+    unsigned id = 0;                         ///< slot ID (bytes 0x09-0x0A)
     /// Segment group, bus and device/function (bytes 0x0D-0x10, length 0x11 and more).
     std::optional<unsigned> segment, bus, device, function;
+
+    /// True when the address names a device: the firmware marks a slot
+    /// without one with segment 0xFFFF and bus 0xFF.
+    bool HasDeviceAddress() const { return segment && !(*segment == 0xFFFF && *bus == 0xFF); }
 };
 
 /// Decodes the structure that starts at `s` (a view to the end of the
@@ -30,5 +36,7 @@ SmbiosSystemSlot DecodeSystemSlot(const CByteReader& s);
 std::optional<std::string> SmbiosStructureString(const CByteReader& s, unsigned index);
 /// Name of a slot type code; "Unknown type" for codes not defined.
 const char* SmbiosSlotTypeName(unsigned type);
+/// Name of a data bus width code ("x16", "64 bit"); "Unknown width" for codes not defined.
+const char* SmbiosSlotBusWidthName(unsigned width);
 /// Name of a current usage code; "Unknown usage" for codes not defined.
 const char* SmbiosSlotUsageName(unsigned usage);

@@ -9,7 +9,9 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "hwinfo/CSMBios.h"
 #include "hwinfo/CSystemDeviceScan.h"
+#include "hwinfo/SmbiosIdentity.h"
 #include "registry/CRegistry.h"
 #include "trace/CDebug.h"
 #include "trace/FailureReport.h"
@@ -21,6 +23,12 @@ namespace {
 constexpr uint32_t kTypeText = 1;
 constexpr uint32_t kTypeExpandText = 2;
 constexpr uint32_t kTypeNumber = 4;
+
+// Key names below Identity; processors, memory arrays and memory devices
+// are numbered in table order from 01 ("Memory 03").
+constexpr const char *kIdentityBios = "BIOS", *kIdentitySystem = "System", *kIdentityBaseboard = "Baseboard",
+                     *kIdentityChassis = "Chassis", *kIdentityProcessor = "Processor",
+                     *kIdentityMemoryArray = "MemoryArray", *kIdentityMemory = "Memory";
 
 uint32_t Clamp32(uint64_t v)
 {
@@ -148,6 +156,179 @@ void WriteValues(CRegistry& reg, const Properties& props, bool exact)
     }
 }
 
+/// Identity values: texts only where the firmware states them.
+void PutText(Properties& p, const char* name, const SmbiosText& text)
+{
+    if (text)
+        p[name] = Value::Text(SanitizeText(*text));
+}
+
+void PutNumber(Properties& p, const char* name, std::optional<uint64_t> n)
+{
+    if (n)
+        p[name] = Value::Number(Clamp32(*n));
+}
+
+std::optional<uint64_t> Opt(std::optional<unsigned> v)
+{
+    return v ? std::optional<uint64_t>(*v) : std::nullopt;
+}
+
+std::optional<uint64_t> InMegabytes(std::optional<uint64_t> bytes)
+{
+    return bytes ? std::optional<uint64_t>(*bytes / (1024 * 1024)) : std::nullopt;
+}
+
+/// "Memory 03": the key of the third item of a numbered identity part.
+std::string Numbered(const char* part, size_t index)
+{
+    char name[48];
+    snprintf(name, sizeof name, "%s %02zu", part, index + 1);
+    return name;
+}
+
+Properties BiosValues(const SmbiosBiosInfo& b)
+{
+    Properties p;
+    PutText(p, "Vendor", b.vendor);
+    PutText(p, "Version", b.version);
+    PutText(p, "ReleaseDate", b.releaseDate);
+    PutNumber(p, "RomSizeKB", b.romSizeBytes ? std::optional<uint64_t>(*b.romSizeBytes / 1024) : std::nullopt);
+    if (b.biosMajor)
+        p["Revision"] = Value::Text(std::to_string(*b.biosMajor) + "." + std::to_string(b.biosMinor.value_or(0)));
+    return p;
+}
+
+Properties SystemValues(const SmbiosSystemInfo& s)
+{
+    Properties p;
+    PutText(p, "Manufacturer", s.manufacturer);
+    PutText(p, "ProductName", s.productName);
+    PutText(p, "Version", s.version);
+    PutText(p, "SerialNumber", s.serialNumber);
+    PutText(p, "UUID", s.uuid);
+    PutText(p, "SKUNumber", s.skuNumber);
+    PutText(p, "Family", s.family);
+    return p;
+}
+
+Properties BoardValues(const SmbiosBaseboardInfo& b)
+{
+    Properties p;
+    PutText(p, "Manufacturer", b.manufacturer);
+    PutText(p, "ProductName", b.productName);
+    PutText(p, "Version", b.version);
+    PutText(p, "SerialNumber", b.serialNumber);
+    PutText(p, "AssetTag", b.assetTag);
+    return p;
+}
+
+Properties ChassisValues(const SmbiosChassisInfo& c)
+{
+    Properties p;
+    PutText(p, "Manufacturer", c.manufacturer);
+    PutNumber(p, "Type", Opt(c.type));
+    if (c.type)
+        p["TypeName"] = Value::Text(SmbiosChassisTypeName(*c.type));
+    PutText(p, "Version", c.version);
+    PutText(p, "SerialNumber", c.serialNumber);
+    PutText(p, "AssetTag", c.assetTag);
+    return p;
+}
+
+Properties ProcessorValues(const SmbiosProcessorInfo& c)
+{
+    Properties p;
+    PutText(p, "Socket", c.socket);
+    PutNumber(p, "Family", Opt(c.family));
+    PutText(p, "Manufacturer", c.manufacturer);
+    PutText(p, "Version", c.version);
+    PutNumber(p, "MaxSpeedMHz", Opt(c.maxSpeedMHz));
+    PutNumber(p, "CurrentSpeedMHz", Opt(c.currentSpeedMHz));
+    p["Populated"] = Value::Number(c.populated ? 1 : 0);
+    PutNumber(p, "CoreCount", Opt(c.coreCount));
+    PutNumber(p, "CoresEnabled", Opt(c.coresEnabled));
+    PutNumber(p, "ThreadCount", Opt(c.threadCount));
+    return p;
+}
+
+Properties MemoryArrayValues(const SmbiosMemoryArrayInfo& a)
+{
+    Properties p;
+    PutNumber(p, "Location", Opt(a.location));
+    PutNumber(p, "Use", Opt(a.use));
+    PutNumber(p, "ErrorCorrection", Opt(a.errorCorrection));
+    PutNumber(p, "MaxCapacityMB", InMegabytes(a.maxCapacityBytes));
+    PutNumber(p, "Devices", Opt(a.deviceCount));
+    return p;
+}
+
+Properties MemoryValues(const SmbiosMemoryDeviceInfo& m)
+{
+    Properties p;
+    PutText(p, "Locator", m.locator);
+    PutText(p, "BankLocator", m.bankLocator);
+    p["Installed"] = Value::Number(m.installed ? 1 : 0);
+    PutNumber(p, "SizeMB", InMegabytes(m.sizeBytes));
+    PutNumber(p, "Type", Opt(m.type));
+    PutNumber(p, "SpeedMTs", Opt(m.speedMTs));
+    PutText(p, "Manufacturer", m.manufacturer);
+    PutText(p, "SerialNumber", m.serialNumber);
+    PutText(p, "PartNumber", m.partNumber);
+    return p;
+}
+
+std::string ValueText(const Properties& p, const std::string& name)
+{
+    auto it = p.find(name);
+    if (it == p.end())
+        return "-";
+    return it->second.type == kTypeNumber ? std::to_string(it->second.number) : it->second.text;
+}
+
+/// "Version: A -> B; ..." for the values that differ.
+std::string Differences(const Properties& before, const Properties& after)
+{
+    std::set<std::string> names;
+    for (const auto& [name, value] : before)
+        names.insert(name);
+    for (const auto& [name, value] : after)
+        names.insert(name);
+    std::string text;
+    for (const std::string& name : names) {
+        auto a = before.find(name), b = after.find(name);
+        if (a != before.end() && b != after.end() && a->second == b->second)
+            continue;
+        text += (text.empty() ? "" : "; ") + name + ": " + ValueText(before, name) + " -> " + ValueText(after, name);
+    }
+    return text;
+}
+
+bool IsMemory(const std::string& key)
+{
+    return key.rfind(std::string(kIdentityMemory) + " ", 0) == 0;
+}
+
+/// A change of one identity key; `before`/`after` null when the key is new or gone.
+void CompareIdentityKey(const std::string& key, const Properties* before, const Properties* after,
+                        std::vector<Change>& changes)
+{
+    if (IsMemory(key)) {
+        bool was = before && Num(*before, "Installed") != 0, is = after && Num(*after, "Installed") != 0;
+        if (was != is) {
+            const Properties& p = is ? *after : *before;
+            changes.push_back({is ? ChangeKind::MemoryAdded : ChangeKind::MemoryRemoved, key,
+                               Txt(p, "Locator") + ", " + std::to_string(Num(p, "SizeMB")) + " MB " +
+                                   Txt(p, "PartNumber")});
+            return;
+        }
+    }
+    Properties none;
+    std::string diff = Differences(before ? *before : none, after ? *after : none);
+    if (!diff.empty())
+        changes.push_back({ChangeKind::IdentityChanged, key, diff});
+}
+
 } // namespace
 
 Value Value::Text(const std::string& t)
@@ -185,6 +366,9 @@ const char* ChangeKindName(ChangeKind kind)
     case ChangeKind::VolumeAdded: return "VolumeAdded";
     case ChangeKind::VolumeRemoved: return "VolumeRemoved";
     case ChangeKind::VolumeChanged: return "VolumeChanged";
+    case ChangeKind::IdentityChanged: return "IdentityChanged";
+    case ChangeKind::MemoryAdded: return "MemoryAdded";
+    case ChangeKind::MemoryRemoved: return "MemoryRemoved";
     }
     return "Unknown";
 }
@@ -328,6 +512,50 @@ Inventory CollectInventory(CSystemDeviceScan& scan)
     }
     inv.volumes = CollectVolumes(scan);
     return inv;
+}
+
+Category IdentityCategory(const SmbiosIdentity& id)
+{
+    Category c;
+    if (!id.bios && !id.system)
+        return c;
+    if (id.bios)
+        c[kIdentityBios] = BiosValues(*id.bios);
+    if (id.system)
+        c[kIdentitySystem] = SystemValues(*id.system);
+    if (id.baseboard)
+        c[kIdentityBaseboard] = BoardValues(*id.baseboard);
+    if (id.chassis)
+        c[kIdentityChassis] = ChassisValues(*id.chassis);
+    for (size_t i = 0; i < id.processors.size(); ++i)
+        c[Numbered(kIdentityProcessor, i)] = ProcessorValues(id.processors[i]);
+    for (size_t i = 0; i < id.memoryArrays.size(); ++i)
+        c[Numbered(kIdentityMemoryArray, i)] = MemoryArrayValues(id.memoryArrays[i]);
+    for (size_t i = 0; i < id.memoryDevices.size(); ++i)
+        c[Numbered(kIdentityMemory, i)] = MemoryValues(id.memoryDevices[i]);
+    return c;
+}
+
+Category CollectIdentity()
+{
+    CSMBios bios;
+    if (!bios.Connect() && bios.GetIndexedCount() == 0) {
+        DBG_PRINT(2, "\nInventoryModule     : no SMBIOS table: the machine identity is not published");
+        return {};
+    }
+    return IdentityCategory(DecodeSmbiosIdentity(bios));
+}
+
+std::vector<Change> CompareIdentity(const Category& stored, const Category& now)
+{
+    std::vector<Change> changes;
+    for (const auto& [key, props] : now) {
+        auto old = stored.find(key);
+        CompareIdentityKey(key, old == stored.end() ? nullptr : &old->second, &props, changes);
+    }
+    for (const std::string& key : OnlyIn(stored, now))
+        CompareIdentityKey(key, &stored.at(key), nullptr, changes);
+    return changes;
 }
 
 std::vector<Change> CompareAdapters(const Category& stored, const Category& now)

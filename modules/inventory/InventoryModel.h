@@ -8,6 +8,8 @@
 //   SOFTWARE\Tarvis\Inventory\Adapters\<ssss:bb:dd.f>
 //   SOFTWARE\Tarvis\Inventory\Drives\<kernel name>
 //   SOFTWARE\Tarvis\Inventory\Volumes\<escaped mount point>
+//   SOFTWARE\Tarvis\Inventory\Identity\<BIOS|System|Baseboard|Chassis|
+//                                        Processor NN|MemoryArray NN|Memory NN>
 //   SOFTWARE\Tarvis\Inventory\Changes\<10-digit sequence number>
 #pragma once
 
@@ -21,6 +23,7 @@ class CSystemDeviceScan;
 class CSystemAdapter;
 class CSystemDrive;
 class CSystemVolume;
+struct SmbiosIdentity;
 
 namespace inventory {
 
@@ -30,6 +33,9 @@ inline constexpr const char* kAdaptersKey = "Adapters";
 inline constexpr const char* kDrivesKey = "Drives";
 inline constexpr const char* kVolumesKey = "Volumes";
 inline constexpr const char* kChangesKey = "Changes";
+/// The machine identity from the firmware's SMBIOS table.
+inline constexpr const char* kIdentityKey = "Identity";
+
 
 /// The Slot value of an adapter without a known physical slot.
 inline constexpr uint32_t kNoSlot = 0xFFFFFFFFu;
@@ -58,6 +64,7 @@ struct Inventory {
     Category adapters;
     Category drives;
     Category volumes;
+    Category identity;  ///< empty when the firmware table gave no BIOS or system record
 };
 
 enum class ChangeKind {
@@ -70,6 +77,9 @@ enum class ChangeKind {
     VolumeAdded,
     VolumeRemoved,
     VolumeChanged,  ///< another device mounted on the same mount point
+    IdentityChanged,  ///< a value of the machine identity (a BIOS update, a new serial number)
+    MemoryAdded,      ///< a memory device slot that was empty holds a module
+    MemoryRemoved,    ///< a memory device slot that held a module is empty
 };
 
 /// "AdapterAdded", "AdapterRemoved", ... as stored in the Kind value.
@@ -101,6 +111,12 @@ Properties VolumeProperties(const CSystemVolume& volume);
 Inventory CollectInventory(CSystemDeviceScan& scan);
 /// The scan's current volumes only.
 Category CollectVolumes(CSystemDeviceScan& scan);
+/// The identity's registry form; empty when `id` has neither a BIOS nor a
+/// system record (a firmware table that could not be read is no identity).
+Category IdentityCategory(const SmbiosIdentity& id);
+/// The identity of the machine under hwinfo's root (empty when no SMBIOS
+/// table could be read).
+Category CollectIdentity();
 
 /// Changes from `stored` to `now`: changes at keys present in both, then
 /// removals, then additions and moves, each group in key order.  An adapter that disappears at one address while
@@ -110,6 +126,11 @@ Category CollectVolumes(CSystemDeviceScan& scan);
 std::vector<Change> CompareAdapters(const Category& stored, const Category& now);
 std::vector<Change> CompareDrives(const Category& stored, const Category& now);
 std::vector<Change> CompareVolumes(const Category& stored, const Category& now);
+/// A memory device whose Installed value flips is MemoryAdded or
+/// MemoryRemoved (so is a memory key that appears or goes with a module);
+/// any other difference of a key, or a key that appears or goes, is one
+/// IdentityChanged naming the values that differ.
+std::vector<Change> CompareIdentity(const Category& stored, const Category& now);
 
 // Registry access.  All of these work through the caller's handle `reg`
 // (its current key changes), so that one publication is saved once, when

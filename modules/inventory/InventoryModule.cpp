@@ -1,8 +1,10 @@
 // Inventory module: scans the server's hardware (PCI adapters with their
-// slots, drives, volumes) on a thread of its own, publishes the result in
+// slots, drives, volumes, and the machine identity from the firmware's
+// SMBIOS table) on a thread of its own, publishes the result in
 // the registry below HKEY_LOCAL_MACHINE\SOFTWARE\Tarvis\Inventory, and
 // records every hardware change it finds (a card or disk added, removed or
-// moved) under ...\Inventory\Changes.  See README, "Bundled modules", for
+// moved, a BIOS update, a memory module added or removed) under
+// ...\Inventory\Changes.  See README, "Bundled modules", for
 // the keys and the configuration values.
 #include <algorithm>
 #include <atomic>
@@ -95,12 +97,21 @@ void Publish(InventoryState& st, const Inventory& now, bool full)
         ReadCategory(reg, kVolumesKey, stored);
         auto v = CompareVolumes(stored, now.volumes);
         changes.insert(changes.end(), v.begin(), v.end());
+        // An identity stored by a version without one is taken as it is.
+        if (full && !now.identity.empty() && ReadCategory(reg, kIdentityKey, stored) && !stored.empty()) {
+            auto i = CompareIdentity(stored, now.identity);
+            changes.insert(changes.end(), i.begin(), i.end());
+        }
     } else if (full) {
         DBG_PRINT(2, "\nInventoryModule     : no stored inventory: the first one is taken as it is");
     }
     if (full) {
         WriteCategory(reg, kAdaptersKey, now.adapters);
         WriteCategory(reg, kDrivesKey, now.drives);
+        // A firmware table that gives no identity this time leaves the
+        // stored one: an unreadable table is no hardware change.
+        if (!now.identity.empty())
+            WriteCategory(reg, kIdentityKey, now.identity);
     }
     WriteCategory(reg, kVolumesKey, now.volumes);
     std::string time = tarvdmod::IsoTimeUtc();
@@ -139,6 +150,7 @@ void FullScan(InventoryState& st)
     if (Interrupted(st))
         return;
     Inventory now = CollectInventory(*st.scan);
+    now.identity = CollectIdentity();
     if (Interrupted(st))
         return;
     Publish(st, now, true);

@@ -12,10 +12,13 @@
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/CSystemDeviceScan.h"
 #include "hwinfo/HwPaths.h"
+#include "hwinfo/SmbiosIdentity.h"
 #include "hwinfo/SmbiosSlots.h"
+#include "tools/kophw/KophwIdentity.h"
 #include "trace/CDebug.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +29,7 @@
 #include <set>
 #include <string>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <tuple>
 #include <unistd.h>
 #include <vector>
@@ -41,25 +45,34 @@ constexpr unsigned int kScanTimeoutMs = 60000;
 /// spaces are far smaller; sysfs attributes fit a page.
 constexpr size_t kMaxFirmwareFile = 16u << 20;
 constexpr size_t kMaxSmallFile = 64u << 10;
+/// The file of a capture that holds each volume's sizes as statvfs gave
+/// them on the captured machine: "TOTAL FREE AVAILABLE MOUNT-POINT" per line
+/// (the mount point escaped as in the mount table).  A replay takes the
+/// sizes from here, never from the file systems of the machine running kophw.
+constexpr const char* kVolumeSizesFile = "/kophw/volume-sizes";
 
 const char* const kUsage =
     "Usage: kophw [--root DIR] [--json] [pci|devices|smbios|all]\n"
     "       kophw [--root DIR] capture DIR\n"
     "Shows the hardware inventory: PCI functions with ids, class names and\n"
     "physical slots (checked against the kernel's slot list), adapters, drives\n"
-    "and volumes, and an SMBIOS summary.  Default: all.\n"
+    "and volumes (free space as df's \"available\"), and an SMBIOS summary with\n"
+    "the machine identity (BIOS, system, baseboard, chassis, processors, memory)\n"
+    "and the system slots.  Default: all.\n"
     "\n"
     "capture DIR copies the files the inventory reads into DIR (SMBIOS tables,\n"
     "UEFI system table, /proc/bus/pci, /sys/block, the mount table, the adapter\n"
-    "list, the kernel's PCI slots); physical memory is not captured.\n"
+    "list, the kernel's PCI slots) and the volume sizes; physical memory is not\n"
+    "captured.  DIR must be new or empty.\n"
     "\n"
     "Options:\n"
     "  --root DIR  read everything under DIR (a captured snapshot)\n"
-    "  --json      output as JSON\n"
+    "  --json      output as JSON: one document, with an \"error\" member on failure\n"
     "  --help      this text\n"
     "  --version   the tool's version\n"
     "\n"
-    "Exit status: 0 ok, 1 nothing could be read or the capture failed,\n"
+    "Exit status: 0 ok, 1 nothing could be read, the SMBIOS entry point is not\n"
+    "valid or the capture failed,\n"
     "2 usage error.\n";
 
 std::string Hex(unsigned value, int width)
@@ -97,6 +110,107 @@ std::string Trim(std::string s)
     return s.substr(b);
 }
 
+/// The message of a failure, formatted.
+std::string Format(const char* format, va_list args)
+{
+    char text[1024];
+    vsnprintf(text, sizeof text, format, args);
+    return text;
+}
+
+/// With --json every failure still prints one document; this one is for
+/// failures before the inventory document is begun: {"error": MESSAGE}.
+void PrintJsonError(bool json, const std::string& message)
+{
+    if (!json)
+        return;
+    CJsonWriter w;
+    w.BeginObject();
+    w.Key("error").String(message);
+    w.EndObject();
+    printf("%s\n", w.Text().c_str());
+    fflush(stdout);
+}
+
+/// tools::Fail, and the JSON document when `json`.
+__attribute__((format(printf, 2, 3))) int FailWith(bool json, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    std::string message = Format(format, args);
+    va_end(args);
+    PrintJsonError(json, message);
+    return tools::Fail("%s", message.c_str());
+}
+
+/// tools::UsageError, and the JSON document when `json`.
+__attribute__((format(printf, 2, 3))) int UsageWith(bool json, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    std::string message = Format(format, args);
+    va_end(args);
+    PrintJsonError(json, message);
+    return tools::UsageError("%s", message.c_str());
+}
+
+// ---- volume sizes of a capture ----------------------------------------------------------
+
+struct VolumeSizes {
+    uint64_t total = 0, free = 0, available = 0;
+};
+
+/// A mount point as one field: space, tab, line feed and backslash as
+/// octal escapes, like the mount table.
+std::string EscapeField(const std::string& text)
+{
+    std::string out;
+    for (char c : text) {
+        if (c == ' ' || c == '\t' || c == '\n' || c == '\\') {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\%03o", static_cast<unsigned char>(c));
+            out += esc;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::string UnescapeField(const std::string& text)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 3 < text.size() && text.find_first_not_of("01234567", i + 1) >= i + 4) {
+            out += static_cast<char>(std::stoi(text.substr(i + 1, 3), nullptr, 8));
+            i += 3;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+/// The sizes a capture recorded, by mount point; empty when it has none.
+std::map<std::string, VolumeSizes> CapturedVolumeSizes()
+{
+    std::map<std::string, VolumeSizes> sizes;
+    std::string text;
+    if (!tools::ReadFileBounded(hwinfo::RootedPath(kVolumeSizesFile), kMaxFirmwareFile, text))
+        return sizes;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t end = text.find('\n', pos);
+        std::string line = text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        pos = end == std::string::npos ? text.size() : end + 1;
+        unsigned long long t = 0, f = 0, a = 0;
+        int used = 0;
+        if (sscanf(line.c_str(), "%llu %llu %llu %n", &t, &f, &a, &used) == 3 && used > 0)
+            sizes[UnescapeField(line.substr(static_cast<size_t>(used)))] = {t, f, a};
+    }
+    return sizes;
+}
+
 // ---- kernel slot list ---------------------------------------------------------
 
 using SlotKey = std::tuple<unsigned, unsigned, unsigned>;  // segment, bus, device
@@ -124,25 +238,66 @@ std::map<SlotKey, std::string> KernelSlots()
 
 struct SmbiosSummary {
     bool found = false;
+    bool refused = false;  ///< the entry point is not one: a failure of the run
     std::string source;
     unsigned major = 0, minor = 0;
     std::map<unsigned, unsigned> countByType;
     std::vector<SmbiosSystemSlot> slots;
+    SmbiosIdentity identity;
     std::string error;
 };
+
+/// Where the entry point came from, for messages.
+std::string EntryPointOrigin(SmbiosSource source)
+{
+    if (source == SmbiosSource::Sysfs)
+        return hwinfo::RootedPath(hwinfo::kSysfsSmbiosEntryPoint);
+    return std::string("the entry point from ") + SmbiosSourceName(source);
+}
+
+/// Why the entry point is not one ("" when it is): its anchor, its length
+/// and its checksum.  The kernel's copy is not checked by the library, so
+/// garbage there would otherwise read as "SMBIOS 0.0".
+std::string EntryPointProblem(const CDataStream& header)
+{
+    CByteReader ep(header.GetData(), header.GetSize());
+    size_t length = 0;
+    if (ep.Matches(0, "_SM3_", 5))
+        length = ep.U8Or(6);
+    else if (ep.Matches(0, "_SM_", 4))
+        length = ep.U8Or(5);
+    else
+        return "not an SMBIOS entry point (no \"_SM_\" or \"_SM3_\" anchor)";
+    if (length < 16 || !ep.Contains(0, length))
+        return "damaged SMBIOS entry point (length " + std::to_string(length) + ", " + std::to_string(ep.Size()) +
+               " bytes present)";
+    uint8_t sum = 0;
+    for (size_t i = 0; i < length; ++i)
+        sum = static_cast<uint8_t>(sum + ep.U8Or(i));
+    return sum == 0 ? std::string() : "damaged SMBIOS entry point (checksum does not add up)";
+}
 
 SmbiosSummary ReadSmbios()
 {
     SmbiosSummary sum;
     CSMBios bios;
     if (!bios.Acquire()) {
-        sum.error = bios.GetLastErrorText().empty() ? "no SMBIOS table found" : bios.GetLastErrorText();
+        sum.error = "no SMBIOS table found";
+        return sum;
+    }
+    std::string problem = EntryPointProblem(bios.GetHeader());
+    if (!problem.empty()) {
+        sum.refused = true;
+        sum.error = EntryPointOrigin(bios.GetSource()) + ": " + problem;
         return sum;
     }
     sum.source = SmbiosSourceName(bios.GetSource());
     bios.setSmbiosRevisionFromHeader();
+    // The walk's own error text is a trace line; the administrator reads
+    // what it means.
     if (!bios.buildStructureList())
-        sum.error = bios.GetLastErrorText().empty() ? "the structure table is damaged" : bios.GetLastErrorText();
+        sum.error = "the structure table is damaged (" + std::to_string(bios.GetIndexedCount()) +
+                    " structures could be read)";
     sum.found = true;
     sum.major = bios.GetMajor();
     sum.minor = bios.GetMinor();
@@ -153,6 +308,7 @@ SmbiosSummary ReadSmbios()
     }
     for (const CByteReader& s : bios.GetStructures(kSmbiosSystemSlotsType))
         sum.slots.push_back(DecodeSystemSlot(s));
+    sum.identity = DecodeSmbiosIdentity(bios);
     return sum;
 }
 
@@ -195,7 +351,15 @@ void ShowPciFunction(CJsonWriter& w, bool json, const CPciAddress& addr, const C
     w.Key("class_name").String(cls);
     w.Key("subclass_name").String(sub);
     WriteSlot(w, rec.slot);
-    w.Key("kernel_slot").OptString(kslot);
+    // The kernel's slot is a number like "slot" where its name is one; the
+    // name itself is kept beside it (some platforms name slots "0-1").
+    unsigned long long kernelNumber = 0;
+    w.Key("kernel_slot");
+    if (kslot && tools::ParseUnsigned(kslot->c_str(), INT_MAX, kernelNumber))
+        w.Unsigned(kernelNumber);
+    else
+        w.Null();
+    w.Key("kernel_slot_name").OptString(kslot);
     w.Key("slot_disagreement").OptString(mismatch);
     w.EndObject();
     if (json)
@@ -291,27 +455,54 @@ void ShowDrives(CJsonWriter& w, bool json, const CSystemDriveList& drives)
     w.EndArray();
 }
 
+/// The sizes of a volume: statvfs on the running machine, the captured
+/// figures on replay (absent when the capture has none).
+std::optional<VolumeSizes> SizesOf(const CSystemVolume& v, const std::map<std::string, VolumeSizes>* captured)
+{
+    if (!captured)
+        return VolumeSizes{v.totalBytes, v.freeBytes, v.availableBytes};
+    auto it = captured->find(v.mountPoint);
+    return it == captured->end() ? std::nullopt : std::optional<VolumeSizes>(it->second);
+}
+
 void ShowVolumes(CJsonWriter& w, bool json, CSystemDeviceScan& scan, int count)
 {
+    std::map<std::string, VolumeSizes> captured;
+    bool replay = !hwinfo::GetRootDirectory().empty();
+    if (replay)
+        captured = CapturedVolumeSizes();
+    // The scan keeps a bounded number of volumes: say when the list is cut.
+    bool cut = static_cast<size_t>(count) >= CSystemVolume::kMaxVolumes;
+    if (cut)
+        tools::Warn("the mount table lists more than %zu volumes; only the first are shown", CSystemVolume::kMaxVolumes);
     if (!json)
         printf("Volumes (%d):\n", count);
+    w.Key("volumes_cut").Bool(cut);
     w.Key("volumes").BeginArray();
     for (int i = 0; i < count; ++i) {
         CSystemVolume v;
         if (!scan.GetVolume(v, i))
             continue;
+        std::optional<VolumeSizes> sizes = SizesOf(v, replay ? &captured : nullptr);
+        auto size = [&sizes](uint64_t VolumeSizes::*field) {
+            return sizes ? std::optional<uint64_t>((*sizes).*field) : std::nullopt;
+        };
         w.BeginObject();
         w.Key("device").String(v.device);
         w.Key("mount_point").String(v.mountPoint);
         w.Key("fs_type").String(v.fsType);
-        w.Key("total_bytes").Unsigned(v.totalBytes);
-        w.Key("free_bytes").Unsigned(v.freeBytes);
-        w.Key("available_bytes").Unsigned(v.availableBytes);
+        w.Key("total_bytes").OptUnsigned(size(&VolumeSizes::total));
+        w.Key("free_bytes").OptUnsigned(size(&VolumeSizes::free));
+        w.Key("available_bytes").OptUnsigned(size(&VolumeSizes::available));
         w.EndObject();
-        if (!json)
-            printf("  %s on %s type %s  %llu bytes, %llu free\n", v.device.c_str(), v.mountPoint.c_str(),
-                   v.fsType.c_str(), static_cast<unsigned long long>(v.totalBytes),
-                   static_cast<unsigned long long>(v.freeBytes));
+        if (json)
+            continue;
+        printf("  %s on %s type %s  ", v.device.c_str(), v.mountPoint.c_str(), v.fsType.c_str());
+        if (sizes)
+            printf("%llu bytes, %llu available\n", static_cast<unsigned long long>(sizes->total),
+                   static_cast<unsigned long long>(sizes->available));
+        else
+            printf("sizes not captured\n");
     }
     w.EndArray();
 }
@@ -342,6 +533,13 @@ std::string SlotAddress(const SmbiosSystemSlot& sl)
     return Hex(*sl.segment, 4) + ":" + Hex(*sl.bus, 2) + ":" + Hex(*sl.device, 2) + "." + Hex(*sl.function, 1);
 }
 
+/// The slot's device address; absent when the slot is empty or the
+/// structure is too short to say.
+std::optional<std::string> SlotDevice(const SmbiosSystemSlot& sl)
+{
+    return sl.HasDeviceAddress() ? std::optional<std::string>(SlotAddress(sl)) : std::nullopt;
+}
+
 void PrintSmbiosText(const SmbiosSummary& s)
 {
     if (!s.found) {
@@ -354,19 +552,38 @@ void PrintSmbiosText(const SmbiosSummary& s)
     for (auto& [t, n] : s.countByType)
         printf(" %u:%u", t, n);
     printf("\nSystem slots (%zu):\n", s.slots.size());
-    for (auto& sl : s.slots) {
-        printf("  \"%s\"  %s (0x%02x)  %s", sl.designation ? sl.designation->c_str() : "", SmbiosSlotTypeName(sl.type),
-               sl.type, SmbiosSlotUsageName(sl.usage));
-        if (sl.segment)
-            printf("  at %s", SlotAddress(sl).c_str());
-        printf("\n");
-    }
+    for (auto& sl : s.slots)
+        printf("  \"%s\"  ID %u  %s (0x%02x)  %s  %s  at %s\n", sl.designation ? sl.designation->c_str() : "", sl.id,
+               SmbiosSlotTypeName(sl.type), sl.type, SmbiosSlotBusWidthName(sl.dataBusWidth),
+               SmbiosSlotUsageName(sl.usage), SlotDevice(sl).value_or("-").c_str());
 }
 
-/// The SMBIOS summary; true when a table was found.
-bool ShowSmbios(CJsonWriter& w, bool json)
+void WriteSystemSlots(CJsonWriter& w, const std::vector<SmbiosSystemSlot>& slots)
+{
+    w.Key("system_slots").BeginArray();
+    for (auto& sl : slots) {
+        w.BeginObject();
+        w.Key("designation").OptString(sl.designation);
+        w.Key("id").Unsigned(sl.id);
+        w.Key("type").Unsigned(sl.type);
+        w.Key("type_name").String(SmbiosSlotTypeName(sl.type));
+        w.Key("data_bus_width").Unsigned(sl.dataBusWidth);
+        w.Key("data_bus_width_name").String(SmbiosSlotBusWidthName(sl.dataBusWidth));
+        w.Key("current_usage").Unsigned(sl.usage);
+        w.Key("current_usage_name").String(SmbiosSlotUsageName(sl.usage));
+        w.Key("address").OptString(SlotDevice(sl));
+        w.EndObject();
+    }
+    w.EndArray();
+}
+
+/// The SMBIOS summary and the identity; `refused` tells that the entry
+/// point is garbage (a failure of the run).  True when a table was found.
+bool ShowSmbios(CJsonWriter& w, bool json, std::string& refused)
 {
     SmbiosSummary s = ReadSmbios();
+    if (s.refused)
+        refused = s.error;
     w.Key("smbios").BeginObject();
     w.Key("found").Bool(s.found);
     w.Key("source").OptString(s.found ? std::optional<std::string>(s.source) : std::nullopt);
@@ -378,25 +595,12 @@ bool ShowSmbios(CJsonWriter& w, bool json)
     for (auto& [t, n] : s.countByType)
         w.Key(std::to_string(t)).Unsigned(n);
     w.EndObject();
-    w.Key("system_slots").BeginArray();
-    for (auto& sl : s.slots) {
-        w.BeginObject();
-        w.Key("designation").OptString(sl.designation);
-        w.Key("type").Unsigned(sl.type);
-        w.Key("type_name").String(SmbiosSlotTypeName(sl.type));
-        w.Key("current_usage").Unsigned(sl.usage);
-        w.Key("current_usage_name").String(SmbiosSlotUsageName(sl.usage));
-        w.Key("address");
-        if (sl.segment)
-            w.String(SlotAddress(sl));
-        else
-            w.Null();
-        w.EndObject();
-    }
-    w.EndArray();
-    w.EndObject();
-    if (!json)
+    WriteSystemSlots(w, s.slots);
+    if (!json && !s.refused)
         PrintSmbiosText(s);
+    if (s.found)
+        kophw::ShowIdentity(w, json, s.identity);
+    w.EndObject();
     return s.found;
 }
 
@@ -405,24 +609,30 @@ const char* RootText()
     return hwinfo::GetRootDirectory().empty() ? "/" : hwinfo::GetRootDirectory().c_str();
 }
 
+/// The report; a failure is also the "error" member of the JSON document.
 int Show(const Report& what, bool json)
 {
     CJsonWriter w;
     w.BeginObject();
     w.Key("root").String(RootText());
     bool anything = false;
+    std::string failure;
     if (what.pci)
         anything = ShowPci(w, json) || anything;
     if (what.devices && !ShowDevices(w, json, anything))
-        return tools::Fail("the device scan did not run");
-    if (what.smbios)
-        anything = ShowSmbios(w, json) || anything;
+        failure = "the device scan did not run";
+    if (failure.empty() && what.smbios)
+        anything = ShowSmbios(w, json, failure) || anything;
+    if (failure.empty() && !anything)
+        failure = std::string("no hardware information could be read under ") + RootText();
+    if (!failure.empty())
+        w.Key("error").String(failure);
     w.EndObject();
     if (json)
         printf("%s\n", w.Text().c_str());
     fflush(stdout);
-    if (!anything)
-        return tools::Fail("no hardware information could be read under %s", RootText());
+    if (!failure.empty())
+        return tools::Fail("%s", failure.c_str());
     return tools::kExitOk;
 }
 
@@ -505,8 +715,37 @@ public:
             tools::Warn("cannot create %s: %s", linkPath.c_str(), strerror(errno));
         }
     }
+    /// The volume sizes: from statvfs on the running machine, copied from
+    /// a capture that is captured again.
+    void CaptureVolumeSizes()
+    {
+        if (!hwinfo::GetRootDirectory().empty()) {
+            CopyFile(kVolumeSizesFile, kMaxFirmwareFile);
+            return;
+        }
+        std::vector<CSystemVolume> volumes;
+        if (!CSystemVolume::ScanSystemVolumes(volumes))
+            return;
+        std::string text;
+        for (const CSystemVolume& v : volumes)
+            text += std::to_string(v.totalBytes) + " " + std::to_string(v.freeBytes) + " " +
+                    std::to_string(v.availableBytes) + " " + EscapeField(v.mountPoint) + "\n";
+        Write(kVolumeSizesFile, text);
+    }
+    /// A capture goes into a new or empty folder only: files of an older
+    /// capture left beside the new ones would replay as a machine that
+    /// never was.
+    bool DestinationIsFresh() const
+    {
+        struct stat st {};
+        if (stat(m_Dest.c_str(), &st) != 0)
+            return errno == ENOENT;
+        return S_ISDIR(st.st_mode) && ListDir(m_Dest).empty();
+    }
     int Run()
     {
+        if (!DestinationIsFresh())
+            return tools::Fail("%s is not a new or empty folder: capture refuses to mix snapshots", m_Dest.c_str());
         if (!tools::MakeDirectories(m_Dest))
             return tools::Fail("cannot create %s: %s", m_Dest.c_str(), strerror(errno));
         CopyFile(hwinfo::kSysfsSmbiosEntryPoint, kMaxFirmwareFile, true);
@@ -516,6 +755,7 @@ public:
         for (const std::string& n : ListDir(hwinfo::RootedPath(hwinfo::kSysBlock)))
             CaptureBlockDevice(n);
         CopyFile(hwinfo::kMountTable, kMaxFirmwareFile, true);
+        CaptureVolumeSizes();
         CopyFile(hwinfo::kAdapterIniFile, kMaxFirmwareFile);
         for (const std::string& n : ListDir(hwinfo::RootedPath(kSysBusPciSlots)))
             CopyFile(std::string(kSysBusPciSlots) + "/" + n + "/address", 256);
@@ -542,6 +782,8 @@ struct Options {
 /// Fills `o` from the command line; -1 to go on, else the exit status.
 int ParseOptions(int argc, char** argv, Options& o)
 {
+    for (int i = 1; i < argc; ++i)
+        o.json = o.json || strcmp(argv[i], "--json") == 0;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -553,10 +795,10 @@ int ParseOptions(int argc, char** argv, Options& o)
             o.json = true;
         } else if (a == "--root") {
             if (i + 1 >= argc)
-                return tools::UsageError("option --root needs a directory");
+                return UsageWith(o.json, "option --root needs a directory");
             o.root = argv[++i];
         } else if (!a.empty() && a[0] == '-') {
-            return tools::UsageError("unknown option '%s'", a.c_str());
+            return UsageWith(o.json, "unknown option '%s'", a.c_str());
         } else {
             o.args.push_back(a);
         }
@@ -565,13 +807,13 @@ int ParseOptions(int argc, char** argv, Options& o)
 }
 
 /// Reads everything under `root` from now on; -1 to go on, else the exit status.
-int UseRoot(std::string root)
+int UseRoot(std::string root, bool json)
 {
     if (root.empty())
         return -1;
     struct stat st {};
     if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-        return tools::Fail("%s is not a directory", root.c_str());
+        return FailWith(json, "%s is not a directory", root.c_str());
     char resolved[PATH_MAX];
     if (realpath(root.c_str(), resolved))
         root = resolved;
@@ -584,14 +826,14 @@ int RunCommand(const Options& o)
     std::string cmd = o.args.empty() ? "all" : o.args[0];
     if (cmd == "capture") {
         if (o.args.size() != 2)
-            return tools::UsageError("usage: capture DIR");
+            return UsageWith(o.json, "usage: capture DIR");
         std::string dest = o.args[1];
         while (dest.size() > 1 && dest.back() == '/')
             dest.pop_back();
         return Capture(dest).Run();
     }
     if (o.args.size() > 1)
-        return tools::UsageError("too many arguments");
+        return UsageWith(o.json, "too many arguments");
     Report r;
     if (cmd == "all")
         r = {true, true, true};
@@ -602,7 +844,7 @@ int RunCommand(const Options& o)
     else if (cmd == "smbios")
         r.smbios = true;
     else
-        return tools::UsageError("unknown command '%s'", cmd.c_str());
+        return UsageWith(o.json, "unknown command '%s'", cmd.c_str());
     return Show(r, o.json);
 }
 
@@ -614,6 +856,6 @@ int main(int argc, char** argv)
     Options o;
     int rc = ParseOptions(argc, argv, o);
     if (rc < 0)
-        rc = UseRoot(o.root);
+        rc = UseRoot(o.root, o.json);
     return rc < 0 ? RunCommand(o) : rc;
 }
