@@ -118,6 +118,10 @@ TEST_F(KoptraceTest, ThreadAndNameFilters)
     const std::string thread = own->at("thread");
     ASSERT_EQ(thread.size(), 8u);
     EXPECT_EQ(Texts(JsonOf({"--json", "--name", "othermod", ring})), std::vector<std::string>{"client entry"});
+    // As the README shows it: a program's own entries carry its name.
+    const auto ownTexts = Texts(JsonOf({"--dir", m_Dir.Path(), "--json", "testprog", "--name", "testprog"}));
+    EXPECT_TRUE(Contains(ownTexts, "own entry"));
+    EXPECT_FALSE(Contains(ownTexts, "client entry"));
     auto texts = Texts(JsonOf({"--json", "--thread", thread, "--name", "testprog", ring}));
     EXPECT_TRUE(Contains(texts, "own entry"));
     EXPECT_FALSE(Contains(texts, "client entry"));

@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 CDebug Debug;
@@ -363,8 +364,11 @@ int Save()
     // whether it can be written at all (and leaves nothing behind).
     const std::string dir = CRegistry::GetRegistryDirectory();
     UniqueFd probe(open(dir.c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
-    const char* reason = probe ? "the file could not be written completely (see the system log)" : strerror(errno);
-    return tools::Fail("cannot save the registry in %s: %s", dir.c_str(), reason);
+    int err = probe ? 0 : errno;
+    if (err == EOPNOTSUPP || err == EISDIR)  // no unnamed files on this file system
+        err = access(dir.c_str(), W_OK) == 0 ? 0 : errno;
+    return tools::Fail("cannot save the registry in %s: %s", dir.c_str(),
+                       err != 0 ? strerror(err) : "the file could not be written completely (see the system log)");
 }
 
 int CreatePath(CRegistry& reg, const std::string& key)
