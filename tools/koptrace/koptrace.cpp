@@ -103,9 +103,11 @@ FileKind GuessKind(const std::string& path)
     if (EndsWith(path, "_a") || EndsWith(path, "_i"))
         return FileKind::Ring;
     // A ring's begin line follows its short header: the start of the file
-    // tells, without reading a log of any size.
+    // tells, without reading a log of any size.  Only a regular file is
+    // looked into (a pipe could block); anything else is refused later.
+    struct stat st {};
     std::string start;
-    if (tools::ReadFileBounded(path, kKindProbeLength, start) &&
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && tools::ReadFileBounded(path, kKindProbeLength, start) &&
         (start.find("### Begin of RingBuffer. ###") != std::string::npos ||
          start.find("## TRACE-END ##") != std::string::npos))
         return FileKind::Ring;
