@@ -162,6 +162,7 @@ TEST_F(KoptraceTest, BadInputAndUsage)
         binary[i] = static_cast<char>((i * 131) & 0xFF);
     ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("binary"), binary));
     ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("empty"), ""));
+    ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("text"), std::string(70000, '\n') + "2024-01-01 00:00:00.000 [1] x\n"));
     const struct {
         std::vector<std::string> args;
         int status;
@@ -176,6 +177,7 @@ TEST_F(KoptraceTest, BadInputAndUsage)
         {{"--help"}, 0, "Usage: koptrace"},
         {{m_Dir.Sub("binary")}, 1, "binary: not a trace file (binary data)"},
         {{m_Dir.Sub("empty")}, 1, "empty: empty file, no trace entries"},
+        {{m_Dir.Sub("text")}, 1, "text: not a trace file (no trace entry line at its start)"},
         {{m_Dir.Path()}, 1, "is a directory, not a trace file"},
         {{"/dev/null"}, 1, "koptrace: /dev/null: not a regular file"},
         {{"--json", "--dir", m_Dir.Sub("nowhere"), "kopd"}, 1, "\"error\": \"no trace files of 'kopd'"},

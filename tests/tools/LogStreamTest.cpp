@@ -53,27 +53,3 @@ TEST(LogStream, SameLinesAsTheLogReaderForEveryPrefix)
         }
     }
 }
-
-TEST(LogStream, RefusesWhatIsNoTraceLog)
-{
-    testsupport::TempDir dir;
-    std::string binary = At("2024-01-01 00:00:00.000", "a");
-    binary[40] = '\0';
-    const struct {
-        std::string data;
-        const char* reason;
-    } cases[] = {
-        {binary, "not a trace file (binary data)"},
-        {std::string(100, 'x') + "\n", "not a trace file (no trace entry line)"},
-        {std::string(CLogStream::kProbeLength, '\n') + At("2024-01-01 00:00:00.000", "late"),
-         "not a trace file (no trace entry line at its start)"},
-    };
-    for (const auto& c : cases) {
-        ASSERT_TRUE(testsupport::WriteFile(dir.Sub("f"), c.data));
-        CLogStream stream;
-        EXPECT_EQ(stream.Open(dir.Sub("f")), c.reason);
-    }
-    CLogStream stream;
-    EXPECT_EQ(stream.Open(dir.Path()), "not a regular file");
-    EXPECT_EQ(stream.Open(dir.Sub("missing")), "No such file or directory");
-}
