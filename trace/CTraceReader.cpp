@@ -17,8 +17,8 @@ namespace {
 constexpr const char kBeginLine[] = "### Begin of RingBuffer. ###\n";
 constexpr const char kEndMarker[] = "## TRACE-END ##\n";
 constexpr size_t kEndMarkerLength = sizeof(kEndMarker) - 1;
-constexpr const char kWrapText[] = "------ WRAP ----- Cycle=";
-constexpr size_t kTimeLength = 23; // "yyyy-mm-dd hh:mm:ss.mmm"
+constexpr const char* kWrapText = CTraceReader::kLogWrapText;
+constexpr size_t kTimeLength = CTraceReader::kTimeStampLength;
 // Name column of 13 characters plus its blank.
 constexpr size_t kNameColumn = 14;
 // Where the thread column opens and the name (or memory) column starts.

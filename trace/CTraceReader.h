@@ -13,6 +13,10 @@ class CTraceReader {
 public:
     /// Largest trace file read into memory.
     static constexpr uint64_t kFileSizeLimit = 256ull << 20;
+    /// The text of the entry a log file's wrap writes where it starts again.
+    static constexpr char kLogWrapText[] = "------ WRAP ----- Cycle=";
+    /// Length of an entry's time stamp "yyyy-mm-dd hh:mm:ss.mmm".
+    static constexpr size_t kTimeStampLength = 23;
 
     /// Entries of a ring-buffer file in time order, one element per line
     /// (without its newline).  Without a wrap: the lines after the

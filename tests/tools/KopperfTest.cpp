@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <regex>
 
 using tooltest::json;
@@ -83,7 +84,10 @@ TEST(Kopperf, BadInput)
     testsupport::TempDir proc;
     const std::string usage = "kopperf: ";
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-        {{"--seconds", "0", "--proc", proc.Path()}, 1, "kopperf: no samples could be taken from " + proc.Path()},
+        {{"--seconds", "0", "--proc", proc.Path()}, 1,
+         "kopperf: cannot read " + proc.Path() + "/stat: No such file or directory\n"},
+        {{"--json", "--proc", proc.Path()}, 1, "{\"error\": \"cannot read " + proc.Path() + "/stat: No such file"},
+        {{"--json", "--interval", "0"}, 2, "{\"error\": \"--interval needs milliseconds"},
         {{"--proc", proc.Sub("missing")}, 1, "is not a directory"}, {{"--interval", "0"}, 2, usage},
         {{"--seconds", "-1"}, 2, usage}, {{"--seconds", "x"}, 2, usage}, {{"--bogus"}, 2, usage},
         {{"extra"}, 2, usage}, {{"--proc"}, 2, usage}, {{"--sys"}, 2, usage}, {{"--help"}, 0, "own open"}};
@@ -91,7 +95,40 @@ TEST(Kopperf, BadInput)
         auto r = tooltest::Run(kTool, args);
         EXPECT_TRUE(r.Exited(status)) << args[0] << " status " << r.exitCode << " signal " << r.signal;
         EXPECT_NE((r.out + r.err).find(message), std::string::npos) << r.out << r.err;
+        // A failure prints no figures: one JSON document with the message, or nothing.
+        if (args[0] == "--json") {
+            EXPECT_TRUE(tooltest::ParseOutput(r.out).contains("error")) << r.out;
+        } else if (status != 0) {
+            EXPECT_EQ(r.out, "");
+        }
     }
+}
+
+// Like vmstat: a line per interval as it is sampled, long before the end.
+TEST(Kopperf, LinePerIntervalIsWrittenAsItIsSampled)
+{
+    testsupport::FakeProc proc;
+    proc.MemInfo(1000000, 250000, 400000, 300000);
+    proc.Stat(100, 0, 50, 850, 1);
+    tooltest::Child child(kTool, {"--seconds", "3600", "--interval", "100", "--proc", proc.Root()});
+    ASSERT_TRUE(child.WaitForOutput("  usage    idle    user  kernel  memory    swap\n", std::chrono::seconds(60)));
+    ASSERT_TRUE(child.WaitForOutput("    75%     25%\n", std::chrono::seconds(60))) << child.Output();
+    auto r = child.Stop(SIGINT, std::chrono::seconds(60));
+    EXPECT_TRUE(r.Exited(0)) << r.err;
+    EXPECT_NE(r.out.find("memory (8)"), std::string::npos) << r.out;  // the summary follows
+}
+
+// An interval longer than the time asked for is not ignored: the run lasts
+// one interval and samples once after it.
+TEST(Kopperf, TimeIsRoundedUpToWholeIntervals)
+{
+    testsupport::FakeProc proc;
+    proc.MemInfo(1000000, 250000, 400000, 300000);
+    proc.Stat(100, 0, 50, 850, 1);
+    auto r = tooltest::Run(kTool, {"--seconds", "1", "--interval", "1500", "--json", "--proc", proc.Root()});
+    ASSERT_TRUE(r.Exited(0)) << r.err;
+    json j = tooltest::ParseOutput(r.out);
+    EXPECT_GE(Instances(j, "memory").at(0).at("samples"), 3) << r.out;  // two at start, one after the interval
 }
 
 TEST(Tools, EveryToolTellsItsVersion)

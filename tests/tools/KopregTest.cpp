@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <functional>
+#include <sys/stat.h>
 
 using tooltest::json;
 
@@ -63,7 +65,6 @@ TEST_F(KopregTest, SetGetAllFourTypesAndFileForm)
         {"Path", "es", "%KOPREG_TEST_VAR%/bin", "%KOPREG_TEST_VAR%/bin\n", "Path=es=%KOPREG_TEST_VAR%/bin\n"},
         {"Blob", "b", "0a FF 00", "0a ff 00\n", "Blob=b=0a ff 00 \n"},
         {"Big", "d", "0xFFFFFFFF", "4294967295\n", "Big=d=-1\n"},
-        {"Neg", "d", "-2", "4294967294\n", "Neg=d=-2\n"},
         {"Empty", "b", "", "\n", "Empty=b=\n"},
     };
     for (const auto& v : values)
@@ -83,7 +84,7 @@ TEST_F(KopregTest, SetGetAllFourTypesAndFileForm)
 
     json j = ListJson(kKey);
     EXPECT_EQ(j.at("key"), "HKEY_LOCAL_MACHINE\\SOFTWARE\\Tools");
-    ASSERT_EQ(j.at("values").size(), 6u);
+    ASSERT_EQ(j.at("values").size(), 5u);
     const json* big = tooltest::FindBy(j.at("values"), "name", "Big");
     ASSERT_NE(big, nullptr);
     EXPECT_EQ(*big, json::parse(R"({"name": "Big", "type": "d", "data": 4294967295})"));
@@ -161,13 +162,21 @@ TEST_F(KopregTest, UsageErrorsExit2)
     std::vector<std::vector<std::string>> usage = {{}, {"frobnicate"}, {"--bogus", "list"}, {"get", kKey},
                                                    {"list", "a", "b"}, {"set", kKey, "V", "data"}};
     for (auto [name, type, data] : {std::array{"a=b", "s", "x"}, {"V", "s", "two\nlines"}, {"V", "q", "x"},
-                                    {"V", "d", "4294967296"}, {"V", "d", "12abc"}, {"V", "b", "abc"}, {"V", "b", "zz"}})
+                                    {"V", "d", "4294967296"}, {"V", "d", "12abc"}, {"V", "d", "-5"}, {"V", "b", "abc"}, {"V", "b", "zz"}})
         usage.push_back({"set", kKey, name, "--type", type, data});
-    for (const auto& args : usage) {
+    for (auto args : usage) {
         auto r = Reg(args);
         EXPECT_TRUE(r.Exited(2)) << (args.empty() ? "" : args[0]) << " status " << r.exitCode << " " << r.err;
         EXPECT_EQ(r.err.rfind("kopreg: ", 0), 0u) << r.err;
+        // The same with --json: one document with the message.
+        args.insert(args.begin(), "--json");
+        r = Reg(args);
+        EXPECT_TRUE(r.Exited(2)) << args[1];
+        EXPECT_TRUE(tooltest::ParseOutput(r.out).contains("error")) << r.out;
     }
+    EXPECT_EQ(Reg({"set", kKey, "V", "--type", "d", "-5"}).err,
+              "kopreg: a number (type d) must be 0 to 4294967295 or 0x0 to 0xffffffff, not '-5'\n"
+              "Try 'kopreg --help' for more information.\n");
     auto r = tooltest::Run(kTool, {"--help"});
     EXPECT_TRUE(r.Exited(0));
     EXPECT_NE(r.out.find("delete-value"), std::string::npos);
@@ -176,4 +185,56 @@ TEST_F(KopregTest, UsageErrorsExit2)
     Ok({"create", std::string(kKey) + "\\K"});
     Fails({"set", kKey, "K", "--type", "d", "1"});
     EXPECT_EQ(ListJson(kKey).at("subkeys").size(), 1u);
+}
+
+TEST_F(KopregTest, FailuresNameTheReasonAlsoAsJson)
+{
+    Ok({"set", kKey, "A", "--type", "s", "one"});
+    const std::string dir = m_Dir.Path();
+    auto asOther = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"--json", "--dir", dir});
+        return tooltest::RunUnprivileged(dir, kTool, args);
+    };
+    const struct {
+        std::function<tooltest::RunResult()> run;
+        std::string message;
+    } cases[] = {
+        {[&] { return tooltest::Run(kTool, {"--json", "--dir", "/nonexistent", "list"}); },
+         "cannot open the registry directory /nonexistent: No such file or directory"},
+        {[&] { return Reg({"--json", "get", kKey, "Nope"}); }, "no such value: Nope in " + std::string(kKey)},
+        // Readable files in a directory this user may not write to.
+        {[&] { return asOther({"set", kKey, "B", "--type", "d", "1"}); },
+         "cannot save the registry in " + dir + ": Permission denied"},
+        {[&] {
+             chmod(m_Dir.Sub("registry").c_str(), 0600);
+             return asOther({"list"});
+         },
+         "cannot read " + m_Dir.Sub("registry") + ": Permission denied"},
+    };
+    for (const auto& c : cases) {
+        auto r = c.run();
+        EXPECT_TRUE(r.Exited(1)) << c.message << " status " << r.exitCode;
+        EXPECT_EQ(r.err, "kopreg: " + c.message + "\n");
+        const json j = tooltest::ParseOutput(r.out);
+        EXPECT_EQ(j, json({{"error", c.message}})) << r.out;
+    }
+    EXPECT_EQ(Reg({"--json", "set", kKey, "B", "--type", "d", "7"}).out, "{\"command\": \"set\", \"ok\": true}\n");
+}
+
+TEST_F(KopregTest, DashIsStandardOutputAndInput)
+{
+    Ok({"set", kKey, "A", "--type", "d", "5"});
+    auto r = Reg({"export", kKey, "-"});
+    EXPECT_TRUE(r.Exited(0)) << r.err;
+    EXPECT_EQ(r.out, "A=d=5\n\n");
+    EXPECT_FALSE(testsupport::FileExists(m_Dir.Sub("-")));
+    std::string out;
+    EXPECT_EQ(testsupport::Shell("printf 'B=s=from stdin\\n\\n' | " + testsupport::Quote(kTool) + " --dir " +
+                                     testsupport::Quote(m_Dir.Path()) + " import 'HKLM\\Copy' -",
+                                 &out),
+              0)
+        << out;
+    EXPECT_EQ(Get("HKLM\\Copy", "B"), "from stdin\n");
+    Fails({"import", "HKLM\\Copy", "-"}, "kopreg: standard input holds no registry values or keys");
+    EXPECT_TRUE(Reg({"--json", "export", kKey, "-"}).Exited(2));
 }

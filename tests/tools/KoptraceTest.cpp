@@ -2,12 +2,14 @@
 #include "ToolTestSupport.h"
 
 #include "support/TraceEnv.h"
+#include "common/UniqueHandle.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdarg>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -116,6 +118,10 @@ TEST_F(KoptraceTest, ThreadAndNameFilters)
     const std::string thread = own->at("thread");
     ASSERT_EQ(thread.size(), 8u);
     EXPECT_EQ(Texts(JsonOf({"--json", "--name", "othermod", ring})), std::vector<std::string>{"client entry"});
+    // As the README shows it: a program's own entries carry its name.
+    const auto ownTexts = Texts(JsonOf({"--dir", m_Dir.Path(), "--json", "testprog", "--name", "testprog"}));
+    EXPECT_TRUE(Contains(ownTexts, "own entry"));
+    EXPECT_FALSE(Contains(ownTexts, "client entry"));
     auto texts = Texts(JsonOf({"--json", "--thread", thread, "--name", "testprog", ring}));
     EXPECT_TRUE(Contains(texts, "own entry"));
     EXPECT_FALSE(Contains(texts, "client entry"));
@@ -151,6 +157,12 @@ TEST_F(KoptraceTest, TruncatedRingGivesWhatCanBeReadAndStatus1)
 
 TEST_F(KoptraceTest, BadInputAndUsage)
 {
+    std::string binary(4096, '\0');
+    for (size_t i = 0; i < binary.size(); ++i)
+        binary[i] = static_cast<char>((i * 131) & 0xFF);
+    ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("binary"), binary));
+    ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("empty"), ""));
+    ASSERT_TRUE(testsupport::WriteFile(m_Dir.Sub("text"), std::string(70000, '\n') + "2024-01-01 00:00:00.000 [1] x\n"));
     const struct {
         std::vector<std::string> args;
         int status;
@@ -163,12 +175,65 @@ TEST_F(KoptraceTest, BadInputAndUsage)
         {{"--thread", "xyz", "a"}, 2, "koptrace: "},
         {{"--dir"}, 2, "koptrace: "},
         {{"--help"}, 0, "Usage: koptrace"},
+        {{m_Dir.Sub("binary")}, 1, "binary: not a trace file (binary data)"},
+        {{m_Dir.Sub("empty")}, 1, "empty: empty file, no trace entries"},
+        {{m_Dir.Sub("text")}, 1, "text: not a trace file (no trace entry line at its start)"},
+        {{m_Dir.Path()}, 1, "is a directory, not a trace file"},
+        {{"/dev/null"}, 1, "koptrace: /dev/null: not a regular file"},
+        {{"--json", "--dir", m_Dir.Sub("nowhere"), "kopd"}, 1, "\"error\": \"no trace files of 'kopd'"},
+        {{"--json", "--bogus"}, 2, "{\"error\": \"unknown option '--bogus'\"}\n"},
     };
     for (const auto& c : cases) {
         auto r = tooltest::Run(kTool, c.args);
         EXPECT_TRUE(r.Exited(c.status)) << c.message << ": status " << r.exitCode;
         EXPECT_NE((r.out + r.err).find(c.message), std::string::npos) << r.err;
+        // Nothing of a refused file reaches standard output; JSON stays one document.
+        if (!c.args.empty() && c.args[0] == "--json") {
+            EXPECT_TRUE(Parse(r.out).contains("error")) << r.out;
+        } else if (c.status != 0) {
+            EXPECT_EQ(r.out, "") << c.message;
+        }
     }
+}
+
+TEST_F(KoptraceTest, UnreadableFilesAreReportedWithTheReason)
+{
+    m_Debug->Print(1, "entry");
+    StartActiveSmallRing();
+    for (const char* name : {"log.testprog", "log.testprog_a", "log.testprog_i.gz"}) {
+        ASSERT_EQ(chmod(m_Dir.Sub(name).c_str(), 0600), 0) << name;
+        auto r = tooltest::RunUnprivileged(m_Dir.Path(), kTool, {m_Dir.Sub(name)});
+        EXPECT_TRUE(r.Exited(1)) << name << " " << r.exitCode;
+        EXPECT_EQ(r.err, "koptrace: " + m_Dir.Sub(name) + ": Permission denied\n");
+    }
+}
+
+// A log far larger than the memory the tool may use is streamed: with the
+// address space limited to a few times the tool's own size, the whole file
+// could not be held.
+TEST_F(KoptraceTest, BigLogIsStreamedInBoundedMemory)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer reserves more address space than the limit";
+#endif
+    constexpr int kBlocks = 550;  // about 48 MB
+    std::string block;
+    for (int i = 0; i < 1000; ++i)
+        block += "2024-01-01 00:00:00.000 [0000ABCD] kopd          line of a big log, number " + std::to_string(i) + "\n";
+    const std::string path = m_Dir.Sub("log.big");
+    {
+        UniqueFile f(fopen(path.c_str(), "we"));
+        ASSERT_TRUE(f);
+        for (int i = 0; i < kBlocks; ++i)
+            ASSERT_EQ(fwrite(block.data(), 1, block.size(), f.Get()), block.size());
+    }
+    std::string out;
+    int rc = testsupport::Shell("ulimit -v 65536 && " + testsupport::Quote(kTool) + " " + testsupport::Quote(path) +
+                                    " | awk 'END { print NR; print }'",
+                                &out);
+    EXPECT_EQ(rc, 0) << out;
+    EXPECT_EQ(out, std::to_string(kBlocks * 1000) +
+                       "\n2024-01-01 00:00:00.000 [0000ABCD] kopd          line of a big log, number 999\n");
 }
 
 TEST_F(KoptraceTest, FollowPrintsNewEntriesAcrossWrapsUntilSigterm)

@@ -8,6 +8,9 @@
 #include <nlohmann/json.hpp>
 
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
 namespace tooltest {
 
@@ -43,6 +46,19 @@ inline ::testing::AssertionResult HasMembers(const json* object, const char* sub
         if (!object->contains(key) || object->at(key) != value)
             return ::testing::AssertionFailure() << "member " << key << " differs in " << *object;
     return ::testing::AssertionSuccess();
+}
+
+/// Runs `program` as a user without privileges over the test's files: as
+/// nobody when the test runs as root (`dir`, the test's folder, is then
+/// opened to others so that only the files' own modes count), else as the
+/// test's own user.
+inline RunResult RunUnprivileged(const std::string& dir, const std::string& program, std::vector<std::string> args)
+{
+    if (geteuid() != 0)
+        return Run(program, args);
+    chmod(dir.c_str(), 0755);
+    args.insert(args.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups", "--", program});
+    return Run("/usr/bin/setpriv", args);
 }
 
 } // namespace tooltest

@@ -1,5 +1,7 @@
 #include "tools/common/ToolSupport.h"
 
+#include "tools/common/JsonWriter.h"
+
 #include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 #include "trace/CDebug.h"
@@ -8,8 +10,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 extern CDebug Debug;
 
@@ -17,12 +21,16 @@ namespace tools {
 
 namespace {
 std::string g_Name = "tool";
+std::string g_FirstError;
 
-void VMessage(const char* prefix, const char* format, va_list args)
+// `isError`: the message of a failure (kept as the run's first error).
+void VMessage(const char* prefix, bool isError, const char* format, va_list args)
 {
     std::string text = g_Name + ": " + prefix;
     char buf[2048];
     vsnprintf(buf, sizeof buf, format, args);
+    if (isError && g_FirstError.empty())
+        g_FirstError = buf;
     text += buf;
     text += '\n';
     fflush(stdout);
@@ -44,7 +52,7 @@ int Fail(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    VMessage("", format, args);
+    VMessage("", true, format, args);
     va_end(args);
     return kExitFailure;
 }
@@ -53,7 +61,7 @@ void Warn(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    VMessage("warning: ", format, args);
+    VMessage("warning: ", false, format, args);
     va_end(args);
 }
 
@@ -67,10 +75,56 @@ int UsageError(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    VMessage("", format, args);
+    VMessage("", true, format, args);
     va_end(args);
     fprintf(stderr, "Try '%s --help' for more information.\n", g_Name.c_str());
     return kExitUsage;
+}
+
+const std::string& FirstError() { return g_FirstError; }
+
+void PrintJsonError(std::ostream& out, std::string_view message)
+{
+    out << "{\"error\": " << CJsonWriter::Quote(message) << "}\n";
+    out.flush();
+}
+
+bool HasOption(int argc, char** argv, const char* option)
+{
+    for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i)
+        if (strcmp(argv[i], option) == 0)
+            return true;
+    return false;
+}
+
+bool ReadInputFile(const std::string& path, size_t limit, std::string& out)
+{
+    out.clear();
+    UniqueFd owned;
+    int fd = STDIN_FILENO;
+    if (path != "-") {
+        owned.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+        if (!owned)
+            return false;
+        fd = owned.Get();
+        struct stat st {};
+        if (fstat(fd, &st) != 0)
+            return false;
+        if (!S_ISREG(st.st_mode)) {
+            errno = S_ISDIR(st.st_mode) ? EISDIR : ENODEV;
+            return false;
+        }
+    }
+    bool cut = false;
+    if (int err = tarvd::ReadFdBounded(fd, limit, out, &cut)) {
+        errno = err;
+        return false;
+    }
+    if (cut) {
+        errno = EFBIG;
+        return false;
+    }
+    return true;
 }
 
 bool ReadFileBounded(const std::string& path, size_t limit, std::string& out)

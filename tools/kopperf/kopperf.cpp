@@ -12,7 +12,10 @@
 
 #include <chrono>
 #include <csignal>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <iostream>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -26,6 +29,10 @@ namespace {
 constexpr unsigned kDefaultIntervalMs = 1000;
 constexpr unsigned long long kMaxSeconds = 86400;
 constexpr unsigned long long kMaxIntervalMs = 3600000;
+// How often the wait looks for a new sample.
+constexpr unsigned long long kPollMs = 20;
+// More than any proc tree's stat file (a line per processor).
+constexpr size_t kProcStatLimit = 4u << 20;
 
 volatile sig_atomic_t g_Stop = 0;
 void OnSignal(int) { g_Stop = 1; }
@@ -34,7 +41,9 @@ const char* const kUsage =
     "Usage: kopperf [--seconds N] [--interval MS] [--proc DIR] [--json]\n"
     "Samples the system with the agent's performance monitor for N seconds\n"
     "(default 5; 0: only the two start-up samples) every MS milliseconds\n"
-    "(default 1000) and prints current and average usage in percent:\n"
+    "(default 1000) and prints current and average usage in percent.  The\n"
+    "time is rounded up to whole intervals (at least one when N is not 0).\n"
+    "The text form prints a line per interval as it is sampled, then:\n"
     "\n"
     "  system     0 usage (user + kernel), 1 idle, 2 user, 3 kernel time\n"
     "  memory     8 memory in use, 9 swap in use\n"
@@ -51,7 +60,8 @@ const char* const kUsage =
     "  --interval MS  sampling period in milliseconds (default 1000)\n"
     "  --proc DIR     read DIR instead of /proc (a captured or fake proc tree)\n"
     "  --sys DIR      read DIR instead of /sys (link speeds)\n"
-    "  --json         output as JSON\n"
+    "  --json         one JSON document at the end (also on failure: an\n"
+    "                 object with the member \"error\")\n"
     "  --help         this text\n"
     "  --version      the tool's version\n"
     "\n"
@@ -60,7 +70,7 @@ const char* const kUsage =
     "every interface its byte counters, its rates over the sampling time and\n"
     "its link speed (\"-\" when the kernel does not know it).\n"
     "\n"
-    "Exit status: 0 ok, 1 nothing could be sampled, 2 usage error.\n";
+    "Exit status: 0 ok, 1 DIR/stat unreadable or nothing sampled, 2 usage error.\n";
 
 struct ValueInfo {
     int value;
@@ -227,9 +237,6 @@ public:
         fflush(stdout);
     }
 
-    /// Whether a group other than the processes had a sample.
-    bool AnySample() const { return m_AnySample; }
-
 private:
     void AddInterface(const perfmon::InterfaceFigures& f, const std::vector<perfmon::InterfaceFigures>& before,
                       uint64_t elapsedMs)
@@ -265,10 +272,6 @@ private:
         if (g.type == CPerfMon::PERF_MONITOR_NETWORK && m_Interfaces.GetInterfaceName(static_cast<int>(inst), ifName))
             name = ifName;
         unsigned samples = m_Monitor.GetHistoryCount(g.type, static_cast<int>(inst));
-        // Process samples are taken even when nothing of them can be
-        // read, so only the other groups tell whether sampling worked.
-        if (g.type != CPerfMon::PERF_MONITOR_PROCESSES)
-            m_AnySample = m_AnySample || samples > 0;
         m_Writer.BeginObject();
         m_Writer.Key("instance").Unsigned(inst);
         m_Writer.Key("name").OptString(name);
@@ -306,25 +309,114 @@ private:
     std::string m_ProcRoot;
     CJsonWriter m_Writer;
     bool m_Json;
-    bool m_AnySample = false;
 };
 
-} // namespace
-
-int main(int argc, char** argv)
+/// How many whole intervals the run samples: the time asked for rounded up
+/// to whole intervals, so that an interval longer than the time still
+/// gives one sample after it (as vmstat's DELAY does); 0 for no time.
+unsigned long long IntervalCount(const Options& o)
 {
-    tools::ToolInit("kopperf");
-    Options o;
-    int exitCode = tools::kExitOk;
-    if (!ParseArguments(argc, argv, o, exitCode))
-        return exitCode;
+    return (o.seconds * 1000 + o.interval - 1) / o.interval;
+}
+
+/// Refuses a proc tree the monitor cannot sample before anything is
+/// printed: without its processor figures every percentage would be
+/// unknown and the process rows would read as idle.
+bool CheckProcRoot(const std::string& procRoot)
+{
     struct stat st {};
-    if (stat(o.procRoot.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-        return tools::Fail("%s is not a directory", o.procRoot.c_str());
+    if (stat(procRoot.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        tools::Fail("%s is not a directory", procRoot.c_str());
+        return false;
+    }
+    std::string content;
+    const std::string statPath = procRoot + "/stat";
+    if (!tools::ReadFileBounded(statPath, kProcStatLimit, content)) {
+        tools::Fail("cannot read %s: %s", statPath.c_str(), strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+/// Whether a group other than the processes had a sample (process samples
+/// are taken even when nothing of them can be read).
+bool AnySample(const CPerfMon& monitor)
+{
+    for (const Group& g : Groups())
+        for (unsigned inst = 0; g.type != CPerfMon::PERF_MONITOR_PROCESSES && inst < monitor.GetNumberInstances(g.type);
+             ++inst)
+            if (monitor.GetHistoryCount(g.type, static_cast<int>(inst)) > 0)
+                return true;
+    return false;
+}
+
+/// One line a sample, written and flushed as the monitor takes it, like
+/// vmstat's: the current system and memory percentages.
+class CIntervalLines {
+public:
+    /// `print`: false in JSON mode, where the samples are only counted.
+    CIntervalLines(CPerfMon& monitor, bool print) : m_Monitor(monitor), m_Seen(Count()), m_Print(print) {}
+
+    /// The samples taken since the last call; a line for the newest.
+    unsigned Poll()
+    {
+        unsigned n = Count();
+        unsigned fresh = n > m_Seen ? n - m_Seen : 0;
+        m_Seen = n;
+        if (fresh == 0 || !m_Print)
+            return fresh;
+        if (!m_HeaderDone)
+            printf("%7s %7s %7s %7s %7s %7s\n", "usage", "idle", "user", "kernel", "memory", "swap");
+        m_HeaderDone = true;
+        for (int v : {0, 1, 2, 3, 8, 9}) {
+            unsigned char cur = 0;
+            bool have = m_Monitor.GetCurrentPercent(static_cast<CPerfMon::PerfMonitorValue>(v), cur, 0) == 1;
+            printf("%7s%s", have ? (std::to_string(cur) + "%").c_str() : "-", v == 9 ? "\n" : " ");
+        }
+        fflush(stdout);
+        return fresh;
+    }
+
+    /// Separates the lines from the summary that follows.
+    void End()
+    {
+        if (m_HeaderDone)
+            printf("\n");
+    }
+
+private:
+    // Memory is sampled every interval, whether the figures changed or not.
+    unsigned Count() const { return m_Monitor.GetHistoryCount(CPerfMon::PERF_MONITOR_MEMORY, 0); }
+
+    CPerfMon& m_Monitor;
+    unsigned m_Seen;
+    bool m_Print;
+    bool m_HeaderDone = false;
+};
+
+/// Waits for `intervals` samples after the start-up ones, writing a line for
+/// each in text mode; ends early on SIGINT/SIGTERM.  A sample that does not
+/// come (a stalled proc file) ends the wait one interval late.
+void SampleIntervals(CPerfMon& monitor, const Options& o, unsigned long long intervals)
+{
+    CIntervalLines lines(monitor, !o.json);
+    const unsigned long long limitMs = (intervals + 1) * o.interval;
+    unsigned long long taken = 0;
+    for (unsigned long long waited = 0; taken < intervals && waited < limitMs && !g_Stop; waited += kPollMs) {
+        SleepMs(kPollMs);
+        taken += lines.Poll();
+    }
+    lines.End();
+}
+
+int Run(const Options& o)
+{
+    if (!CheckProcRoot(o.procRoot))
+        return tools::kExitFailure;
     CatchStopSignals();
 
-    unsigned history = static_cast<unsigned>(o.seconds * 1000 / o.interval + 4);
-    CPerfMon monitor(history);
+    const unsigned long long intervals = IntervalCount(o);
+    CPerfMon monitor(static_cast<unsigned>(intervals + 4));
     monitor.SetProcRoot(o.procRoot);
     int types = CPerfMon::PERF_MONITOR_SYSTEM | CPerfMon::PERF_MONITOR_MEMORY | CPerfMon::PERF_MONITOR_NETWORK |
                 CPerfMon::PERF_MONITOR_PROCESSES;
@@ -333,10 +425,13 @@ int main(int argc, char** argv)
     std::vector<perfmon::InterfaceFigures> before, after;
     perfmon::ReadInterfaceFigures(o.procRoot, o.sysRoot, before);
     const auto start = std::chrono::steady_clock::now();
-    for (unsigned long long waited = 0; waited < o.seconds * 1000 && !g_Stop; waited += 100)
-        SleepMs(100);
+    SampleIntervals(monitor, o, intervals);
     perfmon::ReadInterfaceFigures(o.procRoot, o.sysRoot, after);
     const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    if (!AnySample(monitor)) {
+        monitor.StopMonitoring();
+        return tools::Fail("no samples could be taken from %s", o.procRoot.c_str());
+    }
     // Read everything before stopping: stopping destroys the histories.
     CReport report(monitor, o);
     for (const Group& g : Groups())
@@ -344,7 +439,23 @@ int main(int argc, char** argv)
     report.AddHostFigures(before, after, static_cast<uint64_t>(elapsed.count()));
     monitor.StopMonitoring();
     report.Finish();
-    if (!report.AnySample())
-        return tools::Fail("no samples could be taken from %s", o.procRoot.c_str());
     return tools::kExitOk;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    tools::ToolInit("kopperf");
+    Options o;
+    int exitCode = tools::kExitOk;
+    const bool informational = !ParseArguments(argc, argv, o, exitCode) && exitCode == tools::kExitOk;
+    if (informational)
+        return exitCode;
+    if (exitCode == tools::kExitOk)
+        exitCode = Run(o);
+    // In JSON mode a failed run still writes one document: the message.
+    if (exitCode != tools::kExitOk && tools::HasOption(argc, argv, "--json"))
+        tools::PrintJsonError(std::cout, tools::FirstError());
+    return exitCode;
 }

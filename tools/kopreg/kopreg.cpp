@@ -16,9 +16,11 @@
 #include <sys/file.h>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 CDebug Debug;
@@ -35,20 +37,26 @@ const char* const kUsage =
     "  set KEY VALUE --type T DATA      store a value (KEY is created when missing); T is\n"
     "                                   s (string), es (expandable\n"
     "                                   string), b (binary, hex bytes such as \"0a ff 00\"\n"
-    "                                   or 0aff00) or d (32-bit number, decimal or 0x..)\n"
+    "                                   or 0aff00) or d (32-bit number 0 to\n"
+    "                                   4294967295, decimal or 0x0 to 0xffffffff;\n"
+    "                                   no sign)\n"
     "  delete-value KEY VALUE           remove a value\n"
     "  delete-key KEY SUBKEY            remove a subkey with everything below it\n"
     "  create KEY                       create a key and the keys above it\n"
     "  export KEY FILE                  write KEY's values and subkeys to FILE\n"
-    "  import KEY FILE                  read FILE (as written by export) into KEY,\n"
-    "                                   creating KEY when needed\n"
+    "                                   (- for standard output)\n"
+    "  import KEY FILE                  read FILE (as written by export; - for\n"
+    "                                   standard input) into KEY, creating KEY\n"
+    "                                   when needed\n"
     "\n"
     "KEY is a path such as HKEY_LOCAL_MACHINE\\SOFTWARE\\X or HKEY_LOCAL_MACHINE/SOFTWARE/X;\n"
     "HKLM, HKCU, HKU, HKCR and HKCC stand for the root keys.\n"
     "\n"
     "Options:\n"
     "  --dir DIR   registry directory (files registry, registry.old, registry.default)\n"
-    "  --json      output as JSON\n"
+    "  --json      output as one JSON document, also on failure (then an\n"
+    "              object with the member \"error\"); commands that change the\n"
+    "              registry report {\"command\": ..., \"ok\": true}\n"
     "  --help      this text\n"
     "  --version   the tool's version\n"
     "\n"
@@ -57,6 +65,10 @@ const char* const kUsage =
     "\n"
     "Exit status: 0 ok, 1 registry not loadable, unknown key or value, write\n"
     "failure or kopd running, 2 usage error.\n";
+
+// The largest file import reads: far above any real export, small enough
+// to hold in memory.
+constexpr size_t kImportSizeLimit = 64u << 20;
 
 // The daemon's single-instance lock: held while kopd runs.
 constexpr const char* kDaemonLockFile = "/var/lock/kopd.lock";
@@ -103,6 +115,7 @@ struct Options {
     bool expand = false;
     std::string type;
     std::vector<std::string> args;
+    bool informational = false;  // --help or --version answered
 };
 
 /// Expands the short root-key names and drops separators at the ends.
@@ -246,10 +259,35 @@ bool FileExists(const std::string& path)
     return stat(path.c_str(), &st) == 0;
 }
 
-/// Loads the tree from `dir`.  False (with a message) when registry files
-/// exist but none of them could be read.
+/// False (with a message naming the path and the reason) when the registry
+/// directory or one of its files is there but cannot be read: reading on
+/// would take an unreadable file for a missing one, and the next save would
+/// replace it.
+bool CheckReadable(const std::string& dir)
+{
+    UniqueFd d(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!d) {
+        tools::Fail("cannot open the registry directory %s: %s", dir.c_str(), strerror(errno));
+        return false;
+    }
+    for (const char* name : {CRegistry::kCurrentName, CRegistry::kBackupName, CRegistry::kDefaultName}) {
+        const std::string path = dir + "/" + name;
+        UniqueFd f(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        if (!f && errno != ENOENT) {
+            tools::Fail("cannot read %s: %s", path.c_str(), strerror(errno));
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Loads the tree from `dir`.  False (with a message) when the directory
+/// or a file in it cannot be read, or when registry files exist but none
+/// of them could be loaded.
 bool LoadRegistry(const std::string& dir)
 {
+    if (!CheckReadable(dir))
+        return false;
     CRegistry::SetRegistryDirectory(dir.c_str());
     const std::string current = dir + "/" + CRegistry::kCurrentName;
     bool anyFile = FileExists(current) || FileExists(dir + "/" + CRegistry::kBackupName) ||
@@ -319,9 +357,18 @@ int RefuseEmptying()
 
 int Save()
 {
-    if (!CRegistry::SaveTree())
-        return tools::Fail("cannot save the registry in %s", CRegistry::GetRegistryDirectory().c_str());
-    return tools::kExitOk;
+    if (CRegistry::SaveTree())
+        return tools::kExitOk;
+    // The registry traces the failed step to the system log; the operator
+    // here is told the reason too: an unnamed file in the directory shows
+    // whether it can be written at all (and leaves nothing behind).
+    const std::string dir = CRegistry::GetRegistryDirectory();
+    UniqueFd probe(open(dir.c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
+    int err = probe ? 0 : errno;
+    if (err == EOPNOTSUPP || err == EISDIR)  // no unnamed files on this file system
+        err = access(dir.c_str(), W_OK) == 0 ? 0 : errno;
+    return tools::Fail("cannot save the registry in %s: %s", dir.c_str(),
+                       err != 0 ? strerror(err) : "the file could not be written completely (see the system log)");
 }
 
 int CreatePath(CRegistry& reg, const std::string& key)
@@ -421,18 +468,13 @@ int ParseValueData(const Options& o, std::vector<unsigned char>& bytes, unsigned
         if (!ParseHex(data, bytes))
             return tools::UsageError("binary data must be pairs of hexadecimal digits, e.g. \"0a ff 00\"");
     } else if (o.type == "d") {
+        // A DWORD is 0 to 4294967295, decimal or 0x hexadecimal; a sign is
+        // refused rather than wrapped into a large number.
         type = RegNumber;
         unsigned long long n = 0;
-        long long neg = 0;
-        if (!data.empty() && data[0] == '-') {
-            char* end = nullptr;
-            neg = strtoll(data.c_str(), &end, 10);
-            if (*end != '\0' || neg < INT32_MIN)
-                return tools::UsageError("a number must be -2147483648 to 4294967295 (or 0x0 to 0xffffffff)");
-            n = static_cast<uint32_t>(static_cast<int32_t>(neg));
-        } else if (!tools::ParseUnsigned(data.c_str(), 0xFFFFFFFFull, n, true)) {
-            return tools::UsageError("a number must be -2147483648 to 4294967295 (or 0x0 to 0xffffffff)");
-        }
+        if (!tools::ParseUnsigned(data.c_str(), 0xFFFFFFFFull, n, true))
+            return tools::UsageError("a number (type d) must be 0 to 4294967295 or 0x0 to 0xffffffff, not '%s'",
+                                     data.c_str());
         uint32_t v = static_cast<uint32_t>(n);
         bytes.resize(4);
         memcpy(bytes.data(), &v, 4);
@@ -527,15 +569,25 @@ int CmdExport(const Options& o)
 {
     if (o.args.size() != 3)
         return tools::UsageError("usage: export KEY FILE");
+    const std::string& path = o.args[2];
+    if (path == "-" && o.json)
+        return tools::UsageError("export to standard output (-) writes the registry's file form, not JSON: "
+                                 "leave out --json");
     CRegistry reg;
     if (!OpenKey(reg, o.args[1]))
         return tools::kExitFailure;
-    UniqueFile f(fopen(o.args[2].c_str(), "we"));
+    if (path == "-") {
+        bool ok = reg.GetKey()->dumpNode(stdout);
+        if (fflush(stdout) != 0 || ferror(stdout) || !ok)
+            return tools::Fail("cannot write to standard output: %s", strerror(errno));
+        return tools::kExitOk;
+    }
+    UniqueFile f(fopen(path.c_str(), "we"));
     if (!f)
-        return tools::Fail("cannot write %s: %s", o.args[2].c_str(), strerror(errno));
+        return tools::Fail("cannot write %s: %s", path.c_str(), strerror(errno));
     bool ok = reg.GetKey()->dumpNode(f.Get());
     if (fclose(f.Release()) != 0 || !ok)
-        return tools::Fail("cannot write %s", o.args[2].c_str());
+        return tools::Fail("cannot write %s: %s", path.c_str(), strerror(errno));
     return tools::kExitOk;
 }
 
@@ -543,16 +595,26 @@ int CmdImport(const Options& o)
 {
     if (o.args.size() != 3)
         return tools::UsageError("usage: import KEY FILE");
-    UniqueFile f(fopen(o.args[2].c_str(), "re"));
-    if (!f)
-        return tools::Fail("cannot read %s: %s", o.args[2].c_str(), strerror(errno));
+    // The file is read once, bounded, and parsed twice: first to check it
+    // before anything in the tree changes, then into the tree ("-" is
+    // standard input, which cannot be read twice).
+    const std::string& path = o.args[2];
+    const char* shown = path == "-" ? "standard input" : path.c_str();
+    std::string content;
+    if (!tools::ReadInputFile(path, kImportSizeLimit, content))
+        return tools::Fail("cannot read %s: %s", shown,
+                           errno == EFBIG ? "larger than 64 MiB, not a registry export" : strerror(errno));
+    if (content.empty())
+        return tools::Fail("%s holds no registry values or keys", shown);
     {
-        // Check the whole file before anything in the tree changes.
+        UniqueFile check(fmemopen(content.data(), content.size(), "r"));
         CRegistryNode scratch;
-        if (!scratch.restoreNode(f.Get()) && scratch.GetCount() == 0)
-            return tools::Fail("%s holds no registry values or keys", o.args[2].c_str());
+        if (!check || (!scratch.restoreNode(check.Get()) && scratch.GetCount() == 0))
+            return tools::Fail("%s holds no registry values or keys", shown);
     }
-    rewind(f.Get());
+    UniqueFile f(fmemopen(content.data(), content.size(), "r"));
+    if (!f)
+        return tools::Fail("cannot read %s: %s", shown, strerror(errno));
     CRegistry reg;
     int rc = CreatePath(reg, o.args[1]);
     if (rc != tools::kExitOk)
@@ -571,8 +633,10 @@ int ParseArguments(int argc, char** argv, Options& o)
         std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
+            o.informational = true;
             return tools::kExitOk;
         } else if (a == "--version") {
+            o.informational = true;
             return tools::PrintVersion();
         } else if (a == "--json") {
             o.json = true;
@@ -596,14 +660,9 @@ int ParseArguments(int argc, char** argv, Options& o)
     return -1;
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+/// Runs the command of `o` on the loaded registry.
+int RunCommand(const Options& o)
 {
-    tools::ToolInit("kopreg");
-    Options o;
-    if (int rc = ParseArguments(argc, argv, o); rc >= 0)
-        return rc;
     const std::string& cmd = o.args[0];
     static const struct {
         const char* name;
@@ -621,4 +680,25 @@ int main(int argc, char** argv)
         }
     }
     return tools::UsageError("unknown command '%s'", cmd.c_str());
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    tools::ToolInit("kopreg");
+    Options o;
+    int rc = ParseArguments(argc, argv, o);
+    if (rc < 0)
+        rc = RunCommand(o);
+    // In JSON mode every run writes one document: list and get write theirs
+    // on success, the commands that change the registry a short report, and
+    // a failure the message.
+    if (tools::HasOption(argc, argv, "--json") && !o.informational) {
+        if (rc != tools::kExitOk)
+            tools::PrintJsonError(std::cout, tools::FirstError());
+        else if (!o.args.empty() && o.args[0] != "list" && o.args[0] != "get")
+            printf("{\"command\": %s, \"ok\": true}\n", CJsonWriter::Quote(o.args[0]).c_str());
+    }
+    return rc;
 }

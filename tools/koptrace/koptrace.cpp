@@ -3,16 +3,23 @@
 // order, optionally filtered, and can follow the file written now.
 #include "tools/common/JsonWriter.h"
 #include "tools/common/ToolSupport.h"
+#include "tools/common/LogStream.h"
 
 #include "trace/CDebug.h"
 #include "trace/CTraceReader.h"
 
+#include "common/UniqueHandle.h"
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iostream>
+#include <fcntl.h>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -25,6 +32,8 @@ namespace {
 
 constexpr const char* kDefaultTraceDir = "/var/log/tarvd";
 constexpr long kFollowPollMs = 200;
+// How much of a file's start is read to tell a ring from a log.
+constexpr size_t kKindProbeLength = 64 * 1024;
 
 volatile sig_atomic_t g_Stop = 0;
 void OnSignal(int) { g_Stop = 1; }
@@ -39,7 +48,8 @@ const char* const kUsage =
     "Options:\n"
     "  --dir DIR        trace directory (default /var/log/tarvd)\n"
     "  --thread HEX     only entries of this thread id\n"
-    "  --name TEXT      only entries whose name column is TEXT\n"
+    "  --name TEXT      only entries whose name column is TEXT (the program's\n"
+    "                   own entries carry its name, a module's its own)\n"
     "  --follow         keep printing new entries of the active ring buffer\n"
     "                   (or of the log file when there is no ring buffer)\n"
     "                   until interrupted (SIGINT or SIGTERM)\n"
@@ -48,7 +58,11 @@ const char* const kUsage =
     "  --help           this text\n"
     "  --version        the tool's version\n"
     "\n"
-    "Exit status: 0 ok, 1 missing, truncated or damaged file, 2 usage error.\n";
+    "A file that cannot be read, is no regular file, is empty or holds no\n"
+    "trace entries is refused with the reason.\n"
+    "\n"
+    "Exit status: 0 ok, 1 missing, unreadable, truncated or damaged file,\n"
+    "2 usage error.\n";
 
 enum class FileKind { Log, Ring, GzipRing };
 
@@ -88,12 +102,40 @@ FileKind GuessKind(const std::string& path)
         return FileKind::GzipRing;
     if (EndsWith(path, "_a") || EndsWith(path, "_i"))
         return FileKind::Ring;
-    std::string content;
-    if (tools::ReadFileBounded(path, CTraceReader::kFileSizeLimit, content) &&
-        (content.find("### Begin of RingBuffer. ###") != std::string::npos ||
-         content.find("## TRACE-END ##") != std::string::npos))
+    // A ring's begin line follows its short header: the start of the file
+    // tells, without reading a log of any size.  Only a regular file is
+    // looked into (a pipe could block); anything else is refused later.
+    struct stat st {};
+    std::string start;
+    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && tools::ReadFileBounded(path, kKindProbeLength, start) &&
+        (start.find("### Begin of RingBuffer. ###") != std::string::npos ||
+         start.find("## TRACE-END ##") != std::string::npos))
         return FileKind::Ring;
     return FileKind::Log;
+}
+
+/// Whether `path` can be read as a trace file: a regular file that this
+/// user may open and, for a log file, not empty (an empty ring is a
+/// truncated one, reported as such).  Otherwise a message naming the file
+/// and the reason (unless `quiet`): without this check a file that cannot
+/// be opened would read as a damaged ring or a failed decompression, and a
+/// directory or device as an empty trace.
+bool CheckInput(const std::string& path, FileKind kind, bool quiet)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat st {};
+    const char* reason = nullptr;
+    if (!fd || fstat(fd.Get(), &st) != 0)
+        reason = errno == ENOENT ? "no such file" : strerror(errno);
+    else if (S_ISDIR(st.st_mode))
+        reason = "is a directory, not a trace file";
+    else if (!S_ISREG(st.st_mode))
+        reason = "not a regular file (a device, pipe or socket), not a trace file";
+    else if (st.st_size == 0 && kind == FileKind::Log)
+        reason = "empty file, no trace entries";
+    if (reason != nullptr && !quiet)
+        tools::Fail("%s: %s", path.c_str(), reason);
+    return reason == nullptr;
 }
 
 /// Splits an entry line into its columns, as the trace reader reads them.
@@ -113,11 +155,8 @@ void ParseColumns(Entry& e)
 bool ReadTraceFile(const TraceFile& f, std::vector<std::string>& lines, bool quiet = false)
 {
     lines.clear();
-    if (!Exists(f.path)) {
-        if (!quiet)
-            tools::Fail("%s: no such file", f.path.c_str());
+    if (!CheckInput(f.path, f.kind, quiet))
         return false;
-    }
     bool ok = false;
     switch (f.kind) {
     case FileKind::Log:
@@ -159,40 +198,6 @@ void AppendEntries(const std::string& file, const std::vector<std::string>& line
         e.key = key;
         out.push_back(std::move(e));
     }
-}
-
-// Lines written regardless of the level stand both in the log file and in
-// the ring buffer, with the same time stamp (to the millisecond), thread and
-// text: show them once, as the ring buffer's entry.
-void DropLogCopiesOfRingEntries(std::vector<Entry>& entries, const std::vector<TraceFile>& files)
-{
-    auto isLog = [&files](const std::string& path) {
-        for (const TraceFile& f : files)
-            if (f.path == path)
-                return f.kind == FileKind::Log;
-        return false;
-    };
-    std::vector<Entry> kept;
-    kept.reserve(entries.size());
-    size_t i = 0;
-    while (i < entries.size()) {
-        size_t end = i;
-        while (end < entries.size() && entries[end].key == entries[i].key)
-            ++end;
-        for (size_t k = i; k < end; ++k) {
-            const Entry& e = entries[k];
-            bool duplicate = false;
-            if (e.isEntry && isLog(e.file)) {
-                for (size_t r = i; r < end && !duplicate; ++r)
-                    duplicate = r != k && entries[r].isEntry && !isLog(entries[r].file) &&
-                                entries[r].thread == e.thread && entries[r].text == e.text;
-            }
-            if (!duplicate)
-                kept.push_back(std::move(entries[k]));
-        }
-        i = end;
-    }
-    entries.swap(kept);
 }
 
 struct Filter {
@@ -277,16 +282,19 @@ struct FollowState {
     std::string lastKey;
     std::set<std::string> atLastKey;
 
+    void Remember(const Entry& e)
+    {
+        if (e.key != lastKey) {
+            lastKey = e.key;
+            atLastKey.clear();
+        }
+        atLastKey.insert(e.line);
+        lastLine = e.line;
+    }
     void Remember(const std::vector<Entry>& printed)
     {
-        for (const Entry& e : printed) {
-            if (e.key != lastKey) {
-                lastKey = e.key;
-                atLastKey.clear();
-            }
-            atLastKey.insert(e.line);
-            lastLine = e.line;
-        }
+        for (const Entry& e : printed)
+            Remember(e);
     }
 };
 
@@ -414,34 +422,140 @@ std::optional<int> CollectFiles(const Options& o, std::vector<TraceFile>& files)
     std::string base = o.dir + "/log." + name;
     const std::pair<const char*, FileKind> candidates[] = {
         {"", FileKind::Log}, {"_i.gz", FileKind::GzipRing}, {"_i", FileKind::Ring}, {"_a", FileKind::Ring}};
-    for (const auto& [suffix, kind] : candidates)
-        if (Exists(base + suffix))
+    // A file the program has just created and not yet written to holds
+    // nothing to show; any other file is read (and a bad one reported).
+    for (const auto& [suffix, kind] : candidates) {
+        struct stat st {};
+        if (stat((base + suffix).c_str(), &st) == 0 && !(S_ISREG(st.st_mode) && st.st_size == 0))
             files.push_back({base + suffix, kind});
+    }
     if (files.empty())
         return tools::Fail("no trace files of '%s' in %s", args[0].c_str(), o.dir.c_str());
     return std::nullopt;
 }
 
-/// Reads every file and merges them by time; `followState` gets what was
-/// read from `live`.  false when a file was missing or damaged.
-bool ReadAll(const std::vector<TraceFile>& files, const TraceFile* live, std::vector<Entry>& entries,
-             FollowState& followState)
+/// One file's entries in time order: a ring read whole (it is as large as
+/// the ring), or a log file read from the file as the merge asks for them.
+class CSource {
+public:
+    explicit CSource(const TraceFile& file) : m_File(file) {}
+
+    /// Reads a ring, opens a log; false (with a message) when the file is
+    /// missing or damaged: what could be recovered is still given.
+    bool Open()
+    {
+        if (m_File.kind != FileKind::Log) {
+            std::vector<std::string> lines;
+            bool ok = ReadTraceFile(m_File, lines);
+            AppendEntries(m_File.path, lines, m_Entries);
+            std::stable_sort(m_Entries.begin(), m_Entries.end(),
+                             [](const Entry& a, const Entry& b) { return a.key < b.key; });
+            return ok;
+        }
+        if (!CheckInput(m_File.path, m_File.kind, false))
+            return false;
+        m_Log = std::make_unique<CLogStream>();
+        if (std::string reason = m_Log->Open(m_File.path); !reason.empty()) {
+            m_Log.reset();
+            tools::Fail("%s: %s", m_File.path.c_str(), reason.c_str());
+            return false;
+        }
+        return true;
+    }
+
+    bool Next(Entry& e)
+    {
+        if (m_Log == nullptr) {
+            if (m_Next >= m_Entries.size())
+                return false;
+            e = std::move(m_Entries[m_Next++]);
+            return true;
+        }
+        e = Entry();
+        if (!m_Log->Next(e.line))
+            return false;
+        e.file = m_File.path;
+        ParseColumns(e);
+        if (e.time)
+            m_Key = *e.time;
+        e.key = m_Key;
+        return true;
+    }
+
+    /// After the last entry: false (with a message) when a log file ended
+    /// in a line cut short.
+    bool Finish() const
+    {
+        if (m_Log == nullptr || m_Log->Complete())
+            return true;
+        tools::Fail("%s: cannot read the log file completely (%zu lines recovered)", m_File.path.c_str(),
+                    m_Log->Count());
+        return false;
+    }
+
+    const TraceFile& File() const { return m_File; }
+    const std::vector<Entry>& RingEntries() const { return m_Entries; }
+
+private:
+    const TraceFile& m_File;
+    std::vector<Entry> m_Entries;
+    size_t m_Next = 0;
+    std::unique_ptr<CLogStream> m_Log;
+    std::string m_Key;
+};
+
+/// What makes a log line the copy of a ring entry: lines written
+/// regardless of the level stand both in the log file and in the ring
+/// buffer with the same time stamp (to the millisecond), thread and text.
+std::string CopyKey(const Entry& e)
+{
+    return e.key + '\n' + (e.thread ? std::to_string(*e.thread) : "-") + '\n' + e.text;
+}
+
+/// Merges the files by time (entries of one time keep the files' order) and
+/// prints what the filter accepts, showing a log line that is the copy of
+/// a ring entry once, as the ring's; `followState` gets what was read from
+/// `live`.  The log files are streamed.  false when a file was missing or
+/// damaged.
+bool PrintMerged(const std::vector<TraceFile>& files, const TraceFile* live, const Filter& filter,
+                 Printer& printer, FollowState& followState)
 {
     bool ok = true;
+    std::vector<CSource> sources;
+    sources.reserve(files.size());
+    std::set<std::string> ringCopies;
     for (const TraceFile& f : files) {
-        std::vector<std::string> lines;
-        if (!ReadTraceFile(f, lines))
-            ok = false;
-        if (&f == live) {
-            std::vector<Entry> liveEntries;
-            AppendEntries(f.path, lines, liveEntries);
-            followState.Remember(liveEntries);
-        }
-        AppendEntries(f.path, lines, entries);
+        sources.emplace_back(f);
+        ok = sources.back().Open() && ok;
+        for (const Entry& e : sources.back().RingEntries())
+            if (e.isEntry)
+                ringCopies.insert(CopyKey(e));
     }
-    // Merge the files by time; entries of one time keep their file order.
-    std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.key < b.key; });
-    DropLogCopiesOfRingEntries(entries, files);
+    std::vector<std::optional<Entry>> heads(sources.size());
+    auto advance = [&](size_t i) {
+        Entry e;
+        heads[i] = sources[i].Next(e) ? std::optional<Entry>(std::move(e)) : std::nullopt;
+    };
+    for (size_t i = 0; i < sources.size(); ++i)
+        advance(i);
+    bool lastAccepted = true;
+    for (;;) {
+        size_t best = heads.size();
+        for (size_t i = 0; i < heads.size(); ++i)
+            if (heads[i] && (best == heads.size() || heads[i]->key < heads[best]->key))
+                best = i;
+        if (best == heads.size())
+            break;
+        Entry e = std::move(*heads[best]);
+        advance(best);
+        if (&sources[best].File() == live)
+            followState.Remember(e);
+        bool copy = sources[best].File().kind == FileKind::Log && e.isEntry && ringCopies.count(CopyKey(e)) != 0;
+        if (!copy && filter.Accept(e, lastAccepted))
+            printer.Print(e);
+    }
+    for (const CSource& source : sources)
+        ok = source.Finish() && ok;
     return ok;
 }
 
@@ -451,11 +565,17 @@ int main(int argc, char** argv)
 {
     tools::ToolInit("koptrace");
     Options o;
-    if (std::optional<int> status = ParseArguments(argc, argv, o))
-        return *status;
+    std::optional<int> status = ParseArguments(argc, argv, o);
     std::vector<TraceFile> files;
-    if (std::optional<int> status = CollectFiles(o, files))
+    if (!status)
+        status = CollectFiles(o, files);
+    if (status) {
+        // A run in JSON mode that ends before its array writes the message
+        // as its one document.
+        if (*status != tools::kExitOk && tools::HasOption(argc, argv, "--json"))
+            tools::PrintJsonError(std::cout, tools::FirstError());
         return *status;
+    }
 
     // The file written now: the active ring buffer, the initial one while
     // the program is still starting up, or the log file of a program that
@@ -467,19 +587,17 @@ int main(int argc, char** argv)
     for (const TraceFile& f : files)
         if (live == nullptr && f.kind == FileKind::Log)
             live = &f;
-    if (o.follow && live == nullptr)
-        return tools::Fail("--follow needs a ring buffer or log file (log.NAME_a, log.NAME_i or log.NAME)");
+    if (o.follow && live == nullptr) {
+        tools::Fail("--follow needs a ring buffer or log file (log.NAME_a, log.NAME_i or log.NAME)");
+        if (o.json)
+            tools::PrintJsonError(std::cout, tools::FirstError());
+        return tools::kExitFailure;
+    }
 
-    std::vector<Entry> entries;
     FollowState followState;
-    bool ok = ReadAll(files, live, entries, followState);
-
     Printer printer(o.json);
     printer.Begin();
-    bool lastAccepted = true;
-    for (const Entry& e : entries)
-        if (o.filter.Accept(e, lastAccepted))
-            printer.Print(e);
+    bool ok = PrintMerged(files, live, o.filter, printer, followState);
     fflush(stdout);
     if (o.follow)
         Follow(*live, followState, o.filter, printer);
