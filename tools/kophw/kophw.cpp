@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <dirent.h>
 #include <map>
 #include <optional>
@@ -124,12 +125,8 @@ void PrintJsonError(bool json, const std::string& message)
 {
     if (!json)
         return;
-    CJsonWriter w;
-    w.BeginObject();
-    w.Key("error").String(message);
-    w.EndObject();
-    printf("%s\n", w.Text().c_str());
     fflush(stdout);
+    tools::PrintJsonError(std::cout, message);
 }
 
 /// tools::Fail, and the JSON document when `json`.
