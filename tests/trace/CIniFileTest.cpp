@@ -191,6 +191,7 @@ TEST_F(IniTest, ClassReadsTypedValuesAndGrowsBuffers)
 {
     CIniFile ini;
     EXPECT_FALSE(ini.Open(false));
+    EXPECT_STREQ(ini.GetFileName(), "");
     EXPECT_STREQ(ini.GetString("S", "k", "d"), "d");
     EXPECT_FALSE(ini.Open(m_Path.c_str(), true));  // missing file
     EXPECT_TRUE(ini.Open(m_Path.c_str(), false));
@@ -204,7 +205,9 @@ TEST_F(IniTest, ClassReadsTypedValuesAndGrowsBuffers)
     } numbers[] = {{"hex", 31}, {"oct", 8}, {"empty", 7}, {"missing", 7}, {nullptr, 7}, {"neg", 0xFFFFFFFFu}};
     for (const auto& c : numbers)
         EXPECT_EQ(ini.GetNumber("N", c.key, 7), c.expected) << (c.key ? c.key : "null");
-    std::string s;  // a long value that fits a line grows the buffer
+    // A long value that fits a line grows the buffer.
+    EXPECT_EQ(std::string(ini.GetString("Mid", "v", "d")), std::string(1000, 'm'));
+    std::string s;
     EXPECT_TRUE(ini.GetString(s, "Mid", "v", "d"));
     EXPECT_EQ(s, std::string(1000, 'm'));
     std::vector<std::string> sections;
@@ -215,11 +218,12 @@ TEST_F(IniTest, ClassReadsTypedValuesAndGrowsBuffers)
     std::vector<std::string> keys;
     EXPECT_TRUE(ini.GetEnums(keys, "N"));
     EXPECT_EQ(keys, (std::vector<std::string>{"hex", "oct", "empty", "neg"}));
-    EXPECT_FALSE(ini.GetEnums(keys, "Section_number_3"));
+    EXPECT_FALSE(ini.GetEnums(keys, nullptr) || ini.GetEnums(keys, "Section_number_3"));
     EXPECT_STREQ(ini.GetEnum("N"), "hex");
     for (const char* next : {"oct", "empty", "neg", "", ""})
         EXPECT_STREQ(ini.GetNextEnum(), next);
     ini.Close();
+    EXPECT_STREQ(ini.GetNextEnum(), "");
     EXPECT_STREQ(ini.GetString("N", "hex", "closed"), "closed");
     content.clear();
     for (int i = 0; i < 3000; ++i)  // about 100 kB of names: past the buffer limit
