@@ -5,33 +5,29 @@
 
 #include "trace/CIniFile.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <vector>
 
 namespace {
 
-// Splits a NUL-separated list ended by an empty name.
-std::vector<std::string> SplitList(const char* buf, unsigned len)
+// The first four names of the list of sections (null `section`) or of the
+// keys of `section`: every lookup reads the whole file again.
+std::vector<std::string> FirstNames(const char* section, const std::string& file)
 {
+    static char buf[4096];
+    const unsigned n = GetPrivateProfileString(section, nullptr, "", buf, sizeof(buf), file.c_str());
+    FUZZ_CHECK(n < sizeof(buf));
     std::vector<std::string> out;
-    unsigned i = 0;
-    while (i < len && buf[i]) {
-        std::string name(buf + i);
-        i += static_cast<unsigned>(name.size()) + 1;
-        out.push_back(name);
-    }
+    for (unsigned i = 0; i < n && buf[i] && out.size() < 4; i += static_cast<unsigned>(out.back().size()) + 1)
+        out.emplace_back(buf + i);
     return out;
 }
 
 bool Plain(const std::string& s)
 {
-    if (s.empty())
-        return false;
-    for (unsigned char c : s)
-        if (!isalnum(c) && c != '_')
-            return false;
-    return true;
+    return !s.empty() && std::all_of(s.begin(), s.end(), [](unsigned char c) { return isalnum(c) || c == '_'; });
 }
 
 void WriteAndCheck(const char* section, const char* key, const char* value, const std::string& file)
@@ -90,26 +86,15 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
     if (!fuzzsupport::WriteWhole(file, data, size) || !fuzzsupport::WriteWhole(copy, data, size))
         return 0;
 
-    static char buf[4096];
-    unsigned n = GetPrivateProfileString(nullptr, nullptr, "", buf, sizeof(buf), file.c_str());
-    FUZZ_CHECK(n < sizeof(buf));
-    std::vector<std::string> sections = SplitList(buf, n);
-    // A few sections and keys are enough: every lookup reads the whole file again.
-    if (sections.size() > 4)
-        sections.resize(4);
+    const std::vector<std::string> sections = FirstNames(nullptr, file);
     for (const std::string& s : sections) {
-        n = GetPrivateProfileString(s.c_str(), nullptr, "", buf, sizeof(buf), file.c_str());
-        FUZZ_CHECK(n < sizeof(buf));
-        std::vector<std::string> keys = SplitList(buf, n);
-        if (keys.size() > 4)
-            keys.resize(4);
-        for (const std::string& k : keys) {
-            char small[8];
+        for (const std::string& k : FirstNames(s.c_str(), file)) {
+            char small[8], big[4096];
             unsigned m = GetPrivateProfileString(s.c_str(), k.c_str(), "dflt", small, sizeof(small), file.c_str());
             FUZZ_CHECK(m < sizeof(small));
             FUZZ_CHECK(strlen(small) == m);
-            m = GetPrivateProfileString(s.c_str(), k.c_str(), "dflt", buf, sizeof(buf), file.c_str());
-            FUZZ_CHECK(m < sizeof(buf));
+            m = GetPrivateProfileString(s.c_str(), k.c_str(), "dflt", big, sizeof(big), file.c_str());
+            FUZZ_CHECK(m < sizeof(big));
         }
     }
 

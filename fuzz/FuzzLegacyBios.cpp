@@ -6,6 +6,7 @@
 #include "FuzzSupport.h"
 
 #include "common/CDataStream.h"
+#include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/CSMBios.h"
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -26,26 +26,13 @@ constexpr size_t kAreaLength = 0x10000;
 
 const std::string& Root()
 {
-    static const std::string root = [] {
-        std::string r = fuzzsupport::ScratchDir() + "/legacy";
-        mkdir(r.c_str(), 0700);
-        mkdir((r + "/dev").c_str(), 0700);
-        return r;
-    }();
+    static const std::string root = fuzzsupport::ScratchTree("legacy", {"/dev"});
     return root;
 }
 
-bool WriteAt(int fd, off_t offset, const uint8_t* data, size_t size)
+bool WriteAt(int fd, off_t offset, const std::vector<uint8_t>& area)
 {
-    while (size > 0) {
-        ssize_t w = pwrite(fd, data, size, offset);
-        if (w <= 0)
-            return false;
-        data += w;
-        size -= static_cast<size_t>(w);
-        offset += w;
-    }
-    return true;
+    return lseek(fd, offset, SEEK_SET) == offset && tarvd::WriteAll(fd, area.data(), area.size());
 }
 
 // The snapshot keeps its size from one input to the next; each input
@@ -66,8 +53,7 @@ bool WriteSnapshot(const uint8_t* data, size_t size)
     size_t n = size < kAreaLength ? size : kAreaLength;
     std::copy(data, data + n, area.begin());
     std::fill(area.begin() + static_cast<std::ptrdiff_t>(n), area.end(), uint8_t(0));
-    return WriteAt(fd.Get(), kShadowArea, area.data(), area.size()) &&
-           WriteAt(fd.Get(), kRoutingArea, area.data(), area.size());
+    return WriteAt(fd.Get(), kShadowArea, area) && WriteAt(fd.Get(), kRoutingArea, area);
 }
 
 } // namespace

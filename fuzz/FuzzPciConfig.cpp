@@ -48,12 +48,7 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
 {
     if (size > fuzzsupport::kMaxInput)
         return 0;
-    static const std::string root = [] {
-        std::string r = fuzzsupport::ScratchDir() + "/pci";
-        for (const char* sub : {"", "/proc", "/proc/bus", hwinfo::kProcBusPci})
-            mkdir((r + sub).c_str(), 0700);
-        return r;
-    }();
+    static const std::string root = fuzzsupport::ScratchTree("pci", {"/proc", "/proc/bus", hwinfo::kProcBusPci});
     const std::string pci = root + hwinfo::kProcBusPci;
 
     // What the previous input made goes, newest first.  Kept in fixed

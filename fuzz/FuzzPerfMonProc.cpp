@@ -8,9 +8,7 @@
 #include "perfmon/CPerfMon.h"
 #include "perfmon/PerfMonSeams.h"
 
-#include <cstring>
 #include <memory>
-#include <sys/stat.h>
 
 namespace {
 
@@ -34,21 +32,16 @@ private:
 
 const std::string& Root()
 {
-    static const std::string root = [] {
-        std::string r = fuzzsupport::ScratchDir() + "/perfproc";
-        mkdir(r.c_str(), 0700);
-        mkdir((r + "/net").c_str(), 0700);
-        return r;
-    }();
+    static const std::string root = fuzzsupport::ScratchTree("perfproc", {"/net"});
     return root;
 }
 
-void WriteTree(const char* stat, size_t statLen, const char* mem, size_t memLen, const char* net, size_t netLen)
+// The processor statistics, the memory figures and the network device table.
+void WriteTree(const std::string (&parts)[3])
 {
-    const std::string& root = Root();
-    fuzzsupport::WriteWhole(root + "/stat", stat, statLen);
-    fuzzsupport::WriteWhole(root + "/meminfo", mem, memLen);
-    fuzzsupport::WriteWhole(root + "/net/dev", net, netLen);
+    const char* const files[] = {"/stat", "/meminfo", "/net/dev"};
+    for (int i = 0; i < 3; ++i)
+        fuzzsupport::WriteWhole(Root() + files[i], parts[i].data(), parts[i].size());
 }
 
 // One monitor for the process, started once over a small valid tree (its
@@ -57,13 +50,12 @@ void WriteTree(const char* stat, size_t statLen, const char* mem, size_t memLen,
 CPerfMon& Monitor()
 {
     static CPerfMon* monitor = [] {
-        static const char stat[] = "cpu  100 0 100 800 0 0 0 0 0 0\ncpu0 100 0 100 800 0 0 0 0 0 0\n";
-        static const char mem[] = "MemTotal: 1000 kB\nMemFree: 500 kB\nSwapTotal: 100 kB\nSwapFree: 50 kB\n";
-        static const char net[] =
-            "Inter-|   Receive                                                |  Transmit\n"
-            " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs drop fifo colls carrier compressed\n"
-            "  eth0: 100 1 0 0 0 0 0 0 200 2 0 0 0 0 0 0\n";
-        WriteTree(stat, strlen(stat), mem, strlen(mem), net, strlen(net));
+        WriteTree({"cpu  100 0 100 800 0 0 0 0 0 0\ncpu0 100 0 100 800 0 0 0 0 0 0\n",
+                   "MemTotal: 1000 kB\nMemFree: 500 kB\nSwapTotal: 100 kB\nSwapFree: 50 kB\n",
+                   "Inter-|   Receive                                                |  Transmit\n"
+                   " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs drop fifo colls "
+                   "carrier compressed\n"
+                   "  eth0: 100 1 0 0 0 0 0 0 200 2 0 0 0 0 0 0\n"});
         static CPerfMon mon(8);
         mon.SetProcRoot(Root());
         mon.SetLinkSpeedSource(std::make_shared<FixedSpeed>());
@@ -81,18 +73,14 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
     if (size > fuzzsupport::kMaxInput)
         return 0;
     CPerfMon& mon = Monitor();
-    const char* text = reinterpret_cast<const char*>(data);
-    const char* parts[3] = {"", "", ""};
-    size_t lengths[3] = {0, 0, 0};
-    size_t start = 0;
-    for (int i = 0; i < 3 && start <= size; ++i) {
-        const void* nul = size > start ? memchr(text + start, '\0', size - start) : nullptr;
-        size_t end = nul ? static_cast<size_t>(static_cast<const char*>(nul) - text) : size;
-        parts[i] = size > start ? text + start : "";
-        lengths[i] = end - start;
-        start = end + 1;
+    std::string parts[3];
+    for (size_t i = 0, k = 0; i < size && k < 3; ++i) {
+        if (data[i] == '\0')
+            ++k;
+        else
+            parts[k] += static_cast<char>(data[i]);
     }
-    WriteTree(parts[0], lengths[0], parts[1], lengths[1], parts[2], lengths[2]);
+    WriteTree(parts);
 
     mon.SnapshotData(CPerfMon::PERF_MONITOR_ALL);
     for (int v = CPerfMon::PERF_SYSTEM_USAGE; v <= CPerfMon::PERF_PROCESS_DESCRIPTORS; ++v) {

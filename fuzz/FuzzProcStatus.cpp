@@ -4,18 +4,12 @@
 
 #include "daemon/CProcess.h"
 
-#include <sys/stat.h>
 
 extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
 {
     if (size > fuzzsupport::kMaxInput)
         return 0;
-    static const std::string root = [] {
-        std::string r = fuzzsupport::ScratchDir() + "/proc";
-        mkdir(r.c_str(), 0700);
-        mkdir((r + "/7").c_str(), 0700);
-        return r;
-    }();
+    static const std::string root = fuzzsupport::ScratchTree("proc", {"/7"});
     if (!fuzzsupport::WriteWhole(root + "/7/status", data, size))
         return 0;
     CProcess::SetProcRoot(root.c_str());

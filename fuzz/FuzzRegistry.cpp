@@ -16,11 +16,11 @@ std::string Dump(const CRegistryNode& node)
 {
     char* buf = nullptr;
     size_t len = 0;
-    FILE* f = open_memstream(&buf, &len);
+    UniqueFile f(open_memstream(&buf, &len));
     if (!f)
         return std::string();
-    bool ok = node.dumpNode(f);
-    fclose(f);
+    const bool ok = node.dumpNode(f.Get());
+    f.Reset();  // flushes into `buf`
     std::string out(buf ? buf : "", buf ? len : 0);
     free(buf);
     FUZZ_CHECK(ok);
@@ -43,14 +43,10 @@ bool Restore(CRegistryNode& node, const void* data, size_t size)
 bool LinesReadable(const std::string& text)
 {
     size_t start = 0;
-    while (start < text.size()) {
-        size_t nl = text.find('\n', start);
-        size_t end = nl == std::string::npos ? text.size() : nl;
-        if (end - start >= 1023)
+    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
+        if (nl - start >= 1023)
             return false;
-        start = end + 1;
-    }
-    return true;
+    return text.size() - start < 1023;
 }
 
 } // namespace

@@ -12,18 +12,13 @@
 #include "hwinfo/HwPaths.h"
 #include "hwinfo/SmbiosIdentity.h"
 
-#include <sys/stat.h>
 
 namespace {
 
 const std::string& Root()
 {
-    static const std::string root = [] {
-        std::string r = fuzzsupport::ScratchDir() + "/smbios";
-        for (const char* sub : {"", "/sys", "/sys/firmware", "/sys/firmware/dmi", "/sys/firmware/dmi/tables"})
-            mkdir((r + sub).c_str(), 0700);
-        return r;
-    }();
+    static const std::string root =
+        fuzzsupport::ScratchTree("smbios", {"/sys", "/sys/firmware", "/sys/firmware/dmi", "/sys/firmware/dmi/tables"});
     return root;
 }
 

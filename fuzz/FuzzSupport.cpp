@@ -1,8 +1,8 @@
 #include "FuzzSupport.h"
 
+#include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
@@ -41,40 +41,19 @@ const std::string& ScratchDir()
     return scratch.path;
 }
 
+std::string ScratchTree(const char* name, std::initializer_list<const char*> subfolders)
+{
+    const std::string root = ScratchDir() + "/" + name;
+    mkdir(root.c_str(), 0700);
+    for (const char* sub : subfolders)
+        mkdir((root + sub).c_str(), 0700);
+    return root;
+}
+
 bool WriteWhole(const std::string& path, const void* data, size_t size)
 {
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!fd)
-        return false;
-    const char* p = static_cast<const char*>(data);
-    while (size > 0) {
-        ssize_t w = write(fd.Get(), p, size);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        size -= static_cast<size_t>(w);
-    }
-    return true;
-}
-
-std::string ReadWhole(const std::string& path)
-{
-    std::string out;
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd)
-        return out;
-    char buf[4096];
-    for (;;) {
-        ssize_t r = read(fd.Get(), buf, sizeof(buf));
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            break;
-        out.append(buf, static_cast<size_t>(r));
-    }
-    return out;
+    return fd && tarvd::WriteAll(fd.Get(), data, size);
 }
 
 void Fail(const char* file, int line, const char* what)

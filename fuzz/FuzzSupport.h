@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <string>
 
 #ifndef TARVD_FUZZ_ENTRY
@@ -25,11 +26,12 @@ constexpr size_t kMaxInput = 64 * 1024;
 /// TARVD_FUZZ_TMP, else /dev/shm when it exists, else /tmp) and removed at exit.
 const std::string& ScratchDir();
 
+/// The folder `name` of the scratch directory with the given subfolders
+/// (each a path below it, parents first), made once; its path.
+std::string ScratchTree(const char* name, std::initializer_list<const char*> subfolders = {});
+
 /// Writes `size` bytes to `path` (created or truncated).  False on failure.
 bool WriteWhole(const std::string& path, const void* data, size_t size);
-
-/// Reads the whole file; empty when it cannot be read.
-std::string ReadWhole(const std::string& path);
 
 [[noreturn]] void Fail(const char* file, int line, const char* what);
 

@@ -1,6 +1,5 @@
-// Replays every seed and every kept crash input of each fuzz target through
-// the target's body, so that the normal suite (and its sanitizer builds)
-// catches a parser fault that once crashed a fuzzer.
+// Replays every seed and kept crash input of each fuzz target through its body, so that the
+// normal suite (and its sanitizer builds) catches a parser fault that once crashed a fuzzer.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "support/TestSupport.h"
 
 // name of the corpus folder, name of the body
 #define TARVD_FUZZ_TARGETS(X)                                                                     \
@@ -52,7 +52,7 @@ TEST_P(FuzzReplay, EveryKeptInputRunsCleanly)
     ASSERT_FALSE(files.empty()) << "no seed inputs for " << t.name;
     for (const auto& f : files) {
         SCOPED_TRACE(f.string());
-        std::string data = fuzzsupport::ReadWhole(f.string());
+        const std::string data = testsupport::ReadFile(f.string());
         EXPECT_EQ(0, t.entry(reinterpret_cast<const uint8_t*>(data.data()), data.size()));
     }
 }

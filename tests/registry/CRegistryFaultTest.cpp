@@ -1,6 +1,4 @@
-// Saves that fail at every single open, write, fsync and rename, saves killed
-// at any moment, a new file planted as a symbolic link: the files on disk
-// always load as one whole tree, and a failed save keeps the tree dirty.
+// Saves that fail or are killed: the files on disk always load as one whole tree.
 #include "support/RegistryFixture.h"
 #include "support/SysLogCapture.h"
 

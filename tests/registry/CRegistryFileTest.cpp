@@ -1,6 +1,4 @@
-// The registry files: the exact text a save writes, its rotation to the
-// backup, the fall-back to the backup and factory default, and trees that
-// read back byte for byte.
+// The registry files: the exact text a save writes, its rotation and the fall-backs.
 #include <cstring>
 #include <string>
 #include <sys/stat.h>

@@ -1,6 +1,4 @@
-// The trace facility under stress and interference: many threads wrapping
-// the ring buffer, symbolic links planted at the trace files, descriptors
-// leaking to children (cuts of the ring file: CDebugRingCutFaultTest).
+// The trace facility under stress and interference (ring cuts: CDebugRingCutFaultTest).
 #include "daemon/CProcess.h"
 #include "trace/CDebug.h"
 #include "trace/CTraceReader.h"

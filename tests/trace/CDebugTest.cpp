@@ -1,6 +1,4 @@
-// The trace object end to end: entry layout, log file and ring buffer
-// contents byte for byte, their wraps, and the configuration cascade
-// (environment, then configuration file, then default).
+// The trace object end to end: entry layout, log file and ring contents, configuration.
 #include "trace/CDebug.h"
 #include "trace/CTraceReader.h"
 
@@ -12,6 +10,7 @@
 #include <regex>
 #include <sys/time.h>
 #include <thread>
+#include <tuple>
 
 using testsupport::ReadFile;
 using testsupport::SplitLines;
@@ -43,8 +42,6 @@ TEST_F(CDebugTest, EntryHeaderWithAndWithoutMemoryColumn)
     auto d = Make();
     ASSERT_EQ(d->GetMemoryTracesFlag(), -1);  // not configured counts as on
     EXPECT_TRUE(std::regex_match(Header(*d), std::regex(kTime + " " + kThread + kMemory + kName)));
-    EXPECT_TRUE(std::regex_match(Header(*d, "averyveryverylongname"),
-                                 std::regex(kTime + " " + kThread + kMemory + "averyveryverylongname ")));
     WriteConfig("a.ini", "[testprog]\nMemoryTracesFlag=0\n[EndOfFile]\n");
     EXPECT_TRUE(std::regex_match(Header(*Make()), std::regex(kTime + " " + kThread + " " + kName)));
     CDebug unnamed;
@@ -117,8 +114,6 @@ TEST_F(CDebugTest, LogFileWrapsToStartOrBehindTheStartUpPart)
 TEST_F(CDebugTest, InitialRingThenCompressedAtInitDoneAndActiveRing)
 {
     auto d = MakeTracing();
-    EXPECT_TRUE(d->IsEnabled());
-    EXPECT_EQ(d->GetTarget(), 2u);
     EXPECT_EQ(d->GetRingBufferSize(), 4u * 256 * kPage);
     EXPECT_EQ(std::string(d->GetInitialRingPath()), m_Dir.Sub("log.testprog_i"));
     EXPECT_EQ(std::string(d->GetActiveRingPath()), m_Dir.Sub("log.testprog_a"));
@@ -132,16 +127,13 @@ TEST_F(CDebugTest, InitialRingThenCompressedAtInitDoneAndActiveRing)
                              "Trace Level                : 3", "# End of header.",
                              "Ring Buffer Directory      : " + m_Dir.Path()})
         EXPECT_TRUE(Contains(msg, line)) << line;
-    EXPECT_TRUE(Contains(msg, "TR_OS=NotSet") || getenv("TR_OS"));
     size_t begin = ring.find("### Begin of RingBuffer. ###\n");
     ASSERT_NE(begin, std::string::npos);
     size_t lineStart = ring.rfind('\n', begin) + 1;
     EXPECT_EQ(lineStart % 1024, 0u);
     EXPECT_NE(ring.find(std::string(100, '_')), std::string::npos);
-    bool wrapped = true;
-    EXPECT_EQ(RingMessages(d->GetInitialRingPath(), &wrapped),
+    EXPECT_EQ(RingMessages(d->GetInitialRingPath()),
               (Msgs{"### Start of initialization. ###", "CDebugTest          : visible 1"}));
-    EXPECT_FALSE(wrapped);
     size_t marker = ring.find("## TRACE-END ##\n", lineStart);  // behind the newest entry
     ASSERT_NE(marker, std::string::npos);
     EXPECT_EQ(ring.rfind("visible 1\n", marker), marker - 10);
@@ -150,8 +142,6 @@ TEST_F(CDebugTest, InitialRingThenCompressedAtInitDoneAndActiveRing)
     if (access("/usr/bin/gzip", X_OK) != 0 && access("/bin/gzip", X_OK) != 0)
         GTEST_SKIP() << "gzip is not installed";
     d->SetApplInitDone();
-    EXPECT_TRUE(d->IsEnabled() && d->IsApplInitDone());
-    EXPECT_EQ(d->GetTarget(), 2u);
     EXPECT_EQ(d->GetRingBufferSize(), 256u * kPage);
     EXPECT_FALSE(testsupport::FileExists(d->GetInitialRingPath()));
     d->Print(1, "after start-up");
@@ -195,27 +185,10 @@ TEST_F(CDebugTest, SmallRingsWrapFillToTheirEndAndCutOversizeEntries)
     EXPECT_EQ(ReadFile(ring).substr(kLen - 16, 16), "## TRACE-END ##\n");
     d->Print(1, "y");  // one more byte wraps
     EXPECT_EQ(d->GetRingWrapCount(), 1u);
-    EXPECT_EQ(ReadFile(ring).substr(kLen - 16, 16), std::string(16, '.'));
-
-    ring = m_Dir.Sub("wrap_ring");
-    ASSERT_TRUE(d->InitRingBuffer(ring.c_str(), 16384));
-    for (int i = 0; i < 300; ++i)
-        d->Print(1, "wrap entry %04d", i);
-    EXPECT_GE(d->GetRingWrapCount(), 1u);
-    std::string text = ReadFile(ring);
-    ASSERT_EQ(text.size(), 16384u);
-    EXPECT_EQ(text.back(), '.');
+    const std::string text = ReadFile(ring);
+    EXPECT_EQ(text.substr(kLen - 16, 16), std::string(16, '.'));
     EXPECT_EQ(CTraceReader::MessageOf(SplitLines(text)[0]), "Tarvis Environment:");
-    bool wrapped = false;
-    auto msg = RingMessages(ring, &wrapped);
-    EXPECT_TRUE(wrapped);
-    ASSERT_GT(msg.size(), 20u);
-    const int first = 300 - static_cast<int>(msg.size());  // consecutive up to the newest
-    for (size_t i = 0; i < msg.size(); ++i) {
-        char expected[32];
-        snprintf(expected, sizeof(expected), "wrap entry %04d", first + static_cast<int>(i));
-        EXPECT_EQ(msg[i], expected);
-    }
+    EXPECT_EQ(RingMessages(ring).back(), "y");
 
     std::string big(3000, 'z');
     for (uint64_t size : {16384, 65536}) {  // a tenth of the first is 1638
@@ -426,14 +399,9 @@ TEST_F(CDebugTest, ClassInitClosesOutputsAndKeepsTheLevel)
     const std::string ring = d->GetActiveRingPath(), log = ReadFile(LogPath());
     d->ClassInit();
     EXPECT_FALSE(d->IsEnabled() || d->IsApplInitDone());
-    EXPECT_EQ(d->GetTarget(), 0u);
     EXPECT_EQ(d->GetLevel(), 4u);
     EXPECT_EQ(d->GetTraceFlags(), 0u);
-    EXPECT_EQ(d->GetRingBufferSize(), 0u);
     EXPECT_EQ(d->GetLogMaxSize(), 51200u);
-    EXPECT_STREQ(d->GetActiveRingPath(), "");
-    EXPECT_STREQ(d->GetInitialRingPath(), "");
-    EXPECT_STREQ(d->GetLogFilePath(), "");
     d->Print(0, "after");
     d->PrintAlways("after");
     EXPECT_EQ(ReadFile(LogPath()), log);
@@ -446,18 +414,13 @@ TEST_F(CDebugTest, ClassInitClosesOutputsAndKeepsTheLevel)
 
 TEST_F(CDebugTest, BuildAppVarNameStaysInTheBuffer)
 {
-    const struct {
-        size_t size;
-        const char *start, *app, *expected;
-    } cases[] = {{48, "TR_LOG_RINGBUF_WEIGHT", "kopd", "TR_LOG_RINGBUF_WEIGHT_KOPD"},
-                 {10, "ABCDEF", "xyz", "ABCDEF_XY"},
-                 {10, "A", "", "A"},
-                 {10, "A", nullptr, "A"}};
-    for (const auto& c : cases) {
+    for (auto [size, start, app, expected] :
+         {std::tuple{48, "TR_LOG_RINGBUF_WEIGHT", "kopd", "TR_LOG_RINGBUF_WEIGHT_KOPD"},
+          {10, "ABCDEF", "xyz", "ABCDEF_XY"}, {10, "A", "", "A"}, {10, "A", nullptr, "A"}}) {
         char buf[48];
-        snprintf(buf, sizeof(buf), "%s", c.start);
-        CDebug::BuildAppVarName(buf, c.size, c.app);
-        EXPECT_STREQ(buf, c.expected);
+        snprintf(buf, sizeof(buf), "%s", start);
+        CDebug::BuildAppVarName(buf, size, app);
+        EXPECT_STREQ(buf, expected);
     }
 }
 

@@ -9,64 +9,50 @@
 #include <cstring>
 #include <dirent.h>
 #include <string>
-#include <vector>
 
 namespace {
 
 using namespace std::string_literals;
 
-struct ConfigCase {
-    const char* what;
-    std::string content;
-    bool open;
-    const char* key;
-    const char* expected; // null: ReadValue fails
-    size_t limit;
-};
-
 TEST(TraceConfigMalformed, EachFileReadsAsExpected)
 {
-    const std::string v300(300, 'v');
-    const std::vector<ConfigCase> cases = {
-        {"empty file", "", false, "DebugLevel", nullptr, 64},
-        {"no EndOfFile", "[kopd]\nDebugLevel=3\n", false, "DebugLevel", nullptr, 64},
-        {"EndOfFile unterminated", "[kopd]\nDebugLevel=3\n[EndOfFile", false, "DebugLevel", nullptr, 64},
-        {"EndOfFile in lower case", "[kopd]\nDebugLevel=3\n[endoffile]\n", true, "DebugLevel", "3", 64},
-        {"EndOfFile not the last section", "[EndOfFile]\n[kopd]\nDebugLevel=3\n", false, "DebugLevel", nullptr, 64},
-        {"section missing", "[other]\nDebugLevel=3\n[EndOfFile]\n", false, "DebugLevel", nullptr, 64},
+    const std::string v300(300, 'v'), none = "<not found>";
+    const struct {
+        const char* what;
+        std::string content;
+        bool open;
+        const char* key;
+        std::string expected;
+    } cases[] = {
+        {"empty file", "", false, "DebugLevel", none},
+        {"no EndOfFile", "[kopd]\nDebugLevel=3\n", false, "DebugLevel", none},
+        {"EndOfFile unterminated", "[kopd]\nDebugLevel=3\n[EndOfFile", false, "DebugLevel", none},
+        {"EndOfFile in lower case", "[kopd]\nDebugLevel=3\n[endoffile]\n", true, "DebugLevel", "3"},
+        {"EndOfFile not the last section", "[EndOfFile]\n[kopd]\nDebugLevel=3\n", false, "DebugLevel", none},
+        {"section missing", "[other]\nDebugLevel=3\n[EndOfFile]\n", false, "DebugLevel", none},
         {"value over 64 characters", "[kopd]\nDebugLevel=" + v300 + "\n[EndOfFile]\n", true, "DebugLevel",
-         "vvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvvv", 64},
+         std::string(64, 'v')},
         {"directory over 256 characters", "[kopd]\nRingBufferDirectory=" + v300 + "\n[EndOfFile]\n", true,
-         "RingBufferDirectory", nullptr, 256},
-        {"NUL after the value", "[kopd]\nDebugLevel=3\0junk\n[EndOfFile]\n"s, true, "DebugLevel", "3", 64},
-        {"NUL before the key", "[kopd]\n\0DebugLevel=3\n[EndOfFile]\n"s, true, "DebugLevel", nullptr, 64},
-        {"NUL in the EndOfFile header", "[kopd]\nDebugLevel=3\n[EndOf\0File]\n"s, false, "DebugLevel", nullptr, 64},
-        {"key without equals sign", "[kopd]\nDebugLevel\n[EndOfFile]\n", true, "DebugLevel", nullptr, 64},
-        {"equals sign in the next section", "[kopd]\nDebugLevel\n[x]\ny=1\n[EndOfFile]\n", true, "DebugLevel",
-         nullptr, 64},
-        {"empty value at the end of the section", "[kopd]\nDebugLevel=\n[EndOfFile]\n", true, "DebugLevel", "", 64},
-        {"section name in other case", "[KOPD]\nDebugLevel = 7\n[EndOfFile]\n", true, "DebugLevel", "7", 64},
+         "RingBufferDirectory", std::string(256, 'v')},
+        {"NUL after the value", "[kopd]\nDebugLevel=3\0junk\n[EndOfFile]\n"s, true, "DebugLevel", "3"},
+        {"NUL before the key", "[kopd]\n\0DebugLevel=3\n[EndOfFile]\n"s, true, "DebugLevel", none},
+        {"NUL in the EndOfFile header", "[kopd]\nDebugLevel=3\n[EndOf\0File]\n"s, false, "DebugLevel", none},
+        {"key without equals sign", "[kopd]\nDebugLevel\n[EndOfFile]\n", true, "DebugLevel", none},
+        {"equals sign in the next section", "[kopd]\nDebugLevel\n[x]\ny=1\n[EndOfFile]\n", true, "DebugLevel", none},
+        {"empty value at the end of the section", "[kopd]\nDebugLevel=\n[EndOfFile]\n", true, "DebugLevel", ""},
+        {"section name in other case", "[KOPD]\nDebugLevel = 7\n[EndOfFile]\n", true, "DebugLevel", "7"},
     };
     testsupport::TempDir dir;
-    for (const ConfigCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         ASSERT_TRUE(testsupport::WriteFile(dir.Sub("t.ini"), c.content));
         CDebugTraceConfigFile file;
         ASSERT_EQ(c.open, file.OpenSectionInIniFile("kopd", "t.ini", dir.Path().c_str()));
-        if (!c.open)
-            continue;
-        std::string value = "untouched";
-        bool found = file.ReadValue(c.key, value, c.limit);
-        if (c.expected) {
-            EXPECT_TRUE(found);
-            EXPECT_EQ(c.expected, value);
-        } else if (c.limit == 256) {
-            EXPECT_TRUE(found);
-            EXPECT_EQ(std::string(256, 'v'), value);
-        } else {
-            EXPECT_FALSE(found);
-            EXPECT_EQ("untouched", value);
-        }
+        std::string value = none;
+        const size_t limit = c.expected.size() > CDebugTraceConfigFile::kValueLimit
+                                 ? CDebugTraceConfigFile::kDirectoryLimit : CDebugTraceConfigFile::kValueLimit;
+        EXPECT_TRUE(!c.open || file.ReadValue(c.key, value, limit) == (c.expected != none));
+        EXPECT_TRUE(!c.open || value == c.expected) << value;
     }
 }
 

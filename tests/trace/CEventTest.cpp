@@ -1,5 +1,4 @@
-// Events: signalling rules, releases of blocked waiters, named sharing,
-// copies, and hand-offs between threads (also run under TSan).
+// Events: signalling rules, named sharing, hand-offs between threads (also run under TSan).
 #include "trace/CEvent.h"
 
 #include "support/Wait.h"
@@ -23,18 +22,12 @@ public:
         for (int i = 0; i < n; ++i)
             m_Threads.emplace_back([this, &ev, timeout] { ++(ev.Wait(timeout) == TR_WAIT_OBJECT_0 ? m_Released : m_Failed); });
     }
-    ~Waiters() { Join(); }
-    void Join()
-    {
-        for (auto& t : m_Threads)
-            if (t.joinable())
-                t.join();
-    }
+    void Join() { m_Threads.clear(); }
     std::atomic<int> m_Released{0};
     std::atomic<int> m_Failed{0};
 
 private:
-    std::vector<std::thread> m_Threads;
+    std::vector<std::jthread> m_Threads;  // joined when destroyed, before the counters
 };
 
 bool AllWaiting(const CEvent& ev, unsigned n)

@@ -1,5 +1,4 @@
-// INI files: what the reader gives for well-formed and malformed files,
-// the writer's exact output, buffer bounds, and the class on top.
+// INI files: the reader on malformed files, the writer's exact output, the class on top.
 #include "trace/CIniFile.h"
 
 #include "support/TestSupport.h"
@@ -85,9 +84,7 @@ TEST_F(IniTest, EachFileReadsAsExpected)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        if (!c.content.empty()) {
-            ASSERT_TRUE(WriteFile(m_Path, c.content));
-        }
+        ASSERT_TRUE(c.content.empty() || WriteFile(m_Path, c.content));
         EXPECT_EQ(Read(c.section, c.key), c.expected);
     }
     WriteFile(m_Path, "[S]\nkey=0123456789\n");
@@ -168,9 +165,7 @@ TEST_F(IniTest, WriterOutputByteForByte)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         testsupport::RemoveTree(m_Path);
-        if (!c.before.empty()) {
-            ASSERT_TRUE(WriteFile(m_Path, c.before));
-        }
+        ASSERT_TRUE(c.before.empty() || WriteFile(m_Path, c.before));
         bool ok = false;
         for (const auto& w : c.writes)
             ok = WritePrivateProfileString(w[0], w[1], w[2], m_Path.c_str());
@@ -200,7 +195,6 @@ TEST_F(IniTest, ClassReadsTypedValuesAndGrowsBuffers)
     EXPECT_STREQ(ini.GetString("S", "k", "d"), "d");
     EXPECT_FALSE(ini.Open(m_Path.c_str(), true));  // missing file
     EXPECT_TRUE(ini.Open(m_Path.c_str(), false));
-    EXPECT_TRUE(ini.IsOpen());
     std::string content = "[N]\nhex=0x1F\noct=010\nempty=\nneg=-1\n";
     for (int i = 0; i < 300; ++i)
         content += "[Section_number_" + std::to_string(i) + "]\n";
@@ -224,15 +218,13 @@ TEST_F(IniTest, ClassReadsTypedValuesAndGrowsBuffers)
     std::vector<std::string> keys;
     EXPECT_TRUE(ini.GetEnums(keys, "N"));
     EXPECT_EQ(keys, (std::vector<std::string>{"hex", "oct", "empty", "neg"}));
-    EXPECT_FALSE(ini.GetEnums(keys, nullptr));
-    EXPECT_FALSE(ini.GetEnums(keys, "Section_number_3"));
+    EXPECT_FALSE(ini.GetEnums(keys, nullptr) || ini.GetEnums(keys, "Section_number_3"));
     EXPECT_STREQ(ini.GetEnum("N"), "hex");
     for (const char* next : {"oct", "empty", "neg", "", ""})
         EXPECT_STREQ(ini.GetNextEnum(), next);
     ini.Close();
     EXPECT_STREQ(ini.GetNextEnum(), "");
     EXPECT_STREQ(ini.GetString("N", "hex", "closed"), "closed");
-    EXPECT_FALSE(ini.SetString("N", "x", "1"));
     content.clear();
     for (int i = 0; i < 3000; ++i)  // about 100 kB of names: past the buffer limit
         content += "[A_rather_long_section_name_" + std::to_string(i) + "]\n";
@@ -247,23 +239,13 @@ TEST_F(IniTest, ClassWritesNumbersAndCopiesSections)
 {
     CIniFile ini;
     ASSERT_TRUE(ini.Open(m_Path.c_str()));
-    EXPECT_TRUE(ini.SetNumber("S", "u", 4000000000u));
-    EXPECT_TRUE(ini.SetNumber("S", "i", -5));
-    EXPECT_TRUE(ini.SetString("S", "s", "text"));
-    EXPECT_FALSE(ini.SetNumber("S", nullptr, 1));
-    EXPECT_FALSE(ini.SetString(nullptr, "k", "v"));
-    EXPECT_STREQ(ini.GetString("S", "i", ""), "-5");
+    EXPECT_TRUE(ini.SetNumber("S", "u", 4000000000u) && ini.SetNumber("S", "i", -5) && ini.SetString("S", "s", "t"));
+    EXPECT_FALSE(ini.SetNumber("S", nullptr, 1) || ini.SetString(nullptr, "k", "v"));
     EXPECT_TRUE(ini.CopySection("S", "T"));
-    EXPECT_STREQ(ini.GetString("T", "s", ""), "text");
-    EXPECT_EQ(ini.GetNumber("T", "u", 0), 4000000000u);
     EXPECT_TRUE(ini.DeleteKey("T", "s"));
-    EXPECT_STREQ(ini.GetString("T", "s", "gone"), "gone");
     EXPECT_TRUE(ini.DeleteSection("S"));
-    std::vector<std::string> sections;
-    ini.GetSections(sections);
-    EXPECT_EQ(sections, (std::vector<std::string>{"T"}));
     ini.Flush();
+    EXPECT_EQ(ReadFile(m_Path), "\n[T]\n\nu=4000000000\ni=-5\n");
     ini.Close();
-    EXPECT_FALSE(ini.DeleteSection("T"));
-    EXPECT_FALSE(ini.CopySection("T", "U"));
+    EXPECT_FALSE(ini.DeleteSection("T") || ini.CopySection("T", "U") || ini.SetString("N", "x", "1"));
 }

@@ -1,5 +1,4 @@
-// Semaphores: counts, failures without a semaphore, named sharing, and
-// releases racing with waits (also run under TSan).
+// Semaphores: counts, named sharing, releases racing with waits (also run under TSan).
 #include "trace/CSemaphore.h"
 
 #include <gtest/gtest.h>

@@ -25,8 +25,6 @@ std::string Ring(const Msgs& newest, const std::string& tail)
     return r + kMarker + tail;
 }
 
-std::string At(const char* time, const std::string& text) { return Entry(text, time); }
-
 const std::string kWrap = "------ WRAP ----- Cycle=2, CntInitEnd=10, CurrentByteCnt=10 (MaxCnt=100)";
 
 } // namespace
@@ -55,13 +53,13 @@ TEST(CTraceReader, RingsAndLogFilesInTimeOrder)
         {"log file with a cut last line", false, Entry("one") + Entry("two") + "2024-01-02 03:04", false, false,
          {"one", "two"}},
         {"log file across a wrap", false,
-         At("2024-01-01 00:00:00.000", "kept") + At("2024-01-01 00:00:09.000", kWrap) +
-             At("2024-01-01 00:00:09.000", "newest1") + At("2024-01-01 00:00:09.500", "newest2") + "d line\n" +
-             At("2024-01-01 00:00:05.000", "old1") + At("2024-01-01 00:00:06.000", "old2"),
+         Entry("kept", "2024-01-01 00:00:00.000") + Entry(kWrap, "2024-01-01 00:00:09.000") +
+             Entry("newest1", "2024-01-01 00:00:09.000") + Entry("newest2", "2024-01-01 00:00:09.500") + "d line\n" +
+             Entry("old1", "2024-01-01 00:00:05.000") + Entry("old2", "2024-01-01 00:00:06.000"),
          true, true, {"kept", "old1", "old2", kWrap, "newest1", "newest2"}},
         {"log file: old text found by its time", false,
-         At("2024-01-01 00:00:09.000", kWrap) + At("2024-01-01 00:00:09.000", "new") +
-             At("2024-01-01 00:00:01.000", "old"),
+         Entry(kWrap, "2024-01-01 00:00:09.000") + Entry("new", "2024-01-01 00:00:09.000") +
+             Entry("old", "2024-01-01 00:00:01.000"),
          true, true, {"old", kWrap, "new"}},
     };
     for (const auto& c : cases) {

@@ -10,11 +10,8 @@
 
 namespace {
 
-struct Logged {
-    int priority;
-    std::string text;
-};
-std::vector<Logged> g_Logged;
+using Logged = std::vector<std::pair<int, std::string>>;
+Logged g_Logged;
 
 void Record(int priority, const char* text) { g_Logged.push_back({priority, text}); }
 
@@ -52,16 +49,8 @@ TEST_F(SysLogTracesTest, LeadingNewlinesSkippedLongTextCutNullIgnored)
     Log("%s", std::string(2000, 'm').c_str());
     SysLogTraces::getConnection().logMessage(nullptr, SysLogTraces::SL_ERR);
     SysLogTraces::getConnection().logMessage("100%", SysLogTraces::SL_ERR);  // passed as is
-    ASSERT_EQ(g_Logged.size(), 4u);
-    const Logged expected[] = {{SysLogTraces::SL_INFO, "CClass : value 5"},
-                               {SysLogTraces::SL_INFO, "\n\n"},
-                               {SysLogTraces::SL_INFO, std::string(1023, 'm')},
-                               {SysLogTraces::SL_ERR, "100%"}};
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(g_Logged[i].priority, expected[i].priority) << i;
-        EXPECT_EQ(g_Logged[i].text, expected[i].text) << i;
-    }
-    EXPECT_EQ(&SysLogTraces::getConnection(), &SysLogTraces::getConnection());
+    EXPECT_EQ(g_Logged, (Logged{{SysLogTraces::SL_INFO, "CClass : value 5"}, {SysLogTraces::SL_INFO, "\n\n"},
+                                {SysLogTraces::SL_INFO, std::string(1023, 'm')}, {SysLogTraces::SL_ERR, "100%"}}));
     EXPECT_STREQ(SysLogTraces::getConnection().getProcName(), program_invocation_short_name);
 }
 
@@ -84,6 +73,5 @@ TEST(ReportFailure, WritesTheTraceEntryAndTheSystemLogLine)
     testsupport::TakeSysLogLines();
     ReportFailure(SysLogTraces::SL_WARNING, "\n\nmodule %s: 100%% refused\n\n", "m1");
     EXPECT_TRUE(trace.Has("module m1: 100% refused"));
-    const std::vector<std::pair<int, std::string>> logged = {{SysLogTraces::SL_WARNING, "module m1: 100%% refused"}};
-    EXPECT_EQ(testsupport::TakeSysLogLines(), logged);
+    EXPECT_EQ(testsupport::TakeSysLogLines(), (Logged{{SysLogTraces::SL_WARNING, "module m1: 100%% refused"}}));
 }
