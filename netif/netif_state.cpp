@@ -37,6 +37,20 @@ bool apply_link(const netlink::message& m, netif_state& state, const link_detail
     return went_down;
 }
 
+// An address or route message: the entry of its key added (replaced) or removed.
+template <typename Record>
+void apply_keyed(const netlink::message& m, bool remove, std::map<std::string, Record>& entries,
+                 bool (*parse)(const netlink::message&, Record&), std::string (*key)(const Record&))
+{
+    Record r;
+    if (!parse(m, r))
+        return;
+    if (remove)
+        entries.erase(key(r));
+    else
+        entries[key(r)] = std::move(r);
+}
+
 netif_event make_event(event_kind kind, const interface_record& iface, std::string previous = {})
 {
     netif_event e;
@@ -106,27 +120,13 @@ bool apply_message(const netlink::message& m, netif_state& state, const link_det
     case RTM_DELLINK:
         return apply_link(m, state, details);
     case RTM_NEWADDR:
-    case RTM_DELADDR: {
-        address_record a;
-        if (!netlink::parse_address(m, a))
-            return false;
-        if (m.type == RTM_DELADDR)
-            state.addresses.erase(address_key(a));
-        else
-            state.addresses[address_key(a)] = std::move(a);
+    case RTM_DELADDR:
+        apply_keyed(m, m.type == RTM_DELADDR, state.addresses, netlink::parse_address, address_key);
         return false;
-    }
     case RTM_NEWROUTE:
-    case RTM_DELROUTE: {
-        route_record r;
-        if (!netlink::parse_route(m, r))
-            return false;
-        if (m.type == RTM_DELROUTE)
-            state.routes.erase(route_key(r));
-        else
-            state.routes[route_key(r)] = std::move(r);
+    case RTM_DELROUTE:
+        apply_keyed(m, m.type == RTM_DELROUTE, state.routes, netlink::parse_route, route_key);
         return false;
-    }
     default:
         return false;
     }

@@ -17,10 +17,10 @@ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTARVD_BUILD_BENCH=OFF \
   -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage \
   -DCMAKE_MODULE_LINKER_FLAGS=--coverage >/dev/null
 cmake --build "$dir" -j "${TARVD_JOBS:-$(nproc)}" --target test_common test_trace test_registry test_hwinfo \
-  test_perfmon test_daemon test_fuzz
+  test_perfmon test_netif test_daemon test_fuzz
 find "$dir" -name '*.gcda' -delete
 
-for t in test_common test_trace test_registry test_hwinfo test_perfmon test_daemon test_fuzz; do
+for t in test_common test_trace test_registry test_hwinfo test_perfmon test_netif test_daemon test_fuzz; do
   "$dir/tests/$t" --gtest_filter='-Kopd*:ModulesEndToEnd*' >"$dir/$t.log" 2>&1 ||
     echo "coverage: $t failed (see $dir/$t.log; figures are still printed)" >&2
 done
@@ -31,6 +31,7 @@ files=(
   registry/CRegistryNode.cpp registry/CRegistry.cpp
   hwinfo/CSMBios.cpp hwinfo/CPciSlotMap.cpp hwinfo/CPciConfigList.cpp hwinfo/CSystemDevices.cpp
   perfmon/ProcParse.cpp perfmon/CPerfMon.cpp perfmon/CNetworkInterfaceTable.cpp
+  netif/netlink_parse.cpp netif/netif_state.cpp
   daemon/CProcess.cpp
 )
 printf '%-36s %18s %24s\n' file lines "branches taken"
