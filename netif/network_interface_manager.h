@@ -28,6 +28,7 @@ struct manager_options {
     bool use_ethtool = true;
     /// SO_RCVBUF of the notification socket: what a burst of changes may
     /// fill before notifications are lost (and everything is read again).
+    /// The kernel holds it between its minimum and net.core.rmem_max.
     int receive_buffer = 1 << 20;
 };
 
@@ -46,7 +47,10 @@ public:
     /// thread.  false (traced, the known state unchanged) when a dump fails.
     bool refresh();
 
-    /// Copies of what is known (after refresh() or start()), by index / key order.
+    /// Copies of what is known (after refresh() or start()), by index / key
+    /// order.  The counters are those of the last reading of the interface
+    /// (a dump, or a notification of it): refresh() or list_interfaces()
+    /// for current ones.
     std::vector<interface_record> interfaces() const;
     std::vector<address_record> addresses() const;
     std::vector<route_record> routes() const;
