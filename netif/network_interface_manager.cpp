@@ -273,7 +273,8 @@ void network_interface_manager::run()
         while (got < kBatchDatagrams && (rc = s.notifier.receive(batch)) > 0)
             ++got;
         if (rc < 0 && errno == ENOBUFS) {
-            DBG_PRINT(2, "\nnetwork_interface_manager::run : notifications lost (receive buffer full); reading all anew\n");
+            DBG_PRINT(2, "\nnetwork_interface_manager::run : notifications lost (receive buffer full); "
+                         "reading all anew\n");
             netlink::received stale;
             while (s.notifier.receive(stale) > 0)
                 stale = netlink::received();

@@ -67,7 +67,9 @@ std::string Addr4(uint16_t type, int index, const char* text, uint8_t prefix)
 
 std::string Route4(uint16_t type, const std::string& dst, uint8_t prefix, int oif, uint8_t table = RT_TABLE_MAIN)
 {
-    std::string fixed = std::string{AF_INET, static_cast<char>(prefix), 0, 0, static_cast<char>(table), 4, 0, 1} + Le(0, 4);
+    // family, prefix, source prefix, tos, table, protocol static, scope, unicast; flags
+    std::string fixed =
+        std::string{AF_INET, static_cast<char>(prefix), 0, 0, static_cast<char>(table), 4, 0, 1} + Le(0, 4);
     return Msg(type, fixed + Attr(RTA_DST, dst) + Attr(RTA_OIF, Le(oif, 4)));
 }
 
