@@ -5,8 +5,10 @@
 // reading everything anew.  Skipped where the namespace or `ip` cannot be had.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <iostream>
 #include <map>
 #include <mutex>
 #include <sched.h>
