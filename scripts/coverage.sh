@@ -43,7 +43,9 @@ for f in "${files[@]}"; do
     continue
   fi
   out=$(cd "$(dirname "$obj")" && gcov -b -n -o . "$name.gcda" 2>/dev/null)
-  block=$(awk -v want="$PWD/$f" '$0 ~ /^File / { keep = index($0, want) > 0 } keep' <<<"$out")
+  # gcov names the source as the compiler saw it: absolute, or relative to
+  # the build folder where the compiler cache rewrites paths (base_dir).
+  block=$(awk -v want="/$f'" '$0 ~ /^File / { keep = index($0, want) > 0 } keep' <<<"$out")
   lines=$(sed -n "s/^Lines executed:\([0-9.]*%\) of \([0-9]*\)/\1 of \2/p" <<<"$block" | head -1)
   taken=$(sed -n "s/^Taken at least once:\([0-9.]*%\) of \([0-9]*\)/\1 of \2/p" <<<"$block" | head -1)
   printf '%-36s %18s %24s\n' "$f" "${lines:-?}" "${taken:-?}"
