@@ -17,10 +17,10 @@ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTARVD_BUILD_BENCH=OFF \
   -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage \
   -DCMAKE_MODULE_LINKER_FLAGS=--coverage >/dev/null
 cmake --build "$dir" -j "${TARVD_JOBS:-$(nproc)}" --target test_common test_trace test_registry test_hwinfo \
-  test_perfmon test_daemon test_fuzz
+  test_perfmon test_netif test_daemon test_fuzz
 find "$dir" -name '*.gcda' -delete
 
-for t in test_common test_trace test_registry test_hwinfo test_perfmon test_daemon test_fuzz; do
+for t in test_common test_trace test_registry test_hwinfo test_perfmon test_netif test_daemon test_fuzz; do
   "$dir/tests/$t" --gtest_filter='-Kopd*:ModulesEndToEnd*' >"$dir/$t.log" 2>&1 ||
     echo "coverage: $t failed (see $dir/$t.log; figures are still printed)" >&2
 done
@@ -31,6 +31,7 @@ files=(
   registry/CRegistryNode.cpp registry/CRegistry.cpp
   hwinfo/CSMBios.cpp hwinfo/CPciSlotMap.cpp hwinfo/CPciConfigList.cpp hwinfo/CSystemDevices.cpp
   perfmon/ProcParse.cpp perfmon/CPerfMon.cpp perfmon/CNetworkInterfaceTable.cpp
+  netif/netlink_parse.cpp netif/netif_state.cpp
   daemon/CProcess.cpp
 )
 printf '%-36s %18s %24s\n' file lines "branches taken"
@@ -42,7 +43,9 @@ for f in "${files[@]}"; do
     continue
   fi
   out=$(cd "$(dirname "$obj")" && gcov -b -n -o . "$name.gcda" 2>/dev/null)
-  block=$(awk -v want="$PWD/$f" '$0 ~ /^File / { keep = index($0, want) > 0 } keep' <<<"$out")
+  # gcov names the source as the compiler saw it: absolute, or relative to
+  # the build folder where the compiler cache rewrites paths (base_dir).
+  block=$(awk -v want="/$f'" '$0 ~ /^File / { keep = index($0, want) > 0 } keep' <<<"$out")
   lines=$(sed -n "s/^Lines executed:\([0-9.]*%\) of \([0-9]*\)/\1 of \2/p" <<<"$block" | head -1)
   taken=$(sed -n "s/^Taken at least once:\([0-9.]*%\) of \([0-9]*\)/\1 of \2/p" <<<"$block" | head -1)
   printf '%-36s %18s %24s\n' "$f" "${lines:-?}" "${taken:-?}"

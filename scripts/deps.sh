@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  gzip util-linux procps
+  gzip util-linux procps iproute2
   lintian  # the package test checks the .deb with it
 )
 # Optional extras: benchmarks compare against these, fuzzing needs clang.

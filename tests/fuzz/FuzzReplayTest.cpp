@@ -14,7 +14,8 @@
 #define TARVD_FUZZ_TARGETS(X)                                                                     \
     X(proc_status, ProcStatus) X(trace_reader, TraceReader) X(trace_config, TraceConfig)         \
     X(ini_file, IniFile) X(registry, Registry) X(proc_text, ProcText) X(smbios, Smbios)          \
-    X(legacy_bios, LegacyBios) X(pci_config, PciConfig) X(perf_mon_proc, PerfMonProc)
+    X(legacy_bios, LegacyBios) X(pci_config, PciConfig) X(perf_mon_proc, PerfMonProc)          \
+    X(netlink, Netlink)
 
 #define DECLARE_ENTRY(dir, name) extern "C" int FuzzEntry##name(const uint8_t* data, size_t size);
 TARVD_FUZZ_TARGETS(DECLARE_ENTRY)
