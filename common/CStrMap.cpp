@@ -7,6 +7,7 @@ CStrMap::~CStrMap()
 {
     Clear();
     free(m_Entries);
+    DropIndex();
 }
 
 int CStrMap::compare(const char* a, const char* b)
@@ -44,17 +45,14 @@ int CStrMap::Position(const char* name, bool& found) const
 int CStrMap::Find(const char* name) const
 {
     CCriticalSectionLock lock(m_Lock);
-    bool found = false;
-    int pos = Position(name, found);
-    return found ? pos : -1;
+    return Locate(name);
 }
 
 CStrMap::Entry* CStrMap::Lookup(const char* name)
 {
     CCriticalSectionLock lock(m_Lock);
-    bool found = false;
-    int pos = Position(name, found);
-    return found ? &m_Entries[pos] : nullptr;
+    int pos = Locate(name);
+    return pos >= 0 ? &m_Entries[pos] : nullptr;
 }
 
 bool CStrMap::Grow()
@@ -83,7 +81,7 @@ int CStrMap::Set(const char* name, Entry value, bool* replaced)
 {
     CCriticalSectionLock lock(m_Lock);
     bool found = false;
-    int pos = Position(name, found);
+    int pos = Place(name, found);
     if (replaced)
         *replaced = found;
     if (found) {
@@ -111,6 +109,7 @@ int CStrMap::Set(const char* name, Entry value, bool* replaced)
     m_Entries[pos].payload = value.payload;
     m_Entries[pos].type = value.type;
     ++m_Count;
+    IndexAfterInsert(copy, pos);
     return pos;
 }
 
@@ -119,6 +118,7 @@ bool CStrMap::RemoveAt(int index)
     CCriticalSectionLock lock(m_Lock);
     if (index < 0 || index >= m_Count)
         return false;
+    IndexBeforeRemove(index);
     FreeEntry(m_Entries[index]);
     free(m_Entries[index].name);
     // The emptied slot moves to the end, as a re-sort would put it there.
@@ -131,9 +131,8 @@ bool CStrMap::RemoveAt(int index)
 bool CStrMap::Remove(const char* name)
 {
     CCriticalSectionLock lock(m_Lock);
-    bool found = false;
-    int pos = Position(name, found);
-    return found && RemoveAt(pos);
+    int pos = Locate(name);
+    return pos >= 0 && RemoveAt(pos);
 }
 
 int CStrMap::GetCount() const
@@ -164,6 +163,7 @@ void CStrMap::Clear()
     int count = 0;
     {
         CCriticalSectionLock lock(m_Lock);
+        DropIndex();
         if (m_Count == 0)
             return;
         const size_t bytes = static_cast<size_t>(m_Count) * sizeof(Entry);

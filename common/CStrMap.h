@@ -7,6 +7,12 @@
 // insertion goes to its binary-search position, which yields exactly the
 // order a full re-sort after every insertion would give, without moving the
 // whole array each time.  When the array is full it grows by 16 entries.
+//
+// Large maps (a registry key of thousands of values) keep a hash index
+// beside the array, so that finding a name costs the same however many
+// entries there are.  It is made at the first search that needs it (a file
+// loaded in order only appends and never builds one) and kept in step with
+// every insertion and removal; the array and its order stay the only truth.
 #pragma once
 
 #include <cstdint>
@@ -96,11 +102,32 @@ private:
     /// Binary search: index of `name` when found (found = true), else the
     /// index where it would be inserted.
     int Position(const char* name, bool& found) const;
+    /// Index of `name`, or -1 (the caller holds the lock).
+    int Locate(const char* name) const;
+    /// As Position, through the index where the map has one.
+    int Place(const char* name, bool& found) const;
     bool Grow();
+
+    // The hash index: open addressing with linear probing, at most half
+    // full.  A slot holds the name's hash and the entry's index (-1: empty).
+    struct IndexSlot {
+        uint32_t hash;
+        int32_t index;
+    };
+    static constexpr int kIndexThreshold = 64;
+    bool UseIndex() const;
+    bool BuildIndex(uint32_t slots) const;
+    bool IndexFind(const char* name, uint32_t hash, int& index) const;
+    void IndexPut(uint32_t hash, int index) const;
+    void IndexAfterInsert(const char* name, int index);
+    void IndexBeforeRemove(int index);
+    void DropIndex() const;
 
     mutable CCriticalSection m_Lock;
     Entry* m_Entries = nullptr;
     unsigned m_Capacity = 0;
     int m_Count = 0;
     PayloadDeleter m_Deleter;
+    mutable IndexSlot* m_Index = nullptr;
+    mutable uint32_t m_IndexSlots = 0; ///< a power of two; 0 without an index
 };
