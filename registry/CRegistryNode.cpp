@@ -208,7 +208,7 @@ void WriteDecimal(FILE* file, int32_t value)
     } while (magnitude != 0);
     if (value < 0)
         *--p = '-';
-    fwrite(p, 1, static_cast<size_t>(text + sizeof text - p), file);
+    fwrite_unlocked(p, 1, static_cast<size_t>(text + sizeof text - p), file);
 }
 
 bool WriteBinary(FILE* file, const unsigned char* bytes, uint32_t count)
@@ -223,7 +223,7 @@ bool WriteBinary(FILE* file, const unsigned char* bytes, uint32_t count)
             chunk[n++] = kHex[bytes[done] & 0x0f];
             chunk[n++] = ' ';
         }
-        if (fwrite(chunk, 1, n, file) != n)
+        if (fwrite_unlocked(chunk, 1, n, file) != n)
             return false;
     }
     return true;
@@ -302,28 +302,28 @@ bool CRegistryNode::dumpValues(FILE* file, int count) const
             continue;
         switch (e.type) {
         case RegNumber:
-            fputs(e.name, file);
-            fputs("=d=", file);
+            fputs_unlocked(e.name, file);
+            fputs_unlocked("=d=", file);
             WriteDecimal(file, static_cast<int32_t>(e.payload.number));
-            fputc('\n', file);
+            fputc_unlocked('\n', file);
             break;
         case RegString:
         case RegExpandString:
             if (e.payload.ptr != nullptr) {
-                fputs(e.name, file);
-                fputs(e.type == RegString ? "=s=" : "=es=", file);
-                fputs(static_cast<const char*>(e.payload.ptr), file);
-                fputc('\n', file);
+                fputs_unlocked(e.name, file);
+                fputs_unlocked(e.type == RegString ? "=s=" : "=es=", file);
+                fputs_unlocked(static_cast<const char*>(e.payload.ptr), file);
+                fputc_unlocked('\n', file);
             }
             break;
         case RegBinary:
             if (e.payload.ptr != nullptr) {
-                fputs(e.name, file);
-                fputs("=b=", file);
+                fputs_unlocked(e.name, file);
+                fputs_unlocked("=b=", file);
                 if (!WriteBinary(file, static_cast<const unsigned char*>(e.payload.ptr) + 4,
                                  BinaryCount(e.payload.ptr)))
                     return false;
-                fputc('\n', file);
+                fputc_unlocked('\n', file);
             }
             break;
         default:
@@ -345,14 +345,19 @@ bool CRegistryNode::dumpNode(FILE* file) const
         int next;   // the next entry to look at for a subkey
     };
     std::vector<Frame> stack;
+    // The stream is locked once for the whole tree, and every write below
+    // goes without its own locking (hundreds of thousands of small writes).
     struct Unlock {
         std::vector<Frame>& frames;
+        FILE* stream;
         ~Unlock()
         {
             for (auto it = frames.rbegin(); it != frames.rend(); ++it)
                 it->node->GetLock().Leave();
+            funlockfile(stream);
         }
-    } unlock{stack};
+    } unlock{stack, file};
+    flockfile(file);
     auto enter = [&](const CRegistryNode* node) {
         node->GetLock().Enter();
         stack.push_back(Frame{node, node->GetCount(), 0});
@@ -369,17 +374,17 @@ bool CRegistryNode::dumpNode(FILE* file) const
                 sub = &e;
         }
         if (sub != nullptr) {
-            fputc('[', file);
-            fputs(sub->name, file);
-            fputs("]\n", file);
+            fputc_unlocked('[', file);
+            fputs_unlocked(sub->name, file);
+            fputs_unlocked("]\n", file);
             if (!enter(static_cast<const CRegistryNode*>(sub->payload.ptr)))
                 return false;
             continue;
         }
-        fputc('\n', file);
+        fputc_unlocked('\n', file);
         f.node->GetLock().Leave();
         stack.pop_back();
-        if (ferror(file) != 0)
+        if (ferror_unlocked(file) != 0)
             return false;
     }
     return true;
