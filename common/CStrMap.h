@@ -15,6 +15,7 @@
 // every insertion and removal; the array and its order stay the only truth.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "common/CCriticalSection.h"
@@ -28,7 +29,13 @@ public:
             uint32_t number; ///< inline payload (the registry's 32-bit numbers)
         } payload;
         uint32_t type;       ///< caller-defined type code, passed to the deleter
+        uint32_t flags;      ///< kNameInArena, kPayloadInArena
     };
+    /// The name, or the payload, lies in the map's arena (SetInArena): it is
+    /// never freed on its own, only with the map.  A deleter leaves such a
+    /// payload alone.
+    static constexpr uint32_t kNameInArena = 1;
+    static constexpr uint32_t kPayloadInArena = 2;
 
     /// Frees a payload of the given type; null means payloads are not owned.
     using PayloadDeleter = void (*)(Entry& entry);
@@ -73,6 +80,13 @@ public:
         return Set(name, e, replaced);
     }
 
+    /// As Set, for a map being filled in bulk (a file loaded): the copy of
+    /// the name, and of `text` (when not null, as the payload, of that
+    /// type), go into an arena of the map instead of one allocation each.
+    /// Arena memory comes back when the map is destroyed, so this is for
+    /// entries that are mostly kept.  Returns the index, or -1.
+    int SetInArena(const char* name, Entry payloadAndType, const char* text = nullptr);
+
     /// Removes the entry of `name` (name and payload freed).  False when absent.
     bool Remove(const char* name);
     /// Removes the entry at `index`.  False when out of range.
@@ -104,6 +118,11 @@ private:
     int Position(const char* name, bool& found) const;
     /// Index of `name`, or -1 (the caller holds the lock).
     int Locate(const char* name) const;
+    /// Set with the lock held; the name is copied into the arena when asked.
+    int SetLocked(const char* name, Entry value, bool* replaced, bool nameInArena);
+    /// A copy of `len` bytes of `text` and a NUL in the arena, or null.
+    char* ArenaCopy(const char* text, size_t len);
+    void FreeName(Entry& e);
     /// As Position, through the index where the map has one.
     int Place(const char* name, bool& found) const;
     bool Grow();
@@ -128,6 +147,14 @@ private:
     unsigned m_Capacity = 0;
     int m_Count = 0;
     PayloadDeleter m_Deleter;
+    /// Chunks of the arena, newest first; each starts with the link to the
+    /// next one and its size.
+    struct ArenaChunk {
+        ArenaChunk* next;
+        size_t size;
+        size_t used;
+    };
+    ArenaChunk* m_Arena = nullptr;
     mutable IndexSlot* m_Index = nullptr;
     mutable uint32_t m_IndexSlots = 0; ///< a power of two; 0 without an index
 };

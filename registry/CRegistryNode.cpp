@@ -17,13 +17,6 @@ namespace {
 
 /// Lines of the registry file are read in pieces of this size (with NUL).
 constexpr size_t kLineSize = 1024;
-/// Sections nested deeper than this are skipped with their whole block, so
-/// that a hostile file cannot build a tree too deep to write or destroy.
-char* CopyText(const char* text)
-{
-    return strdup(text);
-}
-
 /// One hexadecimal number as strtol(p, &end, 16) reads it, for the plain
 /// form the writer produces (blanks, then at most 15 hex digits without a
 /// sign or "0x" prefix).  False for anything else, which the caller leaves
@@ -81,8 +74,20 @@ void StorePointer(CRegistryNode& node, const char* name, void* payload, uint32_t
 {
     if (payload == nullptr)
         return;
-    if (node.SetPointer(name, payload, type) < 0)
+    CStrMap::Entry e{};
+    e.payload.ptr = payload;
+    e.type = type;
+    if (node.SetInArena(name, e) < 0)
         free(payload);
+}
+
+/// Stores a text value, its copy and the name's in the key's arena (a file
+/// holds hundreds of thousands of them).
+void StoreText(CRegistryNode& node, const char* name, const char* text, uint32_t type)
+{
+    CStrMap::Entry e{};
+    e.type = type;
+    node.SetInArena(name, e, text);
 }
 
 /// Handles one value line (already cut at its line feed).  True when the
@@ -96,18 +101,22 @@ bool RestoreValue(CRegistryNode& node, char* line)
     const char* name = line;
     const char* tag = eq + 1;
     if (strncmp(tag, "s=", 2) == 0) {
-        StorePointer(node, name, CopyText(tag + 2), RegString);
+        StoreText(node, name, tag + 2, RegString);
         return true;
     }
     if (strncmp(tag, "es=", 3) == 0) {
-        StorePointer(node, name, CopyText(tag + 3), RegExpandString);
+        StoreText(node, name, tag + 3, RegExpandString);
         return true;
     }
     if (strncmp(tag, "d=", 2) == 0) {
         char* end = nullptr;
         long v = strtol(tag + 2, &end, 10);
-        if (end != tag + 2)
-            node.SetNumber(name, static_cast<uint32_t>(v), RegNumber);
+        if (end != tag + 2) {
+            CStrMap::Entry e{};
+            e.payload.number = static_cast<uint32_t>(v);
+            e.type = RegNumber;
+            node.SetInArena(name, e);
+        }
         return true;
     }
     if (strncmp(tag, "b=", 2) == 0) {
@@ -283,7 +292,8 @@ void CRegistryNode::DeletePayload(Entry& entry)
     case RegString:
     case RegExpandString:
     case RegBinary:
-        free(entry.payload.ptr);
+        if ((entry.flags & kPayloadInArena) == 0)
+            free(entry.payload.ptr);
         break;
     case RegSubKey:
         deleteNode(static_cast<CRegistryNode*>(entry.payload.ptr), entry.name);

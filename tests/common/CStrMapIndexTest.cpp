@@ -1,10 +1,13 @@
 // The hash index of large maps against a plain model: after every kind of
 // change (insertions at the front, middle and end, replacements, removals,
 // emptying) every name is found at the index the sorted order gives it, and
-// names that are not there are not found.
+// names that are not there are not found.  And entries kept in the map's
+// arena go through the same changes without their memory reaching free().
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 
@@ -85,6 +88,51 @@ TEST(CStrMapIndex, FollowsEveryChangeOfALargeMap)
         model[Name(99 - i)] = i;
     }
     ExpectSameAs(map, model);
+}
+
+} // namespace
+
+namespace {
+
+int g_heapPayloadsFreed = 0;
+
+// Frees heap payloads as the registry's deleter does; arena payloads are
+// never handed to free().
+void FreeHeapPayload(CStrMap::Entry& e)
+{
+    if ((e.flags & CStrMap::kPayloadInArena) == 0 && e.payload.ptr != nullptr) {
+        free(e.payload.ptr);
+        ++g_heapPayloadsFreed;
+    }
+}
+
+// Entries whose name and text lie in the arena are replaced, removed and
+// emptied like any other: nothing of the arena reaches free() (which would
+// abort), and the heap payload that replaced one is freed exactly once.
+TEST(CStrMapIndex, ArenaEntriesAreReplacedAndRemovedLikeOthers)
+{
+    g_heapPayloadsFreed = 0;
+    {
+        CStrMap map(&FreeHeapPayload);
+        CStrMap::Entry text{};
+        text.type = 1;
+        for (unsigned i = 0; i < 200; ++i)
+            ASSERT_GE(map.SetInArena(Name(i).c_str(), text, std::string(i, 'x').c_str()), 0);
+        EXPECT_STREQ(static_cast<const char*>(map.Lookup(Name(150).c_str())->payload.ptr), std::string(150, 'x').c_str());
+        ASSERT_GE(map.SetPointer(Name(7).c_str(), strdup("heap"), 1), 0);
+        EXPECT_EQ(map.Lookup(Name(7).c_str())->flags, CStrMap::kNameInArena);
+        ASSERT_GE(map.SetInArena(Name(7).c_str(), text, "arena again"), 0);
+        EXPECT_EQ(g_heapPayloadsFreed, 1);
+        EXPECT_TRUE(map.Remove(Name(8).c_str()));
+        EXPECT_TRUE(map.RemoveAt(0));
+        EXPECT_EQ(map.Find(Name(9).c_str()), 7);
+        ASSERT_GE(map.SetPointer("zz", strdup("heap"), 1), 0);
+        map.Clear();
+        EXPECT_EQ(g_heapPayloadsFreed, 2);
+        ASSERT_GE(map.SetInArena(Name(1).c_str(), text, "after clear"), 0);
+        EXPECT_STREQ(static_cast<const char*>(map.Lookup(Name(1).c_str())->payload.ptr), "after clear");
+    }
+    EXPECT_EQ(g_heapPayloadsFreed, 2);
 }
 
 } // namespace
