@@ -1,5 +1,4 @@
-// Several threads tracing into one ring at once: every entry lands whole,
-// exactly once, while the ring wraps under them.
+// Threads tracing into one wrapping ring: every entry whole, exactly once.
 #include "support/TraceEnv.h"
 
 #include <cstdio>
@@ -14,16 +13,13 @@ namespace {
 
 class CDebugThreadsTest : public TraceEnv {};
 
-// Eight threads write entries of about 400 bytes into the 4 MiB start-up
-// ring: about three wraps, with the log header written anew at each.  In
-// the ring's time order, each thread's surviving entries must be a gapless
-// run up to its last one (the ring only drops the oldest), no entry may come
-// twice, and every line must be one whole entry: a torn or interleaved entry
-// would not match the pattern.  Not timed: only the contents are checked.
+// 8 threads, entries of ~400 bytes, the 4 MiB start-up ring wrapping about
+// three times.  In time order each thread's surviving entries must be a
+// gapless run up to its last (the ring drops only the oldest), and every line
+// one whole entry.  Not timed.
 TEST_F(CDebugThreadsTest, EightThreadsIntoAWrappingRingGiveWholeEntriesNoneLostOrDuplicated)
 {
-    constexpr int kThreads = 8;
-    constexpr int kPerThread = 4000;
+    constexpr int kThreads = 8, kPerThread = 4000;
     const std::string padding(380, 'x');
     auto d = MakeTracing("3");
     ASSERT_EQ(d->GetTarget(), CDebug::TARGET_RINGBUFFER);
@@ -45,9 +41,7 @@ TEST_F(CDebugThreadsTest, EightThreadsIntoAWrappingRingGiveWholeEntriesNoneLostO
     for (const std::string& m : messages) {
         if (m.rfind("###", 0) == 0)
             continue;  // the ring's own begin/start lines
-        int thread = -1;
-        int number = -1;
-        int used = 0;
+        int thread = -1, number = -1, used = 0;
         const bool whole = sscanf(m.c_str(), "ringthread T%1d N%6d %n", &thread, &number, &used) == 2 &&
                            used == 22 && m.compare(used, std::string::npos, padding + " end") == 0;
         ASSERT_TRUE(whole) << "not a whole entry: " << m.substr(0, 120);
