@@ -32,15 +32,14 @@ TEST_F(CDebugThreadsTest, EightThreadsIntoAWrappingRingGiveWholeEntriesNoneLostO
     for (auto& th : threads)
         th.join();
     EXPECT_GE(d->GetRingWrapCount(), 2u);
-
     bool wrapped = false;
     const std::vector<std::string> messages = RingMessages(d->GetInitialRingPath(), &wrapped);
     EXPECT_TRUE(wrapped);
     std::map<int, std::vector<int>> seen;
     size_t ours = 0;
     for (const std::string& m : messages) {
-        if (m.rfind("###", 0) == 0)
-            continue;  // the ring's own begin/start lines
+        if (m.rfind("###", 0) == 0)  // the ring's own begin/start lines
+            continue;
         int thread = -1, number = -1, used = 0;
         const bool whole = sscanf(m.c_str(), "ringthread T%1d N%6d %n", &thread, &number, &used) == 2 &&
                            used == 22 && m.compare(used, std::string::npos, padding + " end") == 0;
@@ -48,8 +47,7 @@ TEST_F(CDebugThreadsTest, EightThreadsIntoAWrappingRingGiveWholeEntriesNoneLostO
         seen[thread].push_back(number);
         ++ours;
     }
-    // Nearly a whole ring of entries survives (4 MiB / ~450 bytes).
-    EXPECT_GT(ours, 8000u);
+    EXPECT_GT(ours, 8000u);  // nearly a whole ring (4 MiB / ~450 bytes)
     for (const auto& [thread, numbers] : seen) {
         for (size_t i = 1; i < numbers.size(); ++i)
             ASSERT_EQ(numbers[i], numbers[i - 1] + 1) << "thread " << thread << " lost or repeated an entry";
