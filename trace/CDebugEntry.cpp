@@ -4,7 +4,6 @@
 #include "trace/CDebugInternal.h"
 
 #include <cstdio>
-#include <memory>
 #include <new>
 #include <sys/time.h>
 #include <unistd.h>
@@ -55,21 +54,37 @@ size_t AppendMessage(char* buffer, int h, const char* format, va_list args, int*
 }
 
 // A thread's own entry buffer and header caches for the unlocked path,
-// made at the thread's first entry and freed when it ends.  Only the pointer
-// is thread-local (initial-exec: cheap to reach, and small enough for the
-// static TLS of a library loaded with the program).
+// made at the thread's first entry and freed when it ends.  Only plain
+// pointers and flags are thread-local (initial-exec: cheap to reach, and
+// small enough for the static TLS of a library loaded with the program).
+// Once the thread's own clean-up ran (for the main thread: at exit, before
+// the static destructors, which may still trace), the locked path serves.
 struct ThreadEntry {
     traceheader::CTimeTextCache timeCache;
     CResidentSizeReader residentSize;
     char text[kEntryBufferSize];
 };
-thread_local std::unique_ptr<ThreadEntry> t_entry __attribute__((tls_model("initial-exec")));
+thread_local ThreadEntry* t_entry __attribute__((tls_model("initial-exec"))) = nullptr;
+thread_local bool t_entryGone __attribute__((tls_model("initial-exec"))) = false;
+
+struct ThreadEntryOwner {
+    void Arm() {}
+    ~ThreadEntryOwner()
+    {
+        delete t_entry;
+        t_entry = nullptr;
+        t_entryGone = true;
+    }
+};
+thread_local ThreadEntryOwner t_entryOwner;
 
 ThreadEntry* ThisThreadsEntry()
 {
-    if (!t_entry)
-        t_entry.reset(new (std::nothrow) ThreadEntry());
-    return t_entry.get();
+    if (t_entry != nullptr || t_entryGone)
+        return t_entry;
+    t_entryOwner.Arm();  // registers the clean-up at the thread's end
+    t_entry = new (std::nothrow) ThreadEntry();
+    return t_entry;
 }
 
 } // namespace
