@@ -117,12 +117,14 @@ BENCHMARK(BM_TraceRingMemory)
     ->Teardown(TeardownRig)
     ->Threads(1)
     ->Threads(2)
+    ->Threads(4)
     ->UseRealTime();
 BENCHMARK(BM_TraceRingNoMemory)
     ->Setup(SetupRig<TraceRig::RING_NO_MEMORY>)
     ->Teardown(TeardownRig)
     ->Threads(1)
     ->Threads(2)
+    ->Threads(4)
     ->UseRealTime();
 BENCHMARK(BM_TraceLogFileMemory)->Setup(SetupRig<TraceRig::LOG_MEMORY>)->Teardown(TeardownRig)->UseRealTime();
 BENCHMARK(BM_TraceLogFileNoMemory)->Setup(SetupRig<TraceRig::LOG_NO_MEMORY>)->Teardown(TeardownRig)->UseRealTime();
@@ -176,6 +178,7 @@ BENCHMARK(BM_FloorSnprintfMmap)
     ->Teardown([](const benchmark::State&) { g_Floor.reset(); })
     ->Threads(1)
     ->Threads(2)
+    ->Threads(4)
     ->UseRealTime();
 
 // ---- Reference: a logging library's file sink ----------------------------------
@@ -218,12 +221,14 @@ BENCHMARK(BM_RefSpdlogNoFlush)
     ->Teardown([](const benchmark::State&) { g_Spd.reset(); })
     ->Threads(1)
     ->Threads(2)
+    ->Threads(4)
     ->UseRealTime();
 BENCHMARK(BM_RefSpdlogFlush)
     ->Setup([](const benchmark::State&) { g_Spd = std::make_unique<SpdRig>(true); })
     ->Teardown([](const benchmark::State&) { g_Spd.reset(); })
     ->Threads(1)
     ->Threads(2)
+    ->Threads(4)
     ->UseRealTime();
 #endif
 

@@ -1,5 +1,6 @@
 #include "common/CStrMap.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -7,6 +8,43 @@ CStrMap::~CStrMap()
 {
     Clear();
     free(m_Entries);
+    DropIndex();
+    while (m_Arena != nullptr) {
+        ArenaChunk* next = m_Arena->next;
+        free(m_Arena);
+        m_Arena = next;
+    }
+}
+
+char* CStrMap::ArenaCopy(const char* text, size_t len)
+{
+    // Chunks double from 1 KiB up to 64 KiB, so that a small key wastes
+    // little; a text too big for that gets a chunk of its own.
+    constexpr size_t kFirstChunk = 1024;
+    constexpr size_t kLargestChunk = 64 * 1024;
+    const size_t need = len + 1;
+    if (m_Arena == nullptr || m_Arena->size - m_Arena->used < need) {
+        size_t size = m_Arena == nullptr ? kFirstChunk : std::min(2 * m_Arena->size, kLargestChunk);
+        if (size < need)
+            size = need;
+        auto* chunk = static_cast<ArenaChunk*>(malloc(sizeof(ArenaChunk) + size));
+        if (chunk == nullptr)
+            return nullptr;
+        *chunk = ArenaChunk{m_Arena, size, 0};
+        m_Arena = chunk;
+    }
+    char* copy = reinterpret_cast<char*>(m_Arena + 1) + m_Arena->used;
+    memcpy(copy, text, len);
+    copy[len] = '\0';
+    m_Arena->used += need;
+    return copy;
+}
+
+void CStrMap::FreeName(Entry& e)
+{
+    if ((e.flags & kNameInArena) == 0)
+        free(e.name);
+    e.name = nullptr;
 }
 
 int CStrMap::compare(const char* a, const char* b)
@@ -44,17 +82,14 @@ int CStrMap::Position(const char* name, bool& found) const
 int CStrMap::Find(const char* name) const
 {
     CCriticalSectionLock lock(m_Lock);
-    bool found = false;
-    int pos = Position(name, found);
-    return found ? pos : -1;
+    return Locate(name);
 }
 
 CStrMap::Entry* CStrMap::Lookup(const char* name)
 {
     CCriticalSectionLock lock(m_Lock);
-    bool found = false;
-    int pos = Position(name, found);
-    return found ? &m_Entries[pos] : nullptr;
+    int pos = Locate(name);
+    return pos >= 0 ? &m_Entries[pos] : nullptr;
 }
 
 bool CStrMap::Grow()
@@ -82,35 +117,59 @@ void CStrMap::FreeEntry(Entry& e)
 int CStrMap::Set(const char* name, Entry value, bool* replaced)
 {
     CCriticalSectionLock lock(m_Lock);
+    value.flags = 0;
+    return SetLocked(name, value, replaced, false);
+}
+
+int CStrMap::SetInArena(const char* name, Entry value, const char* text)
+{
+    CCriticalSectionLock lock(m_Lock);
+    value.flags = 0;
+    if (text != nullptr) {
+        value.payload.ptr = ArenaCopy(text, strlen(text));
+        if (value.payload.ptr == nullptr)
+            return -1;
+        value.flags = kPayloadInArena;
+    }
+    return SetLocked(name, value, nullptr, true);
+}
+
+int CStrMap::SetLocked(const char* name, Entry value, bool* replaced, bool nameInArena)
+{
     bool found = false;
-    int pos = Position(name, found);
+    int pos = Place(name, found);
     if (replaced)
         *replaced = found;
     if (found) {
         // Storing the payload the entry already holds must not free it.
         Entry& old = m_Entries[pos];
         bool same = old.type == value.type && memcmp(&old.payload, &value.payload, sizeof old.payload) == 0;
-        if (!same)
+        if (!same) {
             FreeEntry(old);
-        m_Entries[pos].payload = value.payload;
-        m_Entries[pos].type = value.type;
+            old.flags = (old.flags & kNameInArena) | (value.flags & kPayloadInArena);
+        }
+        old.payload = value.payload;
+        old.type = value.type;
         return pos;
     }
     char* copy = nullptr;
     if (name != nullptr) {
-        copy = strdup(name);
+        copy = nameInArena ? ArenaCopy(name, strlen(name)) : strdup(name);
         if (copy == nullptr)
             return -1;
     }
     if (static_cast<unsigned>(m_Count) >= m_Capacity && !Grow()) {
-        free(copy);
+        if (!nameInArena)
+            free(copy);
         return -1;
     }
     memmove(&m_Entries[pos + 1], &m_Entries[pos], static_cast<size_t>(m_Count - pos) * sizeof(Entry));
     m_Entries[pos].name = copy;
     m_Entries[pos].payload = value.payload;
     m_Entries[pos].type = value.type;
+    m_Entries[pos].flags = (nameInArena && copy != nullptr ? kNameInArena : 0) | (value.flags & kPayloadInArena);
     ++m_Count;
+    IndexAfterInsert(copy, pos);
     return pos;
 }
 
@@ -119,8 +178,9 @@ bool CStrMap::RemoveAt(int index)
     CCriticalSectionLock lock(m_Lock);
     if (index < 0 || index >= m_Count)
         return false;
+    IndexBeforeRemove(index);
     FreeEntry(m_Entries[index]);
-    free(m_Entries[index].name);
+    FreeName(m_Entries[index]);
     // The emptied slot moves to the end, as a re-sort would put it there.
     memmove(&m_Entries[index], &m_Entries[index + 1], static_cast<size_t>(m_Count - index - 1) * sizeof(Entry));
     --m_Count;
@@ -131,9 +191,8 @@ bool CStrMap::RemoveAt(int index)
 bool CStrMap::Remove(const char* name)
 {
     CCriticalSectionLock lock(m_Lock);
-    bool found = false;
-    int pos = Position(name, found);
-    return found && RemoveAt(pos);
+    int pos = Locate(name);
+    return pos >= 0 && RemoveAt(pos);
 }
 
 int CStrMap::GetCount() const
@@ -164,6 +223,7 @@ void CStrMap::Clear()
     int count = 0;
     {
         CCriticalSectionLock lock(m_Lock);
+        DropIndex();
         if (m_Count == 0)
             return;
         const size_t bytes = static_cast<size_t>(m_Count) * sizeof(Entry);
@@ -172,7 +232,7 @@ void CStrMap::Clear()
             // No memory for the hand-over: free them in place instead.
             for (int i = 0; i < m_Count; ++i) {
                 FreeEntry(m_Entries[i]);
-                free(m_Entries[i].name);
+                FreeName(m_Entries[i]);
                 memset(&m_Entries[i], 0, sizeof(Entry));
             }
             m_Count = 0;
@@ -185,7 +245,7 @@ void CStrMap::Clear()
     }
     for (int i = 0; i < count; ++i) {
         FreeEntry(taken[i]);
-        free(taken[i].name);
+        FreeName(taken[i]);
     }
     free(taken);
 }

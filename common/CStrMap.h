@@ -7,8 +7,15 @@
 // insertion goes to its binary-search position, which yields exactly the
 // order a full re-sort after every insertion would give, without moving the
 // whole array each time.  When the array is full it grows by 16 entries.
+//
+// Large maps (a registry key of thousands of values) keep a hash index
+// beside the array, so that finding a name costs the same however many
+// entries there are.  It is made at the first search that needs it (a file
+// loaded in order only appends and never builds one) and kept in step with
+// every insertion and removal; the array and its order stay the only truth.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "common/CCriticalSection.h"
@@ -22,7 +29,13 @@ public:
             uint32_t number; ///< inline payload (the registry's 32-bit numbers)
         } payload;
         uint32_t type;       ///< caller-defined type code, passed to the deleter
+        uint32_t flags;      ///< kNameInArena, kPayloadInArena
     };
+    /// The name, or the payload, lies in the map's arena (SetInArena): it is
+    /// never freed on its own, only with the map.  A deleter leaves such a
+    /// payload alone.
+    static constexpr uint32_t kNameInArena = 1;
+    static constexpr uint32_t kPayloadInArena = 2;
 
     /// Frees a payload of the given type; null means payloads are not owned.
     using PayloadDeleter = void (*)(Entry& entry);
@@ -67,6 +80,13 @@ public:
         return Set(name, e, replaced);
     }
 
+    /// As Set, for a map being filled in bulk (a file loaded): the copy of
+    /// the name, and of `text` (when not null, as the payload, of that
+    /// type), go into an arena of the map instead of one allocation each.
+    /// Arena memory comes back when the map is destroyed, so this is for
+    /// entries that are mostly kept.  Returns the index, or -1.
+    int SetInArena(const char* name, Entry payloadAndType, const char* text = nullptr);
+
     /// Removes the entry of `name` (name and payload freed).  False when absent.
     bool Remove(const char* name);
     /// Removes the entry at `index`.  False when out of range.
@@ -96,11 +116,45 @@ private:
     /// Binary search: index of `name` when found (found = true), else the
     /// index where it would be inserted.
     int Position(const char* name, bool& found) const;
+    /// Index of `name`, or -1 (the caller holds the lock).
+    int Locate(const char* name) const;
+    /// Set with the lock held; the name is copied into the arena when asked.
+    int SetLocked(const char* name, Entry value, bool* replaced, bool nameInArena);
+    /// A copy of `len` bytes of `text` and a NUL in the arena, or null.
+    char* ArenaCopy(const char* text, size_t len);
+    void FreeName(Entry& e);
+    /// As Position, through the index where the map has one.
+    int Place(const char* name, bool& found) const;
     bool Grow();
+
+    // The hash index: open addressing with linear probing, at most half
+    // full.  A slot holds the name's hash and the entry's index (-1: empty).
+    struct IndexSlot {
+        uint32_t hash;
+        int32_t index;
+    };
+    static constexpr int kIndexThreshold = 64;
+    bool UseIndex() const;
+    bool BuildIndex(uint32_t slots) const;
+    bool IndexFind(const char* name, uint32_t hash, int& index) const;
+    void IndexPut(uint32_t hash, int index) const;
+    void IndexAfterInsert(const char* name, int index);
+    void IndexBeforeRemove(int index);
+    void DropIndex() const;
 
     mutable CCriticalSection m_Lock;
     Entry* m_Entries = nullptr;
     unsigned m_Capacity = 0;
     int m_Count = 0;
     PayloadDeleter m_Deleter;
+    /// Chunks of the arena, newest first; each starts with the link to the
+    /// next one and its size.
+    struct ArenaChunk {
+        ArenaChunk* next;
+        size_t size;
+        size_t used;
+    };
+    ArenaChunk* m_Arena = nullptr;
+    mutable IndexSlot* m_Index = nullptr;
+    mutable uint32_t m_IndexSlots = 0; ///< a power of two; 0 without an index
 };

@@ -83,10 +83,10 @@ struct MemInfo {
     uint64_t memTotalKb = 0, memFreeKb = 0, swapTotalKb = 0, swapFreeKb = 0;
 };
 
-bool ReadMemInfo(const std::string& path, MemInfo& info)
+bool ReadMemInfo(perfmon::CKeptProcFile& file, const std::string& path, MemInfo& info)
 {
     perfmon::CProcLineReader reader;
-    if (!reader.Open(path)) {
+    if (!reader.Open(file, path)) {
         DBG_PRINT(3, "CPerfData::GetMemoryDataSnapShot: cannot open %s (errno=%d)\n", path.c_str(), errno);
         return false;
     }
@@ -117,10 +117,10 @@ struct StatReading {
 };
 
 // The summary line "cpu user nice system idle ..." of the kernel statistics.
-bool ReadStat(const std::string& path, StatReading& st, bool countProcessors)
+bool ReadStat(perfmon::CKeptProcFile& file, const std::string& path, StatReading& st, bool countProcessors)
 {
     perfmon::CProcLineReader reader;
-    if (!reader.Open(path)) {
+    if (!reader.Open(file, path)) {
         DBG_PRINT(3, "CPerfData::GetSystemLoadSnapShot: cannot open %s (errno=%d)\n", path.c_str(), errno);
         return false;
     }
@@ -252,11 +252,11 @@ bool IsPidName(const char* name, int& pid)
 
 // The "running/total" field of loadavg (the fourth): runnable tasks and all
 // tasks of the system.
-bool ReadLoadAvg(const std::string& path, uint64_t& running, uint64_t& total)
+bool ReadLoadAvg(perfmon::CKeptProcFile& file, const std::string& path, uint64_t& running, uint64_t& total)
 {
-    std::string text;
-    if (!perfmon::ReadSmallFile(path, text))
+    if (!file.Read(path))
         return false;
+    const std::string_view text = file.Text().substr(0, perfmon::kMaxSmallFile);
     const char* p = text.data();
     const char* end = p + text.size();
     for (int field = 0; field < 3; ++field) {
@@ -313,6 +313,10 @@ bool CollectSamples(const std::shared_ptr<CDataHistoryBuffer<T>>& history, int i
 // Readings of one snapshot that several groups use: the memory and system
 // groups fill them, the process group takes what it finds instead of reading
 // the same files again.
+struct CPerfMon::KeptFiles {
+    perfmon::CKeptProcFile memInfo, stat, netDev, selfStat, loadAvg;
+};
+
 struct CPerfMon::SharedReadings {
     bool statValid = false;
     StatReading stat;  // with the processors counted
@@ -352,7 +356,8 @@ CPerfMon::CPerfMon(unsigned int historyLength)
       m_HistoryLength(historyLength),
       m_ProcRoot(perfmon::kDefaultProcRoot),
       m_LinkSpeed(std::make_shared<perfmon::CEthtoolLinkSpeed>()),
-      m_Clock(std::make_shared<perfmon::CRealTimeClock>())
+      m_Clock(std::make_shared<perfmon::CRealTimeClock>()),
+      m_Kept(std::make_unique<KeptFiles>())
 {
     long n = sysconf(_SC_NPROCESSORS_ONLN);
     m_NumberProcessors = n > 0 ? static_cast<int>(n) : 1;
@@ -549,7 +554,7 @@ void CPerfMon::SnapshotData(int types)
 void CPerfMon::SnapshotMemory(SharedReadings& shared)
 {
     MemInfo info;
-    if (!ReadMemInfo(JoinPath(m_ProcRoot, perfmon::kMemInfoFile), info))
+    if (!ReadMemInfo(m_Kept->memInfo, JoinPath(m_ProcRoot, perfmon::kMemInfoFile), info))
         return;
     shared.memValid = true;
     shared.mem = info;
@@ -569,7 +574,7 @@ void CPerfMon::SnapshotSystem(SharedReadings& shared)
 {
     StatReading st;
     // The processors are counted for the process group.
-    if (!ReadStat(JoinPath(m_ProcRoot, perfmon::kStatFile), st, true))
+    if (!ReadStat(m_Kept->stat, JoinPath(m_ProcRoot, perfmon::kStatFile), st, true))
         return;
     shared.statValid = true;
     shared.stat = st;
@@ -603,7 +608,7 @@ void CPerfMon::SnapshotNetwork()
 {
     const std::string path = JoinPath(m_ProcRoot, perfmon::kNetDevFile);
     std::vector<perfmon::NetDevLine> lines;
-    if (!perfmon::ReadNetDevInterfaces(path, m_NetState.size(), lines)) {
+    if (!perfmon::ReadNetDevInterfaces(path, m_NetState.size(), lines, &m_Kept->netDev)) {
         DBG_PRINT(3, "CNetworkInterfaceStatistics::GetStatistikAtIndex: cannot open %s (errno=%d)\n", path.c_str(),
                   errno);
         return;
@@ -702,7 +707,7 @@ void CPerfMon::SnapshotProcesses(const SharedReadings& shared)
     if (statValid)
         st = shared.stat;
     else
-        statValid = ReadStat(JoinPath(m_ProcRoot, perfmon::kStatFile), st, true);
+        statValid = ReadStat(m_Kept->stat, JoinPath(m_ProcRoot, perfmon::kStatFile), st, true);
     if (statValid) {
         now.valid = true;
         now.totalTicks = SatAdd(SatAdd(SatAdd(st.user, st.nice), st.system), st.idle);
@@ -710,8 +715,9 @@ void CPerfMon::SnapshotProcesses(const SharedReadings& shared)
     const uint64_t processors = st.processors > 0 ? static_cast<uint64_t>(st.processors) : 1;
 
     PerfProcessRecord self;
-    std::string text;
-    if (perfmon::ReadSmallFile(JoinPath(m_ProcRoot, perfmon::kSelfStatFile), text) && ParseProcessStat(text, self)) {
+    perfmon::CKeptProcFile& selfStat = m_Kept->selfStat;
+    if (selfStat.Read(JoinPath(m_ProcRoot, perfmon::kSelfStatFile)) &&
+        ParseProcessStat(std::string(selfStat.Text().substr(0, perfmon::kMaxSmallFile)), self)) {
         now.ownValid = true;
         now.ownTicks = self.cpuTicks;
     }
@@ -739,7 +745,7 @@ void CPerfMon::SnapshotProcesses(const SharedReadings& shared)
         if (memValid)
             mem = shared.mem;
         else
-            memValid = ReadMemInfo(JoinPath(m_ProcRoot, perfmon::kMemInfoFile), mem);
+            memValid = ReadMemInfo(m_Kept->memInfo, JoinPath(m_ProcRoot, perfmon::kMemInfoFile), mem);
         if (memValid) {
             const uint64_t memTotal = SatMul(mem.memTotalKb, 1024);
             const uint64_t pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
@@ -749,7 +755,7 @@ void CPerfMon::SnapshotProcesses(const SharedReadings& shared)
         set(PERF_PROCESS_THREADS, self.threads, perfmon::kAgentThreadBudget);
     }
     uint64_t running = 0, tasks = 0;
-    if (ReadLoadAvg(JoinPath(m_ProcRoot, perfmon::kLoadAvgFile), running, tasks)) {
+    if (ReadLoadAvg(m_Kept->loadAvg, JoinPath(m_ProcRoot, perfmon::kLoadAvgFile), running, tasks)) {
         if (m_ProcessSlow.pidMaxValid)
             set(PERF_PROCESS_COUNT, tasks, m_ProcessSlow.pidMax);
         if (now.valid)

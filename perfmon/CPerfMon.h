@@ -283,6 +283,9 @@ private:
     /// Readings of one snapshot shared between its groups (defined in the
     /// source).
     struct SharedReadings;
+    /// The proc files every snapshot reads, kept open (defined in the
+    /// source).
+    struct KeptFiles;
 
     static void* ThreadProc(void* self);
     void MonitorLoop();
@@ -326,4 +329,5 @@ private:
     std::shared_ptr<perfmon::IPerfLinkSpeed> m_LinkSpeed;
     std::shared_ptr<perfmon::IPerfClock> m_Clock;
     int m_NumberProcessors;
+    std::unique_ptr<KeptFiles> m_Kept;  // used under m_Lock
 };

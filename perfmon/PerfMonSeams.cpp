@@ -88,13 +88,22 @@ bool QueryLegacySettings(int fd, const std::string& name, uint32_t& speed)
 
 } // namespace
 
+CEthtoolLinkSpeed::CEthtoolLinkSpeed() : m_Socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+
 bool CEthtoolLinkSpeed::GetLinkSpeedMbps(const std::string& name, uint32_t& mbps)
 {
-    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!fd)
-        return false;
+    // Without the kept socket (none could be made then) one is made for the
+    // request.
+    UniqueFd own;
+    int fd = m_Socket.Get();
+    if (fd < 0) {
+        own.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (!own)
+            return false;
+        fd = own.Get();
+    }
     uint32_t speed = 0;
-    if (!QueryLinkSettings(fd.Get(), name, speed) && !QueryLegacySettings(fd.Get(), name, speed))
+    if (!QueryLinkSettings(fd, name, speed) && !QueryLegacySettings(fd, name, speed))
         return false;
     if (!KnownSpeed(speed))
         return false;

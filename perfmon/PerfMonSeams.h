@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "common/UniqueHandle.h"
+
 namespace perfmon {
 
 /// Answers the link speed of a network interface.
@@ -23,7 +25,13 @@ public:
 /// ETHTOOL_GLINKSETTINGS, then the older ETHTOOL_GSET.
 class CEthtoolLinkSpeed final : public IPerfLinkSpeed {
 public:
+    /// Opens the socket the requests go through once, for every snapshot
+    /// (a request on a shared socket carries all its state in the call).
+    CEthtoolLinkSpeed();
     bool GetLinkSpeedMbps(const std::string& name, uint32_t& mbps) override;
+
+private:
+    UniqueFd m_Socket;
 };
 
 /// Answers the current time in milliseconds.

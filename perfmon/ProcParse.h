@@ -9,10 +9,38 @@
 #include <string_view>
 #include <vector>
 
+#include "common/UniqueHandle.h"
+
 namespace perfmon {
 
 /// root + "/" + relative (no doubled separator).
 std::string JoinPath(const std::string& root, const char* relative);
+
+/// A proc file read at every snapshot through one descriptor and into one
+/// buffer, both kept between the reads: the kernel makes the text anew at
+/// each read from the start.  Only files of the proc file system are kept
+/// open; any other file (a captured tree that may be replaced between two
+/// reads) is opened for each read.  A forked child opens its own (a kept
+/// "self" file would still show the parent).
+class CKeptProcFile {
+public:
+    /// Reads the file whole: at most kMaxTextFile bytes, taken up to the last
+    /// whole line within the cap.  false on failure, with errno set.
+    bool Read(const std::string& path);
+    /// The text of the last successful read.
+    std::string_view Text() const { return std::string_view(m_Buffer.data(), m_Length); }
+
+private:
+    bool Reopen(const std::string& path);
+    bool ReadFromStart();
+
+    UniqueFd m_Fd;
+    std::string m_Path;
+    int m_Pid = -1;
+    bool m_Keep = false;
+    std::string m_Buffer;
+    size_t m_Length = 0;
+};
 
 /// The lines of a text file, read whole (at most kMaxTextFile bytes; a
 /// longer file is taken up to its last whole line within the cap).  A line
@@ -22,11 +50,15 @@ class CProcLineReader {
 public:
     /// Reads the file.  false on failure, with errno set to the cause.
     bool Open(const std::string& path);
+    /// Reads the file through `file`, whose text the reader then walks (it
+    /// must outlive the reader's use).
+    bool Open(CKeptProcFile& file, const std::string& path);
     /// The next line without its newline; false (line empty) at the end.
     bool Next(std::string& line);
 
 private:
-    std::string m_Text;
+    std::string m_Own;
+    std::string_view m_Text;
     size_t m_Pos = 0;
 };
 
@@ -65,7 +97,9 @@ bool SplitNetDevLine(std::string_view line, NetDevLine& out, bool monitoredOnly 
 
 /// Reads the network device statistics file and collects its monitored
 /// interface lines in file order, at most `maxCount` of them.  false when
-/// the file cannot be opened (errno kept); `out` is then empty.
-bool ReadNetDevInterfaces(const std::string& path, size_t maxCount, std::vector<NetDevLine>& out);
+/// the file cannot be opened (errno kept); `out` is then empty.  Read
+/// through `kept` when given.
+bool ReadNetDevInterfaces(const std::string& path, size_t maxCount, std::vector<NetDevLine>& out,
+                          CKeptProcFile* kept = nullptr);
 
 } // namespace perfmon

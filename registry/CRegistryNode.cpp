@@ -17,13 +17,6 @@ namespace {
 
 /// Lines of the registry file are read in pieces of this size (with NUL).
 constexpr size_t kLineSize = 1024;
-/// Sections nested deeper than this are skipped with their whole block, so
-/// that a hostile file cannot build a tree too deep to write or destroy.
-char* CopyText(const char* text)
-{
-    return strdup(text);
-}
-
 /// One hexadecimal number as strtol(p, &end, 16) reads it, for the plain
 /// form the writer produces (blanks, then at most 15 hex digits without a
 /// sign or "0x" prefix).  False for anything else, which the caller leaves
@@ -81,8 +74,20 @@ void StorePointer(CRegistryNode& node, const char* name, void* payload, uint32_t
 {
     if (payload == nullptr)
         return;
-    if (node.SetPointer(name, payload, type) < 0)
+    CStrMap::Entry e{};
+    e.payload.ptr = payload;
+    e.type = type;
+    if (node.SetInArena(name, e) < 0)
         free(payload);
+}
+
+/// Stores a text value, its copy and the name's in the key's arena (a file
+/// holds hundreds of thousands of them).
+void StoreText(CRegistryNode& node, const char* name, const char* text, uint32_t type)
+{
+    CStrMap::Entry e{};
+    e.type = type;
+    node.SetInArena(name, e, text);
 }
 
 /// Handles one value line (already cut at its line feed).  True when the
@@ -96,18 +101,22 @@ bool RestoreValue(CRegistryNode& node, char* line)
     const char* name = line;
     const char* tag = eq + 1;
     if (strncmp(tag, "s=", 2) == 0) {
-        StorePointer(node, name, CopyText(tag + 2), RegString);
+        StoreText(node, name, tag + 2, RegString);
         return true;
     }
     if (strncmp(tag, "es=", 3) == 0) {
-        StorePointer(node, name, CopyText(tag + 3), RegExpandString);
+        StoreText(node, name, tag + 3, RegExpandString);
         return true;
     }
     if (strncmp(tag, "d=", 2) == 0) {
         char* end = nullptr;
         long v = strtol(tag + 2, &end, 10);
-        if (end != tag + 2)
-            node.SetNumber(name, static_cast<uint32_t>(v), RegNumber);
+        if (end != tag + 2) {
+            CStrMap::Entry e{};
+            e.payload.number = static_cast<uint32_t>(v);
+            e.type = RegNumber;
+            node.SetInArena(name, e);
+        }
         return true;
     }
     if (strncmp(tag, "b=", 2) == 0) {
@@ -208,7 +217,7 @@ void WriteDecimal(FILE* file, int32_t value)
     } while (magnitude != 0);
     if (value < 0)
         *--p = '-';
-    fwrite(p, 1, static_cast<size_t>(text + sizeof text - p), file);
+    fwrite_unlocked(p, 1, static_cast<size_t>(text + sizeof text - p), file);
 }
 
 bool WriteBinary(FILE* file, const unsigned char* bytes, uint32_t count)
@@ -223,7 +232,7 @@ bool WriteBinary(FILE* file, const unsigned char* bytes, uint32_t count)
             chunk[n++] = kHex[bytes[done] & 0x0f];
             chunk[n++] = ' ';
         }
-        if (fwrite(chunk, 1, n, file) != n)
+        if (fwrite_unlocked(chunk, 1, n, file) != n)
             return false;
     }
     return true;
@@ -283,7 +292,8 @@ void CRegistryNode::DeletePayload(Entry& entry)
     case RegString:
     case RegExpandString:
     case RegBinary:
-        free(entry.payload.ptr);
+        if ((entry.flags & kPayloadInArena) == 0)
+            free(entry.payload.ptr);
         break;
     case RegSubKey:
         deleteNode(static_cast<CRegistryNode*>(entry.payload.ptr), entry.name);
@@ -302,28 +312,28 @@ bool CRegistryNode::dumpValues(FILE* file, int count) const
             continue;
         switch (e.type) {
         case RegNumber:
-            fputs(e.name, file);
-            fputs("=d=", file);
+            fputs_unlocked(e.name, file);
+            fputs_unlocked("=d=", file);
             WriteDecimal(file, static_cast<int32_t>(e.payload.number));
-            fputc('\n', file);
+            fputc_unlocked('\n', file);
             break;
         case RegString:
         case RegExpandString:
             if (e.payload.ptr != nullptr) {
-                fputs(e.name, file);
-                fputs(e.type == RegString ? "=s=" : "=es=", file);
-                fputs(static_cast<const char*>(e.payload.ptr), file);
-                fputc('\n', file);
+                fputs_unlocked(e.name, file);
+                fputs_unlocked(e.type == RegString ? "=s=" : "=es=", file);
+                fputs_unlocked(static_cast<const char*>(e.payload.ptr), file);
+                fputc_unlocked('\n', file);
             }
             break;
         case RegBinary:
             if (e.payload.ptr != nullptr) {
-                fputs(e.name, file);
-                fputs("=b=", file);
+                fputs_unlocked(e.name, file);
+                fputs_unlocked("=b=", file);
                 if (!WriteBinary(file, static_cast<const unsigned char*>(e.payload.ptr) + 4,
                                  BinaryCount(e.payload.ptr)))
                     return false;
-                fputc('\n', file);
+                fputc_unlocked('\n', file);
             }
             break;
         default:
@@ -345,14 +355,19 @@ bool CRegistryNode::dumpNode(FILE* file) const
         int next;   // the next entry to look at for a subkey
     };
     std::vector<Frame> stack;
+    // The stream is locked once for the whole tree, and every write below
+    // goes without its own locking (hundreds of thousands of small writes).
     struct Unlock {
         std::vector<Frame>& frames;
+        FILE* stream;
         ~Unlock()
         {
             for (auto it = frames.rbegin(); it != frames.rend(); ++it)
                 it->node->GetLock().Leave();
+            funlockfile(stream);
         }
-    } unlock{stack};
+    } unlock{stack, file};
+    flockfile(file);
     auto enter = [&](const CRegistryNode* node) {
         node->GetLock().Enter();
         stack.push_back(Frame{node, node->GetCount(), 0});
@@ -369,17 +384,17 @@ bool CRegistryNode::dumpNode(FILE* file) const
                 sub = &e;
         }
         if (sub != nullptr) {
-            fputc('[', file);
-            fputs(sub->name, file);
-            fputs("]\n", file);
+            fputc_unlocked('[', file);
+            fputs_unlocked(sub->name, file);
+            fputs_unlocked("]\n", file);
             if (!enter(static_cast<const CRegistryNode*>(sub->payload.ptr)))
                 return false;
             continue;
         }
-        fputc('\n', file);
+        fputc_unlocked('\n', file);
         f.node->GetLock().Leave();
         stack.pop_back();
-        if (ferror(file) != 0)
+        if (ferror_unlocked(file) != 0)
             return false;
     }
     return true;

@@ -9,7 +9,9 @@
 //   4 32-bit number: held inline, no allocation
 //   666 subkey: owned CRegistryNode (new)
 // The map's payload deleter frees each payload by its type, so replacing or
-// removing an entry also destroys a subtree.
+// removing an entry also destroys a subtree.  Values read from the file have
+// their names and texts in the key's arena (CStrMap::SetInArena) instead:
+// those go only with the key.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,4 @@
-// The trace facility's front: the re-entrant lock, the level filter, the
-// entry formatter and the public surface.  The outputs and the
+// The trace facility's front: the re-entrant lock and the public surface.  The outputs and the
 // configuration are in the files named in CDebugInternal.h.
 #include "trace/CDebug.h"
 
@@ -84,10 +83,9 @@ void CDebug::Impl::Enter()
 {
     if (!mutexUsable)
         return;
-    pthread_t me = pthread_self();
-    if (!(owned.load(std::memory_order_relaxed) && pthread_equal(owner.load(std::memory_order_relaxed), me))) {
+    if (!HeldByThisThread()) {
         pthread_mutex_lock(&mutex);
-        owner.store(me, std::memory_order_relaxed);
+        owner.store(pthread_self(), std::memory_order_relaxed);
         owned.store(true, std::memory_order_relaxed);
     }
     ++recursion;
@@ -99,10 +97,31 @@ void CDebug::Impl::Leave()
         !pthread_equal(owner.load(std::memory_order_relaxed), pthread_self()))
         return;
     if (recursion > 0 && --recursion == 0) {
+        Publish();
         owned.store(false, std::memory_order_relaxed);
         owner.store(pthread_t{}, std::memory_order_relaxed);
         pthread_mutex_unlock(&mutex);
     }
+}
+
+bool CDebug::Impl::HeldByThisThread() const
+{
+    return owned.load(std::memory_order_relaxed) && pthread_equal(owner.load(std::memory_order_relaxed), pthread_self());
+}
+
+// Called with the lock held, just before it is given back.  Stores only what
+// changed: the flags are read by every tracing thread, and a store on every
+// entry would move their cache line between the cores each time.
+void CDebug::Impl::Publish()
+{
+    const bool ringOn = target == TARGET_RINGBUFFER && ring.IsOpen() && settings.dynamicInterval == 0;
+    const bool memory = settings.memoryTraces != 0;
+    if (unlockedLevel.load(std::memory_order_relaxed) != settings.level)
+        unlockedLevel.store(settings.level, std::memory_order_relaxed);
+    if (unlockedMemory.load(std::memory_order_relaxed) != memory)
+        unlockedMemory.store(memory, std::memory_order_relaxed);
+    if (unlockedRing.load(std::memory_order_relaxed) != ringOn)
+        unlockedRing.store(ringOn, std::memory_order_release);
 }
 
 // A thread cancelled inside an output leaves the lock free.
@@ -113,70 +132,10 @@ void CDebug::Impl::CleanupHandlerForTraceMutex(void* arg)
         !pthread_equal(impl->owner.load(std::memory_order_relaxed), pthread_self()))
         return;
     impl->recursion = 0;
+    impl->Publish();
     impl->owned.store(false, std::memory_order_relaxed);
     impl->owner.store(pthread_t{}, std::memory_order_relaxed);
     pthread_mutex_unlock(&impl->mutex);
-}
-
-// The lock scope of every public entry point.  The clean-up handler is
-// pushed for the whole scope, so that a thread cancelled inside an output
-// (write and fflush are cancellation points) does not leave the lock held.
-#define TRACE_LOCKED_BEGIN(impl)                                                                                       \
-    {                                                                                                                  \
-        Impl* lockedImpl__ = (impl);                                                                                   \
-        lockedImpl__->Enter();                                                                                         \
-        pthread_cleanup_push(&Impl::CleanupHandlerForTraceMutex, lockedImpl__);                                        \
-        try {
-#define TRACE_LOCKED_END()                                                                                             \
-        } catch (abi::__forced_unwind&) {                                                                              \
-            throw;                                                                                                     \
-        } catch (...) {                                                                                                \
-        }                                                                                                              \
-        pthread_cleanup_pop(0);                                                                                        \
-        lockedImpl__->Leave();                                                                                         \
-    }
-
-// ---- Entry formatting -------------------------------------------------------------
-
-int CDebug::Impl::SetEntryHeader(char* buffer, size_t size, const char* name)
-{
-    // Every entry pays for this: the time text is cached per second, and the
-    // resident size comes from a kept-open statm, read once per millisecond
-    // of time stamps (a /proc read costs about as much as writing a whole
-    // entry; entries printed with the same millisecond share the figure).
-    char timeText[traceheader::kTimeTextSize];
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    timeCache.Format(tv, timeText);
-
-    const char* column = name ? name : programName.c_str();
-    const unsigned thread = static_cast<unsigned>(static_cast<uint32_t>(pthread_self()));
-    if (settings.memoryTraces == 0)
-        return traceheader::FormatEntryHeader(buffer, size, timeText, thread, false, 0, column);
-    uint64_t kb = 0;
-    const int64_t millisecond = static_cast<int64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
-    if (!residentSize.ReadKilobytes(kb, millisecond))
-        tarvd::ReadProcStatusField(static_cast<uint32_t>(getpid()), kMemoryField, 1 /* kilobytes */, kb);
-    return traceheader::FormatEntryHeader(buffer, size, timeText, thread, true, kb, column);
-}
-
-// Header and message into `buffer` (of kEntryBufferSize bytes).  Returns the
-// entry length (header + message, at most 1024 message characters);
-// lastHeaderLength receives the header's length and `fullLength` what
-// vsnprintf needed for the whole message.
-size_t CDebug::Impl::FormatEntry(char* buffer, const char* format, va_list args, const char* name, int* fullLength)
-{
-    int h = ClipHeaderLength(SetEntryHeader(buffer, kHeaderArea, name), kHeaderArea);
-    lastHeaderLength = static_cast<size_t>(h);
-    buffer[h] = '\0';
-    int n = vsnprintf(buffer + h, kMessageSize, SkipLeadingNewlines(format), args);
-    if (n < 0) {
-        buffer[h] = '\0';
-        n = 0;
-    }
-    *fullLength = n;
-    size_t msg = static_cast<size_t>(n) < kMessageSize ? static_cast<size_t>(n) : kMessageSize - 1;
-    return static_cast<size_t>(h) + msg;
 }
 
 void CDebug::Impl::PrintItV(unsigned tgt, const char* format, va_list args, const char* name)
@@ -299,13 +258,10 @@ void CDebug::Print(unsigned int level, const char* format, ...)
 // The level filter: only entries at or below the level reach the target.
 void CDebug::PrintV(unsigned int level, const char* format, va_list args)
 {
-    if (!format)
+    if (!format || m_Impl->PrintToRingUnlocked(level, format, args))
         return;
     TRACE_LOCKED_BEGIN(m_Impl)
-    if (m_Impl->settings.dynamicInterval != 0)
-        m_Impl->DynamicUpdate();
-    if (level <= m_Impl->settings.level)
-        m_Impl->PrintItV(TARGET_NONE, format, args, nullptr);
+    m_Impl->PrintFiltered(level, format, args);
     TRACE_LOCKED_END()
 }
 
@@ -431,7 +387,12 @@ void CDebug::WriteLogHeader(unsigned target)
     TRACE_LOCKED_END()
 }
 
-void CDebug::SetTarget(unsigned target) { m_Impl->target = target; }
+void CDebug::SetTarget(unsigned target)
+{
+    m_Impl->Enter();
+    m_Impl->target = target;
+    m_Impl->Leave();
+}
 
 bool CDebug::ReadDebugConfig(const char* programName)
 {

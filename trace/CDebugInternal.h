@@ -1,7 +1,8 @@
 // The inside of the trace facility: the state behind `CDebug` and the
-// outputs it writes to.  CDebug.cpp is the front (lock, level filter, entry
-// formatter, public surface); each output and the configuration live in a
-// file of their own:
+// outputs it writes to.  CDebug.cpp is the front (lock, public surface);
+// each output and the configuration live in a file of their own:
+//   CDebugEntry.cpp       the entry formatter, the level filter and the ring
+//                         entry formatted before the lock is taken
 //   CDebugLogFile.cpp     the log file with its wrap
 //   CDebugRingBuffer.cpp  the memory-mapped ring buffer and its recovery
 //                         from a ring file cut under the running program
@@ -18,6 +19,7 @@
 #include "common/ProcStatus.h"
 
 #include <atomic>
+#include <cxxabi.h>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -214,6 +216,13 @@ struct CDebug::Impl {
     std::atomic<bool> owned{false};
     unsigned recursion = 0;
     bool mutexUsable = false;
+    // What a thread needs to format a ring entry before it takes the lock,
+    // published whenever the lock is given back (the settings change only
+    // under it).  A stale view costs nothing: the entry is checked against
+    // the settings again under the lock, and formatted anew when they moved.
+    std::atomic<bool> unlockedRing{false};
+    std::atomic<uint64_t> unlockedLevel{0};
+    std::atomic<bool> unlockedMemory{false};
 
     int pid = 0;
     int argc = 0;
@@ -240,9 +249,14 @@ struct CDebug::Impl {
 
     void Enter();
     void Leave();
+    bool HeldByThisThread() const;
+    void Publish();
     static void CleanupHandlerForTraceMutex(void* arg);
 
     int SetEntryHeader(char* buffer, size_t size, const char* name);
+    void PrintFiltered(unsigned level, const char* format, va_list args);
+    bool PrintToRingUnlocked(unsigned level, const char* format, va_list args);
+    bool WriteUnlockedEntry(unsigned level, bool memory, char* data, size_t len);
     size_t FormatEntry(char* buffer, const char* format, va_list args, const char* name, int* fullLength);
     void TraceToLogFile(const char* format, va_list args, const char* name);
     void TraceToRingBuffer(const char* format, va_list args, const char* name);
@@ -267,3 +281,21 @@ struct CDebug::Impl {
     void DynamicUpdate();
     void SwitchOff();
 };
+
+// The lock scope of every public entry point.  The clean-up handler is
+// pushed for the whole scope, so that a thread cancelled inside an output
+// (write and fflush are cancellation points) does not leave the lock held.
+#define TRACE_LOCKED_BEGIN(impl)                                                                                       \
+    {                                                                                                                  \
+        Impl* lockedImpl__ = (impl);                                                                                   \
+        lockedImpl__->Enter();                                                                                         \
+        pthread_cleanup_push(&Impl::CleanupHandlerForTraceMutex, lockedImpl__);                                        \
+        try {
+#define TRACE_LOCKED_END()                                                                                             \
+        } catch (abi::__forced_unwind&) {                                                                              \
+            throw;                                                                                                     \
+        } catch (...) {                                                                                                \
+        }                                                                                                              \
+        pthread_cleanup_pop(0);                                                                                        \
+        lockedImpl__->Leave();                                                                                         \
+    }

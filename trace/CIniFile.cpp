@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <fcntl.h>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/FileIO.h"
 #include "common/UniqueHandle.h"
 #include "trace/CDebug.h"
 
@@ -18,15 +20,13 @@ namespace {
 constexpr size_t kLineSize = 1024;
 /// Mode of a profile file created by a write.
 constexpr mode_t kCreateMode = 0644;
+/// A write reads the whole file into memory; a larger file is refused.
+constexpr size_t kMaxProfileSize = 64u << 20;
 
 bool IsSpace(char c)
 {
     return isspace(static_cast<unsigned char>(c)) != 0;
 }
-
-struct FreeDeleter {
-    void operator()(void* p) const { free(p); }
-};
 
 /// Copies `text` cut to `size` - 1 characters; returns the length copied.
 unsigned CopyCut(const char* text, char* buffer, unsigned size)
@@ -39,84 +39,69 @@ unsigned CopyCut(const char* text, char* buffer, unsigned size)
     return static_cast<unsigned>(len);
 }
 
-/// Reads one physical line for the writer: the line feed is removed, at most
-/// kLineSize - 1 characters are kept and the rest of a longer line is
-/// consumed, so that every line start seen by the writer is a real one.
-/// False at the end of the file.
-bool ReadWholeLine(FILE* f, char (&line)[kLineSize], long& start)
-{
-    start = ftell(f);
-    size_t n = 0;
-    bool any = false;
-    int c;
-    while ((c = getc(f)) != EOF) {
-        any = true;
-        if (c == '\n')
-            break;
-        if (n < kLineSize - 1)
-            line[n++] = static_cast<char>(c);
-    }
-    line[n] = '\0';
-    return any;
-}
+/// A profile file held in memory for one write: read once, scanned line by
+/// line, and rewritten from the changed line on with the rest taken from
+/// the copy.  The file is written through its descriptor only.
+struct ProfileImage {
+    int fd;
+    std::string text;
+    size_t pos = 0;
 
-bool WriteAll(FILE* f, const char* data, size_t len)
-{
-    return len == 0 || fwrite(data, 1, len, f) == len;
-}
-
-/// Rewrites the file from `dest` on: an optional newline, then key=value and
-/// a newline when both are given, then everything that stood from `src` to
-/// the end of the file; the file is cut behind it.
-bool WriteLines(FILE* f, long dest, long src, const char* key, const char* value, bool newlineFirst)
-{
-    struct stat st {};
-    if (fstat(fileno(f), &st) != 0)
-        return false;
-    size_t restLen = st.st_size > src ? static_cast<size_t>(st.st_size - src) : 0;
-    std::unique_ptr<char, FreeDeleter> rest(static_cast<char*>(malloc(restLen + 1)));
-    if (!rest)
-        return false;
-    if (fseek(f, src, SEEK_SET) != 0)
-        return false;
-    if (restLen > 0 && fread(rest.get(), 1, restLen, f) != restLen)
-        return false;
-    if (fseek(f, dest, SEEK_SET) != 0)
-        return false;
-    bool ok = true;
-    if (newlineFirst)
-        ok = ok && WriteAll(f, "\n", 1);
-    if (key != nullptr && value != nullptr) {
-        ok = ok && WriteAll(f, key, strlen(key)) && WriteAll(f, "=", 1) && WriteAll(f, value, strlen(value)) &&
-             WriteAll(f, "\n", 1);
-    }
-    ok = ok && WriteAll(f, rest.get(), restLen);
-    ok = ok && fflush(f) == 0;
-    if (!ok)
-        return false;
-    long end = ftell(f);
-    return end >= 0 && ftruncate(fileno(f), end) == 0;
-}
-
-/// Appends `text` at the end of the file, first closing a last line that
-/// lacks its line feed so that the new text starts a line of its own.
-bool AppendText(FILE* f, const std::string& text)
-{
-    struct stat st {};
-    if (fstat(fileno(f), &st) != 0)
-        return false;
-    std::string out;
-    if (st.st_size > 0) {
-        if (fseek(f, static_cast<long>(st.st_size - 1), SEEK_SET) != 0)
+    /// One physical line for the writer: the line feed is removed, at most
+    /// kLineSize - 1 characters are kept and the rest of a longer line is
+    /// passed over, so that every line start seen by the writer is a real
+    /// one.  `start` and `next` get the offsets of this line and the one
+    /// behind it.  False at the end of the file.
+    bool NextLine(char (&line)[kLineSize], long& start, long& next)
+    {
+        if (pos >= text.size())
             return false;
-        if (getc(f) != '\n')
-            out = "\n";
+        start = static_cast<long>(pos);
+        const char* begin = text.data() + pos;
+        const size_t avail = text.size() - pos;
+        const auto* lf = static_cast<const char*>(memchr(begin, '\n', avail));
+        const size_t len = lf ? static_cast<size_t>(lf - begin) : avail;
+        const size_t kept = len < kLineSize - 1 ? len : kLineSize - 1;
+        memcpy(line, begin, kept);
+        line[kept] = '\0';
+        pos += lf ? len + 1 : len;
+        next = static_cast<long>(pos);
+        return true;
     }
-    out += text;
-    if (fseek(f, 0, SEEK_END) != 0)
-        return false;
-    return WriteAll(f, out.data(), out.size()) && fflush(f) == 0;
-}
+
+    /// Writes `data` at `offset` and cuts the file behind it.
+    bool WriteAt(long offset, const std::string& data) const
+    {
+        if (lseek(fd, offset, SEEK_SET) != offset || !tarvd::WriteAll(fd, data.data(), data.size()))
+            return false;
+        return ftruncate(fd, offset + static_cast<off_t>(data.size())) == 0;
+    }
+
+    /// Rewrites the file from `dest` on: an optional newline, then key=value
+    /// and a newline when both are given, then everything that stood from
+    /// `src` to the end of the file; the file is cut behind it.
+    bool WriteLines(long dest, long src, const char* key, const char* value, bool newlineFirst) const
+    {
+        std::string out;
+        if (newlineFirst)
+            out += '\n';
+        if (key != nullptr && value != nullptr)
+            out.append(key).append("=").append(value).append("\n");
+        if (static_cast<size_t>(src) < text.size())
+            out.append(text, static_cast<size_t>(src), std::string::npos);
+        return WriteAt(dest, out);
+    }
+
+    /// Appends `added` at the end of the file, first closing a last line
+    /// that lacks its line feed so that the new text starts a line of its
+    /// own.
+    bool Append(const std::string& added) const
+    {
+        std::string out = !text.empty() && text.back() != '\n' ? "\n" : "";
+        out += added;
+        return WriteAt(static_cast<long>(text.size()), out);
+    }
+};
 
 bool CreateProfile(const char* section, const char* key, const char* value, const char* fileName)
 {
@@ -131,32 +116,50 @@ bool CreateProfile(const char* section, const char* key, const char* value, cons
     return fclose(raw) == 0 && ok;
 }
 
+/// Reads the whole profile for a write; false (traced) when it cannot be
+/// read or is larger than a profile file can sensibly be.  Such a file is
+/// left as it is rather than rewritten from a cut copy, which would lose
+/// everything behind the cut.
+bool ReadProfileImage(const char* fileName, ProfileImage& image)
+{
+    bool cut = false;
+    int err = tarvd::ReadFdBounded(image.fd, kMaxProfileSize, image.text, &cut);
+    if (err == 0 && !cut)
+        return true;
+    DBG_PRINT(1, "WritePrivateProfileString: ## WARNING: cannot read %s: %s\n", fileName,
+              cut ? "file too large" : strerror(err));
+    return false;
+}
+
 bool WriteProfile(const char* section, const char* key, const char* value, const char* fileName)
 {
-    UniqueFile f(fopen(fileName, "r+e"));
-    if (!f) {
+    UniqueFd fd(open(fileName, O_RDWR | O_CLOEXEC));
+    if (!fd) {
         if (key == nullptr || value == nullptr)
             return true;
         return CreateProfile(section, key, value, fileName);
     }
+    ProfileImage image{fd.Get(), std::string()};
+    if (!ReadProfileImage(fileName, image))
+        return false;
     const size_t sectionLen = strlen(section);
     const size_t keyLen = key ? strlen(key) : 0;
     char line[kLineSize];
     long start = 0;
+    long next = 0;
     long sectionStart = -1;
     bool inSection = false;
     unsigned counted = 0;
-    while (ReadWholeLine(f.Get(), line, start)) {
-        long next = ftell(f.Get());
+    while (image.NextLine(line, start, next)) {
         if (line[0] == '\0' || line[0] == ';')
             continue;
         if (line[0] == '[') {
             if (inSection) {
                 // The wanted section ends at this header.
                 if (key != nullptr && value != nullptr)
-                    return WriteLines(f.Get(), start, start, key, value, false);
+                    return image.WriteLines(start, start, key, value, false);
                 if (key == nullptr)
-                    return WriteLines(f.Get(), sectionStart, start, nullptr, nullptr, false);
+                    return image.WriteLines(sectionStart, start, nullptr, nullptr, false);
                 return false;
             }
             if (strncmp(line + 1, section, sectionLen) == 0 && line[1 + sectionLen] == ']') {
@@ -181,22 +184,19 @@ bool WriteProfile(const char* section, const char* key, const char* value, const
         if (len == keyLen && memcmp(line, key, len) == 0) {
             // The blank line that follows a header written by this function
             // stands before the first key; a rewrite of that key keeps one.
-            return WriteLines(f.Get(), start, next, key, value, counted == 1);
+            return image.WriteLines(start, next, key, value, counted == 1);
         }
     }
     if (inSection) {
-        if (key == nullptr) {
-            if (fflush(f.Get()) != 0)
-                return false;
-            return ftruncate(fileno(f.Get()), sectionStart) == 0;
-        }
+        if (key == nullptr)
+            return ftruncate(fd.Get(), sectionStart) == 0;
         if (value == nullptr)
             return false;
-        return AppendText(f.Get(), std::string(key) + "=" + value + "\n");
+        return image.Append(std::string(key) + "=" + value + "\n");
     }
     if (key == nullptr || value == nullptr)
         return false;
-    return AppendText(f.Get(), std::string("\n[") + section + "]\n\n" + key + "=" + value + "\n");
+    return image.Append(std::string("\n[") + section + "]\n\n" + key + "=" + value + "\n");
 }
 
 } // namespace

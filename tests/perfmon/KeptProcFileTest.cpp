@@ -1,0 +1,80 @@
+// Proc files read through a kept descriptor: the lines of a fresh read, the
+// current text at every read, a replaced file anew, a forked child's "self".
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "perfmon/PerfMonPaths.h"
+#include "perfmon/ProcParse.h"
+#include "support/FakeProc.h"
+
+using namespace perfmon;
+
+namespace {
+
+std::vector<std::string> LinesOf(CProcLineReader& reader)
+{
+    std::vector<std::string> lines;
+    for (std::string line; reader.Next(line);)
+        lines.push_back(line);
+    return lines;
+}
+
+// The "Threads:" line of the own status file, read through `kept`.
+std::string ThreadsLine(CKeptProcFile& kept)
+{
+    EXPECT_TRUE(kept.Read("/proc/self/status"));
+    const std::string text(kept.Text());
+    const size_t at = text.find("Threads:");
+    return at == std::string::npos ? "" : text.substr(at, text.find('\n', at) - at);
+}
+
+TEST(CKeptProcFile, ReadsAsAFreshReadDoesAndSeesEveryChange)
+{
+    testsupport::FakeProc dir;
+    std::string big;
+    while (big.size() <= kMaxTextFile)
+        big += std::string(99, 'a') + "\n";
+    // Short, beyond the first buffer, beyond the cap.
+    const std::string kFiles[] = {"one\n\nlast line without newline",
+                                  std::string(3 * kMaxLineLength, '7') + "\n" + std::string(40000, 'b'), big};
+    CKeptProcFile kept;
+    for (const std::string& text : kFiles) {
+        dir.Write("f", text);
+        CProcLineReader fresh, through;
+        ASSERT_TRUE(fresh.Open(dir.Path("f")) && through.Open(kept, dir.Path("f")));
+        EXPECT_TRUE(LinesOf(through) == LinesOf(fresh));
+    }
+    // A captured tree's file replaced between two reads is read anew.
+    dir.Write("f", "replaced\n");
+    ASSERT_TRUE(kept.Read(dir.Path("f")));
+    EXPECT_EQ(kept.Text(), "replaced\n");
+    EXPECT_FALSE(kept.Read(dir.Path("absent")));
+    EXPECT_TRUE(errno == ENOENT && kept.Text().empty());
+
+    // A kept proc file shows the figures of the moment it is read.
+    CKeptProcFile status;
+    const std::string before = ThreadsLine(status);
+    std::string during;
+    std::thread([&] { during = ThreadsLine(status); }).join();
+    EXPECT_NE(before, "");
+    EXPECT_NE(during, before);
+
+    // A forked child reads its own "self", not its parent's.
+    CKeptProcFile self;
+    ASSERT_TRUE(self.Read("/proc/self/stat"));
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(self.Read("/proc/self/stat") && atoi(std::string(self.Text()).c_str()) == getpid() ? 0 : 1);
+    ASSERT_GT(child, 0);
+    int st = 0;
+    EXPECT_TRUE(waitpid(child, &st, 0) == child && WIFEXITED(st) && WEXITSTATUS(st) == 0);
+}
+
+} // namespace
