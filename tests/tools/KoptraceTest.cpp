@@ -94,11 +94,6 @@ TEST_F(KoptraceTest, ProgramFilesInTimeOrderAcrossGzipAndWrappedRing)
     ASSERT_TRUE(tooltest::HasMembers(newest, R"({"name": "testprog"})"));
     EXPECT_EQ(newest->at("time").get<std::string>().size(), 23u);
     EXPECT_TRUE(newest->at("memory_kb").is_number());  // memory column on by default
-
-    // Human form: the entry lines themselves.
-    auto r = tooltest::Run(kTool, {"--dir", m_Dir.Path(), "testprog"});
-    ASSERT_TRUE(r.Exited(0)) << r.err;
-    EXPECT_NE(r.out.find(" wrap entry 0299\n"), std::string::npos);
 }
 
 TEST_F(KoptraceTest, ThreadAndNameFilters)
@@ -112,10 +107,6 @@ TEST_F(KoptraceTest, ThreadAndNameFilters)
     const std::string thread = own->at("thread");
     ASSERT_EQ(thread.size(), 8u);
     EXPECT_EQ(Texts(JsonOf({"--json", "--name", "othermod", ring})), std::vector<std::string>{"client entry"});
-    // As the README shows it: a program's own entries carry its name.
-    const auto ownTexts = Texts(JsonOf({"--dir", m_Dir.Path(), "--json", "testprog", "--name", "testprog"}));
-    EXPECT_TRUE(Contains(ownTexts, "own entry"));
-    EXPECT_FALSE(Contains(ownTexts, "client entry"));
     auto texts = Texts(JsonOf({"--json", "--thread", thread, "--name", "testprog", ring}));
     EXPECT_TRUE(Contains(texts, "own entry"));
     EXPECT_FALSE(Contains(texts, "client entry"));
