@@ -56,6 +56,7 @@ TEST_F(CRegistryMalformedTest, EachLineReadsAsExpected)
     } const cases[] = {
         {"binary, one odd digit", "x=b=a", "x=b=0a \n"},
         {"binary, three digits in one group", "x=b=abc", "x=b=bc \n"},
+        {"binary, single digits with blanks", "x=b=1 2 3", "x=b=01 02 03 \n"},
         {"binary, no hex digit", "x=b=zz", "x=b=\n"},
         {"binary, digits then garbage", "x=b=0a zz 0b", "x=b=0a \n"},
         {"binary, more bytes than its capacity", "x=b=1 2 3 4 5 6 7 8 9", "x=b=01 02 03 04 05 06 07 \n"},
@@ -74,6 +75,7 @@ TEST_F(CRegistryMalformedTest, EachLineReadsAsExpected)
         {"unknown tag", "x=q=1", ""},
         {"no equals sign", "x", ""},
         {"string keeps a carriage return", "x=s=abc\r", "x=s=abc\r\n"},
+        {"string keeps blanks", "x=s= a b ", "x=s= a b \n"},
         {"expandable string kept unexpanded", "x=es=%HOME%", "x=es=%HOME%\n"},
         {"name with blanks", " x =s=1", " x =s=1\n"},
         {"empty name", "=s=v", "=s=v\n"},
