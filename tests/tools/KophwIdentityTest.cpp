@@ -29,11 +29,7 @@ struct IdentityRoot {
     {
         std::vector<std::string> all = {"--json", "--root", root.Path("")};
         all.insert(all.end(), args.begin(), args.end());
-        auto r = tooltest::Run(kTool, all);
-        EXPECT_TRUE(r.Exited(status)) << r.exitCode << " " << r.err;
-        json j = tooltest::ParseOutput(r.out);
-        EXPECT_FALSE(j.is_discarded()) << r.out.substr(0, 500);
-        return j;
+        return tooltest::RunJson(kTool, all, status);
     }
     hwtest::FakeRoot root;
 };
@@ -47,9 +43,7 @@ TEST(KophwIdentity, IdentityAndSlotsInJsonAndText)
     const json& id = j.at("smbios").at("identity");
     EXPECT_TRUE(tooltest::HasMembers(&id.at("system"), R"({"manufacturer": "Dell Inc."})")) << id.at("system");
     EXPECT_TRUE(id.at("bios").at("vendor").is_string() && id.at("bios").at("rom_size_bytes").is_number());
-    ASSERT_FALSE(id.at("processors").empty());
-    ASSERT_FALSE(id.at("memory_devices").empty());
-    EXPECT_TRUE(id.at("memory_devices")[0].contains("size_bytes"));
+    EXPECT_TRUE(id.at("memory_devices").at(0).contains("size_bytes"));
     // Empty slots (segment 0xFFFF, bus 0xFF) have no address; each slot has its ID and width.
     size_t empty = 0;
     for (const json& slot : j.at("smbios").at("system_slots")) {

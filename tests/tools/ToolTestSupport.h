@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,6 +47,32 @@ inline ::testing::AssertionResult HasMembers(const json* object, const char* sub
         if (!object->contains(key) || object->at(key) != value)
             return ::testing::AssertionFailure() << "member " << key << " differs in " << *object;
     return ::testing::AssertionSuccess();
+}
+
+/// The output of `program` run with `args`, which must end with `status`,
+/// as strict JSON.
+inline json RunJson(const std::string& program, const std::vector<std::string>& args, int status = 0)
+{
+    RunResult r = Run(program, args);
+    EXPECT_TRUE(r.Exited(status)) << "status " << r.exitCode << " signal " << r.signal << " " << r.err;
+    json j = ParseOutput(r.out);
+    EXPECT_FALSE(j.is_discarded()) << r.out.substr(0, 1000);
+    return j;
+}
+
+/// A refused run: `status` and `message` on either output.  A failure prints
+/// no figures: with --json one document with an error member, else nothing.
+inline void ExpectRefused(const std::string& program, const std::vector<std::string>& args, int status,
+                          const std::string& message)
+{
+    RunResult r = Run(program, args);
+    EXPECT_TRUE(r.Exited(status)) << message << ": status " << r.exitCode << " signal " << r.signal;
+    EXPECT_NE((r.out + r.err).find(message), std::string::npos) << r.out << r.err;
+    if (std::find(args.begin(), args.end(), "--json") != args.end()) {
+        EXPECT_TRUE(ParseOutput(r.out).contains("error")) << r.out;
+    } else if (status != 0) {
+        EXPECT_EQ(r.out, "") << message;
+    }
 }
 
 /// Runs `program` as a user without privileges over the test's files: as

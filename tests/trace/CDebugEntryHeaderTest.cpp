@@ -109,23 +109,6 @@ TEST(CDebugTimeTextCache, MatchesStrftimeOverJumpsClockSetBackDaylightSavingAndO
     }
 }
 
-// The real statm file: one read serves a sample key, a new key (or none)
-// reads again.
-TEST(CResidentSize, IsReadOncePerSampleKey)
-{
-    CResidentSizeReader reader;
-    uint64_t first = 0, again = 0, fresh = 0, unkeyed = 0;
-    ASSERT_TRUE(reader.ReadKilobytes(first, 42));
-    const size_t size = 64u << 20;  // made resident: a new read must see it
-    std::unique_ptr<char[]> ballast(new char[size]);
-    memset(ballast.get(), 1, size);
-    ASSERT_TRUE(reader.ReadKilobytes(again, 42) && reader.ReadKilobytes(fresh, 43) && reader.ReadKilobytes(unkeyed));
-    EXPECT_EQ(again, first);
-    EXPECT_GE(fresh, first + 60000);
-    EXPECT_GE(unkeyed, first + 60000);
-    EXPECT_EQ(ballast[size - 1], 1);
-}
-
 // A switched /proc root is followed at once, malformed statm contents are
 // refused, and a forked child reads its own file, not the parent's.
 TEST(CResidentSize, FollowsProcRootRefusesMalformedStatmAndForkedChildReadsItsOwn)
