@@ -4,7 +4,6 @@
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/CSMBiosInternal.h"
-#include "hwinfo/SmbiosIdentity.h"
 #include "support/Firmware.h"
 
 using namespace hwtest;
@@ -20,87 +19,22 @@ CSMBios Walk(const Bytes& table, uint16_t expected = 0, bool* ok = nullptr)
     return (ok ? *ok = r : r), s;
 }
 
-std::string T(const SmbiosText& t) { return t.value_or(""); }
-template <typename Number>
-std::string N(const std::optional<Number>& n)
-{
-    return n ? std::to_string(*n) : "-";
-}
-
-/// The identity's fields as one text: BIOS and system; board and chassis;
-/// every processor; the memory devices (count, installed, total bytes, the
-/// first one's strings) and the arrays.
-std::string Summary(const SmbiosIdentity& id)
-{
-    const SmbiosBiosInfo& b = *id.bios;
-    const SmbiosSystemInfo& s = *id.system;
-    std::string t = T(b.vendor) + "|" + T(b.version) + "|" + T(b.releaseDate) + "|" + N(b.romSizeBytes) + "\n" +
-                    T(s.manufacturer) + "|" + T(s.productName) + "|" + T(s.serialNumber) + "|" + T(s.uuid) + "\n";
-    if (id.baseboard)
-        t += T(id.baseboard->manufacturer) + "|" + T(id.baseboard->productName) + "|";
-    t += T(id.chassis->manufacturer) + "|" + N(id.chassis->type) + "\n";
-    for (const SmbiosProcessorInfo& p : id.processors)
-        t += T(p.socket) + "|" + T(p.version) + "|" + N(p.maxSpeedMHz) + "|" + N(p.coreCount) + "\n";
-    uint64_t installed = 0, bytes = 0;
-    for (const SmbiosMemoryDeviceInfo& m : id.memoryDevices)
-        installed += m.installed, bytes += m.sizeBytes.value_or(0);
-    const SmbiosMemoryDeviceInfo& m = id.memoryDevices.at(0);
-    return t + std::to_string(id.memoryDevices.size()) + "|" + std::to_string(installed) + "|" +
-           std::to_string(bytes) + "|" + T(m.locator) + "|" + T(m.bankLocator) + "|" + T(m.partNumber) + "|" +
-           std::to_string(id.memoryArrays.size());
-}
-
 } // namespace
 
 // The real dumps with the figures of tests/fixtures/README.md; the slot
-// records are "bus.device.slot.type" in hex; the identity as one exact text
-// (checked against the dumps' raw bytes: strings, the UUID's byte order,
-// ROM, DIMM and extended sizes).
+// records are "bus.device.slot.type" in hex.
 TEST(SmbiosFixtures, EachDumpParsesThroughSysfs)
 {
-    struct Case { const char* name; int major, minor; size_t structures, type9, type41;
-                  const char *slots, *identity; } cases[] = {
-        {"supermicro-x10dal-i", 3, 0, 102, 5, 2, "1.0.1.b6 2.0.3.b6 3.0.5.b6 5.0.0.2 6.0.0.2",
-         "American Megatrends Inc.|2.0|12/18/2015|-\n"
-         "Supermicro|Super Server|0123456789|00000000-0000-0000-0000-0CC47A7939BA\n"
-         "Supermicro|X10DAL-i|Supermicro|17\n"
-         "CPU1|Intel(R) Xeon(R) CPU E5-2603 v3 @ 1.60GHz|4000|6\n"
-         "CPU2|Intel(R) Xeon(R) CPU E5-2603 v3 @ 1.60GHz|4000|6\n"
-         "8|1|17179869184|P1-DIMMA1|P0_Node0_Channel0_Dimm0|M393A2G40DB0-CPB   |2"},
-        {"dell-poweredge-r777sd", 3, 2, 77, 4, 6, "af.0.4.b1 18.0.0.2 18.0.0.2 19.0.0.2 19.0.0.2 3b.0.0.2 3.0.0.2",
-         "Dell Inc.|2.8.2|08/27/2020|33554432\n"
-         "Dell Inc.|PowerEdge R777sd|XXXXXXX|00112233-4455-6677-8899-AABBCCDDEEFF\n"
-         "Dell Inc.|088888|Dell Inc.|23\n"
-         "CPU1|Intel(R) Xeon(R) Gold 5120 CPU @ 2.20GHz|4000|14\n"
-         "CPU2|Intel(R) Xeon(R) Gold 5120 CPU @ 2.20GHz|4000|14\n"
-         "24|8|137438953472|A1||HMA42GR7MFR4N-TF|1"},
-        {"dell-precision-3620", 3, 0, 99, 5, 5, "1.0.1.b1 5.0.4.b0 2.0.5.17 0.2.0.2 0.13.0.2 0.1b.0.2 0.1f.0.2 0.1f.0.2",
-         "Dell Inc.|2.1.9|01/24/2017|-\n"
-         "Dell Inc.|Precision Tower 3620|7KNZBH2|4C4C4544-004B-4E10-805A-B7C04F424832\n"
-         "Dell Inc.|09WH54|Dell Inc.|3\n"
-         "U3E1|Intel(R) Xeon(R) CPU E3-1225 v5 @ 3.30GHz|4400|4\n"
-         "4|2|17179869184|DIMM1||HMA41GU6AFR8N-TF    |1"},
-        {"lenovo-thinkpad-2347a49", 2, 7, 69, 2, 0, "0.0.1.a5 0.0.2.1",
-         "LENOVO|G1ET45WW (1.20 )|08/07/2012|12582912\n"
-         "LENOVO|2347A49|PBKGNED|B4C3D881-5192-11CB-AA19-E6932635BC8B\n"
-         "LENOVO|2347A49|LENOVO|10\n"
-         "CPU Socket - U3E1|Intel(R) Core(TM) i5-3320M CPU @ 2.60GHz|2600|2\n"
-         "2|2|8589934592|ChannelA-DIMM0|BANK 0|HMT351S6CFR8C-PB  |1"},
+    struct Case { const char* name; int major, minor; size_t structures, type9, type41; const char* slots; } cases[] = {
+        {"supermicro-x10dal-i", 3, 0, 102, 5, 2, "1.0.1.b6 2.0.3.b6 3.0.5.b6 5.0.0.2 6.0.0.2"},
+        {"dell-poweredge-r777sd", 3, 2, 77, 4, 6, "af.0.4.b1 18.0.0.2 18.0.0.2 19.0.0.2 19.0.0.2 3b.0.0.2 3.0.0.2"},
+        {"dell-precision-3620", 3, 0, 99, 5, 5, "1.0.1.b1 5.0.4.b0 2.0.5.17 0.2.0.2 0.13.0.2 0.1b.0.2 0.1f.0.2 0.1f.0.2"},
+        {"lenovo-thinkpad-2347a49", 2, 7, 69, 2, 0, "0.0.1.a5 0.0.2.1"},
         {"beelink-eq12", 3, 5, 72, 5, 15,
          "0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.0.2 0.2.0.2 0.14.0.2 0.14.0.2 0.14.0.2 0.15.0.2 0.15.0.2 "
-         "0.16.0.2 0.17.0.2 0.1e.0.2 0.1e.0.2 0.1f.0.2 0.1f.0.2 0.1f.0.2 0.1f.0.2",
-         "American Megatrends International, LLC.|N95V106|12/15/2023|0\n"
-         "AZW|EQ|BN1004GH10075|03000200-0400-0500-0006-000700080009\n"
-         "AZW|EQ|Default string|3\n"
-         "U3E1|Intel(R) N100|3400|4\n"
-         "2|1|17179869184|Controller0-ChannelA-DIMM0|BANK 0|CT16G56C46S5.M8G1   |1"},
+         "0.16.0.2 0.17.0.2 0.1e.0.2 0.1e.0.2 0.1f.0.2 0.1f.0.2 0.1f.0.2 0.1f.0.2"},
         {"toshiba-satellite-pro-l70a", 2, 7, 69, 8, 1,
-         "0.1.1.aa 0.1c.2.a6 0.1c.3.a6 0.1c.4.a6 0.1c.5.a6 0.1c.6.a6 0.1c.7.a6 0.1c.8.aa 0.0.0.2",
-         "Insyde Corp.|1.60|04/18/2014|6815744\n"
-         "TOSHIBA|SATELLITE PRO L70-A|XD198915C|B560F4A0-4048-11E3-8B6A-089E01EE6336\n"
-         "Type2 - Board Vendor Name1|Type2 - Board Product Name1|OEM Chassis Manufacturer|10\n"
-         "U3E1|Intel(R) Core(TM) i5-4210M CPU @ 2.60GHz|2600|2\n"
-         "4|2|17179869184|DIMM0|BANK 0|16KTF1G64HZ-1G6E2 |1"},
+         "0.1.1.aa 0.1c.2.a6 0.1c.3.a6 0.1c.4.a6 0.1c.5.a6 0.1c.6.a6 0.1c.7.a6 0.1c.8.aa 0.0.0.2"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -120,7 +54,6 @@ TEST(SmbiosFixtures, EachDumpParsesThroughSysfs)
             got += item;
         }
         EXPECT_EQ(c.slots, got);
-        EXPECT_EQ(c.identity, Summary(DecodeSmbiosIdentity(smbios)));
         smbios.Disconnect();
         EXPECT_TRUE(smbios.GetData().IsEmpty() && smbios.GetStructures(9).empty() && smbios.GetMajor() == 0);
     }
