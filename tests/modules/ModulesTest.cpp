@@ -290,18 +290,13 @@ TEST_F(InventoryModuleTest, ChangesAreRecordedWhenTheNextScanIsDueAndOnlyTheLate
     EXPECT_TRUE(SubKeys(kChanges).empty());
     Run(Values({{"StartupDelaySeconds", "0"}}), 0, 3);  // no start-up delay: scanned at once
 
-    Names changes = SubKeys(kChanges);
-    ASSERT_EQ(changes, (Names{"0000000001", "0000000002", "0000000003", "0000000004", "0000000005"}));
+    // Which changes, each once (their details are the comparison's); the time is the scan's.
     std::set<std::string> seen;
-    for (const std::string& change : changes) {
-        std::string key = kChanges + "\\" + change, kind = TextOr(key, "Kind");
-        EXPECT_TRUE(std::regex_match(TextOr(key, "Time"), kTime));
-        EXPECT_NE(TextOr(key, "Detail"), "<none>");
-        EXPECT_TRUE(kind != "AdapterMoved" || TextOr(key, "Detail") == "slot 0 -> slot 5") << TextOr(key, "Detail");
-        seen.insert(kind + " " + TextOr(key, "Object"));
-    }
+    for (const std::string& change : SubKeys(kChanges))
+        seen.insert(TextOr(kChanges + "\\" + change, "Kind") + " " + TextOr(kChanges + "\\" + change, "Object"));
     EXPECT_EQ(seen, (std::set<std::string>{"AdapterRemoved 0000:00:05.0", "AdapterAdded 0000:00:07.0",
                                            "AdapterMoved 0000:00:02.0", "DriveRemoved vda", "VolumeRemoved /boot"}));
+    EXPECT_TRUE(std::regex_match(TextOr(kChanges + "\\0000000005", "Time"), kTime));
     EXPECT_EQ(NumberOr(kInv, "LastChange", 0), 5u);
 
     // The stored inventory is the new one.
