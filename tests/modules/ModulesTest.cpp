@@ -321,8 +321,9 @@ TEST_F(InventoryModuleTest, ChangesAreRecordedWhenTheNextScanIsDueAndOnlyTheLate
 
     // Which changes, each once (their details are the comparison's); the time is the scan's.
     const Names changes = ChangeNames();
-    EXPECT_EQ(std::set<std::string>(changes.begin(), changes.end()), (std::set<std::string>{"AdapterRemoved 0000:00:05.0", "AdapterAdded 0000:00:07.0",
-                                           "AdapterMoved 0000:00:02.0", "DriveRemoved vda", "VolumeRemoved /boot"}));
+    EXPECT_EQ(std::set<std::string>(changes.begin(), changes.end()),
+              (std::set<std::string>{"AdapterRemoved 0000:00:05.0", "AdapterAdded 0000:00:07.0",
+                                     "AdapterMoved 0000:00:02.0", "DriveRemoved vda", "VolumeRemoved /boot"}));
     EXPECT_TRUE(std::regex_match(TextOr(kChanges + "\\0000000005", "Time"), kTime));
     EXPECT_EQ(NumberOr(kInv, "LastChange", 0), 5u);
 
