@@ -7,7 +7,6 @@
 #include <syslog.h>
 
 #include "KopdTestSupport.h"
-#include "modules/ModuleTestSupport.h"
 #include "support/ChildProcess.h"
 #include "trace/CDebugInternal.h"
 
@@ -37,32 +36,6 @@ protected:
         ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
     }
 };
-
-TEST_F(ModulesEndToEndTest, InventoryAndUsageReachTheRegistryAndSigtermStopsEverything)
-{
-    const std::string snap = m_Dir.Sub("snap"), proc = m_Dir.Sub("proc"), mods = m_Dir.Sub("mods");
-    modtest::MakeSnapshot(snap);
-    modtest::MakeProc(proc);
-    ASSERT_TRUE(WriteFile(mods + "/inventory.conf", "[Module]\nLibrary=" TEST_INVENTORY_MODULE "\nOrder=20\nRoot=" +
-                                                        snap + "\nRescanSeconds=3600\nVolumeCheckSeconds=3600\n"));
-    ASSERT_TRUE(WriteFile(mods + "/perf.conf", "[Module]\nLibrary=" TEST_PERF_MODULE "\nOrder=30\nProcRoot=" + proc +
-                                                   "\nPeriodMs=200\n"));
-    pid_t pid = Start({"-n"}, {"TARVD_MODULES_DIR=" + mods}, TEST_FRAMEWORK_DIR);
-    ASSERT_TRUE(WaitFor([&] {
-        std::string r = Registry();
-        return Contains(r, "[Inventory]") && Contains(r, "ScanCount=d=1\n") && Contains(r, "[Memory]") &&
-               Contains(r, "CurrentUsage=d=75\n") && Contains(r, "Name=s=br0\n");
-    })) << Output() << Registry();
-    EXPECT_EQ(WaitPidFile(), pid);
-    ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
-    for (const char* section : {"[0000:00:02.0]\n", "[%2Fsrv%2Fdata dir]\n", "[Processes]\n"})
-        EXPECT_TRUE(Contains(Registry(), section)) << section << Registry();
-
-    ExpectTraced({"InventoryModule     : started", "PerfModule          : started",
-                  "InventoryModule     : notified: daemon is stopping",
-                  "InventoryModule     : stopped after 1 full scan(s)", "PerfModule          : stopped after",
-                  "KOPD-MAIN: ## EXIT PROCESS KOPD ##"});
-}
 
 // A trace directory that cannot be written is reported on standard error,
 // and the daemon runs on; the shipped sample files switch tracing on.

@@ -2,6 +2,8 @@
 // inventories and its registry form; then the inventory and performance
 // modules, loaded like the framework loads them, run against a machine
 // snapshot or a made-up proc root with the registry in a temporary directory.
+// The machine identity comes from the snapshot's SMBIOS table: each change of
+// it (a BIOS update, a memory module out and back) is recorded exactly once.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -31,6 +33,7 @@ const std::string kAdapters = kInv + "\\Adapters\\";
 const std::string kDrives = kInv + "\\Drives\\";
 const std::string kVolumes = kInv + "\\Volumes\\";
 const std::string kChanges = kInv + "\\Changes";
+const std::string kIdentity = kInv + "\\Identity\\";
 const std::regex kTime(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)");
 using Names = std::vector<std::string>;
 
@@ -46,6 +49,32 @@ Names Kinds(const std::vector<Change>& changes)
     Names out;
     for (const Change& c : changes)
         out.push_back(std::string(ChangeKindName(c.kind)) + " " + c.object);
+    return out;
+}
+
+/// Offset of the first structure of `type` with a formatted field at `field`, and of its strings.
+std::pair<size_t, size_t> Find(const std::string& t, uint8_t type, uint8_t field)
+{
+    size_t pos = 0;
+    while (pos + 4 <= t.size()) {
+        size_t strings = pos + static_cast<uint8_t>(t[pos + 1]);
+        size_t next = t.find(std::string("\0\0", 2), strings);
+        // A memory device counts only when it holds a module (size word non-zero).
+        bool holds = type != 17 || t[pos + 0x0C] != 0 || t[pos + 0x0D] != 0;
+        if (static_cast<uint8_t>(t[pos]) == type && static_cast<uint8_t>(t[pos + 1]) > field && holds)
+            return {pos, strings};
+        pos = next + 2;
+    }
+    ADD_FAILURE() << "no structure of type " << int(type);
+    return {0, 0};
+}
+
+/// The recorded changes, oldest first: kind and object.
+Names ChangeNames()
+{
+    Names out;
+    for (const std::string& c : SubKeys(kChanges))
+        out.push_back(TextOr(kChanges + "\\" + c, "Kind") + " " + TextOr(kChanges + "\\" + c, "Object"));
     return out;
 }
 
@@ -290,18 +319,12 @@ TEST_F(InventoryModuleTest, ChangesAreRecordedWhenTheNextScanIsDueAndOnlyTheLate
     EXPECT_TRUE(SubKeys(kChanges).empty());
     Run(Values({{"StartupDelaySeconds", "0"}}), 0, 3);  // no start-up delay: scanned at once
 
-    Names changes = SubKeys(kChanges);
-    ASSERT_EQ(changes, (Names{"0000000001", "0000000002", "0000000003", "0000000004", "0000000005"}));
-    std::set<std::string> seen;
-    for (const std::string& change : changes) {
-        std::string key = kChanges + "\\" + change, kind = TextOr(key, "Kind");
-        EXPECT_TRUE(std::regex_match(TextOr(key, "Time"), kTime));
-        EXPECT_NE(TextOr(key, "Detail"), "<none>");
-        EXPECT_TRUE(kind != "AdapterMoved" || TextOr(key, "Detail") == "slot 0 -> slot 5") << TextOr(key, "Detail");
-        seen.insert(kind + " " + TextOr(key, "Object"));
-    }
-    EXPECT_EQ(seen, (std::set<std::string>{"AdapterRemoved 0000:00:05.0", "AdapterAdded 0000:00:07.0",
-                                           "AdapterMoved 0000:00:02.0", "DriveRemoved vda", "VolumeRemoved /boot"}));
+    // Which changes, each once (their details are the comparison's); the time is the scan's.
+    const Names changes = ChangeNames();
+    EXPECT_EQ(std::set<std::string>(changes.begin(), changes.end()),
+              (std::set<std::string>{"AdapterRemoved 0000:00:05.0", "AdapterAdded 0000:00:07.0",
+                                     "AdapterMoved 0000:00:02.0", "DriveRemoved vda", "VolumeRemoved /boot"}));
+    EXPECT_TRUE(std::regex_match(TextOr(kChanges + "\\0000000005", "Time"), kTime));
     EXPECT_EQ(NumberOr(kInv, "LastChange", 0), 5u);
 
     // The stored inventory is the new one.
@@ -319,6 +342,49 @@ TEST_F(InventoryModuleTest, ChangesAreRecordedWhenTheNextScanIsDueAndOnlyTheLate
     Run(Values({{"Root", empty.Path()}}), TARVD_FLAG_FORCE_RESCAN, 5);
     for (const char* count : {"AdapterCount", "DriveCount", "VolumeCount"})
         EXPECT_EQ(NumberOr(kInv, count, 7), 0u) << count;
+}
+
+TEST_F(InventoryModuleTest, IdentityPublishedAndEachChangeRecordedOnce)
+{
+    Run(Values(), TARVD_FLAG_FORCE_RESCAN, 1);
+    EXPECT_EQ(TextOr(kIdentity + "System", "Manufacturer"), "Dell Inc.");
+    EXPECT_EQ(TextOr(kIdentity + "Chassis", "TypeName"), "Desktop") << TextOr(kIdentity + "Chassis", "Type");
+    const std::string version = TextOr(kIdentity + "BIOS", "Version");
+    ASSERT_FALSE(version.empty());
+    EXPECT_TRUE(SubKeys(kChanges).empty());  // the first identity is taken as it is
+
+    // A BIOS update (the last character of the version string) and a module taken out.
+    std::string dmi = ReadFile(m_Root.Path() + hwinfo::kSysfsSmbiosTable);
+    auto [bios, biosStrings] = Find(dmi, 0, 0x05);
+    size_t at = dmi.find(version, biosStrings) + version.size() - 1;
+    dmi[at] = dmi[at] == 'X' ? 'Y' : 'X';
+    auto [dimm, dimmStrings] = Find(dmi, 17, 0x0D);
+    const std::string size = dmi.substr(dimm + 0x0C, 2);
+    dmi[dimm + 0x0C] = dmi[dimm + 0x0D] = 0;
+    std::string memoryKey;
+    for (const std::string& key : SubKeys(kInv + "\\Identity"))
+        if (key.rfind("Memory ", 0) == 0 && NumberOr(kIdentity + key, "Installed", 0) && memoryKey.empty())
+            memoryKey = key;
+    WriteFile(m_Root.Path() + hwinfo::kSysfsSmbiosTable, dmi);
+    Run(Values(), TARVD_FLAG_FORCE_RESCAN, 2);
+    const Names two = {"IdentityChanged BIOS", "MemoryRemoved " + memoryKey};
+    EXPECT_EQ(ChangeNames(), two);
+    EXPECT_NE(TextOr(kChanges + "\\0000000001", "Detail").find("Version: " + version + " -> "), std::string::npos);
+    Run(Values(), TARVD_FLAG_FORCE_RESCAN, 3);  // nothing new: nothing recorded again
+    EXPECT_EQ(ChangeNames(), two);
+
+    // The module is back; then a table without an identity leaves the stored one.
+    dmi.replace(dimm + 0x0C, 2, size);
+    WriteFile(m_Root.Path() + hwinfo::kSysfsSmbiosTable, dmi);
+    Run(Values(), TARVD_FLAG_FORCE_RESCAN, 4);
+    EXPECT_EQ(ChangeNames().back(), "MemoryAdded " + memoryKey);
+    WriteFile(m_Root.Path() + hwinfo::kSysfsSmbiosTable, std::string(64, '\x7f'));
+    Run(Values(), TARVD_FLAG_FORCE_RESCAN, 5);
+    const Names changes = ChangeNames();
+    ASSERT_GE(changes.size(), 3u);
+    for (size_t i = 3; i < changes.size(); ++i)  // the slots the table gave go; the identity stays
+        EXPECT_EQ(changes[i].rfind("Adapter", 0), 0u) << changes[i];
+    EXPECT_EQ(NumberOr(kIdentity + memoryKey, "Installed", 0), 1u);
 }
 
 namespace {

@@ -71,33 +71,30 @@ protected:
 
 TEST_F(ReadinessTest, ReadyOnlyAfterInitialisationStoppingAtStopAndNothingWhenForking)
 {
-    // The abstract namespace belongs to the network namespace, which the
-    // mount namespace shares.
-    for (const std::string& address : {m_Dir.Sub("notify"), UniqueAbstractName()}) {
-        DatagramSink manager(address);
-        ASSERT_TRUE(manager.bound);
-        pid_t pid = Start({"-n"}, {"NOTIFY_SOCKET=" + address});
-        // The moment READY arrives the daemon has written its last start-up line.
-        ASSERT_EQ(manager.Receive(60000), "READY=1") << Output();
-        std::string log = Log();
-        EXPECT_TRUE(Contains(log, "KOPD-MAIN: ## Done initializing ##")) << log;
-        EXPECT_FALSE(Contains(log, "Someone signaled exit state"));
-        EXPECT_EQ(manager.Receive(200), "");  // nothing else while it runs
+    // (Abstract addresses: the unit case above.)
+    DatagramSink manager(m_Dir.Sub("notify"));
+    ASSERT_TRUE(manager.bound);
+    pid_t pid = Start({"-n"}, {"NOTIFY_SOCKET=" + m_Dir.Sub("notify")});
+    // The moment READY arrives the daemon has written its last start-up line.
+    ASSERT_EQ(manager.Receive(60000), "READY=1") << Output();
+    std::string log = Log();
+    EXPECT_TRUE(Contains(log, "KOPD-MAIN: ## Done initializing ##")) << log;
+    EXPECT_FALSE(Contains(log, "Someone signaled exit state"));
+    EXPECT_EQ(manager.Receive(200), "");  // nothing else while it runs
 
-        ASSERT_EQ(kill(pid, SIGTERM), 0);
-        EXPECT_EQ(manager.Receive(60000), "STOPPING=1");
-        EXPECT_TRUE(Contains(Log(), "## Someone signaled exit state ##")) << Log();
-        EXPECT_EQ(WaitExit(pid), 0) << Output();
-        EXPECT_EQ(manager.Receive(200), "");
-    }
+    ASSERT_EQ(kill(pid, SIGTERM), 0);
+    EXPECT_EQ(manager.Receive(60000), "STOPPING=1");
+    EXPECT_TRUE(Contains(Log(), "## Someone signaled exit state ##")) << Log();
+    EXPECT_EQ(WaitExit(pid), 0) << Output();
+    EXPECT_EQ(manager.Receive(200), "");
     // Without -n the daemon forks and is not the process the manager
     // started: it must keep quiet, also past the end of its start-up.
-    DatagramSink manager(m_Dir.Sub("forking"));
-    ASSERT_TRUE(manager.bound);
+    DatagramSink forking(m_Dir.Sub("forking"));
+    ASSERT_TRUE(forking.bound);
     EXPECT_EQ(WaitExit(Start({}, {"NOTIFY_SOCKET=" + m_Dir.Sub("forking")})), 0) << Output();
-    pid_t pid = WaitPidFile();
+    pid = WaitPidFile();
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(WaitFor([&] { return Contains(Log(), "KOPD-MAIN: ## Done initializing ##"); })) << Log();
     ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
-    EXPECT_EQ(manager.Receive(100), "");
+    EXPECT_EQ(forking.Receive(100), "");
 }

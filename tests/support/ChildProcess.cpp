@@ -1,5 +1,7 @@
 #include "support/ChildProcess.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -149,6 +151,13 @@ int Shell(const std::string& script, std::string* output, std::chrono::seconds t
     if (output)
         *output = r.out + r.err;
     return r.signal == 0 && !r.timedOut ? r.exitCode : -1;
+}
+
+std::string ShellOk(const std::string& script)
+{
+    std::string out;
+    EXPECT_EQ(Shell(script, &out), 0) << script << "\n" << out;
+    return out;
 }
 
 } // namespace testsupport

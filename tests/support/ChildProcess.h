@@ -31,6 +31,8 @@ std::string Quote(const std::string& s);
 /// `output`: the exit status, or -1 when the shell did not exit.
 int Shell(const std::string& script, std::string* output = nullptr,
           std::chrono::seconds timeout = std::chrono::seconds(300));
+/// Shell that must succeed (a test failure naming the script otherwise): its output.
+std::string ShellOk(const std::string& script);
 
 /// A child whose output is read while it runs; killed if still running at destruction.
 class Child {

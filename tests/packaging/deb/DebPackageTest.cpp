@@ -23,13 +23,6 @@ protected:
         ASSERT_FALSE(m_Deb.empty()) << "no package in " TEST_DEB_DIR " (the packaging_build_deb test makes it)";
     }
 
-    static std::string Ok(const std::string& cmd)
-    {
-        std::string out;
-        EXPECT_EQ(Shell(cmd, &out), 0) << cmd << "\n" << out;
-        return out;
-    }
-
     std::string m_Deb;
 };
 
@@ -37,8 +30,8 @@ protected:
 
 TEST_F(DebPackage, ControlDataNamesDependenciesAndScripts)
 {
-    std::string info = Ok("dpkg-deb --info " + Quote(m_Deb));
-    std::string depends = Ok("dpkg-deb --field " + Quote(m_Deb) + " Depends");
+    std::string info = ShellOk("dpkg-deb --info " + Quote(m_Deb));
+    std::string depends = ShellOk("dpkg-deb --field " + Quote(m_Deb) + " Depends");
     for (const char* field : {"Package: tarvd\n", "Version: " TEST_PROJECT_VERSION, "Architecture: amd64\n",
                               " postinst", " prerm", " postrm", " conffiles", " shlibs", " triggers",
                               "Maintainer: tarvd maintainers <tarvd@example.org>\n"})
@@ -48,14 +41,14 @@ TEST_F(DebPackage, ControlDataNamesDependenciesAndScripts)
         EXPECT_TRUE(Contains(depends, dep)) << dep << " missing in: " << depends;
 
     TempDir dir;
-    Ok("dpkg-deb --control " + Quote(m_Deb) + " " + Quote(dir.Sub("control")));
+    ShellOk("dpkg-deb --control " + Quote(m_Deb) + " " + Quote(dir.Sub("control")));
     std::string conffiles = ReadFile(dir.Sub("control/conffiles"));
     EXPECT_TRUE(Contains(conffiles, TEST_MODULE_CONF_DIR "/example.conf\n")) << conffiles;
     // Every conffile is a module configuration file.
     for (const std::string& line : SplitLines(conffiles))
         EXPECT_EQ(line.rfind(TEST_MODULE_CONF_DIR "/", 0), 0u) << line;
     for (const char* script : {"postinst", "prerm", "postrm"})  // valid shell
-        Ok("sh -n " + Quote(dir.Sub(std::string("control/") + script)));
+        ShellOk("sh -n " + Quote(dir.Sub(std::string("control/") + script)));
     const std::string major = std::string(TEST_PROJECT_VERSION).substr(0, std::string(TEST_PROJECT_VERSION).find('.'));
     EXPECT_EQ(ReadFile(dir.Sub("control/shlibs")), "libtarvd " + major + " tarvd (>= " TEST_PROJECT_VERSION ")\n");
     EXPECT_EQ(ReadFile(dir.Sub("control/triggers")), "activate-noawait ldconfig\n");
@@ -92,7 +85,7 @@ TEST_F(DebPackage, ContentsFollowTheInstallLayout)
 {
     // The layout itself is InstallTest's: here the package holds what it
     // installs, owned by root, and nothing of the build tree.
-    std::string contents = Ok("dpkg-deb --contents " + Quote(m_Deb));
+    std::string contents = ShellOk("dpkg-deb --contents " + Quote(m_Deb));
     const std::string lib = TEST_INSTALL_LIBDIR;
     for (const std::string& path : std::vector<std::string>{
              TEST_INSTALL_SBINDIR "/kopd", lib + "/libtarvd.so.9", lib + "/tarvd/libswitch.so",
@@ -102,7 +95,7 @@ TEST_F(DebPackage, ContentsFollowTheInstallLayout)
         EXPECT_TRUE(Contains(contents, " ." + path + "\n") || Contains(contents, " ." + path + " -> ")) << path;
     EXPECT_FALSE(Contains(contents, TARVD_BINARY_DIR));
     const std::string conf = "tar -xOf - ." TEST_MODULE_CONF_DIR "/example.conf";
-    EXPECT_TRUE(Contains(Ok("dpkg-deb --fsys-tarfile " + Quote(m_Deb) + " | " + conf), "\nEnabled=0\n"));
+    EXPECT_TRUE(Contains(ShellOk("dpkg-deb --fsys-tarfile " + Quote(m_Deb) + " | " + conf), "\nEnabled=0\n"));
     for (const std::string& line : SplitLines(contents))
         EXPECT_TRUE(Contains(line, " root/root ")) << line;
 }
