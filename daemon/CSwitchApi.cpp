@@ -2,8 +2,28 @@
 
 #include <cerrno>
 #include <dlfcn.h>
+#include <string>
 
 #include "trace/CDebug.h"
+
+namespace {
+
+// The framework is a private plug-in in the agent's own library directory,
+// which the library's RUNPATH names.  A loader that interposes dlopen (the
+// sanitizer runtimes, some preloaded tools) becomes the "caller" whose
+// search path is used instead, so a bare name the search did not find is
+// tried in that directory once more.  The failure reported stays the
+// search's own.
+void* OpenPrivatePlugin([[maybe_unused]] const std::string& name)
+{
+#ifdef TARVD_PRIVATE_PLUGIN_DIR
+    if (name.find('/') == std::string::npos)
+        return dlopen((std::string(TARVD_PRIVATE_PLUGIN_DIR "/") + name).c_str(), RTLD_NOW | RTLD_GLOBAL);
+#endif
+    return nullptr;
+}
+
+}  // namespace
 
 CSwitchApi::CSwitchApi(const char* libraryName) : m_LibraryName(libraryName ? libraryName : SWITCH_LIBRARY_NAME) {}
 
@@ -19,10 +39,14 @@ bool CSwitchApi::LoadSwitch()
         m_hLibrary.Reset(dlopen(m_LibraryName.c_str(), RTLD_NOW | RTLD_GLOBAL));
         if (!m_hLibrary) {
             int err = errno;
-            const char* text = dlerror();
-            DBG_PRINT(1, "LoadLibrary: ## ERROR:  %s\n", text ? text : "");
-            m_LastError = static_cast<uint32_t>(err);
-            return m_pInterface != nullptr;
+            const char* error = dlerror();
+            const std::string text = error ? error : "";
+            m_hLibrary.Reset(OpenPrivatePlugin(m_LibraryName));
+            if (!m_hLibrary) {
+                DBG_PRINT(1, "LoadLibrary: ## ERROR:  %s\n", text.c_str());
+                m_LastError = static_cast<uint32_t>(err);
+                return m_pInterface != nullptr;
+            }
         }
     }
     m_pfnAddRef = reinterpret_cast<SW_AddRefFn>(dlsym(m_hLibrary.Get(), "SW_AddRef"));

@@ -29,11 +29,11 @@ std::vector<message> Split(const std::string& bytes, bool whole = true)
     return out;
 }
 
-std::string Le(uint32_t v, size_t n)
+std::string Le(uint64_t v, size_t n)
 {
     std::string s;
     for (size_t i = 0; i < n; ++i)
-        s.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+        s.push_back(static_cast<char>(i < 8 ? (v >> (8 * i)) & 0xFF : 0));
     return s;
 }
 
