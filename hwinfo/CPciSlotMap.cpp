@@ -131,8 +131,8 @@ bool FindRoutingTable(const CByteReader& r, size_t& off)
     return false;
 }
 
-// Size, version and checksum of the table at `off` (PCI IRQ Routing Table
-// specification); each failure traced.
+// Size, version and checksum of the "$PIR" IRQ routing table at `off`;
+// each failure traced.
 bool RoutingTableValid(const CByteReader& r, size_t off, size_t size)
 {
     uint16_t version = r.Le16Or(off + 4);

@@ -1,5 +1,5 @@
 // SMBIOS System Slots (type 9) records: decoding and the names of their
-// slot type and current usage codes (SMBIOS reference specification, 7.10).
+// slot type and current usage codes (as the SMBIOS standard numbers them).
 #pragma once
 
 #include <cstdint>
