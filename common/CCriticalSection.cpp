@@ -11,16 +11,22 @@ CCriticalSection::~CCriticalSection()
         return;
     // A thread that destroys the lock it holds releases it first.
     if (IsOwnedByCaller()) {
-        m_Count = 0;
-        m_Owner.store(0);
+        m_Count.store(0, std::memory_order_relaxed);
+        m_Owner.store(0, std::memory_order_relaxed);
         pthread_mutex_unlock(&m_Mutex);
     }
     pthread_mutex_destroy(&m_Mutex);
 }
 
+// The owner and the count are changed only by the thread that holds the
+// mutex, and a thread finds its own id in m_Owner exactly when it stored it
+// itself and has not cleared it since: relaxed accesses are enough (the
+// mutex orders everything else), and they spare the full fences that
+// sequentially consistent stores and read-modify-writes cost on every
+// Enter and Leave.
 bool CCriticalSection::IsOwnedByCaller() const
 {
-    pthread_t owner = m_Owner.load();
+    pthread_t owner = m_Owner.load(std::memory_order_relaxed);
     return owner != 0 && pthread_equal(owner, pthread_self());
 }
 
@@ -30,9 +36,9 @@ void CCriticalSection::Enter()
         return;
     if (!IsOwnedByCaller()) {
         pthread_mutex_lock(&m_Mutex);
-        m_Owner.store(pthread_self());
+        m_Owner.store(pthread_self(), std::memory_order_relaxed);
     }
-    ++m_Count;
+    m_Count.store(m_Count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 bool CCriticalSection::TryEnter()
@@ -42,9 +48,9 @@ bool CCriticalSection::TryEnter()
     if (!IsOwnedByCaller()) {
         if (pthread_mutex_trylock(&m_Mutex) != 0)
             return false;
-        m_Owner.store(pthread_self());
+        m_Owner.store(pthread_self(), std::memory_order_relaxed);
     }
-    ++m_Count;
+    m_Count.store(m_Count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return true;
 }
 
@@ -52,10 +58,11 @@ void CCriticalSection::Leave()
 {
     if (!m_Usable || !IsOwnedByCaller())
         return;
-    if (m_Count > 0)
-        --m_Count;
-    if (m_Count == 0) {
-        m_Owner.store(0);
+    unsigned count = m_Count.load(std::memory_order_relaxed);
+    if (count > 0)
+        m_Count.store(--count, std::memory_order_relaxed);
+    if (count == 0) {
+        m_Owner.store(0, std::memory_order_relaxed);
         pthread_mutex_unlock(&m_Mutex);
     }
 }
@@ -65,7 +72,7 @@ void CCriticalSection::CleanupHandlerForCritSecMutex(void* critSec)
     auto* cs = static_cast<CCriticalSection*>(critSec);
     if (cs == nullptr || !cs->m_Usable || !cs->IsOwnedByCaller())
         return;
-    cs->m_Count = 0;
-    cs->m_Owner.store(0);
+    cs->m_Count.store(0, std::memory_order_relaxed);
+    cs->m_Owner.store(0, std::memory_order_relaxed);
     pthread_mutex_unlock(&cs->m_Mutex);
 }

@@ -3,8 +3,10 @@
 // tracing at once wait for each other only while the bytes are placed.
 #include "trace/CDebugInternal.h"
 
+#include <atomic>
 #include <cstdio>
 #include <new>
+#include <string>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -12,30 +14,41 @@ using namespace tracedetail;
 
 namespace {
 
-// The header: "time [thread] name " or, with the memory column, "time
-// [thread] size KB !name ".  The time text and the resident size come from
-// the caches passed in: the trace's own under its lock, or the thread's own
-// on the unlocked path.
-int FormatHeader(char* buffer, size_t size, const char* column, bool memory, traceheader::CTimeTextCache& timeCache,
-                 CResidentSizeReader& residentSize)
-{
-    // Every entry pays for this: the time text is cached per second, and the
-    // resident size comes from a kept-open statm, read once per millisecond
-    // of time stamps (a /proc read costs about as much as writing a whole
-    // entry; entries printed with the same millisecond share the figure).
-    char timeText[traceheader::kTimeTextSize];
+// What one entry's header is made of besides the name: the time of the
+// entry and, with the memory column, the resident size.
+struct HeaderStamp {
     struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    timeCache.Format(tv, timeText);
+    uint64_t kilobytes = 0;
+};
 
+// Every entry pays for this: the resident size comes from a kept-open statm,
+// read once per millisecond of time stamps (a /proc read costs about as much
+// as writing a whole entry; entries printed with the same millisecond share
+// the figure).
+HeaderStamp TakeHeaderStamp(bool memory, CResidentSizeReader& residentSize)
+{
+    HeaderStamp stamp;
+    gettimeofday(&stamp.tv, nullptr);
+    if (memory) {
+        const int64_t millisecond = static_cast<int64_t>(stamp.tv.tv_sec) * 1000 + stamp.tv.tv_usec / 1000;
+        if (!residentSize.ReadKilobytes(stamp.kilobytes, millisecond))
+            tarvd::ReadProcStatusField(static_cast<uint32_t>(getpid()), kMemoryField, 1 /* kilobytes */,
+                                       stamp.kilobytes);
+    }
+    return stamp;
+}
+
+// The header: "time [thread] name " or, with the memory column, "time
+// [thread] size KB !name ".  The time text comes from the cache passed in
+// (cached per second): the trace's own under its lock, or the thread's own
+// on the unlocked path.
+int FormatHeader(char* buffer, size_t size, const char* column, bool memory, const HeaderStamp& stamp,
+                 traceheader::CTimeTextCache& timeCache)
+{
+    char timeText[traceheader::kTimeTextSize];
+    timeCache.Format(stamp.tv, timeText);
     const unsigned thread = static_cast<unsigned>(static_cast<uint32_t>(pthread_self()));
-    if (!memory)
-        return traceheader::FormatEntryHeader(buffer, size, timeText, thread, false, 0, column);
-    uint64_t kb = 0;
-    const int64_t millisecond = static_cast<int64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
-    if (!residentSize.ReadKilobytes(kb, millisecond))
-        tarvd::ReadProcStatusField(static_cast<uint32_t>(getpid()), kMemoryField, 1 /* kilobytes */, kb);
-    return traceheader::FormatEntryHeader(buffer, size, timeText, thread, true, kb, column);
+    return traceheader::FormatEntryHeader(buffer, size, timeText, thread, memory, stamp.kilobytes, column);
 }
 
 // The message behind a header of `h` bytes.  Returns the entry length (at
@@ -62,7 +75,37 @@ size_t AppendMessage(char* buffer, int h, const char* format, va_list args, int*
 struct ThreadEntry {
     traceheader::CTimeTextCache timeCache;
     CResidentSizeReader residentSize;
+    // The thread's copy of the program name, and the generation it is of.
+    std::string name;
+    uint64_t nameGeneration = 0;
+    // The header standing at the start of `text`: an entry with the same
+    // name, millisecond and memory figure reuses it (threads trace in
+    // bursts, and the header costs as much as a short message).
+    bool headerValid = false;
+    int headerLength = 0;
+    uint64_t headerGeneration = 0;
+    time_t headerSecond = 0;
+    long headerMillisecond = 0;
+    bool headerMemory = false;
+    uint64_t headerKilobytes = 0;
     char text[kEntryBufferSize];
+
+    bool HeaderMatches(const HeaderStamp& stamp, bool memory) const
+    {
+        return headerValid && headerGeneration == nameGeneration && headerSecond == stamp.tv.tv_sec &&
+               headerMillisecond == stamp.tv.tv_usec / 1000 && headerMemory == memory &&
+               (!memory || headerKilobytes == stamp.kilobytes);
+    }
+    void KeepHeader(const HeaderStamp& stamp, bool memory, int length)
+    {
+        headerValid = true;
+        headerLength = length;
+        headerGeneration = nameGeneration;
+        headerSecond = stamp.tv.tv_sec;
+        headerMillisecond = stamp.tv.tv_usec / 1000;
+        headerMemory = memory;
+        headerKilobytes = stamp.kilobytes;
+    }
 };
 thread_local ThreadEntry* t_entry __attribute__((tls_model("initial-exec"))) = nullptr;
 thread_local bool t_entryGone __attribute__((tls_model("initial-exec"))) = false;
@@ -87,12 +130,20 @@ ThreadEntry* ThisThreadsEntry()
     return t_entry;
 }
 
+std::atomic<uint64_t> g_nameGenerations{0};
+
 } // namespace
+
+uint64_t tracedetail::NextNameGeneration()
+{
+    return g_nameGenerations.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 int CDebug::Impl::SetEntryHeader(char* buffer, size_t size, const char* name)
 {
-    return FormatHeader(buffer, size, name ? name : programName.c_str(), settings.memoryTraces != 0, timeCache,
-                        residentSize);
+    const bool memory = settings.memoryTraces != 0;
+    return FormatHeader(buffer, size, name ? name : programName.c_str(), memory,
+                        TakeHeaderStamp(memory, residentSize), timeCache);
 }
 
 // Header and message into `buffer` (of kEntryBufferSize bytes).  Returns the
@@ -132,12 +183,18 @@ bool CDebug::Impl::PrintToRingUnlocked(unsigned level, const char* format, va_li
     if (!entryOfThread)
         return false;
     ThreadEntry& t = *entryOfThread;
+    if (t.nameGeneration != nameGeneration.load(std::memory_order_acquire))
+        CopyProgramName(t.name, t.nameGeneration);
     const bool memory = unlockedMemory.load(std::memory_order_relaxed);
     va_list again;
     va_copy(again, args);
-    int h = ClipHeaderLength(FormatHeader(t.text, kHeaderArea, programName.c_str(), memory, t.timeCache,
-                                          t.residentSize),
+    const HeaderStamp stamp = TakeHeaderStamp(memory, t.residentSize);
+    int h = t.headerLength;
+    if (!t.HeaderMatches(stamp, memory)) {
+        h = ClipHeaderLength(FormatHeader(t.text, kHeaderArea, t.name.c_str(), memory, stamp, t.timeCache),
                              kHeaderArea);
+        t.KeepHeader(stamp, memory, h);
+    }
     int full = 0;
     size_t len = AppendMessage(t.text, h, format, args, &full);
     // An oversized message is kept or cut by the locked path.
@@ -145,19 +202,28 @@ bool CDebug::Impl::PrintToRingUnlocked(unsigned level, const char* format, va_li
     if (whole)
         len = EndWithNewline(t.text, len);
     TRACE_LOCKED_BEGIN(this)
-    if (!whole || !WriteUnlockedEntry(level, memory, t.text, len))
+    if (!whole || !WriteUnlockedEntry(level, memory, t.nameGeneration, t.text, len))
         PrintFiltered(level, format, again);
     TRACE_LOCKED_END()
     va_end(again);
     return true;
 }
 
+// The program name and its generation, read under the lock.
+void CDebug::Impl::CopyProgramName(std::string& name, uint64_t& generation)
+{
+    TRACE_LOCKED_BEGIN(this)
+    name = programName;
+    generation = nameGeneration.load(std::memory_order_relaxed);
+    TRACE_LOCKED_END()
+}
+
 // Under the lock: places the entry when the settings it was formatted for
 // still hold.
-bool CDebug::Impl::WriteUnlockedEntry(unsigned level, bool memory, char* data, size_t len)
+bool CDebug::Impl::WriteUnlockedEntry(unsigned level, bool memory, uint64_t generation, char* data, size_t len)
 {
     if (target != TARGET_RINGBUFFER || !ring.IsOpen() || settings.dynamicInterval != 0 ||
-        (settings.memoryTraces != 0) != memory)
+        (settings.memoryTraces != 0) != memory || generation != nameGeneration.load(std::memory_order_relaxed))
         return false;
     if (level <= settings.level)
         ring.Write(data, len);

@@ -20,8 +20,10 @@ bool CDebug::Impl::ReadDebugConfig(const char* name)
 bool CDebug::Impl::Init(const char* name)
 {
     CloseAll();
-    if (name && *name)
+    if (name && *name) {
         programName = name;
+        nameGeneration.store(NextNameGeneration(), std::memory_order_release);
+    }
     pid = static_cast<int>(getpid());
     time_t now = time(nullptr);
     struct tm tmv;

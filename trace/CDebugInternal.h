@@ -61,6 +61,8 @@ constexpr uint32_t kUnset = 0xFFFFFFFFu;
 const char* SkipLeadingNewlines(const char* format);
 /// snprintf's result clipped to what stands in a buffer of `size` bytes.
 int ClipHeaderLength(int n, size_t size);
+/// A number no earlier call in this process returned (never 0).
+uint64_t NextNameGeneration();
 /// Appends a newline unless the entry already ends in one; `buffer` has room.
 size_t EndWithNewline(char* buffer, size_t len);
 /// Paths longer than the fixed buffers are cut (and then simply not found).
@@ -223,6 +225,12 @@ struct CDebug::Impl {
     std::atomic<bool> unlockedRing{false};
     std::atomic<uint64_t> unlockedLevel{0};
     std::atomic<bool> unlockedMemory{false};
+    // Which program name the unlocked path formats with: a number unique in
+    // the process for this object and its current name, renewed (under the
+    // lock) whenever the name changes.  A thread copies the name under the
+    // lock once per number, so it never reads the string while Init changes
+    // it, and an entry formatted with an old name is formatted anew.
+    std::atomic<uint64_t> nameGeneration;
 
     int pid = 0;
     int argc = 0;
@@ -256,7 +264,8 @@ struct CDebug::Impl {
     int SetEntryHeader(char* buffer, size_t size, const char* name);
     void PrintFiltered(unsigned level, const char* format, va_list args);
     bool PrintToRingUnlocked(unsigned level, const char* format, va_list args);
-    bool WriteUnlockedEntry(unsigned level, bool memory, char* data, size_t len);
+    void CopyProgramName(std::string& name, uint64_t& generation);
+    bool WriteUnlockedEntry(unsigned level, bool memory, uint64_t generation, char* data, size_t len);
     size_t FormatEntry(char* buffer, const char* format, va_list args, const char* name, int* fullLength);
     void TraceToLogFile(const char* format, va_list args, const char* name);
     void TraceToRingBuffer(const char* format, va_list args, const char* name);

@@ -1,6 +1,7 @@
 // Threads tracing into one wrapping ring: every entry whole, exactly once.
 #include "support/TraceEnv.h"
 
+#include <atomic>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -53,6 +54,45 @@ TEST_F(CDebugThreadsTest, EightThreadsIntoAWrappingRingGiveWholeEntriesNoneLostO
             ASSERT_EQ(numbers[i], numbers[i - 1] + 1) << "thread " << thread << " lost or repeated an entry";
         EXPECT_EQ(numbers.back(), kPerThread - 1) << "thread " << thread;
     }
+}
+
+// Threads keep tracing while the program is initialised again under other
+// names: every entry carries one of the names whole (a thread copies the
+// name under the lock, never while Init replaces it), and the entries written
+// after the last Init carry the last name.
+TEST_F(CDebugThreadsTest, RenamingWhileThreadsTraceGivesWholeNames)
+{
+    auto d = MakeTracing("3");
+    ASSERT_EQ(d->GetTarget(), CDebug::TARGET_RINGBUFFER);
+    const char* const names[] = {"alphaprog", "betaprogram"};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            while (!stop.load())
+                d->Print(3, "\nrenamethread entry");
+        });
+    for (int i = 0; i < 6; ++i)
+        d->Init(names[i % 2]);
+    stop = true;
+    for (auto& th : threads)
+        th.join();
+    d->Print(3, "\nrenamethread last");
+    size_t checked = 0;
+    for (const std::string& line : Lines(d->GetInitialRingPath())) {
+        // "time [thread] name " or, with the memory column, "... KB !name ".
+        size_t at = line.find("] ");
+        if (line.find("renamethread") == std::string::npos || at == std::string::npos)
+            continue;
+        at = line.find(" !", at) != std::string::npos ? line.find(" !", at) + 2 : at + 2;
+        const std::string name = line.substr(at, line.find(' ', at) - at);
+        ASSERT_TRUE(name == names[0] || name == names[1]) << line;
+        if (line.find("renamethread last") != std::string::npos) {
+            EXPECT_EQ(name, names[1]);
+        }
+        ++checked;
+    }
+    EXPECT_GT(checked, 0u);
 }
 
 } // namespace
