@@ -26,8 +26,10 @@ bool PlainHex(const char* p, long& value, const char*& end)
     // At most 15 digits: a long cannot overflow, so strtol's clamping never
     // comes into play on this path.
     constexpr ptrdiff_t kMaxPlainDigits = 15;
-    while (isspace(static_cast<unsigned char>(*p)))
-        ++p;
+    if (tarvd::HexDigitValue(*p) < 0) {
+        while (isspace(static_cast<unsigned char>(*p)))
+            ++p;
+    }
     if (*p == '0' && (p[1] == 'x' || p[1] == 'X'))
         return false;
     const char* q = p;
@@ -37,6 +39,24 @@ bool PlainHex(const char* p, long& value, const char*& end)
     value = static_cast<long>(v);
     end = q;
     return true;
+}
+
+/// A decimal number as strtol(p, &end, 10) reads it, for the plain form the
+/// writer produces (an optional '-' and at most 18 digits, no blanks): such
+/// a number cannot overflow a long.  Anything else goes to strtol itself.
+long ParseDecimal(const char* p, char*& end)
+{
+    constexpr ptrdiff_t kMaxPlainDigits = 18;
+    const bool negative = *p == '-';
+    const char* digits = p + (negative ? 1 : 0);
+    const char* q = digits;
+    uint64_t v = 0;
+    if (tarvd::ParseDigits(q, digits + strnlen(digits, kMaxPlainDigits + 1), v) && q - digits <= kMaxPlainDigits &&
+        !(*q >= '0' && *q <= '9')) {
+        end = const_cast<char*>(q);
+        return negative ? -static_cast<long>(v) : static_cast<long>(v);
+    }
+    return strtol(p, &end, 10);
 }
 
 /// Parses the hexadecimal byte list of a binary value.  The payload holds
@@ -110,7 +130,7 @@ bool RestoreValue(CRegistryNode& node, char* line)
     }
     if (strncmp(tag, "d=", 2) == 0) {
         char* end = nullptr;
-        long v = strtol(tag + 2, &end, 10);
+        long v = ParseDecimal(tag + 2, end);
         if (end != tag + 2) {
             CStrMap::Entry e{};
             e.payload.number = static_cast<uint32_t>(v);
