@@ -205,7 +205,7 @@ void InventoryLoop(InventoryState& st)
     }
     uint64_t nextVolumes = nextFull + s.volumeCheckMs;
     if (st.net)
-        st.net->Publish(true);
+        st.net->Publish();
     for (;;) {
         now = NowMs();
         if (!st.noNewWork.load()) {

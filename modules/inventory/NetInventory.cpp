@@ -172,18 +172,56 @@ void CNetInventory::Stop()
     m_Manager.remove_listener(m_Listener);
 }
 
-void CNetInventory::Publish(bool compareStored)
+void CNetInventory::Publish()
 {
     std::lock_guard<std::mutex> guard(m_RecordLock);
     CRegistry reg;
+    Baseline(reg);
+}
+
+/// The first publication of this start, the record lock held: what changed
+/// since the stored list is recorded, and the interfaces as they are now
+/// are what the events are measured against from here on.
+void CNetInventory::Baseline(CRegistry& reg)
+{
+    if (m_Baseline)
+        return;
     Category stored;
     // A list stored by a version without one is taken as it is.
-    bool haveStored = compareStored && ReadCategory(reg, net::kInterfacesKey, stored);
-    Category now = InterfaceCategory(m_Manager.interfaces(), m_Manager.addresses());
+    const bool haveStored = ReadCategory(reg, net::kInterfacesKey, stored);
+    const std::vector<libnetif::interface_record> interfaces = m_Manager.interfaces();
+    Category now = InterfaceCategory(interfaces, m_Manager.addresses());
     WriteCategory(reg, net::kInterfacesKey, now);
     if (haveStored)
         Write(reg, CompareInterfaces(stored, now));
+    m_Baseline.emplace();
+    for (const libnetif::interface_record& r : interfaces)
+        (*m_Baseline)[r.index] = r.mac;
     DBG_PRINT(3, "\nInventoryModule     : %zu network interface(s) published", now.size());
+}
+
+/// Whether event `e` is news to the baseline (and takes it in).  The
+/// baseline may already hold the outcome of an event still on its way:
+/// the comparison with the stored list recorded that one, or (on a first
+/// start) it is part of the inventory taken as it is.
+bool CNetInventory::News(const libnetif::netif_event& e)
+{
+    auto& known = *m_Baseline;
+    const int index = e.iface.index;
+    switch (e.kind) {
+    case event_kind::interface_added:
+        return known.emplace(index, e.iface.mac).second;
+    case event_kind::interface_removed:
+        return known.erase(index) != 0;
+    case event_kind::mac_changed: {
+        auto [it, added] = known.emplace(index, e.iface.mac);
+        const bool news = added || it->second != e.iface.mac;
+        it->second = e.iface.mac;
+        return news;
+    }
+    default:
+        return true;  // kinds the comparison with the stored list never records
+    }
 }
 
 /// Called on the manager's thread: the key shows the state as it is now
@@ -193,8 +231,10 @@ void CNetInventory::OnEvent(const libnetif::netif_event& e)
     std::optional<Change> change = ChangeOfEvent(e);
     std::lock_guard<std::mutex> guard(m_RecordLock);
     CRegistry reg;
+    Baseline(reg);
+    const bool news = News(e);
     WriteCategory(reg, net::kInterfacesKey, InterfaceCategory(m_Manager.interfaces(), m_Manager.addresses()));
-    if (change)
+    if (change && news)
         Write(reg, {*change});
 }
 

@@ -5,8 +5,10 @@
 #pragma once
 
 #include <atomic>
+#include <map>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "modules/inventory/InventoryModel.h"
@@ -41,21 +43,28 @@ public:
 
     /// Starts watching; false (reported) when netlink cannot be had.
     bool Start();
-    /// Writes the current interfaces; `compareStored`: also records what
-    /// changed since the stored list (the first publication after a start).
-    void Publish(bool compareStored);
+    /// The first publication after a start (unless a change came first and
+    /// made it): writes the current interfaces and records what changed
+    /// since the stored list, each change once also when its notification
+    /// is still on its way.
+    void Publish();
     /// Stops the notification thread; no listener call runs after it.
     void Stop();
     unsigned Recorded() const { return m_Recorded.load(); }
 
 private:
     void OnEvent(const libnetif::netif_event& e);
+    void Baseline(CRegistry& reg);
+    bool News(const libnetif::netif_event& e);
     void Write(CRegistry& reg, const std::vector<Change>& changes);
 
     std::mutex& m_RecordLock;
     unsigned m_Keep;
     libnetif::network_interface_manager m_Manager;
     int m_Listener = 0;
+    /// MAC by interface index, as of the first publication and the events
+    /// taken in since; empty until then.
+    std::optional<std::map<int, std::string>> m_Baseline;
     std::atomic<unsigned> m_Recorded{0};
 };
 
