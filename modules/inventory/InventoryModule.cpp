@@ -192,6 +192,22 @@ bool HaveStoredInventory()
     return ReadSummaryNumber(reg, "ScanCount", count);
 }
 
+/// The network interfaces are always the running kernel's; their details
+/// (speed, driver, PCI address) come from the machine root's sysfs, and
+/// the drivers are asked directly only on the machine itself.
+void StartNetwork(InventoryState& st)
+{
+    if (!st.settings.watchNetwork)
+        return;
+    libnetif::manager_options options;
+    const bool live = st.settings.root == "/";
+    options.sysfs_root = live ? libnetif::kDefaultSysfsRoot : st.settings.root + "/sys";
+    options.use_ethtool = live;
+    st.net = std::make_unique<CNetInventory>(st.recordLock, st.settings.maxChanges, options);
+    if (!st.net->Start())
+        st.net.reset();
+}
+
 void InventoryLoop(InventoryState& st)
 {
     const Settings& s = st.settings;
@@ -204,6 +220,7 @@ void InventoryLoop(InventoryState& st)
         DBG_PRINT(2, "\nInventoryModule     : stored inventory kept, first scan in %u s", s.startupDelayMs / 1000);
     }
     uint64_t nextVolumes = nextFull + s.volumeCheckMs;
+    StartNetwork(st);
     if (st.net)
         st.net->Publish();
     for (;;) {
@@ -290,22 +307,6 @@ int Load(const TarvdModuleConfig* config)
     return 1;
 }
 
-/// The network interfaces are always the running kernel's; their details
-/// (speed, driver, PCI address) come from the machine root's sysfs, and
-/// the drivers are asked directly only on the machine itself.
-void StartNetwork(InventoryState& st)
-{
-    if (!st.settings.watchNetwork)
-        return;
-    libnetif::manager_options options;
-    const bool live = st.settings.root == "/";
-    options.sysfs_root = live ? libnetif::kDefaultSysfsRoot : st.settings.root + "/sys";
-    options.use_ethtool = live;
-    st.net = std::make_unique<CNetInventory>(st.recordLock, st.settings.maxChanges, options);
-    if (!st.net->Start())
-        st.net.reset();
-}
-
 int Start()
 {
     if (!g_State || g_State->running)
@@ -316,13 +317,10 @@ int Start()
     // A fresh scan object per start: a terminated one skips every scan.
     st.scan = std::make_unique<CSystemDeviceScan>();
     st.scan->SetWatcherPeriod(st.settings.volumeCheckMs);
-    StartNetwork(st);
     st.running = tarvdmod::StartWorker(st.thread, InventoryThread, &st, "InventoryModule", "inventory",
                                        "inventory thread");
-    if (!st.running) {
-        st.net.reset();
+    if (!st.running)
         st.scan.reset();
-    }
     return st.running ? 1 : 0;
 }
 
@@ -333,11 +331,11 @@ void Stop()
     InventoryState& st = *g_State;
     st.noNewWork = true;
     st.stop.Set();
-    // No listener call runs once this returns.
-    st.net.reset();
     // Ends the watcher and cuts a running scan short.
     st.scan->Terminate(kTerminateWaitMs);
     st.thread.WaitForTermination(TR_INFINITE);
+    // The thread made it; no listener call runs once this returns.
+    st.net.reset();
     st.scan.reset();
     st.running = false;
     DBG_PRINT(2, "\nInventoryModule     : stopped after %u full scan(s)", st.fullScans.load());
