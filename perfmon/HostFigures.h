@@ -45,8 +45,9 @@ struct InterfaceFigures {
 };
 
 /// Reads `procRoot`/net/dev (every interface, in file order) and the link
-/// speed of each from `sysRoot`/class/net/NAME/speed.  false when the
-/// statistics cannot be read.
+/// speed of each from `sysRoot`/class/net/NAME/speed: the reader of a
+/// captured tree (the running kernel's counters are read over netlink).
+/// false when the statistics cannot be read.
 bool ReadInterfaceFigures(const std::string& procRoot, const std::string& sysRoot,
                           std::vector<InterfaceFigures>& out);
 
