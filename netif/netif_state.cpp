@@ -165,4 +165,16 @@ const char* event_kind_name(event_kind kind)
     return i < std::size(kNames) ? kNames[i] : "unknown";
 }
 
+const char* operstate_name(uint8_t operstate)
+{
+    // IF_OPER_UNKNOWN .. IF_OPER_UP, in the kernel's order.
+    static const char* const kNames[] = {"unknown", "notpresent", "down", "lowerlayerdown", "testing", "dormant", "up"};
+    return operstate < std::size(kNames) ? kNames[operstate] : "unknown";
+}
+
+const char* duplex_name(link_duplex duplex)
+{
+    return duplex == link_duplex::full ? "full" : "half";
+}
+
 } // namespace libnetif

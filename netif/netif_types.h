@@ -113,6 +113,12 @@ enum class event_kind {
 
 /// "interface_added", "link_up", ...
 const char* event_kind_name(event_kind kind);
+/// The operational state as `ip link` shows it, lower-case: "up", "down",
+/// "dormant", ...; "unknown" for the kernel's unknown and for values it does
+/// not define.
+const char* operstate_name(uint8_t operstate);
+/// "full" or "half".
+const char* duplex_name(link_duplex duplex);
 
 /// One change.  `iface` is the interface as it is now (as it was, for a
 /// removal); `address` and `route` are filled for their own kinds;

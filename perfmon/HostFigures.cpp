@@ -11,8 +11,14 @@ namespace perfmon {
 namespace {
 
 constexpr int kNetCounters = 16;
+// The columns of a statistics line: received bytes, packets, errors, ...,
+// then the same for sent from the ninth on.
 constexpr int kReceivedBytes = 0;
+constexpr int kReceivedPackets = 1;
+constexpr int kReceivedErrors = 2;
 constexpr int kSentBytes = 8;
+constexpr int kSentPackets = 9;
+constexpr int kSentErrors = 10;
 
 uint64_t KbToBytes(uint64_t kb)
 {
@@ -87,6 +93,10 @@ bool ReadInterfaceFigures(const std::string& procRoot, const std::string& sysRoo
         f.name = entry.name;
         f.receivedBytes = counters[kReceivedBytes];
         f.sentBytes = counters[kSentBytes];
+        f.receivedPackets = counters[kReceivedPackets];
+        f.receivedErrors = counters[kReceivedErrors];
+        f.sentPackets = counters[kSentPackets];
+        f.sentErrors = counters[kSentErrors];  // 0 on a line cut short
         f.speedMbps = ReadLinkSpeed(sysRoot, f.name);
         out.push_back(std::move(f));
     }

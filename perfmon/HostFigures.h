@@ -28,19 +28,26 @@ struct MemoryFigures {
 /// Reads `procRoot`/meminfo.  false when it cannot be read or MemTotal is missing.
 bool ReadMemoryFigures(const std::string& procRoot, MemoryFigures& out);
 
-/// One interface of the network device statistics, whatever its name.
+/// One interface with its 64-bit counters, whatever its name: read from a
+/// captured proc tree here, and from the kernel itself over netlink by the
+/// network interface library (modules/common/LinkFigures.h picks the source).
 struct InterfaceFigures {
     std::string name;
     uint64_t receivedBytes = 0;
     uint64_t sentBytes = 0;
+    uint64_t receivedPackets = 0;
+    uint64_t sentPackets = 0;
+    uint64_t receivedErrors = 0;
+    uint64_t sentErrors = 0;
     /// Link speed in Mbit/s; absent when the kernel does not know it (no
     /// carrier, virtual interfaces).
     std::optional<uint32_t> speedMbps;
 };
 
 /// Reads `procRoot`/net/dev (every interface, in file order) and the link
-/// speed of each from `sysRoot`/class/net/NAME/speed.  false when the
-/// statistics cannot be read.
+/// speed of each from `sysRoot`/class/net/NAME/speed: the reader of a
+/// captured tree (the running kernel's counters are read over netlink).
+/// false when the statistics cannot be read.
 bool ReadInterfaceFigures(const std::string& procRoot, const std::string& sysRoot,
                           std::vector<InterfaceFigures>& out);
 

@@ -369,6 +369,14 @@ const char* ChangeKindName(ChangeKind kind)
     case ChangeKind::IdentityChanged: return "IdentityChanged";
     case ChangeKind::MemoryAdded: return "MemoryAdded";
     case ChangeKind::MemoryRemoved: return "MemoryRemoved";
+    case ChangeKind::InterfaceAdded: return "InterfaceAdded";
+    case ChangeKind::InterfaceRemoved: return "InterfaceRemoved";
+    case ChangeKind::LinkUp: return "LinkUp";
+    case ChangeKind::LinkDown: return "LinkDown";
+    case ChangeKind::SpeedChanged: return "SpeedChanged";
+    case ChangeKind::AddressAdded: return "AddressAdded";
+    case ChangeKind::AddressRemoved: return "AddressRemoved";
+    case ChangeKind::MacChanged: return "MacChanged";
     }
     return "Unknown";
 }

@@ -10,6 +10,7 @@
 //   SOFTWARE\Tarvis\Inventory\Volumes\<escaped mount point>
 //   SOFTWARE\Tarvis\Inventory\Identity\<BIOS|System|Baseboard|Chassis|
 //                                        Processor NN|MemoryArray NN|Memory NN>
+//   SOFTWARE\Tarvis\Inventory\NetworkInterfaces\<escaped interface name>
 //   SOFTWARE\Tarvis\Inventory\Changes\<10-digit sequence number>
 #pragma once
 
@@ -80,6 +81,15 @@ enum class ChangeKind {
     IdentityChanged,  ///< a value of the machine identity (a BIOS update, a new serial number)
     MemoryAdded,      ///< a memory device slot that was empty holds a module
     MemoryRemoved,    ///< a memory device slot that held a module is empty
+    // Network interfaces, as the kernel tells of them (object: the interface's name).
+    InterfaceAdded,
+    InterfaceRemoved,
+    LinkUp,           ///< up with carrier (a cable plugged in, the interface brought up)
+    LinkDown,
+    SpeedChanged,     ///< detail "1000 -> 10000 Mbit/s" ("unknown" when not known)
+    AddressAdded,     ///< detail: the address with its prefix
+    AddressRemoved,
+    MacChanged,       ///< detail "old -> new"
 };
 
 /// "AdapterAdded", "AdapterRemoved", ... as stored in the Kind value.

@@ -4,13 +4,16 @@
 // the registry below HKEY_LOCAL_MACHINE\SOFTWARE\Tarvis\Inventory, and
 // records every hardware change it finds (a card or disk added, removed or
 // moved, a BIOS update, a memory module added or removed) under
-// ...\Inventory\Changes.  See README, "Bundled modules", for
+// ...\Inventory\Changes.  The network interfaces are published below
+// ...\Inventory\NetworkInterfaces and their changes recorded as they come
+// (see NetInventory.h).  See README, "Bundled modules", for
 // the keys and the configuration values.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "framework/tarvd_module.h"
@@ -19,6 +22,7 @@
 #include "modules/common/ModuleLifecycle.h"
 #include "modules/common/ModuleSettings.h"
 #include "modules/inventory/InventoryModel.h"
+#include "modules/inventory/NetInventory.h"
 #include "registry/CRegistry.h"
 #include "trace/CDebug.h"
 #include "trace/FailureReport.h"
@@ -40,6 +44,7 @@ struct Settings {
     unsigned startupDelayMs = 30 * 1000;   // StartupDelaySeconds
     unsigned maxChanges = 100;             // MaxChanges
     unsigned scanTimeoutMs = 60 * 1000;    // ScanTimeoutSeconds
+    bool watchNetwork = true;              // NetworkInterfaces
 };
 
 struct InventoryState {
@@ -53,6 +58,10 @@ struct InventoryState {
     std::atomic<bool> noNewWork{false};
     std::unique_ptr<CSystemDeviceScan> scan;
     std::atomic<unsigned> fullScans{0};
+    // One writer of the change records at a time: the scans and the
+    // network interface manager's thread number them on from one counter.
+    std::mutex recordLock;
+    std::unique_ptr<CNetInventory> net;
 };
 
 std::unique_ptr<InventoryState> g_State;
@@ -80,6 +89,7 @@ void TraceChanges(const std::vector<Change>& changes, uint32_t lastSequence)
 /// inventory.
 void Publish(InventoryState& st, const Inventory& now, bool full)
 {
+    std::lock_guard<std::mutex> guard(st.recordLock);
     CRegistry reg;
     uint32_t scanCount = 0;
     bool haveStored = ReadSummaryNumber(reg, "ScanCount", scanCount);
@@ -182,6 +192,22 @@ bool HaveStoredInventory()
     return ReadSummaryNumber(reg, "ScanCount", count);
 }
 
+/// The network interfaces are always the running kernel's; their details
+/// (speed, driver, PCI address) come from the machine root's sysfs, and
+/// the drivers are asked directly only on the machine itself.
+void StartNetwork(InventoryState& st)
+{
+    if (!st.settings.watchNetwork)
+        return;
+    libnetif::manager_options options;
+    const bool live = st.settings.root == "/";
+    options.sysfs_root = live ? libnetif::kDefaultSysfsRoot : st.settings.root + "/sys";
+    options.use_ethtool = live;
+    st.net = std::make_unique<CNetInventory>(st.recordLock, st.settings.maxChanges, options);
+    if (!st.net->Start())
+        st.net.reset();
+}
+
 void InventoryLoop(InventoryState& st)
 {
     const Settings& s = st.settings;
@@ -194,6 +220,9 @@ void InventoryLoop(InventoryState& st)
         DBG_PRINT(2, "\nInventoryModule     : stored inventory kept, first scan in %u s", s.startupDelayMs / 1000);
     }
     uint64_t nextVolumes = nextFull + s.volumeCheckMs;
+    StartNetwork(st);
+    if (st.net)
+        st.net->Publish();
     for (;;) {
         now = NowMs();
         if (!st.noNewWork.load()) {
@@ -259,6 +288,10 @@ int Load(const TarvdModuleConfig* config)
     if (bad)
         ReportFailure(SysLogTraces::SL_WARNING, "\nInventoryModule     : ## WARNING! MaxChanges is not a number from 1 to 100000, using %u",
                   s.maxChanges);
+    bad = false;
+    s.watchNetwork = tarvdmod::ConfigNumber(config, "NetworkInterfaces", 1, 0, 1, &bad) != 0;
+    if (bad)
+        ReportFailure(SysLogTraces::SL_WARNING, "\nInventoryModule     : ## WARNING! NetworkInterfaces is not 0 or 1, using 1");
     st->runMode = config->runMode;
     st->forceRescan = (config->flags & TARVD_FLAG_FORCE_RESCAN) != 0;
     if (s.hasRoot) {
@@ -301,6 +334,8 @@ void Stop()
     // Ends the watcher and cuts a running scan short.
     st.scan->Terminate(kTerminateWaitMs);
     st.thread.WaitForTermination(TR_INFINITE);
+    // The thread made it; no listener call runs once this returns.
+    st.net.reset();
     st.scan.reset();
     st.running = false;
     DBG_PRINT(2, "\nInventoryModule     : stopped after %u full scan(s)", st.fullScans.load());

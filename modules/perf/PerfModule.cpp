@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "framework/tarvd_module.h"
+#include "modules/common/LinkFigures.h"
 #include "modules/common/ModuleLifecycle.h"
 #include "modules/common/ModuleSettings.h"
 #include "modules/common/RegistryNames.h"
@@ -95,7 +96,7 @@ struct PerfState {
     std::string sysRoot = perfmon::kDefaultSysRoot;
     // Every interface the kernel lists, read each period for its rates.
     std::vector<perfmon::InterfaceFigures> links;
-    std::map<std::string, std::pair<uint64_t, uint64_t>> rates;  // received, sent bytes per second
+    std::map<std::string, tarvdmod::LinkRates> rates;
     std::chrono::steady_clock::time_point linksRead;
     std::atomic<unsigned> updates{0};
 };
@@ -147,21 +148,14 @@ void WriteGroup(CRegistry& reg, CPerfMon& mon, const char* key, const Figure (&f
 void ReadLinks(PerfState& st)
 {
     std::vector<perfmon::InterfaceFigures> now;
-    if (!perfmon::ReadInterfaceFigures(st.procRoot, st.sysRoot, now))
+    if (!tarvdmod::ReadLinkFigures(st.procRoot, st.sysRoot, now))
         return;
     const auto at = std::chrono::steady_clock::now();
     const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(at - st.linksRead).count();
     st.rates.clear();
-    for (const auto& f : now) {
-        for (const auto& before : st.links) {
-            if (before.name != f.name || elapsed <= 0)
-                continue;
-            auto rx = perfmon::RatePerSecond(before.receivedBytes, f.receivedBytes, static_cast<uint64_t>(elapsed));
-            auto tx = perfmon::RatePerSecond(before.sentBytes, f.sentBytes, static_cast<uint64_t>(elapsed));
-            if (rx && tx)
-                st.rates[f.name] = {*rx, *tx};
-        }
-    }
+    for (const auto& f : now)
+        if (elapsed > 0)
+            st.rates[f.name] = tarvdmod::RatesSince(st.links, f, static_cast<uint64_t>(elapsed));
     st.links = std::move(now);
     st.linksRead = at;
 }
@@ -183,6 +177,29 @@ void WriteMemoryFigures(CRegistry& reg, const PerfState& st)
     SetNumber(reg, "UsedPercent", static_cast<unsigned>(std::min<uint64_t>(percent, 100)));
 }
 
+const std::string kReceivedPacketRate = std::string(tarvdmod::net::kReceivedPackets) + tarvdmod::net::kPerSecond;
+const std::string kSentPacketRate = std::string(tarvdmod::net::kSentPackets) + tarvdmod::net::kPerSecond;
+
+/// Packets and errors, beside the byte counters.
+void WriteCounters(CRegistry& reg, const perfmon::InterfaceFigures& f)
+{
+    namespace net = tarvdmod::net;
+    SetText(reg, net::kReceivedPackets, std::to_string(f.receivedPackets));
+    SetText(reg, net::kSentPackets, std::to_string(f.sentPackets));
+    SetText(reg, net::kReceivedErrors, std::to_string(f.receivedErrors));
+    SetText(reg, net::kSentErrors, std::to_string(f.sentErrors));
+}
+
+/// A received and a sent rate, written only when both are known.
+void WriteRatePair(CRegistry& reg, const char* receivedName, const std::optional<uint64_t>& received,
+                   const char* sentName, const std::optional<uint64_t>& sent)
+{
+    if (!received || !sent)
+        return;
+    SetText(reg, receivedName, std::to_string(*received));
+    SetText(reg, sentName, std::to_string(*sent));
+}
+
 /// Every interface under its own name; those gone since are removed.  A
 /// link speed the kernel does not know is left out, not written as 0.
 void WriteInterfaceFigures(CRegistry& reg, const PerfState& st)
@@ -202,9 +219,12 @@ void WriteInterfaceFigures(CRegistry& reg, const PerfState& st)
             continue;
         SetText(reg, "ReceivedBytes", std::to_string(f.receivedBytes));
         SetText(reg, "SentBytes", std::to_string(f.sentBytes));
+        WriteCounters(reg, f);
         if (auto it = st.rates.find(f.name); it != st.rates.end()) {
-            SetText(reg, "ReceivedBytesPerSecond", std::to_string(it->second.first));
-            SetText(reg, "SentBytesPerSecond", std::to_string(it->second.second));
+            WriteRatePair(reg, "ReceivedBytesPerSecond", it->second.receivedBytes, "SentBytesPerSecond",
+                          it->second.sentBytes);
+            WriteRatePair(reg, kReceivedPacketRate.c_str(), it->second.receivedPackets, kSentPacketRate.c_str(),
+                          it->second.sentPackets);
         }
         if (f.speedMbps)
             SetNumber(reg, "LinkSpeedMbps", *f.speedMbps);

@@ -15,6 +15,7 @@
 #include "hwinfo/SmbiosIdentity.h"
 #include "hwinfo/SmbiosSlots.h"
 #include "tools/kophw/KophwIdentity.h"
+#include "tools/kophw/KophwNet.h"
 #include "trace/CDebug.h"
 
 #include <cerrno>
@@ -53,13 +54,18 @@ constexpr size_t kMaxSmallFile = 64u << 10;
 constexpr const char* kVolumeSizesFile = "/kophw/volume-sizes";
 
 const char* const kUsage =
-    "Usage: kophw [--root DIR] [--json] [pci|devices|smbios|all]\n"
+    "Usage: kophw [--root DIR] [--json] [pci|devices|smbios|net|all]\n"
     "       kophw [--root DIR] capture DIR\n"
     "Shows the hardware inventory: PCI functions with ids, class names and\n"
     "physical slots (checked against the kernel's slot list), adapters, drives\n"
     "and volumes (free space as df's \"available\"), and an SMBIOS summary with\n"
     "the machine identity (BIOS, system, baseboard, chassis, processors, memory)\n"
     "and the system slots.  Default: all.\n"
+    "\n"
+    "net shows the network interfaces of the running kernel (read over\n"
+    "netlink; not part of all): index, type, MAC, MTU, state, carrier, speed,\n"
+    "duplex, driver and PCI address, with their addresses below each.  With\n"
+    "--root the driver, PCI address and speed come from DIR/sys.\n"
     "\n"
     "capture DIR copies the files the inventory reads into DIR (SMBIOS tables,\n"
     "UEFI system table, /proc/bus/pci, /sys/block, the mount table, the adapter\n"
@@ -73,7 +79,7 @@ const char* const kUsage =
     "  --version   the tool's version\n"
     "\n"
     "Exit status: 0 ok, 1 nothing could be read, the SMBIOS entry point is not\n"
-    "valid or the capture failed,\n"
+    "valid, netlink could not be read (net) or the capture failed,\n"
     "2 usage error.\n";
 
 std::string Hex(unsigned value, int width)
@@ -312,7 +318,7 @@ SmbiosSummary ReadSmbios()
 // ---- reports ----------------------------------------------------------------------------
 
 struct Report {
-    bool pci = false, devices = false, smbios = false;
+    bool pci = false, devices = false, smbios = false, net = false;
 };
 
 std::string SlotText(int slot, const char* none)
@@ -620,6 +626,11 @@ int Show(const Report& what, bool json)
         failure = "the device scan did not run";
     if (failure.empty() && what.smbios)
         anything = ShowSmbios(w, json, failure) || anything;
+    if (failure.empty() && what.net) {
+        // The interfaces are the running kernel's; a root gives their details.
+        const bool live = hwinfo::GetRootDirectory().empty();
+        anything = kophw::ShowNet(w, json, live ? "/sys" : hwinfo::RootedPath("/sys"), live, failure) || anything;
+    }
     if (failure.empty() && !anything)
         failure = std::string("no hardware information could be read under ") + RootText();
     if (!failure.empty())
@@ -840,6 +851,8 @@ int RunCommand(const Options& o)
         r.devices = true;
     else if (cmd == "smbios")
         r.smbios = true;
+    else if (cmd == "net")
+        r.net = true;
     else
         return UsageWith(o.json, "unknown command '%s'", cmd.c_str());
     return Show(r, o.json);

@@ -4,6 +4,8 @@
 #include "tools/common/JsonWriter.h"
 #include "tools/common/ToolSupport.h"
 
+#include "modules/common/LinkFigures.h"
+
 #include "perfmon/CNetworkInterfaceTable.h"
 #include "perfmon/CPerfMon.h"
 #include "perfmon/HostFigures.h"
@@ -68,7 +70,10 @@ const char* const kUsage =
     "After the percentages, the figures free(1) and ip(8) show: memory used\n"
     "without the page cache (total - available), available memory, and for\n"
     "every interface its byte counters, its rates over the sampling time and\n"
-    "its link speed (\"-\" when the kernel does not know it).\n"
+    "its link speed (\"-\" when the kernel does not know it); then its packet\n"
+    "counters and rates and its error counters.  On the machine itself these\n"
+    "are the kernel's 64-bit counters (netlink); with --proc or --sys, the\n"
+    "statistics file of that tree.\n"
     "\n"
     "Exit status: 0 ok, 1 DIR/stat unreadable or nothing sampled, 2 usage error.\n";
 
@@ -223,8 +228,12 @@ public:
         if (!m_Json && !after.empty())
             printf("\n%-16s %20s %20s %14s %14s %10s\n", "interface", "received B", "sent B", "received B/s",
                    "sent B/s", "speed Mb/s");
+        std::string packetRows;
         for (const auto& f : after)
-            AddInterface(f, before, elapsedMs);
+            AddInterface(f, before, elapsedMs, packetRows);
+        if (!m_Json && !packetRows.empty())
+            printf("\n%-16s %20s %20s %14s %14s %12s %12s\n%s", "interface", "received packets", "sent packets",
+                   "received p/s", "sent p/s", "rx errors", "tx errors", packetRows.c_str());
     }
 
     /// Ends the document; the JSON form goes out here.
@@ -238,16 +247,14 @@ public:
     }
 
 private:
+    /// The JSON member and the row of the byte table of one interface; its
+    /// row of the packet table is appended to `packetRows`.
     void AddInterface(const perfmon::InterfaceFigures& f, const std::vector<perfmon::InterfaceFigures>& before,
-                      uint64_t elapsedMs)
+                      uint64_t elapsedMs, std::string& packetRows)
     {
-        std::optional<uint64_t> rx, tx;
-        for (const auto& b : before) {
-            if (b.name == f.name) {
-                rx = perfmon::RatePerSecond(b.receivedBytes, f.receivedBytes, elapsedMs);
-                tx = perfmon::RatePerSecond(b.sentBytes, f.sentBytes, elapsedMs);
-            }
-        }
+        const tarvdmod::LinkRates rates = tarvdmod::RatesSince(before, f, elapsedMs);
+        const std::optional<uint64_t>& rx = rates.receivedBytes;
+        const std::optional<uint64_t>& tx = rates.sentBytes;
         m_Writer.BeginObject();
         m_Writer.Key("name").String(f.name);
         m_Writer.Key("received_bytes").Unsigned(f.receivedBytes);
@@ -255,10 +262,22 @@ private:
         m_Writer.Key("received_bytes_per_second").OptUnsigned(rx);
         m_Writer.Key("sent_bytes_per_second").OptUnsigned(tx);
         m_Writer.Key("link_speed_mbps").OptUnsigned(f.speedMbps ? std::optional<uint64_t>(*f.speedMbps) : std::nullopt);
+        m_Writer.Key("received_packets").Unsigned(f.receivedPackets);
+        m_Writer.Key("sent_packets").Unsigned(f.sentPackets);
+        m_Writer.Key("received_packets_per_second").OptUnsigned(rates.receivedPackets);
+        m_Writer.Key("sent_packets_per_second").OptUnsigned(rates.sentPackets);
+        m_Writer.Key("received_errors").Unsigned(f.receivedErrors);
+        m_Writer.Key("sent_errors").Unsigned(f.sentErrors);
         m_Writer.EndObject();
         if (m_Json)
             return;
         auto text = [](std::optional<uint64_t> v) { return v ? std::to_string(*v) : std::string("-"); };
+        char row[256];
+        snprintf(row, sizeof row, "%-16s %20llu %20llu %14s %14s %12llu %12llu\n", f.name.c_str(),
+                 static_cast<unsigned long long>(f.receivedPackets), static_cast<unsigned long long>(f.sentPackets),
+                 text(rates.receivedPackets).c_str(), text(rates.sentPackets).c_str(),
+                 static_cast<unsigned long long>(f.receivedErrors), static_cast<unsigned long long>(f.sentErrors));
+        packetRows += row;
         printf("%-16s %20llu %20llu %14s %14s %10s\n", f.name.c_str(),
                static_cast<unsigned long long>(f.receivedBytes), static_cast<unsigned long long>(f.sentBytes),
                text(rx).c_str(), text(tx).c_str(),
@@ -423,10 +442,10 @@ int Run(const Options& o)
     if (monitor.StartMonitoring(types, static_cast<unsigned>(o.interval)) == 0)
         return tools::Fail("the performance monitor could not be started");
     std::vector<perfmon::InterfaceFigures> before, after;
-    perfmon::ReadInterfaceFigures(o.procRoot, o.sysRoot, before);
+    tarvdmod::ReadLinkFigures(o.procRoot, o.sysRoot, before);
     const auto start = std::chrono::steady_clock::now();
     SampleIntervals(monitor, o, intervals);
-    perfmon::ReadInterfaceFigures(o.procRoot, o.sysRoot, after);
+    tarvdmod::ReadLinkFigures(o.procRoot, o.sysRoot, after);
     const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     if (!AnySample(monitor)) {
         monitor.StopMonitoring();
