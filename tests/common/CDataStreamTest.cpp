@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <string>
+#include <sys/resource.h>
 
 #include "common/CDataStream.h"
+#include "common/UniqueHandle.h"
 #include "support/TraceEnv.h"
 
 namespace {
@@ -81,6 +84,33 @@ TEST(CDataStream, ReadFromFileReadsWholeFilesOrFailsKeepingTheContents)
     EXPECT_TRUE(s.GetLastError().empty());
     ASSERT_TRUE(s.ReadFromFile(dir.Sub("empty").c_str()));
     EXPECT_TRUE(s.IsEmpty());
+}
+
+// A file that fits the cap but not the memory the process may use: the
+// allocation fails and the stream keeps its contents.  In a child whose
+// address space is limited to what it uses plus 256 MiB; the sanitizers
+// reserve far more address space than that, so the case cannot run there.
+TEST(CDataStream, ReadFromFileOutOfMemoryFailsKeepingTheContents)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "RLIMIT_AS cannot be used under a sanitizer";
+#endif
+    testsupport::TempDir dir;
+    const std::string sparse = dir.Sub("sparse");  // 4 GiB without a block on disk
+    UniqueFd fd(open(sparse.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_TRUE(fd && ftruncate(fd.Get(), off_t{1} << 32) == 0);
+    const std::string status = testsupport::ReadFile("/proc/self/status");
+    const rlim_t used = std::stoull(status.substr(status.find("VmSize:") + 7)) << 10;
+    testsupport::TraceEnv::ExpectExit(testsupport::TraceEnv::InChild([&] {
+        const rlimit limit{used + (rlim_t{256} << 20), used + (rlim_t{256} << 20)};
+        CDataStream s("keep", 4);
+        if (setrlimit(RLIMIT_AS, &limit) != 0)
+            return 2;
+        return !s.ReadFromFile(sparse.c_str()) && Contents(s) == "keep" &&
+                       s.GetLastError() == "CDataStream::ReadFromFile() : Could not read file : '" + sparse + "'"
+                   ? 0
+                   : 1;
+    }), 0);
 }
 
 TEST(CDataStream, DumpHexLayoutAndReader)

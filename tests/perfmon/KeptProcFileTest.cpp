@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <sys/wait.h>
@@ -75,6 +76,32 @@ TEST(CKeptProcFile, ReadsAsAFreshReadDoesAndSeesEveryChange)
     ASSERT_GT(child, 0);
     int st = 0;
     EXPECT_TRUE(waitpid(child, &st, 0) == child && WIFEXITED(st) && WEXITSTATUS(st) == 0);
+}
+
+// A kept descriptor that no longer reads (its thread or process has ended)
+// is given up: the path is opened anew, here the reading thread's own file;
+// a process gone and a directory fail.
+TEST(CKeptProcFile, DescriptorOfAnEndedTaskIsReopenedOrFails)
+{
+    CKeptProcFile kept;
+    std::string other;
+    std::thread([&] { other = kept.Read("/proc/thread-self/stat") ? std::string(kept.Text()) : ""; }).join();
+    ASSERT_TRUE(kept.Read("/proc/thread-self/stat"));
+    EXPECT_NE(atoi(other.c_str()), getpid());
+    EXPECT_EQ(atoi(std::string(kept.Text()).c_str()), getpid());  // the main thread's id is the process's
+    const pid_t child = fork();
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    const std::string stat = "/proc/" + std::to_string(child) + "/stat";
+    EXPECT_TRUE(kept.Read(stat));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(kept.Read(stat));
+    testsupport::TempDir dir;
+    EXPECT_FALSE(kept.Read(dir.Path()));
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "support/RegistryFixture.h"
+#include "support/TraceEnv.h"
 
 static const unsigned char* Bytes(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
 
@@ -230,6 +231,20 @@ TEST_F(RegistryTest, PointerKeysUpperCaseOnlyTheRootPart)
     EXPECT_TRUE(CRegistry::GetProductRegistryRoot(s, "good"));
     EXPECT_EQ(s, "hkey_local_machine\\SOFTWARE/Norvane/Product");
     EXPECT_FALSE(CRegistry::GetProductRegistryRoot(s, "missing"));
+}
+
+// A deleted subtree goes key by key without recursion, yet in the order of a recursive walk.
+TEST_F(RegistryTest, DeletedSubtreeGoesInWalkOrder)
+{
+    testsupport::GlobalTrace trace("2");
+    for (const char* path : {"A/B/D", "A/C"})
+        ASSERT_EQ(CRegistry(CRegistry::HKEY_LOCAL_MACHINE).CreateKey(nullptr, path), 0);
+    ASSERT_EQ(CRegistry(CRegistry::HKEY_LOCAL_MACHINE).DeleteKey("A"), 0u);
+    std::vector<std::string> order;
+    for (const std::string& m : trace.Messages())
+        if (size_t at = m.find("deleteNode \""); at != std::string::npos)
+            order.push_back(m.substr(at + 11));
+    EXPECT_EQ(order, (std::vector<std::string>{"\"A\"", "\"B\"", "\"D\"", "\"C\""}));
 }
 
 TEST_F(RegistryTest, ThreadsWithOwnHandlesLoseNoValues)

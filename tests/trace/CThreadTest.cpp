@@ -18,8 +18,7 @@ using testsupport::WaitFor;
 
 namespace {
 
-// A thread routine's arguments: it marks its start, waits at the gate (or,
-// in SpinUntilCancelled, spins) and marks its end, also when unwound.
+// A routine's arguments: it marks its start, waits at the gate (or spins), marks its end.
 struct Gate {
     explicit Gate(bool open = false) : go(open, true) {}
     CEvent go;
@@ -36,8 +35,7 @@ void* WaitAtGate(void* arg)
     return nullptr;
 }
 
-// Runs until cancelled at pthread_testcancel() (a cancellation inside an
-// intercepted blocking call is one a thread sanitizer cannot follow).
+// Runs until cancelled at pthread_testcancel() (TSan cannot follow one in a blocking call).
 void* SpinUntilCancelled(void* arg)
 {
     auto* g = static_cast<Gate*>(arg);
@@ -69,8 +67,7 @@ void* ReadOwnAttributes(void* arg)
 
 } // namespace
 
-// A bounded wait for the routine's end leaves the thread held; a later wait
-// collects it.
+// A bounded wait for the routine's end leaves the thread held; a later wait collects it.
 TEST(CThread, BoundedExitWaitKeepsTheThreadForALaterWait)
 {
     CThread t;
@@ -91,9 +88,8 @@ TEST(CThread, BoundedExitWaitKeepsTheThreadForALaterWait)
     EXPECT_EQ(t.GetId(), 0u);
 }
 
-// A finite time-out is not honoured: the wait is traced as a warning and
-// goes on until the thread has ended (here: a gate opened only after a
-// longer bounded wait has given up).
+// A finite time-out is not honoured: traced as a warning, the wait goes on to the thread's end
+// (a gate opened only after a longer bounded wait gave up).
 TEST(CThread, FiniteTerminationWaitWarnsAndJoinsLikeAnInfiniteOne)
 {
     testsupport::GlobalTrace trace;
@@ -115,8 +111,7 @@ TEST(CThread, FiniteTerminationWaitWarnsAndJoinsLikeAnInfiniteOne)
     EXPECT_TRUE(trace.Has(warning));
 }
 
-// A detached thread cannot be waited for; Kill cancels one that still runs
-// (unwinding it) and is harmless on one that has ended.
+// A detached thread cannot be waited for; Kill cancels (unwinds) a running one, ignores an ended one.
 TEST(CThread, DetachedThreadsAreCancelledNotWaitedFor)
 {
     Gate g, b;
@@ -169,9 +164,8 @@ TEST(CThread, NameAndScheduling)
     EXPECT_EQ(t.GetId(), 0u);
 }
 
-// A priority the process may not use fails the start (traced), instead of
-// running the thread at ordinary priority.  In a child without the right:
-// real-time limit 0 and, for root, the user nobody.
+// A priority the process may not use fails the start (traced) instead of running at ordinary
+// priority; in a child without the right (real-time limit 0, for root the user nobody).
 TEST(CThread, ForbiddenPriorityFailsTheStart)
 {
     testsupport::GlobalTrace trace;
