@@ -192,7 +192,7 @@ TEST_F(CDebugTest, SmallRingsWrapFillToTheirEndAndCutOversizeEntries)
         d->Print(1, "%s", std::string(1024, 'q').c_str());
         const Msgs cut = {"### Start of initialization. ###", std::string(1024, 'z'),
                           "## WARNING: TRACE-SIZE TOO BIG: Output Truncated!", std::string(1024, 'q')};
-        EXPECT_EQ(RingMessages(ring), size == 16384 ? cut : Msgs{cut[0], big, cut[3]});
+        EXPECT_EQ(RingMessages(ring), size == 16384 ? cut : (Msgs{cut[0], big, cut[3]}));
     }
 }
 
