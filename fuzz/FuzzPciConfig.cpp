@@ -44,10 +44,8 @@ std::string FunctionName(uint8_t b)
 
 } // namespace
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     static const std::string root = fuzzsupport::ScratchTree("pci", {"/proc", "/proc/bus", hwinfo::kProcBusPci});
     const std::string pci = root + hwinfo::kProcBusPci;
 

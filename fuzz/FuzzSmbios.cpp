@@ -24,9 +24,9 @@ const std::string& Root()
 
 } // namespace
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput || size == 0)
+    if (size == 0)
         return 0;
     size_t epLen = data[0];
     if (epLen > size - 1)

@@ -151,11 +151,10 @@ TEST(CProcessExecute, ManyStartsFromThreadsAllReaped)
 
 void NoteInterrupt(int) {}
 
-// In a child of its own (limits, handlers and the working directory stay
-// there): a wait interrupted by a signal goes on; a removed working
-// directory is not returned to; a tiny descriptor limit still closes the
-// usual range; and where no process can be made at all (no process left to
-// the user) the start fails with no child and no status.
+// In a child of its own (limits, handlers and the working directory stay there): a wait interrupted
+// by a signal goes on; a removed working directory is not returned to; a tiny descriptor limit
+// still closes the usual range; and where no process can be made at all (no process left to the
+// user) the start fails with no child and no status.
 TEST(CProcessExecute, InterruptedWaitsRemovedDirectoryAndNoProcessLeft)
 {
     TempDir dir;

@@ -187,9 +187,8 @@ TEST_F(KopdStressTest, SignalStormsNeitherStopNorLeakAndTerminationEndsThem)
         pid_t pid = StartForeground().pid;
         ASSERT_TRUE(WaitStarted()) << Output();
         if (sig == SIGTERM) {
-            // Paced, so that each is really taken (the kernel keeps one
-            // pending): every SIGHUP closes and reopens the trace outputs,
-            // which must not leak a descriptor.
+            // Paced, so that each is really taken (the kernel keeps one pending): every SIGHUP
+            // closes and reopens the trace outputs, which must not leak a descriptor.
             const std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
             auto fds = [&] { return std::distance(std::filesystem::directory_iterator(fdDir), {}); };
             ASSERT_TRUE(SignalAndWaitTaken(pid, SIGHUP));

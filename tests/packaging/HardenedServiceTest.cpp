@@ -23,9 +23,8 @@ const char* const kSettings[] = {"ProtectSystem=strict", "PrivateTmp=yes", "Prot
                                  "ReadWritePaths=/etc/tarvd /var/log/tarvd /run -/run/lock",
                                  "CapabilityBoundingSet=CAP_SYS_RAWIO"};
 
-/// Shell that applies ProtectSystem=strict with the unit's ReadWritePaths=
-/// ("-" marking a path that may be missing) and the other settings, then
-/// starts `command` in that namespace.
+/// Shell that applies ProtectSystem=strict with the unit's ReadWritePaths= ("-" marking a path that
+/// may be missing) and the other settings, then starts `command` in that namespace.
 std::string SandboxScript(const std::string& command)
 {
     return "set -e\nfor p in /etc/tarvd /var/log/tarvd /run -/run/lock"

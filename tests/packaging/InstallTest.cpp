@@ -1,6 +1,5 @@
-// Installation into a staging directory: the layout, module builds out of
-// tree against the installed files with CMake and with pkg-config, and the
-// installed daemon loading such a module.
+// Installation into a staging directory: the layout, module builds out of tree against the
+// installed files with CMake and with pkg-config, and the installed daemon loading such a module.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -117,9 +116,8 @@ TEST_F(InstallTest, ExampleBuiltWithPkgConfigIsLoadedByTheInstalledDaemon)
     EXPECT_TRUE(Contains(ShellOk("nm -D --defined-only " + Quote(module)), " T tarvd_module_v1"));
     if (!CanUseMountNamespace())
         GTEST_SKIP() << "needs root and mount namespaces";
-    // The staged /usr lies over the real one and the staged /etc goes into
-    // the private /etc, so that the daemon, the framework and the bundled
-    // module are found at their installed paths.
+    // The staged /usr lies over the real one and the staged /etc goes into the private /etc, so
+    // that the daemon, the framework and the bundled module are found at their installed paths.
     SandboxOptions options;
     options.usrOnTop = In("/usr");
     Sandbox box(m_Dir.Sub("stage"), options);

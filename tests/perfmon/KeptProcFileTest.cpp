@@ -78,9 +78,8 @@ TEST(CKeptProcFile, ReadsAsAFreshReadDoesAndSeesEveryChange)
     EXPECT_TRUE(waitpid(child, &st, 0) == child && WIFEXITED(st) && WEXITSTATUS(st) == 0);
 }
 
-// A kept descriptor that no longer reads (its thread or process has ended)
-// is given up: the path is opened anew, here the reading thread's own file;
-// a process gone and a directory fail.
+// A kept descriptor that no longer reads (its thread or process has ended) is given up: the path is
+// opened anew, here the reading thread's own file; a process gone and a directory fail.
 TEST(CKeptProcFile, DescriptorOfAnEndedTaskIsReopenedOrFails)
 {
     CKeptProcFile kept;

@@ -1,6 +1,5 @@
-// The performance monitor's parts: bounded parsing of the proc files, the
-// network interface table, the percentage arithmetic, the history buffer and
-// the value/group table.
+// The performance monitor's parts: bounded parsing of the proc files, the network interface table,
+// the percentage arithmetic, the history buffer and the value/group table.
 #include <gtest/gtest.h>
 
 #include <atomic>

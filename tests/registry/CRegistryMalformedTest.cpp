@@ -10,9 +10,8 @@ namespace {
 
 using namespace std::string_literals;
 
-// 20000 values of one key in sorted order, on lines of random lengths (up
-// to the 1023-character limit on every 50th) that cross the borders of the
-// reader's blocks at many offsets.
+// 20000 values of one key in sorted order, on lines of random lengths (up to the 1023-character
+// limit on every 50th) that cross the borders of the reader's blocks at many offsets.
 std::string LargeFile()
 {
     std::mt19937 rng(4711);

@@ -77,8 +77,7 @@ TEST_F(KoptraceTest, ProgramFilesInTimeOrderAcrossGzipAndWrappedRing)
     auto startup = std::find(texts.begin(), texts.end(), "StartUp             : during start-up 1");
     ASSERT_NE(startup, texts.end());
     EXPECT_LT(startup, std::find(texts.begin(), texts.end(), "wrap entry 0299"));
-    // The surviving wrap entries are consecutive, the oldest overwritten,
-    // and end with the newest.
+    // The surviving wrap entries are consecutive, the oldest overwritten, and end with the newest.
     std::vector<int> wraps;
     for (const auto& t : texts)
         if (t.rfind("wrap entry ", 0) == 0)
@@ -184,9 +183,8 @@ TEST_F(KoptraceTest, UnreadableFilesAreReportedWithTheReason)
     }
 }
 
-// A log far larger than the memory the tool may use is streamed: with the
-// address space limited to a few times the tool's own size, the whole file
-// could not be held.
+// A log far larger than the memory the tool may use is streamed: with the address space limited to
+// a few times the tool's own size, the whole file could not be held.
 TEST_F(KoptraceTest, BigLogIsStreamedInBoundedMemory)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
