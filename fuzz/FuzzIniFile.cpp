@@ -1,6 +1,5 @@
-// Fuzz target: INI reading and writing.  The input is the file; every
-// section, key and value found is read, then keys are written into a copy
-// and must read back as written.
+// Fuzz target: INI reading and writing. The input is the file; every section, key and value found
+// is read, then keys are written into a copy and must read back as written.
 #include "FuzzSupport.h"
 
 #include "trace/CIniFile.h"

@@ -1,8 +1,7 @@
-// Fuzz target: the legacy BIOS area readers.  The input stands for the
-// firmware's memory: it is written into a sparse snapshot of physical
-// memory (the memory device under a private root) at 0xE0000, where the
-// shadow scan looks for an SMBIOS entry point, and again at 0xF0000, where
-// the PCI IRQ Routing Table ("$PIR") is searched.  Both readers run over it.
+// Fuzz target: the legacy BIOS area readers. The input stands for the firmware's memory: it is
+// written into a sparse snapshot of physical memory (the memory device under a private root) at
+// 0xE0000, where the shadow scan looks for an SMBIOS entry point, and again at 0xF0000, where the
+// PCI IRQ Routing Table ("$PIR") is searched. Both readers run over it.
 #include "FuzzSupport.h"
 
 #include "common/CDataStream.h"

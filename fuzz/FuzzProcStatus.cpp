@@ -4,7 +4,6 @@
 
 #include "daemon/CProcess.h"
 
-
 TARVD_FUZZ_TARGET(data, size)
 {
     static const std::string root = fuzzsupport::ScratchTree("proc", {"/7"});

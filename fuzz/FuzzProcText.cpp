@@ -5,7 +5,6 @@
 
 #include "perfmon/ProcParse.h"
 
-#include <cstring>
 #include <string_view>
 
 TARVD_FUZZ_TARGET(data, size)

@@ -6,8 +6,6 @@
 #include "registry/CRegistry.h"
 #include "registry/CRegistryNode.h"
 
-#include <cstring>
-
 namespace {
 
 // The dump of a node as text, through a memory stream.

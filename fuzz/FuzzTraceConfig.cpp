@@ -3,8 +3,6 @@
 
 #include "trace/CDebugTraceConfigFile.h"
 
-#include <cstring>
-
 TARVD_FUZZ_TARGET(data, size)
 {
     const std::string& dir = fuzzsupport::ScratchDir();

@@ -86,10 +86,9 @@ TEST(CDataStream, ReadFromFileReadsWholeFilesOrFailsKeepingTheContents)
     EXPECT_TRUE(s.IsEmpty());
 }
 
-// A file that fits the cap but not the memory the process may use: the
-// allocation fails and the stream keeps its contents.  In a child whose
-// address space is limited to what it uses plus 256 MiB; the sanitizers
-// reserve far more address space than that, so the case cannot run there.
+// A file that fits the cap but not the memory the process may use: the allocation fails and the
+// stream keeps its contents. In a child whose address space is limited to what it uses plus 256
+// MiB; the sanitizers reserve far more address space than that, so the case cannot run there.
 TEST(CDataStream, ReadFromFileOutOfMemoryFailsKeepingTheContents)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

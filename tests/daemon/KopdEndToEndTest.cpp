@@ -1,7 +1,6 @@
-// End-to-end tests of the kopd binary in a sandbox (its own /run, /etc and
-// /var/log), so that the daemon uses its real fixed paths without touching
-// the machine's.  The framework is a recording stand-in found through
-// LD_LIBRARY_PATH.
+// End-to-end tests of the kopd binary in a sandbox (its own /run, /etc and /var/log), so that the
+// daemon uses its real fixed paths without touching the machine's. The framework is a recording
+// stand-in found through LD_LIBRARY_PATH.
 #include <gtest/gtest.h>
 
 #include <cstring>

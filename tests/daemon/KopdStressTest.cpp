@@ -137,10 +137,9 @@ protected:
     }
 };
 
-// Instances started while the running one stops are refused (the old one
-// still holds the lock) or run once it is gone, never at once with it; a lock
-// taken on the file the stopping instance has just removed does not count as
-// held.  (Many takers of a free lock at once: CFileLockFault.)
+// Instances started while the running one stops are refused (the old one still holds the lock) or
+// run once it is gone, never at once with it; a lock taken on the file the stopping instance has
+// just removed does not count as held. (Many takers of a free lock at once: CFileLockFault.)
 TEST_F(KopdStressTest, StartsWhileAnInstanceStopsNeverOverlap)
 {
     int loads = 0;
@@ -175,10 +174,9 @@ TEST_F(KopdStressTest, StartsWhileAnInstanceStopsNeverOverlap)
     EXPECT_EQ(CountSerialLoads(RecordLines()), loads);
 }
 
-// SIGTERM or SIGINT in the middle of a storm of SIGHUP and SIGALRM always
-// stops the daemon cleanly, the storm itself never does, nor do paced
-// SIGHUPs leak descriptors.  (Under the address sanitizer a leak fails the
-// exit status.)
+// SIGTERM or SIGINT in the middle of a storm of SIGHUP and SIGALRM always stops the daemon cleanly,
+// the storm itself never does, nor do paced SIGHUPs leak descriptors. (Under the address sanitizer
+// a leak fails the exit status.)
 TEST_F(KopdStressTest, SignalStormsNeitherStopNorLeakAndTerminationEndsThem)
 {
     for (int sig : {SIGTERM, SIGINT}) {

@@ -214,9 +214,8 @@ protected:
         return v;
     }
 
-    /// Load, start, wait until ScanCount reaches `scans` (the scan runs on
-    /// the module's thread), stop, unload.  With no `scans`, runs `ms`
-    /// instead and checks that no scan followed.
+    /// Load, start, wait until ScanCount reaches `scans` (the scan runs on the module's thread),
+    /// stop, unload. With no `scans`, runs `ms` instead and checks that no scan followed.
     void Run(const std::map<std::string, std::string>& values, uint32_t flags, uint32_t scans, int ms = 0,
              bool announceStop = false)
     {

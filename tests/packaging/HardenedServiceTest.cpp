@@ -1,10 +1,9 @@
-// kopd under the sandbox of its systemd unit.  Where systemd is not the
-// service manager, the unit's file-system and privilege settings are
-// reproduced in a mount namespace of the test's own: / read-only but for the
-// unit's ReadWritePaths=, /proc/sys, /sys and the cgroups read-only, a
-// private /tmp, no /home, no new privileges, the unit's capability bounding
-// set and umask.  The daemon must still start, load its modules, read the
-// firmware (a real dump under /sys/firmware/dmi/tables) and write its registry.
+// kopd under the sandbox of its systemd unit. Where systemd is not the service manager, the unit's
+// file-system and privilege settings are reproduced in a mount namespace of the test's own: /
+// read-only but for the unit's ReadWritePaths=, /proc/sys, /sys and the cgroups read-only, a
+// private /tmp, no /home, no new privileges, the unit's capability bounding set and umask. The
+// daemon must still start, load its modules, read the firmware (a real dump under
+// /sys/firmware/dmi/tables) and write its registry.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -138,10 +138,9 @@ TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
     EXPECT_EQ(table.GetNumberInterfaces(), 1);
 }
 
-// Checked by hand: each quotient is part × 100000 ÷ whole, truncated; the
-// current form is (sum × 100 + 50000) ÷ (n × 100000), the average form
-// rounds the truncated mean.  Samples without a whole do not count; when
-// none counts, current reports the low byte of the last part.
+// Checked by hand: each quotient is part × 100000 ÷ whole, truncated; the current form is (sum ×
+// 100 + 50000) ÷ (n × 100000), the average form rounds the truncated mean. Samples without a whole
+// do not count; when none counts, current reports the low byte of the last part.
 TEST(PerfPercent, CurrentAndAverageByHand)
 {
     struct Case { std::vector<PartWhole> samples; int current; int average; };
