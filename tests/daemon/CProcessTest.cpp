@@ -277,8 +277,9 @@ TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
     TempDir root;
     // 30: the kernel cuts names at 15; 31: a kernel thread, its command line empty.
     for (auto [file, text] : {std::pair<const char*, std::string>{"12/comm", "kopd\n"}, {"30/comm", "a-very-long-nam\n"},
-                              {"0/comm", "zero\n"}, {"self/comm", "selfname\n"}, {"31/comm", "kthread\n"}, {"99999999999/comm", "huge\n"},
-                              {"12/cmdline", std::string("/usr/sbin/kopd\0-n\0", 18)}, {"31/cmdline", ""}})
+                              {"0/comm", "zero\n"}, {"self/comm", "selfname\n"}, {"31/comm", "kthread\n"},
+                              {"99999999999/comm", "huge\n"}, {"12/cmdline", std::string("/usr/sbin/kopd\0-n\0", 18)},
+                              {"31/cmdline", ""}})
         ASSERT_TRUE(WriteFile(root.Sub(file), text));
     CProcess::SetProcRoot(root.Path().c_str());
     EXPECT_EQ(CProcess::GetProcRoot(), root.Path());

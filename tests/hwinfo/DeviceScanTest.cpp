@@ -87,7 +87,8 @@ TEST(DeviceScan, FullScanAndQueries)
     EXPECT_EQ("sdb", drives[1].name);
     ASSERT_EQ(1, scan.GetHostAdapter(host, drives[1]));
     EXPECT_EQ("8086:1d02", host.deviceIdText);
-    EXPECT_FALSE(scan.GetHostDrives(drives, *std::make_unique<CSystemAdapter>()));  // an adapter no scan made
+    CSystemDriveList none2;
+    EXPECT_FALSE(scan.GetHostDrives(none2, *std::make_unique<CSystemAdapter>()));  // an adapter no scan made
     CSystemVolume v;
     ASSERT_TRUE(scan.GetVolume(v, 1) == 1 && v.mountPoint == "/boot");
     EXPECT_EQ(0, scan.GetVolume(v, 3));

@@ -78,14 +78,11 @@ TEST(CThread, BoundedExitWaitKeepsTheThreadForALaterWait)
     ASSERT_TRUE(t.Start(WaitAtGate, &g));
     ASSERT_TRUE(WaitFor([&] { return g.started.load(); }));
     EXPECT_FALSE(t.WaitForExit(50));  // held at the gate: gives up
-    EXPECT_TRUE(t.IsAlive());
-    EXPECT_NE(t.GetId(), 0u);
+    EXPECT_TRUE(t.IsAlive() && t.GetId() != 0);
     g.go.Set();
     EXPECT_TRUE(t.WaitForExit(TR_INFINITE));
     EXPECT_NE(t.GetId(), 0u);  // ended, not yet collected
-    EXPECT_TRUE(t.WaitForTermination());
-    EXPECT_TRUE(g.finished);
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(t.WaitForTermination() && g.finished && t.GetId() == 0);
 }
 
 // A finite time-out is not honoured: traced as a warning, the wait goes on to the thread's end
@@ -106,8 +103,7 @@ TEST(CThread, FiniteTerminationWaitWarnsAndJoinsLikeAnInfiniteOne)
     });
     EXPECT_TRUE(t.WaitForTermination(1));
     opener.join();
-    EXPECT_TRUE(g.finished);
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(g.finished && t.GetId() == 0);
     EXPECT_TRUE(trace.Has(warning));
 }
 
@@ -120,13 +116,10 @@ TEST(CThread, DetachedThreadsAreCancelledNotWaitedFor)
     EXPECT_FALSE(t.WaitForTermination());
     g.go.Set();
     ASSERT_TRUE(WaitFor([&] { return !t.IsAlive(); }));
-    EXPECT_TRUE(g.finished);
-    EXPECT_TRUE(t.Kill());
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(g.finished && t.Kill() && t.GetId() == 0);
     ASSERT_TRUE(t.Start(SpinUntilCancelled, &b, 0, false, 0, 0, false));
     ASSERT_TRUE(WaitFor([&] { return b.started.load(); }));
-    EXPECT_TRUE(t.Kill());
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(t.Kill() && t.GetId() == 0);
     EXPECT_TRUE(WaitFor([&] { return b.finished.load(); }));
 }
 
@@ -135,16 +128,13 @@ TEST(CThread, KillJoinsAJoinableThreadAndStartAgainReplacesIt)
     Gate g(true), second;
     CThread t;
     ASSERT_TRUE(t.Start(WaitAtGate, &g));
-    EXPECT_TRUE(t.Kill());  // told to stop already: Kill only joins
-    EXPECT_TRUE(g.finished);
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(t.Kill() && g.finished && t.GetId() == 0);  // told to stop already: Kill only joins
     ASSERT_TRUE(t.Start(WaitAtGate, &g));
     ASSERT_TRUE(t.Start(WaitAtGate, &second));
     ASSERT_TRUE(WaitFor([&] { return second.started.load(); }));
     EXPECT_TRUE(t.IsAlive());
     second.go.Set();
-    EXPECT_TRUE(t.WaitForTermination());
-    EXPECT_TRUE(second.finished);
+    EXPECT_TRUE(t.WaitForTermination() && second.finished);
 }
 
 TEST(CThread, NameAndScheduling)
@@ -159,9 +149,7 @@ TEST(CThread, NameAndScheduling)
         ASSERT_TRUE(t.WaitForTermination());
         EXPECT_EQ(rt.policy, SCHED_RR);
     }
-    EXPECT_FALSE(t.Start(ReadOwnAttributes, &rt, 1000));
-    EXPECT_FALSE(t.Start(nullptr, nullptr));
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_FALSE(t.Start(ReadOwnAttributes, &rt, 1000) || t.Start(nullptr, nullptr) || t.GetId());
 }
 
 // A priority the process may not use fails the start (traced) instead of running at ordinary
