@@ -41,6 +41,7 @@ TEST_F(RegistryTest, PathsAreSplitAtBackslashThenSlash)
     EXPECT_EQ(reg.CreateKey(nullptr, "val/below"), -1);
     EXPECT_EQ(reg.CreateKey(nullptr, nullptr), -1);
     EXPECT_EQ(CRegistry().CreateKey(x, ""), 0);
+    EXPECT_EQ(CRegistry::GetRegistryDirectory(), m_Dir.Path());
 }
 
 TEST_F(RegistryTest, ValuesByTypeReplaceSubkeysOfTheSameName)
