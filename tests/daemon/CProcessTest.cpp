@@ -149,7 +149,8 @@ TEST(CProcessExecute, ManyStartsFromThreadsAllReaped)
     EXPECT_EQ(failures.load(), 0);
 }
 
-void NoteInterrupt(int) {}
+int g_InterruptMark = -1;
+void NoteInterrupt(int) { (void)!write(g_InterruptMark, "i", 1); }
 
 // In a child of its own (limits, handlers and the working directory stay there): a wait interrupted
 // by a signal goes on; a removed working directory is not returned to; a tiny descriptor limit
@@ -158,18 +159,21 @@ void NoteInterrupt(int) {}
 TEST(CProcessExecute, InterruptedWaitsRemovedDirectoryAndNoProcessLeft)
 {
     TempDir dir;
-    // Signals this process once it sleeps in its wait, then ends with 5.
+    // Signals this process once it sleeps in its wait and ends with 5 only after the handler ran
+    // (the wait was interrupted: a child ended already would be collected instead).
     ASSERT_TRUE(WriteFile(dir.Sub("poke.sh"), "while [ \"$(cut -d' ' -f3 /proc/$PPID/stat)\" != S ]; do :; done\n"
-                                              "kill -USR1 $PPID\nexit 5\n"));
+                                              "kill -USR1 $PPID\nwhile [ ! -s mark ]; do :; done\n: >mark\nexit 5\n"));
     ASSERT_TRUE(WriteFile(dir.Sub("noshebang"), "exit 6\n"));
     ASSERT_EQ(chmod(dir.Sub("noshebang").c_str(), 0755), 0);
-    const std::string poke = "sh " + dir.Sub("poke.sh"), gone = dir.Sub("gone");
+    const std::string poke = "sh poke.sh", gone = dir.Sub("gone");
     auto steps = [&] {
         struct sigaction sa {};
         sa.sa_handler = NoteInterrupt;  // no SA_RESTART: the wait returns EINTR
         uint32_t code = 0, pid = 0;
         std::string cwd;
-        if (sigaction(SIGUSR1, &sa, nullptr) != 0 || CProcess::ExecuteCmd(poke.c_str(), code, pid) || code != 5)
+        g_InterruptMark = open(dir.Sub("mark").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (g_InterruptMark < 0 || sigaction(SIGUSR1, &sa, nullptr) != 0 || chdir(dir.Path().c_str()) != 0 ||
+            CProcess::ExecuteCmd(poke.c_str(), code, pid) || code != 5)
             return 1;
         if (!CProcess::ExecuteCmdAsync(poke.c_str(), pid) || CProcess::WaitForExit(pid, code) || code != 5)
             return 2;
