@@ -1,6 +1,5 @@
-// Fuzz target: INI reading and writing.  The input is the file; every
-// section, key and value found is read, then keys are written into a copy
-// and must read back as written.
+// Fuzz target: INI reading and writing. The input is the file; every section, key and value found
+// is read, then keys are written into a copy and must read back as written.
 #include "FuzzSupport.h"
 
 #include "trace/CIniFile.h"
@@ -40,11 +39,10 @@ void WriteAndCheck(const char* section, const char* key, const char* value, cons
     FUZZ_CHECK(strcmp(back, value) == 0);
 }
 
-// Reader and writer agree only on files whose lines start in column 0 (the
-// reader skips leading white space, the writer does not), fit the reader's
-// line buffer, hold no NUL (a NUL ends a line for the reader only) and have
-// no vertical tab, form feed or carriage return between a key and its '='
-// (the reader drops any white space there, the writer only blanks and tabs).
+// Reader and writer agree only on files whose lines start in column 0 (the reader skips leading
+// white space, the writer does not), fit the reader's line buffer, hold no NUL (a NUL ends a line
+// for the reader only) and have no vertical tab, form feed or carriage return between a key and its
+// '=' (the reader drops any white space there, the writer only blanks and tabs).
 bool WriterAgreesWithReader(const uint8_t* data, size_t size)
 {
     size_t lineLen = 0;
@@ -76,10 +74,8 @@ bool WriterAgreesWithReader(const uint8_t* data, size_t size)
 
 } // namespace
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     const std::string& dir = fuzzsupport::ScratchDir();
     const std::string file = dir + "/in.ini";
     const std::string copy = dir + "/copy.ini";

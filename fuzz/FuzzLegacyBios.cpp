@@ -1,8 +1,7 @@
-// Fuzz target: the legacy BIOS area readers.  The input stands for the
-// firmware's memory: it is written into a sparse snapshot of physical
-// memory (the memory device under a private root) at 0xE0000, where the
-// shadow scan looks for an SMBIOS entry point, and again at 0xF0000, where
-// the PCI IRQ Routing Table ("$PIR") is searched.  Both readers run over it.
+// Fuzz target: the legacy BIOS area readers. The input stands for the firmware's memory: it is
+// written into a sparse snapshot of physical memory (the memory device under a private root) at
+// 0xE0000, where the shadow scan looks for an SMBIOS entry point, and again at 0xF0000, where the
+// PCI IRQ Routing Table ("$PIR") is searched. Both readers run over it.
 #include "FuzzSupport.h"
 
 #include "common/CDataStream.h"
@@ -35,9 +34,8 @@ bool WriteAt(int fd, off_t offset, const std::vector<uint8_t>& area)
     return lseek(fd, offset, SEEK_SET) == offset && tarvd::WriteAll(fd, area.data(), area.size());
 }
 
-// The snapshot keeps its size from one input to the next; each input
-// rewrites both areas whole (the input, then zeros), which is cheaper
-// than truncating the file and letting it grow again.
+// The snapshot keeps its size from one input to the next; each input rewrites both areas whole (the
+// input, then zeros), which is cheaper than truncating the file and letting it grow again.
 bool WriteSnapshot(const uint8_t* data, size_t size)
 {
     static UniqueFd fd = [] {
@@ -58,10 +56,8 @@ bool WriteSnapshot(const uint8_t* data, size_t size)
 
 } // namespace
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     if (!WriteSnapshot(data, size))
         return 0;
     const std::string& root = Root();

@@ -7,10 +7,8 @@
 
 #include "netif/netif_state.h"
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     std::vector<libnetif::netlink::message> messages;
     libnetif::netlink::split_messages(CByteReader(data, size), messages);
     libnetif::netif_state state;
@@ -27,8 +25,7 @@ extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
         FUZZ_CHECK(index > 0 && r.index == index);
         FUZZ_CHECK(r.name.size() < IFNAMSIZ);
     }
-    // Everything known is new to an empty state, and nothing changes between
-    // a state and itself.
+    // Everything known is new to an empty state, and nothing changes between a state and itself.
     std::vector<libnetif::netif_event> events;
     libnetif::diff_states({}, state, events);
     FUZZ_CHECK(events.size() == state.interfaces.size() + state.addresses.size() + state.routes.size());

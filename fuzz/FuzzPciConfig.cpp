@@ -1,11 +1,9 @@
-// Fuzz target: the PCI configuration scan.  The input describes up to
-// eight configuration-space files under proc/bus/pci of a private root:
-// each record is a bus-name byte, a function-name byte, a length byte and
-// that many bytes of configuration space.  Name bytes with the top bit set
-// pick one of a list of odd names (wrong lengths, bad hex, dots, a domain
-// prefix); the others give the usual "bb" / "dd.f" names.  Then the name
-// list and the scan run over the tree, with the slot lookup when the input
-// length is odd.
+// Fuzz target: the PCI configuration scan. The input describes up to eight configuration-space
+// files under proc/bus/pci of a private root: each record is a bus-name byte, a function-name byte,
+// a length byte and that many bytes of configuration space. Name bytes with the top bit set pick
+// one of a list of odd names (wrong lengths, bad hex, dots, a domain prefix); the others give the
+// usual "bb" / "dd.f" names. Then the name list and the scan run over the tree, with the slot
+// lookup when the input length is odd.
 #include "FuzzSupport.h"
 
 #include "common/CTRString.h"
@@ -17,7 +15,6 @@
 #include <climits>
 #include <cstring>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -44,10 +41,8 @@ std::string FunctionName(uint8_t b)
 
 } // namespace
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     static const std::string root = fuzzsupport::ScratchTree("pci", {"/proc", "/proc/bus", hwinfo::kProcBusPci});
     const std::string pci = root + hwinfo::kProcBusPci;
 

@@ -1,7 +1,6 @@
-// Fuzz target: the performance monitor's readings of a whole proc tree.
-// The input holds the processor statistics, the memory figures and the
-// network device table, separated by NUL bytes, written as stat, meminfo
-// and net/dev under the monitor's proc root; each input is then one
+// Fuzz target: the performance monitor's readings of a whole proc tree. The input holds the
+// processor statistics, the memory figures and the network device table, separated by NUL bytes,
+// written as stat, meminfo and net/dev under the monitor's proc root; each input is then one
 // snapshot of every group, followed by the queries of every value.
 #include "FuzzSupport.h"
 
@@ -68,10 +67,8 @@ CPerfMon& Monitor()
 
 } // namespace
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     CPerfMon& mon = Monitor();
     std::string parts[3];
     for (size_t i = 0, k = 0; i < size && k < 3; ++i) {

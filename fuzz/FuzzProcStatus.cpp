@@ -4,11 +4,8 @@
 
 #include "daemon/CProcess.h"
 
-
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     static const std::string root = fuzzsupport::ScratchTree("proc", {"/7"});
     if (!fuzzsupport::WriteWhole(root + "/7/status", data, size))
         return 0;

@@ -5,13 +5,10 @@
 
 #include "perfmon/ProcParse.h"
 
-#include <cstring>
 #include <string_view>
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     const std::string path = fuzzsupport::ScratchDir() + "/proctext";
     if (!fuzzsupport::WriteWhole(path, data, size))
         return 0;

@@ -1,13 +1,10 @@
-// Fuzz target: the registry file reader, and a write-read round trip that
-// must reproduce the tree: read the input, dump it, read the dump, dump
-// again; both dumps must be byte-equal.
+// Fuzz target: the registry file reader, and a write-read round trip that must reproduce the tree:
+// read the input, dump it, read the dump, dump again; both dumps must be byte-equal.
 #include "FuzzSupport.h"
 
 #include "common/UniqueHandle.h"
 #include "registry/CRegistry.h"
 #include "registry/CRegistryNode.h"
-
-#include <cstring>
 
 namespace {
 
@@ -51,10 +48,8 @@ bool LinesReadable(const std::string& text)
 
 } // namespace
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     CRegistryNode first;
     bool read = Restore(first, data, size);
     std::string dump1 = Dump(first);

@@ -1,9 +1,8 @@
-// Fuzz target: the SMBIOS reader of the hardware inventory.  The input is
-// an entry point and a structure table (first byte: the entry point's
-// length, the next that many bytes the entry point, the rest the table),
-// written where the kernel publishes them under a private root; then the
-// revision, the structure walk, the lookups of slots (type 9) and onboard
-// devices (type 41), the slot list built from them and the machine identity.
+// Fuzz target: the SMBIOS reader of the hardware inventory. The input is an entry point and a
+// structure table (first byte: the entry point's length, the next that many bytes the entry point,
+// the rest the table), written where the kernel publishes them under a private root; then the
+// revision, the structure walk, the lookups of slots (type 9) and onboard devices (type 41), the
+// slot list built from them and the machine identity.
 #include "FuzzSupport.h"
 
 #include "common/ByteReader.h"
@@ -11,7 +10,6 @@
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/HwPaths.h"
 #include "hwinfo/SmbiosIdentity.h"
-
 
 namespace {
 
@@ -24,9 +22,9 @@ const std::string& Root()
 
 } // namespace
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput || size == 0)
+    if (size == 0)
         return 0;
     size_t epLen = data[0];
     if (epLen > size - 1)

@@ -1,9 +1,8 @@
 // Helpers shared by the fuzz targets: a private scratch directory, writing
 // an input as a file, and an invariant check that stops the run.
 //
-// Each target defines its entry under TARVD_FUZZ_ENTRY, which is
-// LLVMFuzzerTestOneInput in the fuzzer build and a distinct name when the
-// same body is compiled into the replay test program.
+// Each target defines its entry under TARVD_FUZZ_ENTRY, which is LLVMFuzzerTestOneInput in the
+// fuzzer build and a distinct name when the same body is compiled into the replay test program.
 #pragma once
 
 #include <cstddef>
@@ -36,6 +35,15 @@ bool WriteWhole(const std::string& path, const void* data, size_t size);
 [[noreturn]] void Fail(const char* file, int line, const char* what);
 
 } // namespace fuzzsupport
+
+/// Opens a target's body: inputs over kMaxInput are ignored, the others reach the body.
+#define TARVD_FUZZ_TARGET(data, size)                                                \
+    static int FuzzBody(const uint8_t* data, size_t size);                            \
+    extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)                 \
+    {                                                                                 \
+        return size > ::fuzzsupport::kMaxInput ? 0 : FuzzBody(data, size);          \
+    }                                                                                 \
+    static int FuzzBody(const uint8_t* data, size_t size)
 
 /// An invariant of a target: when it does not hold, the run stops with a
 /// message (the fuzzer keeps the input as a crash).

@@ -3,12 +3,8 @@
 
 #include "trace/CDebugTraceConfigFile.h"
 
-#include <cstring>
-
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     const std::string& dir = fuzzsupport::ScratchDir();
     if (!fuzzsupport::WriteWhole(dir + "/trace.ini", data, size))
         return 0;

@@ -1,15 +1,12 @@
-// Fuzz target: the trace file reader on arbitrary ring-buffer and log-file
-// bytes.
+// Fuzz target: the trace file reader on arbitrary ring-buffer and log-file bytes.
 #include "FuzzSupport.h"
 
 #include "trace/CTraceReader.h"
 
 #include <vector>
 
-extern "C" int TARVD_FUZZ_ENTRY(const uint8_t* data, size_t size)
+TARVD_FUZZ_TARGET(data, size)
 {
-    if (size > fuzzsupport::kMaxInput)
-        return 0;
     const char* text = reinterpret_cast<const char*>(data);
     size_t total = 0;
     std::vector<std::string> entries;

@@ -17,10 +17,7 @@ TEST(CByteReader, ReadsInsideAndNothingStraddlingTheEnd)
     EXPECT_EQ(r.ReadLe32(5), 0x09080706u);
     EXPECT_EQ(r.ReadLe64(1), 0x0908070605040302ull);
     EXPECT_EQ(r.ReadU8(8), 0x09);
-    EXPECT_FALSE(r.ReadU8(9).has_value());
-    EXPECT_FALSE(r.ReadLe16(8).has_value());
-    EXPECT_FALSE(r.ReadLe32(6).has_value());
-    EXPECT_FALSE(r.ReadLe64(2).has_value());
+    EXPECT_FALSE(r.ReadU8(9) || r.ReadLe16(8) || r.ReadLe32(6) || r.ReadLe64(2));
     EXPECT_EQ(r.Le32Or(6, 0xDEADBEEF), 0xDEADBEEFu);
     EXPECT_EQ(r.U8Or(100, 7), 7);
     EXPECT_EQ(r.Le64Or(2, 5), 5u);
@@ -36,19 +33,15 @@ TEST(CByteReader, ReadsInsideAndNothingStraddlingTheEnd)
 TEST(CByteReader, EmptyNullMatchesAndClippedSubViews)
 {
     CByteReader empty(kBytes, 0), null(nullptr, 100), def;
-    EXPECT_TRUE(empty.Contains(0, 0));
-    EXPECT_FALSE(empty.Contains(1, 0));
+    EXPECT_TRUE(empty.Contains(0, 0) && !empty.Contains(1, 0));
     EXPECT_EQ(null.Size(), 0u);  // a size without data is no view at all
-    EXPECT_TRUE(null.Matches(0, "", 0));
-    EXPECT_FALSE(null.Matches(0, "a", 1));
+    EXPECT_TRUE(null.Matches(0, "", 0) && !null.Matches(0, "a", 1));
     EXPECT_EQ(def.U8Or(0, 3), 3);
     CByteReader m("_SM_\x1f", 5);
-    EXPECT_TRUE(m.Matches(0, "_SM_", 4));
-    EXPECT_FALSE(m.Matches(1, "_SM_", 4));
-    EXPECT_FALSE(m.Matches(4, "\x1f\x00", 2));  // would straddle the end
-    EXPECT_TRUE(m.Matches(5, "", 0));
-    EXPECT_FALSE(m.Matches(6, "", 0));
-    EXPECT_FALSE(m.Matches(0, nullptr, 1));
+    EXPECT_TRUE(m.Matches(0, "_SM_", 4) && m.Matches(5, "", 0));
+    // Elsewhere, straddling the end, past it, or nothing to compare.
+    EXPECT_FALSE(m.Matches(1, "_SM_", 4) || m.Matches(4, "\x1f\x00", 2) || m.Matches(6, "", 0) ||
+                 m.Matches(0, nullptr, 1));
     CByteReader r(kBytes, sizeof kBytes);
     EXPECT_FALSE(r.Sub(2, 3).ReadU8(3).has_value());  // not the parent's next byte
     EXPECT_EQ(r.Sub(7, kMax).Size(), 2u);

@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <fcntl.h>
+#include <functional>
 #include <string>
+#include <sys/resource.h>
 
 #include "common/CDataStream.h"
+#include "common/UniqueHandle.h"
 #include "support/TraceEnv.h"
 
 namespace {
@@ -28,10 +33,17 @@ TEST(CDataStream, CopiesAreIndependentAndRangesOutOfItselfAreSafe)
     EXPECT_EQ(Contents(c), std::string("a\0b\xff", 4));
     EXPECT_FALSE(a == c);
     a.Append(nullptr, 4);
+    a.Append("?", 0);
     a.Append("!", 1);
     EXPECT_EQ(Contents(a), "bye!");
+    // A range just below the other's storage is no part of it.
+    CDataStream& low = std::less<>()(a.GetData(), c.GetData()) ? a : c, &high = &low == &a ? c : a;
+    const std::string both = Contents(high) + Contents(low);
+    high.Append(low.GetData(), low.GetSize());
+    EXPECT_EQ(Contents(high), both);
+    c.SetAt("x", 0);
     a.SetAt(nullptr, 3);
-    EXPECT_TRUE(a.IsEmpty());
+    EXPECT_TRUE(a.IsEmpty() && c.IsEmpty());
     CDataStream s("0123456789", 10);
     s.SetAt(s.GetData() + 2, 5);
     EXPECT_EQ(Contents(s), "23456");
@@ -81,6 +93,33 @@ TEST(CDataStream, ReadFromFileReadsWholeFilesOrFailsKeepingTheContents)
     EXPECT_TRUE(s.GetLastError().empty());
     ASSERT_TRUE(s.ReadFromFile(dir.Sub("empty").c_str()));
     EXPECT_TRUE(s.IsEmpty());
+}
+
+// A file that fits the cap but not the memory the process may use: the allocation fails and the
+// stream keeps its contents.  The address space is limited to what the process uses plus 256 MiB
+// for the one read; the sanitizers reserve far more than that, so the case cannot run there.
+TEST(CDataStream, ReadFromFileOutOfMemoryFailsKeepingTheContents)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "RLIMIT_AS cannot be used under a sanitizer";
+#endif
+    testsupport::TempDir dir;
+    const std::string sparse = dir.Sub("sparse");  // 4 GiB without a block on disk
+    UniqueFd fd(open(sparse.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_TRUE(fd && ftruncate(fd.Get(), off_t{1} << 32) == 0);
+    const std::string status = testsupport::ReadFile("/proc/self/status");
+    const rlim_t used = std::stoull(status.substr(status.find("VmSize:") + 7)) << 10;
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &old), 0);
+    rlimit low = old;
+    low.rlim_cur = std::min(old.rlim_max, used + (rlim_t{256} << 20));
+    CDataStream s("keep", 4);
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &low), 0);
+    const bool read = s.ReadFromFile(sparse.c_str());
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &old), 0);
+    EXPECT_FALSE(read);
+    EXPECT_EQ(Contents(s), "keep");
+    EXPECT_EQ(s.GetLastError(), "CDataStream::ReadFromFile() : Could not read file : '" + sparse + "'");
 }
 
 TEST(CDataStream, DumpHexLayoutAndReader)

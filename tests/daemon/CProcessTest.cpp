@@ -4,6 +4,7 @@
 #include "daemon/CProcess.h"
 
 #include "support/TestSupport.h"
+#include "support/TraceEnv.h"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -57,6 +59,7 @@ TEST(CProcessExecute, ResultAndExitCodeOfEachCommandFormSyncAndAsync)
         {"sh -c 'exit 3'", 2},
         {"sh -c exit 3", 0},  // "exit" is the script, "3" is $0
         {"  sh\t-c   exit\\ 3", kAnyCode},  // tabs and repeated blanks split too
+        {"\r\v\f/bin/true\n", 0},
         {"sh " + dir.Sub("exit3.sh"), 3},
         {"sh " + dir.Sub("kill.sh"), kNoStatus},  // killed: no exit status
         {"./tool.sh", 4, "."},  // relative to the working directory given
@@ -146,6 +149,59 @@ TEST(CProcessExecute, ManyStartsFromThreadsAllReaped)
     EXPECT_EQ(failures.load(), 0);
 }
 
+int g_InterruptMark = -1;
+void NoteInterrupt(int) { (void)!write(g_InterruptMark, "i", 1); }
+
+// In a child of its own (limits, handlers and the working directory stay there): a wait interrupted
+// by a signal goes on; a removed working directory is not returned to; a tiny descriptor limit
+// still closes the usual range; and where no process can be made at all (no process left to the
+// user) the start fails with no child and no status.
+TEST(CProcessExecute, InterruptedWaitsRemovedDirectoryAndNoProcessLeft)
+{
+    TempDir dir;
+    // Signals this process once it sleeps in its wait and ends with 5 only after the handler ran
+    // (the wait was interrupted: a child ended already would be collected instead).
+    ASSERT_TRUE(WriteFile(dir.Sub("poke.sh"), "while [ \"$(cut -d' ' -f3 /proc/$PPID/stat)\" != S ]; do :; done\n"
+                                              "kill -USR1 $PPID\nwhile [ ! -s mark ]; do :; done\n: >mark\nexit 5\n"));
+    ASSERT_TRUE(WriteFile(dir.Sub("noshebang"), "exit 6\n"));
+    ASSERT_EQ(chmod(dir.Sub("noshebang").c_str(), 0755), 0);
+    const std::string poke = "sh poke.sh", gone = dir.Sub("gone");
+    auto steps = [&] {
+        struct sigaction sa {};
+        sa.sa_handler = NoteInterrupt;  // no SA_RESTART: the wait returns EINTR
+        uint32_t code = 0, pid = 0;
+        std::string cwd;
+        g_InterruptMark = open(dir.Sub("mark").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (g_InterruptMark < 0 || sigaction(SIGUSR1, &sa, nullptr) != 0 || chdir(dir.Path().c_str()) != 0 ||
+            CProcess::ExecuteCmd(poke.c_str(), code, pid) || code != 5)
+            return 1;
+        if (!CProcess::ExecuteCmdAsync(poke.c_str(), pid) || CProcess::WaitForExit(pid, code) || code != 5)
+            return 2;
+        if (mkdir(gone.c_str(), 0700) != 0 || chdir(gone.c_str()) != 0 || rmdir(gone.c_str()) != 0 ||
+            CProcess::GetCurrentDir(cwd) || !CProcess::ExecuteCmd("/bin/true", code, pid, "/") ||
+            CProcess::GetCurrentDir(cwd) || chdir("/") != 0)
+            return 3;
+        const rlimit few{200, 200};
+        for (bool keep : {false, true})
+            if (setrlimit(RLIMIT_NOFILE, &few) != 0 ||
+                CProcess::ExecuteCmd((dir.Sub("noshebang")).c_str(), code, pid, nullptr, false, keep) || code != 6)
+                return 4;
+        // The limit binds root only as another real user; the saved id brings root back.
+        const rlimit none{0, 0};
+        const bool root = getuid() == 0;
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || (root && setresuid(65534, 65534, 0) != 0))
+            return 5;
+        for (const char* command : {"/bin/true", "", static_cast<const char*>(nullptr)}) {
+            code = pid = 7;
+            if (CProcess::ExecuteCmd(command, code, pid) || pid != kNoStatus || code != kNoStatus)
+                return 6;
+        }
+        return root && setresuid(0, 0, 0) != 0 ? 7 : 0;
+    };
+    // exit(), not InChild's _exit: a coverage build writes out the child's counters.
+    testsupport::TraceEnv::ExpectExit(testsupport::TraceEnv::InChild([&]() -> int { exit(steps()); }), 0);
+}
+
 TEST(CProcessDir, GetAndSetCurrentDir)
 {
     TempDir dir;
@@ -214,6 +270,8 @@ TEST(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
     EXPECT_EQ(value, kUntouched);
     EXPECT_FALSE(CProcess::GetProcessMemoryInfo(43, size, peak, swap, fourth, diff));
     EXPECT_EQ(size, 0u);
+    ASSERT_TRUE(WriteFile(root.Sub("42/status"), "VmPeak:\t    4096 kB\n"));  // no size
+    EXPECT_FALSE(CProcess::GetProcessMemoryInfo(42, size, peak, swap, fourth, diff));
     ASSERT_TRUE(WriteFile(root.Sub("42/status"), "VmPeak:\t    4096 kB\nVmSize:\t    3072 kB\nVmLib:\t  1024 kB\n"
                                                  "VmRSS:\t    2048 kB\nVmSwap:\t       1 MB\n"));
     EXPECT_TRUE(CProcess::GetProcessMemoryInfo(42, size, peak, swap, fourth, diff));
@@ -228,13 +286,14 @@ TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
     // 30: the kernel cuts names at 15; 31: a kernel thread, its command line empty.
     for (auto [file, text] : {std::pair<const char*, std::string>{"12/comm", "kopd\n"}, {"30/comm", "a-very-long-nam\n"},
                               {"0/comm", "zero\n"}, {"self/comm", "selfname\n"}, {"31/comm", "kthread\n"},
-                              {"12/cmdline", std::string("/usr/sbin/kopd\0-n\0", 18)}, {"31/cmdline", ""}})
+                              {"99999999999/comm", "huge\n"}, {"12/cmdline", std::string("/usr/sbin/kopd\0-n\0", 18)},
+                              {"31/cmdline", ""}})
         ASSERT_TRUE(WriteFile(root.Sub(file), text));
     CProcess::SetProcRoot(root.Path().c_str());
     EXPECT_EQ(CProcess::GetProcRoot(), root.Path());
     const std::pair<const char*, uint32_t> finds[] = {{"kopd", 12}, {"a-very-long-nam", 30}, {"a-very-long-name", kNoStatus},
                  {"zero", kNoStatus} /* id 0 is no process */, {"selfname", kNoStatus} /* not a number */,
-                 {"kop", kNoStatus}};
+                 {"kop", kNoStatus}, {"huge", kNoStatus} /* beyond 32 bits */};
     for (const auto& [name, expected] : finds) {
         uint32_t pid = 0;
         EXPECT_EQ(CProcess::FindProcess(pid, name), expected != kNoStatus) << name;
@@ -244,12 +303,14 @@ TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
     EXPECT_TRUE(CProcess::GetProcessInfo(12, name, path));
     EXPECT_EQ(name + " " + path, "kopd /usr/sbin/kopd");
     EXPECT_FALSE(CProcess::GetProcessName(name, 13));
-    EXPECT_FALSE(CProcess::GetProcessInfo(30, name, path) || CProcess::GetProcessInfo(31, name, path));
-    EXPECT_FALSE(CProcess::get_proc_file(12, nullptr, text));
-    EXPECT_FALSE(CProcess::get_proc_file(12, "status", text));
+    for (uint32_t pid : {13, 30, 31})
+        EXPECT_FALSE(CProcess::GetProcessInfo(pid, name, path)) << pid;
+    EXPECT_FALSE(CProcess::get_proc_file(12, nullptr, text) || CProcess::get_proc_file(12, "status", text));
+    EXPECT_TRUE(CProcess::get_proc_file(12, "", text) && text.empty());  // a directory: no text
 
     CProcess::SetProcRoot((root.Path() + "/missing").c_str());
     uint32_t pid = 5;
+    EXPECT_FALSE(CProcess::FindProcess(pid, nullptr));
     EXPECT_FALSE(CProcess::FindProcess(pid, "kopd"));
     EXPECT_EQ(pid, kNoStatus);
 

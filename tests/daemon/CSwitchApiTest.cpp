@@ -1,6 +1,5 @@
-// The daemon's hold on the framework library, against stand-ins that record
-// every call (tests/daemon/libs); the daemon's own use of it, end to end, is
-// in KopdEndToEndTest.
+// The daemon's hold on the framework library, against stand-ins that record every call
+// (tests/daemon/libs); the daemon's own use of it, end to end, is in KopdEndToEndTest.
 #include <gtest/gtest.h>
 
 #include "daemon/CSwitchApi.h"

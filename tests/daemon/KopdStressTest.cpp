@@ -137,10 +137,9 @@ protected:
     }
 };
 
-// Instances started while the running one stops are refused (the old one
-// still holds the lock) or run once it is gone, never at once with it; a lock
-// taken on the file the stopping instance has just removed does not count as
-// held.  (Many takers of a free lock at once: CFileLockFault.)
+// Instances started while the running one stops are refused (the old one still holds the lock) or
+// run once it is gone, never at once with it; a lock taken on the file the stopping instance has
+// just removed does not count as held. (Many takers of a free lock at once: CFileLockFault.)
 TEST_F(KopdStressTest, StartsWhileAnInstanceStopsNeverOverlap)
 {
     int loads = 0;
@@ -175,10 +174,9 @@ TEST_F(KopdStressTest, StartsWhileAnInstanceStopsNeverOverlap)
     EXPECT_EQ(CountSerialLoads(RecordLines()), loads);
 }
 
-// SIGTERM or SIGINT in the middle of a storm of SIGHUP and SIGALRM always
-// stops the daemon cleanly, the storm itself never does, nor do paced
-// SIGHUPs leak descriptors.  (Under the address sanitizer a leak fails the
-// exit status.)
+// SIGTERM or SIGINT in the middle of a storm of SIGHUP and SIGALRM always stops the daemon cleanly,
+// the storm itself never does, nor do paced SIGHUPs leak descriptors. (Under the address sanitizer
+// a leak fails the exit status.)
 TEST_F(KopdStressTest, SignalStormsNeitherStopNorLeakAndTerminationEndsThem)
 {
     for (int sig : {SIGTERM, SIGINT}) {
@@ -187,9 +185,8 @@ TEST_F(KopdStressTest, SignalStormsNeitherStopNorLeakAndTerminationEndsThem)
         pid_t pid = StartForeground().pid;
         ASSERT_TRUE(WaitStarted()) << Output();
         if (sig == SIGTERM) {
-            // Paced, so that each is really taken (the kernel keeps one
-            // pending): every SIGHUP closes and reopens the trace outputs,
-            // which must not leak a descriptor.
+            // Paced, so that each is really taken (the kernel keeps one pending): every SIGHUP
+            // closes and reopens the trace outputs, which must not leak a descriptor.
             const std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
             auto fds = [&] { return std::distance(std::filesystem::directory_iterator(fdDir), {}); };
             ASSERT_TRUE(SignalAndWaitTaken(pid, SIGHUP));

@@ -1,7 +1,6 @@
-// End-to-end test of the bundled modules: the real kopd with the real
-// framework libswitch.so runs the inventory and performance modules in a
-// private mount namespace; their figures reach the registry under the
-// namespace's /etc/tarvd.
+// End-to-end test of the bundled modules: the real kopd with the real framework libswitch.so runs
+// the inventory and performance modules in a private mount namespace; their figures reach the
+// registry under the namespace's /etc/tarvd.
 #include <gtest/gtest.h>
 
 #include <syslog.h>
@@ -83,9 +82,8 @@ TEST_F(ModulesEndToEndTest, FailingModulesAreReportedToTheSystemLog)
     EXPECT_TRUE(Contains(errors, "module missing") && Contains(errors, "module text")) << errors;
 }
 
-// The registry file is rewritten when something worth keeping changed, not
-// for every new figure: over a minute of the modules' default settings
-// (figures published once a minute), twice at most.
+// The registry file is rewritten when something worth keeping changed, not for every new figure:
+// over a minute of the modules' default settings (figures published once a minute), twice at most.
 TEST_F(ModulesEndToEndTest, RegistryFileRewrittenOnlyForChangesWorthKeeping)
 {
     pid_t pid = Start({"-n"}, {"TARVD_MODULES_DIR=" TEST_EXAMPLE_CONF_DIR}, TEST_FRAMEWORK_DIR);

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <unistd.h>
 
 #include "hwinfo/CSystemDeviceScan.h"
 #include "support/Firmware.h"
@@ -84,16 +83,14 @@ TEST(DeviceScan, FullScanAndQueries)
     EXPECT_EQ(1, scan.FindAdapter(none, "8086:ffff") + scan.FindAdapter(none, CPciAddress(0, 0x3B, 0, 0)) +
                      scan.FindAdapter(none, CPciAddress(1, 0x3B, 0, 0)));
     CSystemDriveList drives;
-    ASSERT_TRUE(scan.GetHostDrives(drives, hba));
-    ASSERT_EQ(2u, drives.size());
+    ASSERT_TRUE(scan.GetHostDrives(drives, hba) && drives.size() == 2);
     EXPECT_EQ("sdb", drives[1].name);
     ASSERT_EQ(1, scan.GetHostAdapter(host, drives[1]));
     EXPECT_EQ("8086:1d02", host.deviceIdText);
     CSystemDriveList none2;
     EXPECT_FALSE(scan.GetHostDrives(none2, *std::make_unique<CSystemAdapter>()));  // an adapter no scan made
     CSystemVolume v;
-    ASSERT_EQ(1, scan.GetVolume(v, 1));
-    EXPECT_EQ("/boot", v.mountPoint);
+    ASSERT_TRUE(scan.GetVolume(v, 1) == 1 && v.mountPoint == "/boot");
     EXPECT_EQ(0, scan.GetVolume(v, 3));
     CSystemDeviceScan copy(scan);  // copies carry the lists
     EXPECT_EQ(std::pair(2, 3), std::pair(copy.GetAdapterCount(), copy.GetVolumeCount()));
@@ -173,8 +170,7 @@ TEST(DeviceScan, TerminateAndDestructorStopTheWatcherAtTheDefaultPeriod)
     FakeRoot root;
     MakeMachine(root);
     CSystemDeviceScan scan;  // 60-second period: only the exit event wakes it
-    ASSERT_EQ(0, scan.ScanHardware(CSystemDeviceScan::SCAN_WATCHER, true, 1000));
-    ASSERT_TRUE(scan.IsUpdateThreadAlive());
+    ASSERT_TRUE(scan.ScanHardware(CSystemDeviceScan::SCAN_WATCHER, true, 1000) == 0 && scan.IsUpdateThreadAlive());
     EXPECT_TRUE(scan.Terminate(5000) == 0 && !scan.IsUpdateThreadAlive());
     auto owned = std::make_unique<CSystemDeviceScan>();
     ASSERT_EQ(0, owned->ScanHardware(CSystemDeviceScan::SCAN_WATCHER | CSystemDeviceScan::SCAN_VOLUMES, true, 1000));

@@ -126,8 +126,7 @@ TEST(PciSlotMapMerge, IrqSlotsWithSmbiosTypesSmbiosAloneAndBuiltOnce)
     EXPECT_EQ("PciSlotData 3:2.** --> Slot 9 (Serial bus);PciSlotData 4:1.** --> Slot 8 (Unknown bus type);",
               Text(CPciSlotMap::GetSlotMapping()));
     CPciSlotMap::ResetProcessSlotMap();
-    EXPECT_EQ(9, GetPciSlotNumber(3, 0));  // serial: any device on bus 3
-    EXPECT_EQ(9, GetPciSlotNumber(3, 30));
-    EXPECT_EQ(8, GetPciSlotNumber(4, 1));
-    EXPECT_EQ(0, GetPciSlotNumber(4, 2));
+    // Serial: any device on bus 3.
+    for (auto [bus, device, slot] : {std::tuple{3, 0, 9}, {3, 30, 9}, {4, 1, 8}, {4, 2, 0}})
+        EXPECT_EQ(slot, GetPciSlotNumber(bus, device)) << bus << ":" << device;
 }

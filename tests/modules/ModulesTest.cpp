@@ -1,9 +1,5 @@
-// The bundled modules.  The inventory's key names, its comparison of two
-// inventories and its registry form; then the inventory and performance
-// modules, loaded like the framework loads them, run against a machine
-// snapshot or a made-up proc root with the registry in a temporary directory.
-// The machine identity comes from the snapshot's SMBIOS table: each change of
-// it (a BIOS update, a memory module out and back) is recorded exactly once.
+// The bundled modules: the inventory's key names, comparison and registry form, then the
+// inventory and performance modules, loaded as the framework loads them, on a machine snapshot.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -82,7 +78,6 @@ Names ChangeNames()
 
 TEST(InventoryNames, EscapingKeepsOneComponentAndRoundTripsAndTextsAreMadeSafe)
 {
-    // {text, its key name ("": not checked)}: one component that turns back into the text.
     for (auto [text, name] : {std::pair<std::string, std::string>{"/", "%2F"}, {"/mnt/a b", "%2Fmnt%2Fa b"},
                               {"a\\b[c]=d%e", "a%5Cb%5Bc%5D%3Dd%25e"}, {"x\ny\r\x7f\xc3\xa9", "x%0Ay%0D%7F%C3%A9"},
                               {"/srv/%2F/x", ""}, {"\x01][", ""}, {"", ""}, {"%", ""}}) {
@@ -95,7 +90,6 @@ TEST(InventoryNames, EscapingKeepsOneComponentAndRoundTripsAndTextsAreMadeSafe)
     EXPECT_EQ(UnescapeKeyName("%") + UnescapeKeyName("a%4") + UnescapeKeyName("%zz%41"), "%a%4%zzA");
     EXPECT_EQ(SanitizeText("Disk\nA\r\t"), "Disk?A??");
     EXPECT_EQ(SanitizeText(std::string(5000, 'x')).size(), kMaxText);
-    EXPECT_EQ(SanitizeText("plain text"), "plain text");
 }
 
 TEST(InventoryCompare, AdaptersAddedRemovedAndMovedEachPairedOnlyOnce)
@@ -155,7 +149,6 @@ TEST_F(RegistryTest, CategoryWrittenExactlyAndUnchangedDataLeavesTheTreeClean)
         ASSERT_TRUE(WriteCategory(reg, kDrivesKey, items));
         EXPECT_FALSE(CRegistry::IsDirty());  // nothing differed: no save needed
     }
-    // Stale keys and values go; the new value types replace the old ones.
     Category next = {{"b", {{"N", Value::Text("two")}}}, {"c", {}}};
     ASSERT_TRUE(write(next));
     CRegistry::SetRegistryDirectory(m_Dir.Path().c_str());  // reload from the file
@@ -163,9 +156,7 @@ TEST_F(RegistryTest, CategoryWrittenExactlyAndUnchangedDataLeavesTheTreeClean)
     Category back;
     ASSERT_TRUE(ReadCategory(reg, kDrivesKey, back));
     EXPECT_EQ(back, next);
-    Category none;
-    EXPECT_FALSE(ReadCategory(reg, kVolumesKey, none));
-    EXPECT_TRUE(none.empty());
+    EXPECT_FALSE(ReadCategory(reg, kVolumesKey, back));
 }
 
 TEST_F(RegistryTest, ChangesAreNumberedOnAndTheOldestDropped)
@@ -182,7 +173,6 @@ TEST_F(RegistryTest, ChangesAreNumberedOnAndTheOldestDropped)
     const std::string key = kChanges + "\\0000000005";
     EXPECT_EQ(TextOr(key, "Kind") + " " + TextOr(key, "Object") + " " + TextOr(key, "Detail"),
               "DriveRemoved sdb d2?second line");
-    EXPECT_EQ(TextOr(key, "Time"), "2024-01-02T03:04:06Z");
     EXPECT_EQ(NumberOr(kInventoryKey, "LastChange", 0), 6u);
     EXPECT_EQ(RecordChanges(reg, three, "t2", 0), 9u);  // keep 0 is taken as 1
     EXPECT_EQ(SubKeys(kChanges), Names{"0000000009"});
@@ -197,7 +187,6 @@ TEST(ModuleSettings, NumbersAreCheckedAndFallBack)
         EXPECT_EQ(tarvdmod::ConfigNumber(config.Get(), key, 9, 0, 100, &flagged), value) << key;
         EXPECT_EQ(flagged, bad) << key;
     }
-    EXPECT_EQ(tarvdmod::IsoTimeUtc(0), "1970-01-01T00:00:00Z");
     EXPECT_EQ(tarvdmod::IsoTimeUtc(1700000000), "2023-11-14T22:13:20Z");
 }
 
@@ -225,9 +214,8 @@ protected:
         return v;
     }
 
-    /// Load, start, wait until ScanCount reaches `scans` (the scan runs on
-    /// the module's thread), stop, unload.  With no `scans`, runs `ms`
-    /// instead and checks that no scan followed.
+    /// Load, start, wait until ScanCount reaches `scans` (the scan runs on the module's thread),
+    /// stop, unload. With no `scans`, runs `ms` instead and checks that no scan followed.
     void Run(const std::map<std::string, std::string>& values, uint32_t flags, uint32_t scans, int ms = 0,
              bool announceStop = false)
     {
@@ -283,13 +271,11 @@ TEST_F(InventoryModuleTest, PublishesTheWholeSnapshotAfterStopsWhileScanning)
     EXPECT_EQ(TextOr(host, "ClassName"), CPciCommonConfigHeader::GetPciBaseClassDescription(6));
     EXPECT_EQ(TextOr(kDrives + "vda", "HostAdapter") + " " + TextOr(kDrives + "vda", "SizeBytes"),
               "0000:00:02.0 " + std::to_string(10ull << 30));
-    EXPECT_EQ(TextOr(kVolumes + "%2Fsrv%2Fdata dir", "MountPoint"), "/srv/data dir");
     EXPECT_EQ(SubKeys(kInv + "\\Volumes"), (Names{"%2F", "%2Fboot", "%2Fsrv%2Fdata dir"}));
     EXPECT_TRUE(std::regex_match(TextOr(kInv, "LastScan"), kTime));
     EXPECT_TRUE(SubKeys(kChanges).empty());  // the first inventory is taken as it is
 
     CRegistry::SetRegistryDirectory(m_Dir.Path().c_str());  // saved: a fresh load has it
-    EXPECT_EQ(SubKeys(kInv + "\\Adapters").size(), 6u);
     EXPECT_EQ(TextOr(kVolumes + "%2Fsrv%2Fdata dir", "MountPoint"), "/srv/data dir");
 }
 
@@ -325,9 +311,6 @@ TEST_F(InventoryModuleTest, ChangesAreRecordedWhenTheNextScanIsDueAndOnlyTheLate
               (std::set<std::string>{"AdapterRemoved 0000:00:05.0", "AdapterAdded 0000:00:07.0",
                                      "AdapterMoved 0000:00:02.0", "DriveRemoved vda", "VolumeRemoved /boot"}));
     EXPECT_TRUE(std::regex_match(TextOr(kChanges + "\\0000000005", "Time"), kTime));
-    EXPECT_EQ(NumberOr(kInv, "LastChange", 0), 5u);
-
-    // The stored inventory is the new one.
     EXPECT_EQ(NumberOr(kAdapters + "0000:00:02.0", "Slot", 0), 5u);
     EXPECT_TRUE(SubKeys(kInv + "\\Drives").empty());
     // Four disks come, only the last two changes stay.
@@ -335,8 +318,7 @@ TEST_F(InventoryModuleTest, ChangesAreRecordedWhenTheNextScanIsDueAndOnlyTheLate
         WriteDisk(m_Root.Path(), disk, 2048);
     Run(Values({{"MaxChanges", "2"}}), TARVD_FLAG_FORCE_RESCAN, 4);
     EXPECT_EQ(SubKeys(kChanges), (Names{"0000000008", "0000000009"}));
-    const std::string last = kChanges + "\\0000000009";
-    EXPECT_EQ(TextOr(last, "Kind") + " " + TextOr(last, "Object"), "DriveAdded vde");
+    EXPECT_EQ(ChangeNames().back(), "DriveAdded vde");
     // An empty machine root publishes an empty inventory.
     TempDir empty;
     Run(Values({{"Root", empty.Path()}}), TARVD_FLAG_FORCE_RESCAN, 5);
@@ -347,7 +329,6 @@ TEST_F(InventoryModuleTest, ChangesAreRecordedWhenTheNextScanIsDueAndOnlyTheLate
 TEST_F(InventoryModuleTest, IdentityPublishedAndEachChangeRecordedOnce)
 {
     Run(Values(), TARVD_FLAG_FORCE_RESCAN, 1);
-    EXPECT_EQ(TextOr(kIdentity + "System", "Manufacturer"), "Dell Inc.");
     EXPECT_EQ(TextOr(kIdentity + "Chassis", "TypeName"), "Desktop") << TextOr(kIdentity + "Chassis", "Type");
     const std::string version = TextOr(kIdentity + "BIOS", "Version");
     ASSERT_FALSE(version.empty());
@@ -433,7 +414,6 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
     EXPECT_TRUE(WaitNumber("\\System", "AverageKernel", 0));  // the counters stand still
     EXPECT_TRUE(WaitFor([&] { return TextOr(kPerf + "\\Network\\1", "Name") == "br0"; }));
     EXPECT_EQ(SubKeys(kPerf + "\\Network"), (std::vector<std::string>{"0", "1"}));  // lo is not monitored
-    EXPECT_EQ(NumberOr(kPerf, "PeriodMs", 0), 100u);
     EXPECT_TRUE(std::regex_match(TextOr(kPerf, "LastUpdate"), kTime));
     // Memory as free(1) shows it, and every interface under its own name; speeds only where known.
     // Rates come with the second reading (0: the counters stand still).
@@ -465,7 +445,6 @@ TEST_F(PerfModuleTest, KeepsFiguresUpdatedUntilTheDaemonStopsAndDropsStaleInterf
     m_Lib->unload();
     CRegistry::SetRegistryDirectory(m_Dir.Path().c_str());  // saved: a fresh load has the figures
     EXPECT_EQ(NumberOr(kPerf + "\\Memory", "CurrentUsage", 999), 50u);
-    EXPECT_EQ(TextOr(kPerf + "\\Network\\1", "Name"), "br0");
 }
 
 TEST_F(PerfModuleTest, RepeatedStartsAndStopsWithABadConfigurationAndNoProcRoot)

@@ -98,14 +98,11 @@ TEST(NetlinkParse, CapturedDumpsDecodeToWhatIpShows)
                           Fixture("route-01.bin"));
     ASSERT_EQ(4u, s.interfaces.size());
     const interface_record& va = s.interfaces.at(3);
-    EXPECT_EQ("va", va.name);
-    EXPECT_EQ("veth", va.kind);
-    EXPECT_EQ(1400u, va.mtu);
-    EXPECT_EQ(17u, va.mac.size());
+    EXPECT_EQ("va veth 1400 17", va.name + " " + va.kind + " " + std::to_string(va.mtu) + " " +
+                                     std::to_string(va.mac.size()));
     EXPECT_EQ("bridge", s.interfaces.at(4).kind);
     EXPECT_EQ(772, s.interfaces.at(1).type);  // loopback
-    EXPECT_TRUE(s.addresses.count("3 10.7.0.1/24"));
-    EXPECT_TRUE(s.addresses.count("3 fd00:7::1/64"));
+    EXPECT_TRUE(s.addresses.count("3 10.7.0.1/24") && s.addresses.count("3 fd00:7::1/64"));
     // Main table only: the two local-table entries of the dump are left out.
     ASSERT_EQ(3u, s.routes.size());
     std::vector<std::string> routes;

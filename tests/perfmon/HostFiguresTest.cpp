@@ -1,6 +1,5 @@
-// The figures beside the monitor's percentages: memory used without the
-// page cache, and every interface whatever its name, with a link speed
-// that is absent when unknown.
+// The figures beside the monitor's percentages: memory used without the page cache, and every
+// interface whatever its name, with a link speed that is absent when unknown.
 #include <gtest/gtest.h>
 
 #include "perfmon/HostFigures.h"

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <sys/wait.h>
@@ -53,8 +54,7 @@ TEST(CKeptProcFile, ReadsAsAFreshReadDoesAndSeesEveryChange)
     }
     // A captured tree's file replaced between two reads is read anew.
     dir.Write("f", "replaced\n");
-    ASSERT_TRUE(kept.Read(dir.Path("f")));
-    EXPECT_EQ(kept.Text(), "replaced\n");
+    EXPECT_TRUE(kept.Read(dir.Path("f")) && kept.Text() == "replaced\n");
     EXPECT_FALSE(kept.Read(dir.Path("absent")));
     EXPECT_TRUE(errno == ENOENT && kept.Text().empty());
 
@@ -63,8 +63,7 @@ TEST(CKeptProcFile, ReadsAsAFreshReadDoesAndSeesEveryChange)
     const std::string before = ThreadsLine(status);
     std::string during;
     std::thread([&] { during = ThreadsLine(status); }).join();
-    EXPECT_NE(before, "");
-    EXPECT_NE(during, before);
+    EXPECT_TRUE(!before.empty() && during != before) << before;
 
     // A forked child reads its own "self", not its parent's.
     CKeptProcFile self;
@@ -75,6 +74,31 @@ TEST(CKeptProcFile, ReadsAsAFreshReadDoesAndSeesEveryChange)
     ASSERT_GT(child, 0);
     int st = 0;
     EXPECT_TRUE(waitpid(child, &st, 0) == child && WIFEXITED(st) && WEXITSTATUS(st) == 0);
+}
+
+// A kept descriptor that no longer reads (its thread or process has ended) is given up: the path is
+// opened anew, here the reading thread's own file; a process gone and a directory fail.
+TEST(CKeptProcFile, DescriptorOfAnEndedTaskIsReopenedOrFails)
+{
+    CKeptProcFile kept;
+    std::string other;
+    std::thread([&] { other = kept.Read("/proc/thread-self/stat") ? std::string(kept.Text()) : ""; }).join();
+    ASSERT_TRUE(kept.Read("/proc/thread-self/stat"));
+    EXPECT_NE(atoi(other.c_str()), getpid());
+    EXPECT_EQ(atoi(std::string(kept.Text()).c_str()), getpid());  // the main thread's id is the process's
+    const pid_t child = fork();
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    const std::string stat = "/proc/" + std::to_string(child) + "/stat";
+    EXPECT_TRUE(kept.Read(stat));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(kept.Read(stat));
+    testsupport::TempDir dir;
+    EXPECT_FALSE(kept.Read(dir.Path()));
 }
 
 } // namespace

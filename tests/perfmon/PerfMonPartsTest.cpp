@@ -1,6 +1,5 @@
-// The performance monitor's parts: bounded parsing of the proc files, the
-// network interface table, the percentage arithmetic, the history buffer and
-// the value/group table.
+// The performance monitor's parts: bounded parsing of the proc files, the network interface table,
+// the percentage arithmetic, the history buffer and the value/group table.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -63,8 +62,7 @@ TEST(ProcParse, NumberListsAndKeyedNumbers)
         EXPECT_EQ(c.count ? v[c.count - 1] : 0, c.last) << c.text;
     }
     uint64_t v = 0;
-    EXPECT_TRUE(ParseKeyedU64("MemTotal:     16384 kB", "MemTotal:", v));
-    EXPECT_EQ(v, 16384u);
+    EXPECT_TRUE(ParseKeyedU64("MemTotal:     16384 kB", "MemTotal:", v) && v == 16384);
     for (const char* bad : {" MemTotal: 5 kB", "MemTotal: kB", "MemTot"})
         EXPECT_FALSE(ParseKeyedU64(bad, "MemTotal:", v)) << bad;
 }
@@ -88,8 +86,7 @@ TEST(ProcParse, LongLinesAreNeverSplitALongFileEndsAtAWholeLineAndAMissingOneIsN
     EXPECT_EQ(lines.size(), kMaxTextFile / 100);
     EXPECT_EQ(lines.back(), line);
     CProcLineReader reader;  // a missing file: nothing read, nothing changed
-    EXPECT_FALSE(reader.Open(dir.Path("absent")));
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(!reader.Open(dir.Path("absent")) && errno == ENOENT);
     std::string next = "x", out = "keep";
     EXPECT_FALSE(reader.Next(next) || ReadSmallFile(dir.Path("absent"), out));
     EXPECT_EQ(next + out, "keep");
@@ -120,9 +117,8 @@ TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
     EXPECT_EQ(table.GetNumberInterfaces(), kNoInterfaces);  // unreadable
     proc.NetDev({{"lo", 1, 2}, {"ifb0", 1, 2}, {"eth0", 1, 2}, {"docker0", 1, 2}, {"bond0", 1, 2}, {"xenbr0", 1, 2}});
     EXPECT_EQ(table.GetNumberInterfaces(), 3);
-    std::string name;
-    EXPECT_TRUE(table.GetInterfaceName(0, name) && name == "eth0");
-    EXPECT_TRUE(table.GetInterfaceName(2, name) && name == "xenbr0");
+    std::string name, last;
+    EXPECT_TRUE(table.GetInterfaceName(0, name) && table.GetInterfaceName(2, last) && name + last == "eth0xenbr0");
     name = "unchanged";
     EXPECT_FALSE(table.GetInterfaceName(3, name) || table.GetInterfaceName(-1, name));
     EXPECT_EQ(name, "unchanged");
@@ -139,10 +135,9 @@ TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
     EXPECT_EQ(table.GetNumberInterfaces(), 1);
 }
 
-// Checked by hand: each quotient is part × 100000 ÷ whole, truncated; the
-// current form is (sum × 100 + 50000) ÷ (n × 100000), the average form
-// rounds the truncated mean.  Samples without a whole do not count; when
-// none counts, current reports the low byte of the last part.
+// Checked by hand: each quotient is part × 100000 ÷ whole, truncated; the current form is (sum ×
+// 100 + 50000) ÷ (n × 100000), the average form rounds the truncated mean. Samples without a whole
+// do not count; when none counts, current reports the low byte of the last part.
 TEST(PerfPercent, CurrentAndAverageByHand)
 {
     struct Case { std::vector<PartWhole> samples; int current; int average; };
@@ -191,8 +186,7 @@ TEST(CDataHistoryBuffer, LockGuardsWritersAndTheOldestIsDroppedAtTheMaximum)
     EXPECT_TRUE(zero.Add(0, 1) && zero.Add(0, 2));
     h.GetAll(0, items);
     zero.GetAll(0, newest);
-    EXPECT_EQ(items.size(), 50u);  // the oldest dropped
-    EXPECT_EQ(items.back(), 19999);
+    EXPECT_TRUE(items.size() == 50 && items.back() == 19999);  // the oldest dropped
     EXPECT_EQ(newest, std::vector<int>{2});
 }
 

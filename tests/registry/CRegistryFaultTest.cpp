@@ -13,9 +13,8 @@
 
 namespace {
 
-// The tree of generation `gen` is fully determined by `gen`; its size
-// varies, so that a partial file cannot look like a whole one, and needs
-// several writes.
+// The tree of generation `gen` is fully determined by `gen`; its size varies, so that a partial
+// file cannot look like a whole one, and needs several writes.
 int ValueCount(unsigned gen) { return 100 + static_cast<int>(gen % 40); }
 
 std::string ValueText(unsigned gen, int i)

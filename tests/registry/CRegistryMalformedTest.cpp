@@ -10,9 +10,8 @@ namespace {
 
 using namespace std::string_literals;
 
-// 20000 values of one key in sorted order, on lines of random lengths (up
-// to the 1023-character limit on every 50th) that cross the borders of the
-// reader's blocks at many offsets.
+// 20000 values of one key in sorted order, on lines of random lengths (up to the 1023-character
+// limit on every 50th) that cross the borders of the reader's blocks at many offsets.
 std::string LargeFile()
 {
     std::mt19937 rng(4711);
@@ -62,6 +61,7 @@ TEST_F(CRegistryMalformedTest, EachLineReadsAsExpected)
         {"binary, more bytes than its capacity", "x=b=1 2 3 4 5 6 7 8 9", "x=b=01 02 03 04 05 06 07 \n"},
         {"binary, negative group", "x=b=-1 ", "x=b=ff \n"},
         {"binary, 0x prefix and a comma", "x=b=0x1F,2", "x=b=1f \n"},
+        {"binary, 0X prefix", "x=b=0X1F", "x=b=1f \n"},
         {"binary, group beyond a long", "x=b=123456789abcdef0123", "x=b=ff \n"},
         {"binary, any white space before a group", "x=b=\t\v\f\r 0a", "x=b=0a \n"},
         {"binary line cut at 1023 characters, then at its capacity", "x=b=" + Repeat("1 ", 600) + "1",

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "support/RegistryFixture.h"
+#include "support/TraceEnv.h"
 
 static const unsigned char* Bytes(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
 
@@ -122,16 +123,14 @@ TEST_F(RegistryTest, QueryValueBufferRules)
     reg.SetValue("n", 7u);
     char buf[16];
     unsigned count = 0;
-    EXPECT_EQ(reg.QueryValue(nullptr, "s", &count), 0u);  // size query
-    EXPECT_EQ(count, 6u);
+    EXPECT_TRUE(reg.QueryValue(nullptr, "s", &count) == 0 && count == 6);  // size query
     memset(buf, 'X', sizeof buf);
     count = 5;  // == length
     EXPECT_EQ(reg.QueryValue(buf, "s", &count), CRegistry::kRange);
     EXPECT_EQ(std::string(buf, 6), "helloX");  // copied unterminated
     count = 6;
-    EXPECT_EQ(reg.QueryValue(buf, "s", &count), 0u);
+    EXPECT_TRUE(reg.QueryValue(buf, "s", &count) == 0 && count == 5);
     EXPECT_STREQ(buf, "hello");
-    EXPECT_EQ(count, 5u);
     EXPECT_EQ(reg.QueryValue(buf, "s", nullptr), CRegistry::kRange);
     EXPECT_EQ(reg.QueryValue(buf, "s", 3u), CRegistry::kRange);
     std::string s;  // the wrong type, or none
@@ -155,10 +154,8 @@ TEST_F(RegistryTest, EnumeratesAndDeletesKeysAndValues)
     char name[64];
     unsigned nameSize = 3;
     unsigned clsSize = 99;
-    EXPECT_EQ(reg.EnumKey(name, &nameSize, 1, nullptr, &clsSize), 0u);
+    EXPECT_TRUE(reg.EnumKey(name, &nameSize, 1, nullptr, &clsSize) == 0 && nameSize == 2 && clsSize == 0);
     EXPECT_STREQ(name, "su");  // cut to the buffer
-    EXPECT_EQ(nameSize, 2u);
-    EXPECT_EQ(clsSize, 0u);
     EXPECT_EQ(reg.EnumKey(name, sizeof name, 0), 0u);
     EXPECT_STREQ(name, "sub1");  // sorted
     EXPECT_EQ(reg.EnumKey(name, sizeof name, 2), CRegistry::kNoData);
@@ -198,8 +195,7 @@ TEST_F(RegistryTest, EnumeratesAndDeletesKeysAndValues)
     EXPECT_EQ(reg.Open("HKEY_LOCAL_MACHINE/E/sub1"), CRegistry::kOpenFailed);
     EXPECT_EQ(reg.DeleteValue("sub2"), 0u);  // removes a subkey too
     unsigned n = 1;
-    EXPECT_EQ(reg.NoOfSubKeys(&n), 0u);
-    EXPECT_EQ(n, 0u);
+    EXPECT_TRUE(reg.NoOfSubKeys(&n) == 0 && n == 0);
     CRegistryNode* kept = reg.KeepKeyHandle();
     EXPECT_EQ(CRegistry(kept).GetKey(), kept);
 }
@@ -227,9 +223,22 @@ TEST_F(RegistryTest, PointerKeysUpperCaseOnlyTheRootPart)
         EXPECT_EQ(reg.OpenPointerKey(name, nullptr, 0, machine), CRegistry::kOpenFailed) << name;
     EXPECT_EQ(reg.OpenPointerKey("good", nullptr, 0, CRegistry::HKEY_USERS), CRegistry::kOpenFailed);
     std::string s;
-    EXPECT_TRUE(CRegistry::GetProductRegistryRoot(s, "good"));
-    EXPECT_EQ(s, "hkey_local_machine\\SOFTWARE/Norvane/Product");
+    EXPECT_TRUE(CRegistry::GetProductRegistryRoot(s, "good") && s == "hkey_local_machine\\SOFTWARE/Norvane/Product");
     EXPECT_FALSE(CRegistry::GetProductRegistryRoot(s, "missing"));
+}
+
+// A deleted subtree goes key by key without recursion, yet in the order of a recursive walk.
+TEST_F(RegistryTest, DeletedSubtreeGoesInWalkOrder)
+{
+    testsupport::GlobalTrace trace("2");
+    for (const char* path : {"A/B/D", "A/C"})
+        ASSERT_EQ(CRegistry(CRegistry::HKEY_LOCAL_MACHINE).CreateKey(nullptr, path), 0);
+    ASSERT_EQ(CRegistry(CRegistry::HKEY_LOCAL_MACHINE).DeleteKey("A"), 0u);
+    std::vector<std::string> order;
+    for (const std::string& m : trace.Messages())
+        if (size_t at = m.find("deleteNode \""); at != std::string::npos)
+            order.push_back(m.substr(at + 11));
+    EXPECT_EQ(order, (std::vector<std::string>{"\"A\"", "\"B\"", "\"D\"", "\"C\""}));
 }
 
 TEST_F(RegistryTest, ThreadsWithOwnHandlesLoseNoValues)

@@ -1,6 +1,5 @@
-// The registry tests' fixture: every test gets its own registry directory
-// and a fresh class-wide tree.  Header-only: it is included by the test
-// programs that use it, never linked into the others.
+// The registry tests' fixture: every test gets its own registry directory and a fresh class-wide
+// tree. Header-only: it is included by the test programs that use it, never linked into the others.
 #pragma once
 
 #include <gtest/gtest.h>

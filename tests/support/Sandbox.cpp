@@ -60,9 +60,6 @@ std::string Prepare(const std::string& stage, const SandboxOptions& options)
     for (const std::string& dir : options.writable)
         if (std::string e = Overlay(stage, dir, dir); !e.empty())
             return e;
-    std::string lower = "lowerdir=" + options.usrOnTop + ":/usr";
-    if (!options.usrOnTop.empty() && mount("overlay", "/usr", "overlay", MS_RDONLY, lower.c_str()) != 0)
-        return Failed("overlay on /usr");
     // A whiteout in the upper layer hides the file.
     if (options.hideSystemctl && (mkdir((stage + "/bin-up").c_str(), 0755) != 0 ||
                                   mknod((stage + "/bin-up/systemctl").c_str(), S_IFCHR | 0, makedev(0, 0)) != 0))

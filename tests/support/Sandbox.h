@@ -1,7 +1,6 @@
-// A private mount namespace for the system tests: /run, /var/log and chosen
-// directories (overlays writing to a tmpfs) are the test's own, so that the
-// daemon and the package's scripts use their real fixed paths without
-// touching the machine's.  A holder process keeps the namespace; programs
+// A private mount namespace for the system tests: /run, /var/log and chosen directories (overlays
+// writing to a tmpfs) are the test's own, so that the daemon and the package's scripts use their
+// real fixed paths without touching the machine's. A holder process keeps the namespace; programs
 // join it with setns; its files are seen from outside in /proc/<holder>/root.
 #pragma once
 
@@ -23,7 +22,6 @@ namespace testsupport {
 
 struct SandboxOptions {
     std::vector<std::string> writable{"/etc"};  ///< directories whose changes go to the tmpfs
-    std::string usrOnTop;                       ///< a staged /usr laid read-only over the real one
     bool hideSystemctl = false;                 ///< hides /usr/bin/systemctl (an older system's view)
 };
 

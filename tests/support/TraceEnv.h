@@ -1,8 +1,7 @@
-// The trace environment of the tests: the machine's trace variables cleared,
-// a temporary trace directory (TR_LOG_RINGBUF_DIR), a configuration directory
-// of the test's own (missing until a test writes files into it), CDebug
-// objects of their own with syslog silenced, and readers for what they wrote;
-// or the program's own `Debug` tracing into a temporary ring for a while.
+// The trace environment of the tests: the machine's trace variables cleared, a temporary trace
+// directory (TR_LOG_RINGBUF_DIR), a configuration directory of the test's own (missing until a test
+// writes files into it), CDebug objects of their own with syslog silenced, and readers for what
+// they wrote; or the program's own `Debug` tracing into a temporary ring for a while.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,8 +19,7 @@ namespace testsupport {
 /// Trace variables set for the object's lifetime.
 class TraceVariables {
 public:
-    /// Restores the variables newest first: a variable set twice gets its
-    /// value from before back.
+    /// Restores the variables newest first: a variable set twice gets its value from before back.
     ~TraceVariables();
     /// Sets (null: unsets) a variable until the end of the object.
     void Set(const char* name, const char* value);
@@ -34,9 +32,8 @@ private:
     std::vector<std::unique_ptr<ScopedEnv>> m_Env;
 };
 
-/// The program's `Debug` tracing at `level` into the ring of a temporary
-/// directory (library code traces there) while the object lives; closed
-/// again (ClassInit) at its end.
+/// The program's `Debug` tracing at `level` into the ring of a temporary directory (library code
+/// traces there) while the object lives; closed again (ClassInit) at its end.
 class GlobalTrace : public TraceVariables {
 public:
     explicit GlobalTrace(const char* level = "3");

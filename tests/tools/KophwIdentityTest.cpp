@@ -1,6 +1,5 @@
-// kophw's identity and slot columns, its refusals (a garbage entry point, a
-// capture into a used folder), JSON on every failure, and volume sizes that
-// a replay takes from the capture.
+// kophw's identity and slot columns, its refusals (a garbage entry point, a capture into a used
+// folder), JSON on every failure, and volume sizes that a replay takes from the capture.
 #include "ToolTestSupport.h"
 
 #include "support/Firmware.h"

@@ -75,21 +75,19 @@ TEST_F(KoptraceTest, ProgramFilesInTimeOrderAcrossGzipAndWrappedRing)
     json j = JsonOf({"--dir", m_Dir.Path(), "--json", "TestProg"});
     auto texts = Texts(j);
     auto startup = std::find(texts.begin(), texts.end(), "StartUp             : during start-up 1");
-    ASSERT_NE(startup, texts.end());
     EXPECT_LT(startup, std::find(texts.begin(), texts.end(), "wrap entry 0299"));
-    // The surviving wrap entries are consecutive, the oldest overwritten,
-    // and end with the newest.
+    // The surviving wrap entries are consecutive, the oldest overwritten, and end with the newest.
     std::vector<int> wraps;
     for (const auto& t : texts)
         if (t.rfind("wrap entry ", 0) == 0)
             wraps.push_back(std::stoi(t.substr(11)));
     ASSERT_FALSE(wraps.empty());
-    EXPECT_GT(wraps.front(), 0);
+    EXPECT_GT(wraps.front(), 0);  // the oldest overwritten
     for (size_t i = 1; i < wraps.size(); ++i)
         EXPECT_EQ(wraps[i], wraps[i - 1] + 1) << i;
     EXPECT_EQ(wraps.back(), 299);
-    EXPECT_NE(tooltest::FindBy(j, "file", m_Dir.Sub("log.testprog_i.gz")), nullptr);
-    EXPECT_NE(tooltest::FindBy(j, "file", m_Dir.Sub("log.testprog_a")), nullptr);
+    EXPECT_TRUE(tooltest::FindBy(j, "file", m_Dir.Sub("log.testprog_i.gz")) &&
+                tooltest::FindBy(j, "file", m_Dir.Sub("log.testprog_a")));
     const json* newest = tooltest::FindBy(j, "text", "wrap entry 0299");
     ASSERT_TRUE(tooltest::HasMembers(newest, R"({"name": "testprog"})"));
     EXPECT_EQ(newest->at("time").get<std::string>().size(), 23u);
@@ -103,13 +101,12 @@ TEST_F(KoptraceTest, ThreadAndNameFilters)
     std::string ring = m_Dir.Sub("log.testprog_i");
     const json all = JsonOf({"--json", ring});
     const json* own = tooltest::FindBy(all, "text", "own entry");
-    ASSERT_NE(own, nullptr);
+    ASSERT_TRUE(own);
     const std::string thread = own->at("thread");
     ASSERT_EQ(thread.size(), 8u);
     EXPECT_EQ(Texts(JsonOf({"--json", "--name", "othermod", ring})), std::vector<std::string>{"client entry"});
     auto texts = Texts(JsonOf({"--json", "--thread", thread, "--name", "testprog", ring}));
-    EXPECT_TRUE(Contains(texts, "own entry"));
-    EXPECT_FALSE(Contains(texts, "client entry"));
+    EXPECT_TRUE(Contains(texts, "own entry") && !Contains(texts, "client entry"));
     char other[16];
     snprintf(other, sizeof other, "%x", static_cast<unsigned>(std::stoul(thread, nullptr, 16)) ^ 1u);
     EXPECT_EQ(JsonOf({"--json", "--thread", other, ring}), json::array());
@@ -184,9 +181,8 @@ TEST_F(KoptraceTest, UnreadableFilesAreReportedWithTheReason)
     }
 }
 
-// A log far larger than the memory the tool may use is streamed: with the
-// address space limited to a few times the tool's own size, the whole file
-// could not be held.
+// A log far larger than the memory the tool may use is streamed: with the address space limited to
+// a few times the tool's own size, the whole file could not be held.
 TEST_F(KoptraceTest, BigLogIsStreamedInBoundedMemory)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -248,8 +244,7 @@ TEST_F(KoptraceTest, FollowJsonOfTheRingOrElseTheLogFileIsClosedOnSigint)
         m_Debug->PrintAlways(0, "second \"quoted\"\t%s", file.c_str());
         ASSERT_TRUE(child.WaitForOutput("\\t" + file + "\"", 20s)) << child.Output();
         auto r = child.Stop(SIGINT, 20000ms);
-        EXPECT_TRUE(r.Exited(0)) << r.err;
-        EXPECT_TRUE(Contains(Texts(Parse(r.out)), "second \"quoted\"\t" + file));
+        EXPECT_TRUE(r.Exited(0) && Contains(Texts(Parse(r.out)), "second \"quoted\"\t" + file)) << r.err;
     }
 }
 

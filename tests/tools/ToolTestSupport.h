@@ -24,8 +24,7 @@ using nlohmann::json;
 /// whose is_discarded() is true when the text is not strict JSON.
 inline json ParseOutput(const std::string& text) { return json::parse(text, nullptr, false); }
 
-/// The element of array `items` whose member `key` equals `value`; null
-/// when there is none.
+/// The element of array `items` whose member `key` equals `value`; null when there is none.
 inline const json* FindBy(const json& items, const char* key, const json& value)
 {
     if (!items.is_array())
@@ -49,8 +48,7 @@ inline ::testing::AssertionResult HasMembers(const json* object, const char* sub
     return ::testing::AssertionSuccess();
 }
 
-/// The output of `program` run with `args`, which must end with `status`,
-/// as strict JSON.
+/// The output of `program` run with `args`, which must end with `status`, as strict JSON.
 inline json RunJson(const std::string& program, const std::vector<std::string>& args, int status = 0)
 {
     RunResult r = Run(program, args);
@@ -75,10 +73,9 @@ inline void ExpectRefused(const std::string& program, const std::vector<std::str
     }
 }
 
-/// Runs `program` as a user without privileges over the test's files: as
-/// nobody when the test runs as root (`dir`, the test's folder, is then
-/// opened to others so that only the files' own modes count), else as the
-/// test's own user.
+/// Runs `program` as a user without privileges over the test's files: as nobody when the test runs
+/// as root (`dir`, the test's folder, is then opened to others so that only the files' own modes
+/// count), else as the test's own user.
 inline RunResult RunUnprivileged(const std::string& dir, const std::string& program, std::vector<std::string> args)
 {
     if (geteuid() != 0)

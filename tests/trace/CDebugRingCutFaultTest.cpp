@@ -30,8 +30,7 @@ namespace {
 constexpr int kOk = 0, kNoRing = 2, kNotRestored = 3, kEntryMissing = 4, kEntryTwice = 5, kNoWrap = 6;
 constexpr int kSetupFailed = 7, kSurvivedFault = 8, kOwnHandlerRan = 42;
 
-// Maps a fresh file of two pages and cuts it to nothing: the returned
-// address faults when touched.
+// Maps a fresh file of two pages and cuts it to nothing: the returned address faults when touched.
 volatile char* CutMapping(const std::string& path)
 {
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -58,9 +57,8 @@ bool InstallOwnBusHandler()
 class CDebugRingCutFaultTest : public testsupport::TraceEnv {
 protected:
     CDebugRingCutFaultTest() : TraceEnv("cutprog") {}
-    // Runs `body` in a child with tracing at level 3 into the active ring
-    // (1 MiB), the program's own SIGBUS handler installed before when asked
-    // for; the child's wait status.
+    // Runs `body` in a child with tracing at level 3 into the active ring (1 MiB), the program's
+    // own SIGBUS handler installed before when asked for; the child's wait status.
     int InActiveChild(const std::function<int(CDebug&)>& body, bool ownBusHandler = false)
     {
         return InChild([&] {
@@ -92,9 +90,8 @@ TEST_F(CDebugRingCutFaultTest, CutBeforeEveryEntryAcrossAWrapLosesNothingWritten
                    int i = 0;
                    while (d.GetRingWrapCount() == 0 && i < 100000)  // close to the end without cuts
                        d.Print(1, fill, i++);
-                   // Up to the second wrap (about ten thousand entries of ~100
-                   // bytes) every entry, the wrap itself included, meets a
-                   // file cut to nothing.
+                   // Up to the second wrap (about ten thousand entries of ~100 bytes) every entry,
+                   // the wrap itself included, meets a file cut to nothing.
                    const int firstCut = i;
                    while (d.GetRingWrapCount() == 1 && i < firstCut + 100000) {
                        if (truncate(ring.c_str(), 0) != 0)
@@ -157,9 +154,8 @@ TEST_F(CDebugRingCutFaultTest, BusErrorOutsideTheRingStillKills)
     });
     ASSERT_NE(-1, status);
 #ifdef RING_CUT_TEST_SANITIZER
-    // The sanitizer's own handling of the fault reports it and ends the
-    // process: with its error code, or by abort() when it is told to
-    // (abort_on_error=1, as the test script sets).
+    // The sanitizer's own handling of the fault reports it and ends the process: with its error
+    // code, or by abort() when it is told to (abort_on_error=1, as the test script sets).
     if (WIFEXITED(status)) {
         EXPECT_NE(kSurvivedFault, WEXITSTATUS(status));
         EXPECT_NE(kOk, WEXITSTATUS(status));
@@ -176,9 +172,8 @@ TEST_F(CDebugRingCutFaultTest, HandlerInstalledBeforeTheTraceGetsForeignBusError
 {
     const std::string other = m_Dir.Sub("other-mapping");
     int status = InActiveChild([&](CDebug& d) {
-        // A cut ring (here to less than a page: the entries go to pages
-        // behind the new end) is handled by the trace alone: the program's
-        // handler would end the child with its own code.
+        // A cut ring (here to less than a page: the entries go to pages behind the new end) is
+        // handled by the trace alone: the program's handler would end the child with its own code.
         for (int i = 0; i < 300; ++i)
             d.Print(1, "\nCutTest            : before %d", i);
         if (truncate(d.GetActiveRingPath(), 100) != 0)

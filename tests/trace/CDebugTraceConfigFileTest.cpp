@@ -1,5 +1,4 @@
-// Malformed trace configuration files, each with the exact result the
-// reader gives.
+// Malformed trace configuration files, each with the exact result the reader gives.
 #include "trace/CDebugTraceConfigFile.h"
 
 #include "support/TestSupport.h"

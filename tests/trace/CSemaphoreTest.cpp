@@ -44,8 +44,7 @@ TEST(CSemaphore, CountsAndFailures)
     ASSERT_TRUE(s.Create(0, 1));
     EXPECT_FALSE(s.Release(0) || s.Release(-1));
     EXPECT_EQ(s.Wait(5000), TR_WAIT_FAILED);  // one attempt, no waiting
-    EXPECT_TRUE(s.Release(3));
-    EXPECT_EQ(s.Wait(5000), TR_WAIT_OBJECT_0);
+    EXPECT_TRUE(s.Release(3) && s.Wait(5000) == TR_WAIT_OBJECT_0);
     EXPECT_EQ(Drain(s), 2);
     std::atomic<int> rc{-2};
     std::thread t([&] { rc = s.Wait(TR_INFINITE); });
@@ -65,17 +64,13 @@ TEST(CSemaphore, NamedCreateSharesARegisteredSemaphore)
     ASSERT_TRUE(other.Create(3, 3));
     ASSERT_TRUE(other.Create(0, 0, "CSemaphoreTest.shared"));  // replaces its own
     ASSERT_TRUE(other.Create(0, 0, "CSemaphoreTest.shared"));  // already shared: unchanged
-    EXPECT_TRUE(owner.Release(1));
-    EXPECT_EQ(other.Wait(0), TR_WAIT_OBJECT_0);
-    EXPECT_EQ(owner.Wait(0), TR_WAIT_TIMEOUT);
+    EXPECT_TRUE(owner.Release(1) && other.Wait(0) == TR_WAIT_OBJECT_0 && owner.Wait(0) == TR_WAIT_TIMEOUT);
     ASSERT_TRUE(taken.Create(0, 1));
     EXPECT_FALSE(taken.Register("CSemaphoreTest.shared"));  // name in use
 
     // Dropping one reference leaves the semaphore to the other.
-    EXPECT_TRUE(owner.Delete());
-    EXPECT_FALSE(owner.HasSemaphore());
-    EXPECT_TRUE(other.Release(1));
-    EXPECT_EQ(other.Wait(0), TR_WAIT_OBJECT_0);
+    EXPECT_TRUE(owner.Delete() && !owner.HasSemaphore());
+    EXPECT_TRUE(other.Release(1) && other.Wait(0) == TR_WAIT_OBJECT_0);
     CSemaphore third;
     ASSERT_TRUE(third.Create(0, 0, "CSemaphoreTest.shared"));
     ASSERT_TRUE(third.Create(1, 1));  // its own again: the other keeps the shared one
@@ -84,8 +79,7 @@ TEST(CSemaphore, NamedCreateSharesARegisteredSemaphore)
     EXPECT_EQ(Drain(other), 1);
     EXPECT_TRUE(other.Delete());  // the last reference: destroyed, name gone
     CSemaphore late;
-    EXPECT_TRUE(late.Create(0, 0, "CSemaphoreTest.shared"));
-    EXPECT_FALSE(late.HasSemaphore());
+    EXPECT_TRUE(late.Create(0, 0, "CSemaphoreTest.shared") && !late.HasSemaphore());
 }
 
 TEST(CSemaphore, CountsEveryReleaseOnceUnderContention)

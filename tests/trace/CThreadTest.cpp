@@ -18,8 +18,7 @@ using testsupport::WaitFor;
 
 namespace {
 
-// A thread routine's arguments: it marks its start, waits at the gate (or,
-// in SpinUntilCancelled, spins) and marks its end, also when unwound.
+// A routine's arguments: it marks its start, waits at the gate (or spins), marks its end.
 struct Gate {
     explicit Gate(bool open = false) : go(open, true) {}
     CEvent go;
@@ -36,8 +35,7 @@ void* WaitAtGate(void* arg)
     return nullptr;
 }
 
-// Runs until cancelled at pthread_testcancel() (a cancellation inside an
-// intercepted blocking call is one a thread sanitizer cannot follow).
+// Runs until cancelled at pthread_testcancel() (TSan cannot follow one in a blocking call).
 void* SpinUntilCancelled(void* arg)
 {
     auto* g = static_cast<Gate*>(arg);
@@ -69,8 +67,7 @@ void* ReadOwnAttributes(void* arg)
 
 } // namespace
 
-// A bounded wait for the routine's end leaves the thread held; a later wait
-// collects it.
+// A bounded wait for the routine's end leaves the thread held; a later wait collects it.
 TEST(CThread, BoundedExitWaitKeepsTheThreadForALaterWait)
 {
     CThread t;
@@ -81,19 +78,15 @@ TEST(CThread, BoundedExitWaitKeepsTheThreadForALaterWait)
     ASSERT_TRUE(t.Start(WaitAtGate, &g));
     ASSERT_TRUE(WaitFor([&] { return g.started.load(); }));
     EXPECT_FALSE(t.WaitForExit(50));  // held at the gate: gives up
-    EXPECT_TRUE(t.IsAlive());
-    EXPECT_NE(t.GetId(), 0u);
+    EXPECT_TRUE(t.IsAlive() && t.GetId() != 0);
     g.go.Set();
     EXPECT_TRUE(t.WaitForExit(TR_INFINITE));
     EXPECT_NE(t.GetId(), 0u);  // ended, not yet collected
-    EXPECT_TRUE(t.WaitForTermination());
-    EXPECT_TRUE(g.finished);
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(t.WaitForTermination() && g.finished && t.GetId() == 0);
 }
 
-// A finite time-out is not honoured: the wait is traced as a warning and
-// goes on until the thread has ended (here: a gate opened only after a
-// longer bounded wait has given up).
+// A finite time-out is not honoured: traced as a warning, the wait goes on to the thread's end
+// (a gate opened only after a longer bounded wait gave up).
 TEST(CThread, FiniteTerminationWaitWarnsAndJoinsLikeAnInfiniteOne)
 {
     testsupport::GlobalTrace trace;
@@ -110,13 +103,11 @@ TEST(CThread, FiniteTerminationWaitWarnsAndJoinsLikeAnInfiniteOne)
     });
     EXPECT_TRUE(t.WaitForTermination(1));
     opener.join();
-    EXPECT_TRUE(g.finished);
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(g.finished && t.GetId() == 0);
     EXPECT_TRUE(trace.Has(warning));
 }
 
-// A detached thread cannot be waited for; Kill cancels one that still runs
-// (unwinding it) and is harmless on one that has ended.
+// A detached thread cannot be waited for; Kill cancels (unwinds) a running one, ignores an ended one.
 TEST(CThread, DetachedThreadsAreCancelledNotWaitedFor)
 {
     Gate g, b;
@@ -125,13 +116,10 @@ TEST(CThread, DetachedThreadsAreCancelledNotWaitedFor)
     EXPECT_FALSE(t.WaitForTermination());
     g.go.Set();
     ASSERT_TRUE(WaitFor([&] { return !t.IsAlive(); }));
-    EXPECT_TRUE(g.finished);
-    EXPECT_TRUE(t.Kill());
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(g.finished && t.Kill() && t.GetId() == 0);
     ASSERT_TRUE(t.Start(SpinUntilCancelled, &b, 0, false, 0, 0, false));
     ASSERT_TRUE(WaitFor([&] { return b.started.load(); }));
-    EXPECT_TRUE(t.Kill());
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(t.Kill() && t.GetId() == 0);
     EXPECT_TRUE(WaitFor([&] { return b.finished.load(); }));
 }
 
@@ -140,16 +128,13 @@ TEST(CThread, KillJoinsAJoinableThreadAndStartAgainReplacesIt)
     Gate g(true), second;
     CThread t;
     ASSERT_TRUE(t.Start(WaitAtGate, &g));
-    EXPECT_TRUE(t.Kill());  // told to stop already: Kill only joins
-    EXPECT_TRUE(g.finished);
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_TRUE(t.Kill() && g.finished && t.GetId() == 0);  // told to stop already: Kill only joins
     ASSERT_TRUE(t.Start(WaitAtGate, &g));
     ASSERT_TRUE(t.Start(WaitAtGate, &second));
     ASSERT_TRUE(WaitFor([&] { return second.started.load(); }));
     EXPECT_TRUE(t.IsAlive());
     second.go.Set();
-    EXPECT_TRUE(t.WaitForTermination());
-    EXPECT_TRUE(second.finished);
+    EXPECT_TRUE(t.WaitForTermination() && second.finished);
 }
 
 TEST(CThread, NameAndScheduling)
@@ -164,14 +149,11 @@ TEST(CThread, NameAndScheduling)
         ASSERT_TRUE(t.WaitForTermination());
         EXPECT_EQ(rt.policy, SCHED_RR);
     }
-    EXPECT_FALSE(t.Start(ReadOwnAttributes, &rt, 1000));
-    EXPECT_FALSE(t.Start(nullptr, nullptr));
-    EXPECT_EQ(t.GetId(), 0u);
+    EXPECT_FALSE(t.Start(ReadOwnAttributes, &rt, 1000) || t.Start(nullptr, nullptr) || t.GetId());
 }
 
-// A priority the process may not use fails the start (traced), instead of
-// running the thread at ordinary priority.  In a child without the right:
-// real-time limit 0 and, for root, the user nobody.
+// A priority the process may not use fails the start (traced) instead of running at ordinary
+// priority; in a child without the right (real-time limit 0, for root the user nobody).
 TEST(CThread, ForbiddenPriorityFailsTheStart)
 {
     testsupport::GlobalTrace trace;

@@ -1,7 +1,6 @@
-// A stand-in for the framework library that records every call it receives
-// (to $TEST_SWITCH_RECORD).  $TEST_SWITCH_LOAD = "fail" or "throw" changes
-// what slot 2 does; $TEST_SWITCH_QUERY = "refuse" makes SW_QueryInterface
-// return false.
+// A stand-in for the framework library that records every call it receives (to
+// $TEST_SWITCH_RECORD). $TEST_SWITCH_LOAD = "fail" or "throw" changes what slot 2 does;
+// $TEST_SWITCH_QUERY = "refuse" makes SW_QueryInterface return false.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -37,16 +36,10 @@ public:
     }
     int StartAllModules() override { return Slot(4); }
     int StopAllModules() override { return Slot(5); }
-    int Reserved6() override { return Slot(6); }
-    int Reserved7() override { return Slot(7); }
-    int Reserved8() override { return Slot(8); }
-    int Reserved9() override { return Slot(9); }
-    int Reserved10() override { return Slot(10); }
-    int Reserved11() override { return Slot(11); }
-    int Reserved12() override { return Slot(12); }
-    int Reserved13() override { return Slot(13); }
-    int Reserved14() override { return Slot(14); }
-    int Reserved15() override { return Slot(15); }
+#define RESERVED_SLOT(n) \
+    int Reserved##n() override { return Slot(n); }
+    RESERVED_SLOT(6) RESERVED_SLOT(7) RESERVED_SLOT(8) RESERVED_SLOT(9) RESERVED_SLOT(10)
+    RESERVED_SLOT(11) RESERVED_SLOT(12) RESERVED_SLOT(13) RESERVED_SLOT(14) RESERVED_SLOT(15)
     int NotifySystemEvent(uint32_t event, void* data, uint32_t third) override
     {
         if (data)

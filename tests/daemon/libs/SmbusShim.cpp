@@ -1,8 +1,7 @@
-// LD_PRELOAD shim that plays the smbus driver: opening "/dev/pci/smbus"
-// yields a descriptor of /dev/null, and IOCTL_SMBUS_DRIVER_INFO on it is
-// answered here.  $SHIM_SMBUS_MODE: "ok" answers, "fail" fails the ioctl
-// with ENOTTY; unset leaves everything to the system.  What the daemon
-// sent is recorded to $SHIM_RECORD.
+// LD_PRELOAD shim that plays the smbus driver: opening "/dev/pci/smbus" yields a descriptor of
+// /dev/null, and IOCTL_SMBUS_DRIVER_INFO on it is answered here. $SHIM_SMBUS_MODE: "ok" answers,
+// "fail" fails the ioctl with ENOTTY; unset leaves everything to the system. What the daemon sent
+// is recorded to $SHIM_RECORD.
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>

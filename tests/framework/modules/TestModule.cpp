@@ -1,7 +1,6 @@
-// A module for the framework's tests, built once per TEST_MODULE_KIND: 0 good,
-// 1 without entry point, 2 of another ABI version, 3 throwing in load, 4
-// throwing in start, stop and notify, 5 refusing to load.  Records every call
-// to $TEST_MODULE_RECORD as "<name> <call> ...".
+// A module for the framework's tests, built once per TEST_MODULE_KIND: 0 good, 1 without entry
+// point, 2 of another ABI version, 3 throwing in load, 4 throwing in start, stop and notify, 5
+// refusing to load. Records every call to $TEST_MODULE_RECORD as "<name> <call> ...".
 #include <cstdint>
 #include <stdexcept>
 #include <string>

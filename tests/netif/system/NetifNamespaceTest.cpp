@@ -1,8 +1,7 @@
-// The manager against the real kernel, in a private network namespace of
-// the test's own process: veth pairs, addresses and routes made and removed
-// with `ip`, each change reported once; a burst of changes while the
-// listener is blocked overflows the notification socket and is survived by
-// reading everything anew.  Skipped where the namespace or `ip` cannot be had.
+// The manager against the real kernel, in a private network namespace of the test's own process:
+// veth pairs, addresses and routes made and removed with `ip`, each change reported once; a burst
+// of changes while the listener is blocked overflows the notification socket and is survived by
+// reading everything anew. Skipped where the namespace or `ip` cannot be had.
 #include <gtest/gtest.h>
 
 #include <algorithm>

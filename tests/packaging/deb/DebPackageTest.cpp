@@ -1,6 +1,5 @@
-// The Debian package built by CPack: its control data and contents, and a
-// real installation with dpkg in a sandbox whose /usr, /etc and /var take
-// their changes on a tmpfs.
+// The Debian package built by CPack: its control data and contents, and a real installation with
+// dpkg in a sandbox whose /usr, /etc and /var take their changes on a tmpfs.
 #include <gtest/gtest.h>
 
 #include <filesystem>
