@@ -1,0 +1,107 @@
+// Helpers of the metrics module's tests: a raw HTTP exchange over loopback
+// and a synthetic machine of any size.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "common/UniqueHandle.h"
+#include "modules/metrics/Exposition.h"
+
+namespace metricstest {
+
+/// A connected socket to 127.0.0.1:`port` (invalid when refused); reads
+/// give up after `seconds` so that a server that never answers fails the
+/// case instead of hanging it.
+inline UniqueFd Connect(uint16_t port, int seconds = 30)
+{
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    timeval tv{seconds, 0};
+    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    if (connect(fd.Get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
+        return UniqueFd();
+    return fd;
+}
+
+/// Everything the peer sends until it closes (at most `limit` bytes).
+inline std::string ReadAll(int fd, size_t limit = 64 << 20)
+{
+    std::string out;
+    char buffer[65536];
+    ssize_t n;
+    while (out.size() < limit && (n = recv(fd, buffer, sizeof buffer, 0)) > 0)
+        out.append(buffer, static_cast<size_t>(n));
+    return out;
+}
+
+/// Sends `request` (then half-closes when `shut`) and returns the whole
+/// answer; "" when the connection was refused or closed without one.
+inline std::string Exchange(uint16_t port, const std::string& request, bool shut = false)
+{
+    UniqueFd fd = Connect(port);
+    if (!fd)
+        return "";
+    for (size_t sent = 0; sent < request.size();) {
+        ssize_t n = send(fd.Get(), request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0)
+            break;  // the server may close on an oversized request
+        sent += static_cast<size_t>(n);
+    }
+    if (shut)
+        shutdown(fd.Get(), SHUT_WR);
+    return ReadAll(fd.Get());
+}
+
+inline std::string Get(uint16_t port, const std::string& target)
+{
+    return Exchange(port, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+}
+
+/// The body of an HTTP answer.
+inline std::string Body(const std::string& answer)
+{
+    size_t at = answer.find("\r\n\r\n");
+    return at == std::string::npos ? "" : answer.substr(at + 4);
+}
+
+/// A machine of `interfaces` interfaces, `drives` drives (and as many
+/// volumes) and `adapters` adapters, with names that need escaping.
+inline metrics::Snapshot Synthetic(int interfaces, int drives, int adapters)
+{
+    metrics::Snapshot s;
+    s.cpus.push_back({"", 0.25});
+    for (int i = 0; i < 8; ++i)
+        s.cpus.push_back({std::to_string(i), i / 8.0});
+    s.memory = metrics::Memory{1ull << 36, 1ull << 35, 1ull << 33, 1ull << 35, 1ull << 32, 1ull << 31};
+    for (int i = 0; i < interfaces; ++i) {
+        const uint64_t n = static_cast<uint64_t>(i) * 1000003;
+        s.interfaces.push_back({"eth" + std::to_string(i) + "\"\\", n * 1500, n * 900, n, n / 2, uint64_t(i), 0});
+    }
+    for (int i = 0; i < drives; ++i) {
+        const std::string n = std::to_string(i);
+        s.drives.push_back({"sd" + n, "Vendor\n" + n, "Model " + n, "0000:00:1f." + n, (1ull << 40) + uint64_t(i)});
+        s.volumes.push_back({"/data/" + n, "/dev/sd" + n + "1", "ext4", 1ull << 39, 1ull << 38});
+    }
+    for (int i = 0; i < adapters; ++i) {
+        char address[32];
+        snprintf(address, sizeof address, "0000:%02x:00.%d", i / 8, i % 8);
+        s.adapters.push_back({address, i % 3 ? std::to_string(i) : "", "8086", "1533", "Network controller",
+                              "Ethernet \"I210\" \xC3\xA9 \xFF"});
+    }
+    s.memoryDevices.push_back({"DIMM A1", "P0 CHANNEL A", 16ull << 30});
+    s.identity = metrics::Identity{"Maker", "Server 1", "SN\\1", "0123", "Firmware Inc.", "2.1", "01/02/2024"};
+    s.changeRecords = 7;
+    s.health = {5u, 1u, 12, 1, 3};
+    s.scrapeSeconds = 0.0125;
+    return s;
+}
+
+} // namespace metricstest
