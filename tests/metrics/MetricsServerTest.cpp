@@ -116,6 +116,30 @@ TEST_F(MetricsServerTest, ConnectionsBeyondTheLimitWaitForAFreeOne)
     EXPECT_EQ(Get(m_Port, "/metrics"), "");
 }
 
+// A port in use or an address that is none: the reason, and no server.
+TEST_F(MetricsServerTest, AnAddressThatCannotBeUsedIsReported)
+{
+    struct Case {
+        std::string address;
+        uint16_t port;
+        const char* reason;
+    } cases[] = {
+        {"127.0.0.1", m_Port, "Address already in use"},
+        {"localhost", 0, "\"localhost\" is not a numeric IPv4 or IPv6 address"},
+        {"192.0.2.1", 0, "Cannot assign requested address"},
+    };
+    for (const Case& c : cases) {
+        metrics::MetricsServer other;
+        metrics::ServerSettings settings;
+        settings.address = c.address;
+        settings.port = c.port;
+        std::string error;
+        EXPECT_FALSE(other.Start(settings, [] { return std::string(); }, error));
+        EXPECT_TRUE(Contains(error, c.reason)) << error;
+        EXPECT_FALSE(other.Running());
+    }
+}
+
 TEST_F(MetricsServerTest, ThousandScrapesLeaveDescriptorsAndMemoryAsTheyWere)
 {
     // The server closes its side of a connection just after the client
