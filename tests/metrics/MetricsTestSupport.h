@@ -1,43 +1,35 @@
-// Helpers of the metrics module's tests: a raw HTTP exchange over loopback
-// and a synthetic machine of any size.
+// Helpers of the metrics module's tests and benchmark: a raw HTTP exchange
+// over loopback and a synthetic machine of any size.
 #pragma once
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
+#include <cstdio>
 #include <string>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include "common/UniqueHandle.h"
 #include "modules/metrics/Exposition.h"
 
 namespace metricstest {
 
-/// A connected socket to 127.0.0.1:`port` (invalid when refused); reads
-/// give up after `seconds` so that a server that never answers fails the
-/// case instead of hanging it.
-inline UniqueFd Connect(uint16_t port, int seconds = 30)
+/// A socket connected to 127.0.0.1:`port` (invalid when refused); a read
+/// gives up after 30 s, so that a server that never answers fails the case
+/// instead of hanging it.
+inline UniqueFd Connect(uint16_t port)
 {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    timeval tv{seconds, 0};
-    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    if (connect(fd.Get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
-        return UniqueFd();
-    return fd;
+    sockaddr_in a{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    const timeval limit{30, 0};
+    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    return connect(fd.Get(), reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 ? std::move(fd) : UniqueFd();
 }
 
-/// Everything the peer sends until it closes (at most `limit` bytes).
-inline std::string ReadAll(int fd, size_t limit = 64 << 20)
+/// Everything the peer sends until it closes.
+inline std::string ReadAll(int fd)
 {
     std::string out;
     char buffer[65536];
-    ssize_t n;
-    while (out.size() < limit && (n = recv(fd, buffer, sizeof buffer, 0)) > 0)
+    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
         out.append(buffer, static_cast<size_t>(n));
     return out;
 }
@@ -47,17 +39,13 @@ inline std::string ReadAll(int fd, size_t limit = 64 << 20)
 inline std::string Exchange(uint16_t port, const std::string& request, bool shut = false)
 {
     UniqueFd fd = Connect(port);
-    if (!fd)
-        return "";
-    for (size_t sent = 0; sent < request.size();) {
-        ssize_t n = send(fd.Get(), request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0)
-            break;  // the server may close on an oversized request
-        sent += static_cast<size_t>(n);
-    }
+    // The server may close before an oversized request is all sent.
+    for (ssize_t sent = 0, n = 0; fd && sent < static_cast<ssize_t>(request.size()); sent += n)
+        if ((n = send(fd.Get(), request.data() + sent, request.size() - sent, MSG_NOSIGNAL)) <= 0)
+            break;
     if (shut)
         shutdown(fd.Get(), SHUT_WR);
-    return ReadAll(fd.Get());
+    return fd ? ReadAll(fd.Get()) : "";
 }
 
 inline std::string Get(uint16_t port, const std::string& target)
@@ -65,29 +53,19 @@ inline std::string Get(uint16_t port, const std::string& target)
     return Exchange(port, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
 }
 
-/// The body of an HTTP answer.
-inline std::string Body(const std::string& answer)
-{
-    size_t at = answer.find("\r\n\r\n");
-    return at == std::string::npos ? "" : answer.substr(at + 4);
-}
-
 /// A machine of `interfaces` interfaces, `drives` drives (and as many
-/// volumes) and `adapters` adapters, with names that need escaping.
+/// volumes) and `adapters` adapters, with texts that need escaping.
 inline metrics::Snapshot Synthetic(int interfaces, int drives, int adapters)
 {
     metrics::Snapshot s;
-    s.cpus.push_back({"", 0.25});
-    for (int i = 0; i < 8; ++i)
-        s.cpus.push_back({std::to_string(i), i / 8.0});
+    for (int i = -1; i < 8; ++i)
+        s.cpus.push_back({i < 0 ? "" : std::to_string(i), (i + 1) / 8.0});
     s.memory = metrics::Memory{1ull << 36, 1ull << 35, 1ull << 33, 1ull << 35, 1ull << 32, 1ull << 31};
-    for (int i = 0; i < interfaces; ++i) {
-        const uint64_t n = static_cast<uint64_t>(i) * 1000003;
-        s.interfaces.push_back({"eth" + std::to_string(i) + "\"\\", n * 1500, n * 900, n, n / 2, uint64_t(i), 0});
-    }
+    for (uint64_t i = 0; i < static_cast<uint64_t>(interfaces); ++i)
+        s.interfaces.push_back({"eth" + std::to_string(i) + "\"\\", i << 40, i << 30, i << 20, i << 10, i, 0});
     for (int i = 0; i < drives; ++i) {
         const std::string n = std::to_string(i);
-        s.drives.push_back({"sd" + n, "Vendor\n" + n, "Model " + n, "0000:00:1f." + n, (1ull << 40) + uint64_t(i)});
+        s.drives.push_back({"sd" + n, "Vendor\n" + n, "Model " + n, "0000:00:1f." + n, (1ull << 40) + i});
         s.volumes.push_back({"/data/" + n, "/dev/sd" + n + "1", "ext4", 1ull << 39, 1ull << 38});
     }
     for (int i = 0; i < adapters; ++i) {
