@@ -92,7 +92,8 @@ int Load(const TarvdModuleConfig* config)
     auto st = std::make_unique<MetricsState>();
     if (const char* address = tarvdmod::ConfigText(config, "ListenAddress"); address && *address)
         st->server.address = address;
-    st->server.port = static_cast<uint16_t>(Setting(config, "Port", kDefaultPort, 1, 65535));
+    // Port 0: any free port (the trace says which), for tests and trials.
+    st->server.port = static_cast<uint16_t>(Setting(config, "Port", kDefaultPort, 0, 65535));
     st->server.maxConnections = Setting(config, "MaxConnections", kDefaultMaxConnections, 1, 1024);
     st->server.timeoutSeconds = Setting(config, "TimeoutSeconds", kDefaultTimeoutSeconds, 1, 3600);
     st->textfileSeconds = Setting(config, "TextfileSeconds", kDefaultTextfileSeconds, 1, 86400);

@@ -12,9 +12,7 @@
 
 namespace metricstest {
 
-/// A socket connected to 127.0.0.1:`port` (invalid when refused); a read
-/// gives up after 30 s, so that a server that never answers fails the case
-/// instead of hanging it.
+/// A socket connected to 127.0.0.1:`port`; a read gives up after 30 s (a hang fails, not hangs).
 inline UniqueFd Connect(uint16_t port)
 {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -24,7 +22,6 @@ inline UniqueFd Connect(uint16_t port)
     return connect(fd.Get(), reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 ? std::move(fd) : UniqueFd();
 }
 
-/// Everything the peer sends until it closes.
 inline std::string ReadAll(int fd)
 {
     std::string out;
@@ -34,8 +31,7 @@ inline std::string ReadAll(int fd)
     return out;
 }
 
-/// Sends `request` (then half-closes when `shut`) and returns the whole
-/// answer; "" when the connection was refused or closed without one.
+/// The whole answer to `request` (sent, then half-closed when `shut`); "" when none.
 inline std::string Exchange(uint16_t port, const std::string& request, bool shut = false)
 {
     UniqueFd fd = Connect(port);
@@ -53,8 +49,7 @@ inline std::string Get(uint16_t port, const std::string& target)
     return Exchange(port, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
 }
 
-/// A machine of `interfaces` interfaces, `drives` drives (and as many
-/// volumes) and `adapters` adapters, with texts that need escaping.
+/// A machine of that many interfaces, drives (and volumes) and adapters, with texts to escape.
 inline metrics::Snapshot Synthetic(int interfaces, int drives, int adapters)
 {
     metrics::Snapshot s;
