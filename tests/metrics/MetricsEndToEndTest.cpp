@@ -37,7 +37,8 @@ protected:
     void TearDown() override
     {
         for (auto it = m_Pids.rbegin(); it != m_Pids.rend(); ++it)
-            kill(*it, SIGKILL), WaitExit(*it);
+            if (kill(*it, SIGKILL) == 0)  // not already stopped and collected
+                WaitExit(*it);
     }
     std::string NetNs() const { return "/proc/" + std::to_string(m_Pids.at(0)) + "/ns/net"; }
     /// Starts `program` in the sandbox, in the network namespace of the first one started.
@@ -79,9 +80,9 @@ protected:
 
 TEST_F(MetricsEndToEndTest, PrometheusScrapesMemoryNewInterfacesAndFailedModules)
 {
-    // A network namespace of its own, with loopback up, held by a sleeper.
+    // A network namespace of its own, with loopback up, held by a sleeper (once it sleeps).
     ASSERT_GT(Run("/usr/bin/unshare", {"--net", "--", "/bin/sh", "-c", "ip link set lo up && exec sleep 86400"}), 0);
-    ASSERT_TRUE(WaitFor([&] { return Contains(ReadFile("/proc/" + std::to_string(m_Pids[0]) + "/cmdline"), "sleep"); }));
+    ASSERT_TRUE(WaitFor([&] { return ReadFile("/proc/" + std::to_string(m_Pids[0]) + "/comm") == "sleep\n"; }));
 
     // The bundled modules, a configuration file without a library and a
     // library that is no library: two modules fail.
@@ -109,6 +110,5 @@ TEST_F(MetricsEndToEndTest, PrometheusScrapesMemoryNewInterfacesAndFailedModules
                               "ip link add tarvdtest0 type veth peer name tarvdtest1'", m_Dir.Sub("ip.txt"), &out), 0) << out;
     ExpectValue("tarvd_network_receive_bytes_total{interface=\"tarvdtest0\"}", "0");
 
-    m_Pids.erase(std::find(m_Pids.begin(), m_Pids.end(), kopd));
     ASSERT_NO_FATAL_FAILURE(Stop(kopd, SIGTERM));
 }
