@@ -2,6 +2,7 @@
 // from their configuration files, loads them, and drives them for the
 // daemon through the SwitchInterface boundary.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <dlfcn.h>
 #include <memory>
@@ -27,6 +28,20 @@ struct Module {
     const TarvdModuleV1* table = nullptr;
     bool started = false;
 };
+
+// The figures of getModuleCounts: atomics, read by modules' own threads
+// without the framework's lock (which is held while a module stops and
+// waits for those very threads).
+std::atomic<uint32_t> g_LoadedCount{0};
+std::atomic<uint32_t> g_FailedCount{0};
+
+void ModuleCounts(uint32_t* loaded, uint32_t* failed)
+{
+    if (loaded)
+        *loaded = g_LoadedCount.load(std::memory_order_relaxed);
+    if (failed)
+        *failed = g_FailedCount.load(std::memory_order_relaxed);
+}
 
 const char* ConfigValue(const TarvdModuleConfig* config, const char* key)
 {
@@ -54,6 +69,7 @@ public:
                 return 1;
             }
             m_Config = *config;
+            g_FailedCount = 0;
             std::string dir = ModulesDirectory();
             DBG_PRINT(2, "\nSWITCH              : loading modules from %s (run mode %u, flags 0x%X)", dir.c_str(),
                       m_Config.RunMode, m_Config.Flags);
@@ -76,6 +92,7 @@ public:
                 std::string error;
                 if (!ParseModuleConfig(file, desc, error)) {
                     ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! %s -> module skipped", error.c_str());
+                    ++g_FailedCount;
                     continue;
                 }
                 if (!desc.enabled) {
@@ -92,7 +109,8 @@ public:
             std::stable_sort(wanted.begin(), wanted.end(),
                              [](const ModuleDescriptor& a, const ModuleDescriptor& b) { return a.order < b.order; });
             for (auto& desc : wanted)
-                LoadOne(std::move(desc));
+                if (!LoadOne(std::move(desc)))
+                    ++g_FailedCount;
             m_Loaded = true;
             DBG_PRINT(2, "\nSWITCH              : %zu module(s) loaded", m_Modules.size());
             return 1;
@@ -134,6 +152,7 @@ public:
                     DBG_PRINT(3, "\nSWITCH              : module %s started", m->desc.name.c_str());
                 } else {
                     ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s failed to start", m->desc.name.c_str());
+                    ++g_FailedCount;
                 }
             }
             return started;
@@ -229,7 +248,8 @@ public:
     }
 
 private:
-    void LoadOne(ModuleDescriptor desc)
+    /// false when the module was skipped (traced).
+    bool LoadOne(ModuleDescriptor desc)
     {
         auto m = std::make_unique<Module>();
         m->desc = std::move(desc);
@@ -240,25 +260,25 @@ private:
             const char* e = dlerror();
             ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s: cannot load %s: %s -> skipped", name,
                       m->desc.library.c_str(), e ? e : "");
-            return;
+            return false;
         }
         auto entry = reinterpret_cast<TarvdModuleEntry>(dlsym(lib.Get(), TARVD_MODULE_ENTRY));
         if (!entry) {
             ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s: %s exports no %s -> skipped", name,
                       m->desc.library.c_str(), TARVD_MODULE_ENTRY);
-            return;
+            return false;
         }
         const TarvdModuleV1* table = nullptr;
         try {
             table = entry();
         } catch (...) {
             ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s threw in %s -> skipped", name, TARVD_MODULE_ENTRY);
-            return;
+            return false;
         }
         if (!table) {
             ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s: %s returned no module table -> skipped", name,
                       TARVD_MODULE_ENTRY);
-            return;
+            return false;
         }
         if (table->abiVersion != TARVD_MODULE_ABI_VERSION) {
             // Say what the module was built for, so that an administrator
@@ -271,12 +291,12 @@ private:
                       TARVD_MODULE_ABI_INTERFACE(table->abiVersion), TARVD_MODULE_ABI_VERSION,
                       TARVD_MODULE_ABI_LIBRARY_MAJOR(TARVD_MODULE_ABI_VERSION),
                       TARVD_MODULE_ABI_INTERFACE(TARVD_MODULE_ABI_VERSION));
-            return;
+            return false;
         }
         if (!table->load) {
             ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s: the module table has no load function -> skipped",
                       name);
-            return;
+            return false;
         }
         TarvdModuleConfig config{};
         config.abiVersion = TARVD_MODULE_ABI_VERSION;
@@ -286,6 +306,7 @@ private:
         config.configFile = m->desc.configFile.c_str();
         config.getValue = ConfigValue;
         config.reserved = &m->desc;
+        config.getModuleCounts = ModuleCounts;
         int ok = 0;
         try {
             ok = table->load(&config);
@@ -295,16 +316,18 @@ private:
             // A module that threw may have half-initialised itself: give it
             // the chance to clean up before it is closed.
             CallUnload(table, name);
-            return;
+            return false;
         }
         if (!ok) {
             ReportFailure(SysLogTraces::SL_ERR, "\nSWITCH              : ## ERROR! module %s failed to load -> skipped", name);
-            return;
+            return false;
         }
         m->library = std::move(lib);
         m->table = table;
         DBG_PRINT(2, "\nSWITCH              : module %s loaded from %s", name, m->desc.library.c_str());
         m_Modules.push_back(std::move(m));
+        g_LoadedCount = static_cast<uint32_t>(m_Modules.size());
+        return true;
     }
 
     static void CallUnload(const TarvdModuleV1* table, const char* name)
@@ -342,6 +365,7 @@ private:
         while (!m_Modules.empty()) {
             std::unique_ptr<Module> m = std::move(m_Modules.back());
             m_Modules.pop_back();
+            g_LoadedCount = static_cast<uint32_t>(m_Modules.size());
             CallUnload(m->table, m->desc.name.c_str());
             DBG_PRINT(3, "\nSWITCH              : module %s unloaded", m->desc.name.c_str());
         }

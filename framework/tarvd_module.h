@@ -68,6 +68,14 @@ typedef struct TarvdModuleConfig {
     /** A value of the module's configuration file ("Key=Value"), null when absent. */
     const char* (*getValue)(const struct TarvdModuleConfig* config, const char* key);
     const void* reserved;    /**< framework internal */
+    /** The framework's own figures, for a module that reports the agent's
+     *  health: `loaded` modules loaded now, `failed` modules of the current
+     *  configuration that could not be loaded or started (a broken
+     *  configuration file, a library that cannot be opened, a load or start
+     *  that failed).  Unlike the rest of this structure the function may be
+     *  kept and called from any thread while the module is loaded; it never
+     *  blocks.  Null from a framework that does not offer it. */
+    void (*getModuleCounts)(uint32_t* loaded, uint32_t* failed);
 } TarvdModuleConfig;
 
 typedef struct TarvdModuleV1 {

@@ -31,6 +31,8 @@ struct TreeState {
     CRegistryNode root;
     std::atomic<bool> setUp{false};
     std::atomic<bool> dirty{false};
+    std::atomic<uint64_t> saves{0};         ///< files written since the process started
+    std::atomic<uint64_t> saveFailures{0};  ///< saves that left the tree dirty
     std::string directory{CRegistry::kDefaultDirectory};
     std::string current, backup, fresh, factory;
 
@@ -374,6 +376,7 @@ bool CRegistry::SaveTree()
     if (!FormatTree(s.root, text)) {
         ReportFailure(SysLogTraces::SL_ERR, "CRegistry: ERROR: Cannot format the tree for \"%s\"\n", s.fresh.c_str());
         s.dirty = true;
+        ++s.saveFailures;
         return false;
     }
     // The new file is complete on disk before it replaces anything, and an
@@ -391,6 +394,7 @@ bool CRegistry::SaveTree()
     if (!write.Write(text.data(), text.size())) {
         TraceSaveFailure(s, write);
         s.dirty = true;
+        ++s.saveFailures;
         return false;
     }
     // The file now holds the tree in memory.  A tree that could not be
@@ -399,8 +403,19 @@ bool CRegistry::SaveTree()
     // a copy of what was written, so changes made since then are lost and
     // the keys other handles hold are destroyed under them.
     s.setUp = true;
+    ++s.saves;
     DBG_PRINT(2, "\nCRegistry::SaveTree MPRegistryTemp[%s] \t MPRegistry[%s]", s.fresh.c_str(), s.current.c_str());
     return true;
+}
+
+uint64_t CRegistry::GetSaveCount()
+{
+    return State().saves.load(std::memory_order_relaxed);
+}
+
+uint64_t CRegistry::GetSaveFailureCount()
+{
+    return State().saveFailures.load(std::memory_order_relaxed);
 }
 
 void CRegistry::SetFileOps(const FileOps* ops)

@@ -80,6 +80,11 @@ public:
     /// succeeded; on failure the tree stays dirty.  Takes the class lock,
     /// and each key's lock while that key is written.
     static bool SaveTree();
+    /// How many times SaveTree wrote the file, and how many times it failed,
+    /// since the process started (saves with nothing to write count in
+    /// neither).  Lock-free: any thread may ask at any time.
+    static uint64_t GetSaveCount();
+    static uint64_t GetSaveFailureCount();
     /// The file operations of SaveTree, replaceable so that tests can make
     /// any single write, fsync or rename fail.
     struct FileOps {

@@ -31,6 +31,8 @@ PAIRS = [
     ("BM_PciScanSlots", "BM_RefLspci", 0.1),
     ("BM_PerfMonSnapshotAll", "BM_BareProcReadParse", 1.5),
     ("BM_PerfMonSnapshotMemorySystemNetwork", "BM_BareProcReadParse", None),
+    ("BM_MetricsHttpGet", "BM_RefNodeExporterScrape", None),
+    ("BM_MetricsScrapeLive", "BM_RefNodeExporterScrape", None),
 ]
 
 UNITS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}

@@ -8,10 +8,20 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   gzip util-linux procps iproute2
   lintian  # the package test checks the .deb with it
+  libmicrohttpd-dev  # the metrics module's HTTP server
 )
 # Optional extras: benchmarks compare against these, fuzzing needs clang.
 if [[ "${TARVD_WITH_BENCH_REFS:-0}" == 1 ]]; then
   packages+=(libspdlog-dev libglib2.0-dev pciutils)
+fi
+# The metrics module's end-to-end test runs a real Prometheus server (and
+# checks the page with its promtool); the benchmark compares with a node
+# exporter's scrape.
+if [[ "${TARVD_WITH_PROMETHEUS:-0}" == 1 ]]; then
+  packages+=(prometheus)
+fi
+if [[ "${TARVD_WITH_BENCH_REFS:-0}" == 1 ]]; then
+  packages+=(prometheus-node-exporter)
 fi
 if [[ "${TARVD_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(clang libclang-rt-dev)

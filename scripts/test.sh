@@ -22,7 +22,8 @@ while (( $# )); do
 done
 (( ${#modes[@]} )) || modes=(release)
 
-scripts/deps.sh
+# The metrics module's end-to-end test needs a Prometheus server.
+TARVD_WITH_PROMETHEUS=1 scripts/deps.sh
 for mode in "${modes[@]}"; do
   echo "=== $mode build ==="
   scripts/build.sh "$mode"

@@ -113,6 +113,7 @@ public:
     uint64_t GetRingBufferSize() const;
     unsigned GetRingFactor() const;
     unsigned GetRingWeight() const;
+    /// How many times the ring buffer wrapped; safe to ask from any thread.
     unsigned GetRingWrapCount() const;
     unsigned GetLogMaxSize() const;
     unsigned GetLogWrapCycle() const;

@@ -157,7 +157,9 @@ private:
     char* m_Base = nullptr;
     uint64_t m_Pos = 0;
     uint64_t m_InitEndPos = 0;
-    unsigned m_Wraps = 0;
+    // Read by other threads (the agent's own health figures) while the
+    // writer counts under the trace lock.
+    std::atomic<unsigned> m_Wraps{0};
     char m_WrapCopy[kEntryBufferSize] = {};
 };
 

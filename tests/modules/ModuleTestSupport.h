@@ -41,7 +41,7 @@ private:
 /// A loader configuration whose getValue answers from a map.
 struct ModuleConfig {
     explicit ModuleConfig(std::map<std::string, std::string> v, uint32_t flags = 0)
-        : values(std::move(v)), config{TARVD_MODULE_ABI_VERSION, 0, flags, "test", "test.conf", &Value, this}
+        : values(std::move(v)), config{TARVD_MODULE_ABI_VERSION, 0, flags, "test", "test.conf", &Value, this, nullptr}
     {
     }
     ModuleConfig(const ModuleConfig&) = delete;  // `config` points at this object
