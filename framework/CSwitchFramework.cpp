@@ -280,7 +280,7 @@ private:
                       TARVD_MODULE_ENTRY);
             return false;
         }
-        if (table->abiVersion != TARVD_MODULE_ABI_VERSION) {
+        if (!TARVD_MODULE_ABI_LOADABLE(table->abiVersion)) {
             // Say what the module was built for, so that an administrator
             // sees at once which side has to be rebuilt or updated.
             ReportFailure(SysLogTraces::SL_ERR,

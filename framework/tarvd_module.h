@@ -34,8 +34,15 @@
 extern "C" {
 #endif
 
-/** Version of the module table's layout and calling rules (TarvdModuleV1). */
-#define TARVD_MODULE_INTERFACE_VERSION 1u
+/** Version of the module table's layout and calling rules (TarvdModuleV1)
+ *  and of the configuration handed to load().  Interface 2 added
+ *  `getModuleCounts` at the end of TarvdModuleConfig. */
+#define TARVD_MODULE_INTERFACE_VERSION 2u
+/** The oldest module interface this framework still loads: a module of
+ *  interface 1 has the same table and never reads the added field.  A module
+ *  built for a newer interface than the framework's is refused, since it
+ *  would read past the shorter structure an older framework hands it. */
+#define TARVD_MODULE_OLDEST_INTERFACE_VERSION 1u
 /** Major version of libtarvd this header belongs to.  A module links the
  *  library's C++ classes, whose binary interface only holds within one
  *  major version; the build checks that this number matches the project's. */
@@ -48,6 +55,11 @@ extern "C" {
 #define TARVD_MODULE_ABI_LIBRARY_MAJOR(abi) ((uint32_t)(abi) >> 16)
 /** The module interface version of an ABI version value. */
 #define TARVD_MODULE_ABI_INTERFACE(abi) ((uint32_t)(abi) & 0xFFFFu)
+/** Whether a framework built with this header loads a module of `abi`. */
+#define TARVD_MODULE_ABI_LOADABLE(abi)                                                                              \
+    (TARVD_MODULE_ABI_LIBRARY_MAJOR(abi) == TARVD_MODULE_LIBRARY_MAJOR &&                                             \
+     TARVD_MODULE_ABI_INTERFACE(abi) >= TARVD_MODULE_OLDEST_INTERFACE_VERSION &&                                      \
+     TARVD_MODULE_ABI_INTERFACE(abi) <= TARVD_MODULE_INTERFACE_VERSION)
 /** The name of the entry point every module exports. */
 #define TARVD_MODULE_ENTRY "tarvd_module_v1"
 
@@ -74,7 +86,7 @@ typedef struct TarvdModuleConfig {
      *  configuration file, a library that cannot be opened, a load or start
      *  that failed).  Unlike the rest of this structure the function may be
      *  kept and called from any thread while the module is loaded; it never
-     *  blocks.  Null from a framework that does not offer it. */
+     *  blocks.  Set by every framework of interface 2 or later. */
     void (*getModuleCounts)(uint32_t* loaded, uint32_t* failed);
 } TarvdModuleConfig;
 

@@ -48,8 +48,12 @@ void Notify(uint32_t event, const void* data)
 
 void Unload() { TestRecord("TEST_MODULE_RECORD", "%s unload", kName); }
 
-const TarvdModuleV1 kModule = {TARVD_MODULE_ABI_VERSION + (kKind == 2 ? 1 : 0), kName, Load, Start, Stop, Notify,
-                               Unload};
+// The good module reports the oldest interface the framework still loads (the
+// bundled modules report the current one); the other ABI is one too new.
+constexpr uint32_t kAbi = kKind == 2   ? TARVD_MODULE_ABI_VERSION + 1
+                          : kKind == 0 ? (TARVD_MODULE_LIBRARY_MAJOR << 16) | TARVD_MODULE_OLDEST_INTERFACE_VERSION
+                                       : TARVD_MODULE_ABI_VERSION;
+const TarvdModuleV1 kModule = {kAbi, kName, Load, Start, Stop, Notify, Unload};
 
 } // namespace
 
