@@ -130,8 +130,7 @@ TEST(SmbiosSysfs, FailuresLeaveOutputsAndAnUnknownAnchorIsTaken)
     EXPECT_EQ(0u, none.GetLastErrorText().find("Could not map SMBIOS physical memory (LastError = 0x"));
     empty.SetSysfsSmbios({'J', 'U', 'N', 'K', 'J', 'U', 'N', 'K'}, Concat({Structure(1, 0, {1, 2}), EndOfTable(1)}));
     CSMBios s;
-    EXPECT_TRUE(s.Connect() && s.GetSource() == SmbiosSource::Sysfs);
-    EXPECT_TRUE(s.GetMajor() == 0 && s.GetIndexedCount() == 2);
+    EXPECT_TRUE(s.Connect() && s.GetSource() == SmbiosSource::Sysfs && s.GetMajor() == 0 && s.GetIndexedCount() == 2);
 }
 
 TEST(SmbiosMemory, SystabKeysAddressesAndEntryPoints)
