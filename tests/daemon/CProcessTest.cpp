@@ -83,8 +83,7 @@ TEST(CProcessExecute, ResultAndExitCodeOfEachCommandFormSyncAndAsync)
             EXPECT_EQ(result, code == 0);
             EXPECT_TRUE(c.code == kAnyCode || code == c.code) << code;
             // The child was reaped already: waiting again fails and gives no status.
-            EXPECT_FALSE(CProcess::WaitForExit(pid, code));
-            EXPECT_EQ(code, kNoStatus);
+            EXPECT_TRUE(!CProcess::WaitForExit(pid, code) && code == kNoStatus) << code;
             EXPECT_EQ(Cwd(), before);
         }
     EXPECT_TRUE(FileExists(dir.Sub("ran-here")) && FileExists(dir.Sub("marker")));
@@ -105,8 +104,7 @@ TEST(CProcessExecute, ChildClosesLowAndHighDescriptorsUnlessKept)
         // sh opens the script on a low descriptor itself: the check runs in its -c text.
         const std::string cmd = "test -e /proc/self/fd/" + std::to_string(fd);
         uint32_t code = 0, pid = 0;
-        EXPECT_FALSE(CProcess::ExecuteCmd(cmd.c_str(), code, pid, nullptr, false, false)) << fd;
-        EXPECT_EQ(code, 1u);
+        EXPECT_TRUE(!CProcess::ExecuteCmd(cmd.c_str(), code, pid, nullptr, false, false) && code == 1u) << fd;
         EXPECT_TRUE(CProcess::ExecuteCmd(cmd.c_str(), code, pid, nullptr, false, true)) << fd;
         close(fd);
     }
@@ -212,8 +210,7 @@ TEST(CProcessDir, GetAndSetCurrentDir)
     EXPECT_EQ(Cwd(), std::filesystem::canonical(dir.Path()));
     ASSERT_TRUE(CProcess::SetCurrentDir(before.c_str()));
     uint32_t count = 0;  // a placeholder of the interface: always one
-    EXPECT_EQ(CProcess::GetProcessHandleCount(1, count), 0);
-    EXPECT_EQ(count, 1u);
+    EXPECT_TRUE(CProcess::GetProcessHandleCount(1, count) == 0 && count == 1u);
 }
 
 TEST(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
@@ -267,9 +264,7 @@ TEST(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
     }
     uint64_t value = kUntouched, size, peak, swap, fourth, diff;  // no such process
     CProcess::GetProcessMemorySpecificInfo(43, value, "VmRSS:", 0);
-    EXPECT_EQ(value, kUntouched);
-    EXPECT_FALSE(CProcess::GetProcessMemoryInfo(43, size, peak, swap, fourth, diff));
-    EXPECT_EQ(size, 0u);
+    EXPECT_TRUE(value == kUntouched && !CProcess::GetProcessMemoryInfo(43, size, peak, swap, fourth, diff) && !size);
     ASSERT_TRUE(WriteFile(root.Sub("42/status"), "VmPeak:\t    4096 kB\n"));  // no size
     EXPECT_FALSE(CProcess::GetProcessMemoryInfo(42, size, peak, swap, fourth, diff));
     ASSERT_TRUE(WriteFile(root.Sub("42/status"), "VmPeak:\t    4096 kB\nVmSize:\t    3072 kB\nVmLib:\t  1024 kB\n"
@@ -296,12 +291,10 @@ TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
                  {"kop", kNoStatus}, {"huge", kNoStatus} /* beyond 32 bits */};
     for (const auto& [name, expected] : finds) {
         uint32_t pid = 0;
-        EXPECT_EQ(CProcess::FindProcess(pid, name), expected != kNoStatus) << name;
-        EXPECT_EQ(pid, expected) << name;
+        EXPECT_TRUE(CProcess::FindProcess(pid, name) == (expected != kNoStatus) && pid == expected) << name;
     }
     std::string name, path, text;
-    EXPECT_TRUE(CProcess::GetProcessInfo(12, name, path));
-    EXPECT_EQ(name + " " + path, "kopd /usr/sbin/kopd");
+    EXPECT_TRUE(CProcess::GetProcessInfo(12, name, path) && name + " " + path == "kopd /usr/sbin/kopd");
     EXPECT_FALSE(CProcess::GetProcessName(name, 13));
     for (uint32_t pid : {13, 30, 31})
         EXPECT_FALSE(CProcess::GetProcessInfo(pid, name, path)) << pid;
@@ -310,9 +303,7 @@ TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
 
     CProcess::SetProcRoot((root.Path() + "/missing").c_str());
     uint32_t pid = 5;
-    EXPECT_FALSE(CProcess::FindProcess(pid, nullptr));
-    EXPECT_FALSE(CProcess::FindProcess(pid, "kopd"));
-    EXPECT_EQ(pid, kNoStatus);
+    EXPECT_FALSE(CProcess::FindProcess(pid, nullptr) || CProcess::FindProcess(pid, "kopd") || pid != kNoStatus);
 
     CProcess::SetProcRoot(nullptr);  // and in the real /proc, this process
     const uint32_t self = static_cast<uint32_t>(getpid());

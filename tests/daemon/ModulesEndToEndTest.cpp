@@ -50,8 +50,8 @@ TEST_F(ModulesEndToEndTest, TracingByTheSampleFilesAndAnUnwritableDirectory)
     ASSERT_EQ(Shell("mkdir -p " + NsPath(kTraceConfigDir) + " && cp " TARVD_SOURCE_DIR "/packaging/TraceConfig/*.ini " +
                     NsPath(kTraceConfigDir)), 0);
     ASSERT_NO_FATAL_FAILURE(StopOncePublished(StartUntraced(TEST_EXAMPLE_CONF_DIR)));
-    EXPECT_TRUE(FileExists(logDir + "/log.kopd_a"));
-    EXPECT_TRUE(FileExists(logDir + "/log.kopd_i") || FileExists(logDir + "/log.kopd_i.gz"));
+    EXPECT_TRUE(FileExists(logDir + "/log.kopd_a") &&
+                (FileExists(logDir + "/log.kopd_i") || FileExists(logDir + "/log.kopd_i.gz")));
     const std::string trace = ReadDaemonTrace(logDir);
     EXPECT_TRUE(Contains(trace, "SWITCH              : module perf loaded from")) << trace;
     EXPECT_TRUE(Contains(trace, "PerfModule          : started"));

@@ -136,8 +136,7 @@ TEST(DeviceScan, TerminateDuringAScanSkipsTheRestAndLaterScans)
     auto scanning = std::async(std::launch::async, [&] { return scan.ScanHardware(kNoWatcher, false, 5000); });
     entered.get_future().wait();
     auto terminating = std::async(std::launch::async, [&] { return scan.Terminate(10000); });
-    EXPECT_EQ(0, scanning.get());
-    EXPECT_EQ(0, terminating.get());
+    EXPECT_EQ(std::pair(0, 0), std::pair(scanning.get(), terminating.get()));
     // The running step (the PCI scan) finished; adapters, drives and volumes were skipped.
     EXPECT_EQ(std::vector<int>{CSystemDeviceScan::SCAN_ADAPTERS}, seen);
     EXPECT_EQ(2, scan.GetAdapterCount());

@@ -174,8 +174,8 @@ TEST(CPerfMonNetwork, InstancesFollowTheInterfaceTableAndShortIntervalsKeepTheRe
     // A third interface appears and lo moves: the first two monitored lines are the instances.
     NextReading(r, {{"eth0", 13107, 0}, {"lo", 999999, 0}, {"docker0", 999999, 0}, {"br0", 65536, 0},
                     {"eth5", 999999, 0}}, 2000);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 10);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 1), 50);
+    EXPECT_EQ(Answer(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 1)),
+              Answer(10, 50));
     EXPECT_EQ(r.Answer(CPerfMon::PERF_NETWORK_RECEIVED, 2), Answer(0, 0));
     // Over all: eth0 1 % (a quotient of 1000), br0 idle; the current form rounds to 0.
     NextReading(r, {{"eth0", 13107 + 1311, 0}, {"br0", 65536, 0}}, 3000);
@@ -183,18 +183,15 @@ TEST(CPerfMonNetwork, InstancesFollowTheInterfaceTableAndShortIntervalsKeepTheRe
     EXPECT_EQ(r.mon.GetHistoryCount(kNet, 1), 2u);
     // The second goes away: the first is still measured.
     NextReading(r, {{"eth0", 13107 + 1311 + 26214, 0}}, 4000);
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 3u);
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 1), 2u);
+    EXPECT_EQ(std::pair(r.mon.GetHistoryCount(kNet, 0), r.mon.GetHistoryCount(kNet, 1)), std::pair(3u, 2u));
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 20);
     // At the same time again: no sample, and the reading is kept (not 19 % from the 999 more).
     NextReading(r, {{"eth0", 40632 + 999, 0}}, 4000);
     NextReading(r, {{"eth0", 40632 + 26214, 0}}, 5000);
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 4u);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 20);
+    EXPECT_TRUE(r.mon.GetHistoryCount(kNet, 0) == 4u && r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0) == 20);
     // The clock set back: a huge elapsed time, so a sample with a rate near 0.
     NextReading(r, {{"eth0", 500000, 0}}, 500);
-    EXPECT_EQ(r.mon.GetHistoryCount(kNet, 0), 5u);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 0);
+    EXPECT_TRUE(r.mon.GetHistoryCount(kNet, 0) == 5u && r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0) == 0);
     NextReading(r, {{"eth0", 500000 + 13107, 0}}, 1500);
     EXPECT_EQ(r.Current(CPerfMon::PERF_NETWORK_RECEIVED, 0), 10);
 }
@@ -225,12 +222,10 @@ TEST(CPerfMonNetwork, MalformedCounterLinesUnknownSpeedsAndNoInterfaces)
     Rig none;
     EXPECT_EQ(none.mon.StartMonitoring(kNet, 0), 0u);  // no statistics file
     none.proc.NetDev({{"lo", 0, 0}, {"wlan0", 0, 0}});
-    EXPECT_EQ(none.mon.StartMonitoring(kNet, 0), 0u);
-    EXPECT_FALSE(none.mon.IsStarted());
+    EXPECT_FALSE(none.mon.StartMonitoring(kNet, 0) || none.mon.IsStarted());
     none.proc.MemInfo(100, 50, 0, 0);  // with another group the start goes on without the network
     EXPECT_NE(none.mon.StartMonitoring(kNet | kMem, 0), 0u);
-    EXPECT_EQ(none.mon.GetNumberInstances(kNet), 0u);
-    EXPECT_EQ(none.mon.GetNumberInstances(kMem), 1u);
+    EXPECT_EQ(std::pair(none.mon.GetNumberInstances(kNet), none.mon.GetNumberInstances(kMem)), std::pair(0u, 1u));
 }
 
 namespace {
@@ -314,18 +309,19 @@ TEST(CPerfMonProcesses, PidMaxAndLimitAreReadAtStartThenNowAndThen)
     Rig r;
     WriteProcesses(r, 1000, 10);
     ASSERT_NE(r.mon.StartMonitoring(kProc, 0), 0u);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_DESCRIPTORS), 10);  // 5 of 50
-    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_COUNT), 10);        // 4 of 40
+    const auto figures = [&] {  // descriptors and tasks
+        return Answer(r.Current(CPerfMon::PERF_PROCESS_DESCRIPTORS), r.Current(CPerfMon::PERF_PROCESS_COUNT));
+    };
+    EXPECT_EQ(figures(), Answer(10, 10));  // 5 of 50, 4 of 40
     WriteLimit(r, 10);
     r.proc.Write("sys/kernel/pid_max", "16\n");
     // Read at the start's first snapshot, again kSlowRefreshSnapshots later (the start's second counts).
     for (unsigned snapshots = 2; snapshots < perfmon::kSlowRefreshSnapshots; ++snapshots) {
         r.mon.SnapshotData(kProc);
-        ASSERT_EQ(r.Current(CPerfMon::PERF_PROCESS_DESCRIPTORS) + r.Current(CPerfMon::PERF_PROCESS_COUNT), 20);
+        ASSERT_EQ(figures(), Answer(10, 10));
     }
     r.mon.SnapshotData(kProc);
-    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_DESCRIPTORS), 50);  // 5 of 10
-    EXPECT_EQ(r.Current(CPerfMon::PERF_PROCESS_COUNT), 25);        // 4 of 16
+    EXPECT_EQ(figures(), Answer(50, 25));  // 5 of 10, 4 of 16
     r.mon.StopMonitoring();  // a new start reads them at once
     WriteLimit(r, 25);
     ASSERT_NE(r.mon.StartMonitoring(kProc, 0), 0u);

@@ -72,8 +72,7 @@ TEST_F(RegistryTest, LoadFallsBackToBackupThenDefault)
             WriteFile(Current(), current);
         WriteFile(Backup(), "[HKEY_LOCAL_MACHINE]\nfrom=s=backup\n\n\n");
         Reload();
-        EXPECT_EQ(From(), "backup");
-        EXPECT_TRUE(CRegistry::IsSetUp());
+        EXPECT_TRUE(From() == "backup" && CRegistry::IsSetUp());
     }
     WriteFile(Backup(), "");
     WriteFile(Default(), "[HKEY_LOCAL_MACHINE]\nfrom=s=default\n\n\n");
@@ -86,13 +85,11 @@ TEST_F(RegistryTest, LoadFallsBackToBackupThenDefault)
     Reload();
     {
         CRegistry reg;
-        EXPECT_FALSE(CRegistry::IsSetUp());
-        ASSERT_NE(CRegistry::HKEY_LOCAL_MACHINE, nullptr);
-        EXPECT_EQ(CRegistry::HKEY_LOCAL_MACHINE->GetCount(), 0);
+        EXPECT_TRUE(!CRegistry::IsSetUp() && CRegistry::HKEY_LOCAL_MACHINE &&
+                    CRegistry::HKEY_LOCAL_MACHINE->GetCount() == 0);
     }
     WriteFile(Default(), "[HKEY_LOCAL_MACHINE]\nfrom=s=late\n\n\n");
-    EXPECT_EQ(From(), "late");
-    EXPECT_TRUE(CRegistry::IsSetUp());
+    EXPECT_TRUE(From() == "late" && CRegistry::IsSetUp());
 }
 
 TEST_F(RegistryTest, SaveOfAnUnloadedTreeIsNotReloadedUnderOpenHandles)
@@ -115,8 +112,7 @@ TEST_F(RegistryTest, SaveOfAnUnloadedTreeIsNotReloadedUnderOpenHandles)
 
     CRegistry other;
     EXPECT_EQ(CRegistry::HKEY_LOCAL_MACHINE, machine);
-    ASSERT_EQ(other.Open("HKEY_LOCAL_MACHINE/Kept"), 0u);
-    EXPECT_EQ(other.GetKey(), kept);
+    EXPECT_TRUE(other.Open("HKEY_LOCAL_MACHINE/Kept") == 0u && other.GetKey() == kept);
     unsigned n = 0;
     EXPECT_TRUE(other.QueryValue(&n, "late") == 0 && n == 2);
     holder.Close();
@@ -134,8 +130,7 @@ TEST_F(RegistryTest, NamesAndTextsTheFileCannotCarryAreRefusedWithNothingLeftBeh
         const bool set = reg.CreateKey(CRegistry::HKEY_LOCAL_MACHINE, key) == 0 &&
                          reg.SetValue(name, reinterpret_cast<const unsigned char*>(text),
                                       static_cast<unsigned>(strlen(text)), RegString);
-        EXPECT_FALSE(set) << key << " " << name;
-        EXPECT_EQ(reg.GetStatus(), CRegistry::kInvalid) << key << " " << name;
+        EXPECT_TRUE(!set && reg.GetStatus() == CRegistry::kInvalid) << key << " " << name;
     }
     {
         CRegistry reg;

@@ -54,8 +54,7 @@ TEST_F(RegistryTest, ValuesByTypeReplaceSubkeysOfTheSameName)
     const std::string four(reinterpret_cast<const char*>(&number), 4);
     EXPECT_TRUE(reg.SetValue("Victim", Bytes(four.data()), 4, RegNumber));  // the subkey and its subtree go
     EXPECT_EQ(reg.Open("Victim", CRegistry::HKEY_LOCAL_MACHINE), CRegistry::kOpenFailed);
-    EXPECT_TRUE(reg.SetValue("bin", Bytes("\1\2\0\4"), 4, RegBinary));
-    EXPECT_TRUE(reg.SetValue("nobytes", nullptr, 0, RegBinary));
+    EXPECT_TRUE(reg.SetValue("bin", Bytes("\1\2\0\4"), 4, RegBinary) && reg.SetValue("nobytes", nullptr, 0, RegBinary));
     const char* text = "%HOME%/x%%y%z";
     EXPECT_TRUE(reg.SetValue("e", Bytes(text), static_cast<unsigned>(strlen(text)), RegExpandString));
     // Refused forms store nothing; a null name is accepted and ignored.

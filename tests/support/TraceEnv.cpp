@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdarg>
 #include <cstdio>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -75,6 +76,14 @@ std::unique_ptr<CDebug> TraceEnv::MakeTracing(const char* level)
 void TraceEnv::WriteConfig(const std::string& file, const std::string& text)
 {
     ASSERT_TRUE(WriteFile(m_ConfigDir + "/" + file, text));
+}
+
+void TraceEnv::ClientPrint(CDebug& d, const char* name, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    d.ClientPrintV(format, args, name);
+    va_end(args);
 }
 
 std::vector<std::string> TraceEnv::Lines(const std::string& path) { return SplitLines(ReadFile(path)); }

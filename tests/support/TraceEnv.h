@@ -55,6 +55,9 @@ public:
     /// The messages of a ring's entries in time order (empty when unreadable).
     static std::vector<std::string> RingMessages(const std::string& path, bool* wrapped = nullptr);
     static bool Contains(const std::vector<std::string>& v, const std::string& s);
+    /// A module's entry: `format` through CDebug::ClientPrintV under the caller name `name`.
+    static void ClientPrint(CDebug& d, const char* name, const char* format, ...)
+        __attribute__((format(printf, 3, 4)));
 
     /// Runs `body` in a forked child (signal dispositions and faults stay
     /// there) and returns the child's wait status, -1 when it could not run.

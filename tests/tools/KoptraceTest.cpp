@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdarg>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,14 +17,6 @@ using tooltest::json;
 namespace {
 
 const std::string kTool = KOPTRACE_PATH;
-
-void ClientPrint(CDebug& d, const char* name, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    d.ClientPrintV(format, args, name);
-    va_end(args);
-}
 
 class KoptraceTest : public testsupport::TraceEnv {
 protected:

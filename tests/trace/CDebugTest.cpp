@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <regex>
 #include <sys/time.h>
 #include <thread>
@@ -150,8 +149,8 @@ TEST_F(CDebugTest, InitialRingThenCompressedAtInitDoneAndActiveRing)
                                        "### End of initialization. ###"}));
     EXPECT_EQ(RingMessages(d->GetActiveRingPath()), (Msgs{"### Start of initialization. ###", "after start-up"}));
     EXPECT_TRUE(Contains(Messages(Lines(d->GetActiveRingPath())), "Application Init Done      : 0"));
-    EXPECT_FALSE(CTraceReader::ReadGzipFile(m_Dir.Sub("nothing.gz"), content));
-    EXPECT_FALSE(CTraceReader::ReadGzipFile("it's.gz", content));
+    EXPECT_FALSE(CTraceReader::ReadGzipFile(m_Dir.Sub("nothing.gz"), content) ||
+                 CTraceReader::ReadGzipFile("it's.gz", content));
 }
 
 // Small rings: the wrap (dot fill, renewed header), an entry ending 16 bytes before the end,
@@ -204,22 +203,14 @@ TEST_F(CDebugTest, CommandLineCallerNamesAndForcedSilence)
     d->SetMainParams(2, argv);
     const Msgs cmd = {"testprog Command Line Options:", "argv[0] = \"kopd\"", "argv[1] = \"-n\""};
     EXPECT_EQ(Messages(Lines(LogPath())), cmd);
-    auto call = [&](const char* fmt, ...) {
-        va_list ap;
-        va_start(ap, fmt);
-        d->ClientPrintV(fmt, ap, "client");
-        va_end(ap);
-    };
-    call("\nfrom %s", "module");
+    ClientPrint(*d, "client", "\nfrom %s", "module");
     Msgs entries;
     ASSERT_TRUE(CTraceReader::ReadRingBuffer(d->GetInitialRingPath(), entries));
     EXPECT_TRUE(std::regex_search(entries.back(), std::regex(" KB !client        from module$"))) << entries.back();
-    EXPECT_TRUE(d->ForceMaxDebug(false));
-    EXPECT_FALSE(d->IsEnabled() || d->GetLevel());
+    EXPECT_TRUE(d->ForceMaxDebug(false) && !d->IsEnabled() && !d->GetLevel());
     d->Print(1, "silenced");
     d->Print(0, "level zero still goes out");
-    EXPECT_TRUE(d->ForceMaxDebug(true));
-    EXPECT_EQ(d->GetLevel(), 4u);
+    EXPECT_TRUE(d->ForceMaxDebug(true) && d->GetLevel() == 4u);
     d->Print(4, "back");
     auto msg = RingMessages(d->GetInitialRingPath());
     EXPECT_EQ(Msgs(msg.begin() + 1, msg.begin() + 4), cmd);
@@ -305,8 +296,8 @@ TEST_F(CDebugTest, TraceDirectoryFromTheVariablesOrTheConfigurationAndUnwritable
     Set("TR_LOG_RINGBUF_DIR", b.Path().c_str());
     auto d = MakeTracing();
     EXPECT_EQ(std::string(d->GetTraceDirectory()), b.Path());
-    EXPECT_TRUE(testsupport::FileExists(b.Sub("log.testprog")) && testsupport::FileExists(b.Sub("log.testprog_i")));
-    EXPECT_FALSE(testsupport::FileExists(a.Sub("log.testprog")));
+    EXPECT_TRUE(testsupport::FileExists(b.Sub("log.testprog")) && testsupport::FileExists(b.Sub("log.testprog_i")) &&
+                !testsupport::FileExists(a.Sub("log.testprog")));
     Set("TR_LOG_RINGBUF_DIR", nullptr);
     WriteConfig("p.ini", "[TESTPROG]\nRingBufferDirectory=" + ini.Path() + "\n[EndOfFile]\n");
     EXPECT_EQ(std::string(Make()->GetTraceDirectory()), ini.Path());
@@ -334,8 +325,7 @@ TEST_F(CDebugTest, EmptyConfigDirectoryKeepsTracingOffDespiteEnvironment)
     WriteConfig("readme.txt", "not an ini\n");
     SetTracing("5");
     d->Init("testprog");
-    EXPECT_FALSE(d->IsEnabled());
-    EXPECT_EQ(d->GetLevel() + d->GetTarget(), 0u);
+    EXPECT_FALSE(d->IsEnabled() || d->GetLevel() || d->GetTarget());
     EXPECT_EQ(std::string(d->GetTraceDirectory()), m_Dir.Path());
     EXPECT_FALSE(testsupport::FileExists(elsewhere.Sub("log.testprog")));
 }
@@ -359,10 +349,10 @@ TEST_F(CDebugTest, DynamicUpdateRereadsChangedFileAtTheFirstEntry)
     };
     rewrite("[testprog]\nFileDebugLevel=5\nTraceFlags=3\nMemoryTracesFlag=0\n[EndOfFile]\n", 100);
     d->Print(1, "first");
-    EXPECT_EQ((std::vector<uint64_t>{d->GetLevel(), d->GetSavedLevel(), d->GetTraceFlags()}),
-              (std::vector<uint64_t>{5, 5, 3}));
-    EXPECT_EQ(d->GetMemoryTracesFlag(), 0);
-    EXPECT_EQ(d->GetRingBufferSize(), 4u * 256 * kPage);  // unchanged
+    // The ring's size is not reread.
+    EXPECT_EQ((std::vector<uint64_t>{d->GetLevel(), d->GetSavedLevel(), d->GetTraceFlags(),
+                                     uint64_t(d->GetMemoryTracesFlag()), d->GetRingBufferSize()}),
+              (std::vector<uint64_t>{5, 5, 3, 0, 4 * 256 * kPage}));
     rewrite("[testprog]\nFileDebugLevel=4\n[EndOfFile]\n", 200);
     d->Print(1, "second");  // within the hour: not looked at
     EXPECT_EQ(d->GetLevel(), 5u);
@@ -380,9 +370,8 @@ TEST_F(CDebugTest, ClassInitClosesOutputsAndKeepsTheLevel)
     const std::string ring = d->GetActiveRingPath(), log = ReadFile(LogPath());
     d->ClassInit();
     EXPECT_FALSE(d->IsEnabled() || d->IsApplInitDone());
-    EXPECT_EQ(d->GetLevel(), 4u);
-    EXPECT_EQ(d->GetTraceFlags(), 0u);
-    EXPECT_EQ(d->GetLogMaxSize(), 51200u);
+    EXPECT_EQ((std::vector<uint64_t>{d->GetLevel(), d->GetTraceFlags(), d->GetLogMaxSize()}),
+              (std::vector<uint64_t>{4, 0, 51200}));
     d->Print(0, "after");
     d->PrintAlways("after");
     EXPECT_EQ(ReadFile(LogPath()), log);

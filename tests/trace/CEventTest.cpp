@@ -42,16 +42,12 @@ TEST(CEvent, SignalStateWithoutWaiters)
     EXPECT_EQ(autoEv.Wait(0), TR_WAIT_OBJECT_0);  // consumes the signal
     EXPECT_EQ(autoEv.Wait(0), TR_WAIT_TIMEOUT);
     EXPECT_EQ(manual.Wait(0), TR_WAIT_TIMEOUT);
-    EXPECT_TRUE(manual.Set());
-    EXPECT_EQ(manual.Wait(10), TR_WAIT_OBJECT_0);
-    EXPECT_EQ(manual.Wait(0), TR_WAIT_OBJECT_0);  // stays until reset
-    EXPECT_TRUE(manual.Reset());
-    EXPECT_EQ(manual.Wait(0), TR_WAIT_TIMEOUT);
+    EXPECT_TRUE(manual.Set() && manual.Wait(10) == TR_WAIT_OBJECT_0 && manual.Wait(0) == TR_WAIT_OBJECT_0);
+    EXPECT_TRUE(manual.Reset() && manual.Wait(0) == TR_WAIT_TIMEOUT);  // stayed until reset
     EXPECT_TRUE(pulsed.Pulse() && !pulsed.IsSet());  // a pulse without waiters leaves nothing behind
     // 999 ms pushes the deadline's nanoseconds past a whole second: not
     // carried over, the wait would fail at once instead of timing out.
-    EXPECT_EQ(pulsed.Wait(999), TR_WAIT_TIMEOUT);
-    EXPECT_EQ(pulsed.GetWaiterCount(), 0u);
+    EXPECT_TRUE(pulsed.Wait(999) == TR_WAIT_TIMEOUT && pulsed.GetWaiterCount() == 0u);
 }
 
 TEST(CEvent, SetAndPulseReleaseBlockedWaiters)
@@ -96,22 +92,17 @@ TEST(CEvent, SetAndPulseReleaseBlockedWaiters)
 TEST(CEvent, CreateAndCloseWithAWaiter)
 {
     CEvent ev(false, false);
-    EXPECT_TRUE(ev.Create(true, true));
-    EXPECT_EQ(ev.Wait(0), TR_WAIT_OBJECT_0);
-    EXPECT_TRUE(ev.IsSet());  // now manual
-    EXPECT_TRUE(ev.Create(false, false));
-    EXPECT_FALSE(ev.IsSet());
+    EXPECT_TRUE(ev.Create(true, true) && ev.Wait(0) == TR_WAIT_OBJECT_0 && ev.IsSet());  // now manual
+    EXPECT_TRUE(ev.Create(false, false) && !ev.IsSet());
     Waiters w(ev, 1);
     ASSERT_TRUE(AllWaiting(ev, 1));
-    EXPECT_FALSE(ev.Create(true, true));
-    EXPECT_FALSE(ev.IsSet());  // nothing changed
+    EXPECT_FALSE(ev.Create(true, true) || ev.IsSet());  // nothing changed
     EXPECT_TRUE(ev.Close());
     w.Join();
     EXPECT_TRUE(w.m_Released.load() == 1 && !ev.IsOpen());
     EXPECT_EQ(ev.Wait(TR_INFINITE), TR_WAIT_FAILED);
     EXPECT_FALSE(ev.Set() || ev.Pulse() || ev.Reset() || ev.IsSet());
-    EXPECT_FALSE(ev.Create(false, false));
-    EXPECT_FALSE(ev.Close());
+    EXPECT_FALSE(ev.Create(false, false) || ev.Close());
     EXPECT_TRUE(ev.Open("anything"));  // no effect
 }
 
@@ -131,21 +122,18 @@ TEST(CEvent, NamesAndCopiesShareOneStateUntilTheLastReferenceGoes)
         b.Reset();
         EXPECT_FALSE(a.IsSet() || copy.IsSet());
         CEvent first(true, false, "CEventTest.mismatch"), second(false, true, "CEventTest.mismatch");
-        EXPECT_EQ(second.Wait(0), TR_WAIT_OBJECT_0);
-        EXPECT_FALSE(first.IsSet());  // consumed: auto reset
+        EXPECT_TRUE(second.Wait(0) == TR_WAIT_OBJECT_0 && !first.IsSet());  // consumed: auto reset
     }
     CEvent fresh(false, false, "CEventTest.shared");
     EXPECT_FALSE(fresh.IsSet());
-    fresh.Set();
-    EXPECT_EQ(fresh.Wait(0), TR_WAIT_OBJECT_0);
-    EXPECT_FALSE(fresh.IsSet());  // a fresh auto-reset state, not the old manual one
+    fresh.Set();  // a fresh auto-reset state, not the old manual one
+    EXPECT_TRUE(fresh.Wait(0) == TR_WAIT_OBJECT_0 && !fresh.IsSet());
     auto* original = new CEvent(false, false, "CEventTest.outlive");
     CEvent copy(*original);
     delete original;
     EXPECT_TRUE(copy.Set());
     CEvent again(false, true, "CEventTest.outlive");  // the copy still holds the name
-    EXPECT_EQ(again.Wait(0), TR_WAIT_OBJECT_0);
-    EXPECT_FALSE(copy.IsSet());  // auto reset of the shared state
+    EXPECT_TRUE(again.Wait(0) == TR_WAIT_OBJECT_0 && !copy.IsSet());  // auto reset of the shared state
 }
 
 TEST(CEvent, NamedCreationFromManyThreadsYieldsOneState)

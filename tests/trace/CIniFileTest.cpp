@@ -181,8 +181,8 @@ TEST_F(IniTest, WriterOutputByteForByte)
     EXPECT_TRUE(WritePrivateProfileString("Sec", "k", nullptr, other.c_str()));
     EXPECT_FALSE(testsupport::FileExists(other));
     EXPECT_FALSE(WritePrivateProfileString("Sec", "k", "v", m_Dir.Sub("no/such.ini").c_str()));
-    EXPECT_FALSE(WritePrivateProfileString(nullptr, "k", "v", m_Path.c_str()));
-    EXPECT_FALSE(WritePrivateProfileString("Sec", "k", "v", nullptr));
+    EXPECT_FALSE(WritePrivateProfileString(nullptr, "k", "v", m_Path.c_str()) ||
+                 WritePrivateProfileString("Sec", "k", "v", nullptr));
 }
 
 TEST_F(IniTest, ClassReadsTypedValuesAndGrowsBuffers)
