@@ -48,10 +48,13 @@ protected:
         ASSERT_TRUE(m_Lib.Table()) << dlerror();
         WriteFile(m_Root.Sub("sys/class/net/d0/speed"), "100\n");
     }
+    // Returns once the interfaces are published: what exists then is the
+    // inventory as found (a first start records no change for it).
     void Start()
     {
         ASSERT_EQ(m_Lib->load(m_Config.Get()), 1);
         ASSERT_EQ(m_Lib->start(), 1);
+        ASSERT_TRUE(WaitFor([] { return !SubKeys(kInv + "\\" + tarvdmod::net::kInterfacesKey).empty(); }));
     }
     void Stop()
     {
