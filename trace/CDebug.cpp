@@ -80,12 +80,20 @@ CDebug::Impl::Impl(CDebug& owner)
 {
 }
 
+namespace {
+// How many trace locks (of any CDebug) this thread holds.  Zero, as it is
+// for nearly every entry, settles "held by this thread?" without reading the
+// owner fields, which the other tracing threads keep writing.
+thread_local unsigned t_traceLocksHeld __attribute__((tls_model("initial-exec"))) = 0;
+} // namespace
+
 void CDebug::Impl::Enter()
 {
     if (!mutexUsable)
         return;
     if (!HeldByThisThread()) {
         pthread_mutex_lock(&mutex);
+        ++t_traceLocksHeld;
         owner.store(pthread_self(), std::memory_order_relaxed);
         owned.store(true, std::memory_order_relaxed);
     }
@@ -101,13 +109,14 @@ void CDebug::Impl::Leave()
         Publish();
         owned.store(false, std::memory_order_relaxed);
         owner.store(pthread_t{}, std::memory_order_relaxed);
+        --t_traceLocksHeld;
         pthread_mutex_unlock(&mutex);
     }
 }
 
 bool CDebug::Impl::HeldByThisThread() const
 {
-    return owned.load(std::memory_order_relaxed) && pthread_equal(owner.load(std::memory_order_relaxed), pthread_self());
+    return t_traceLocksHeld != 0 && owned.load(std::memory_order_relaxed) && pthread_equal(owner.load(std::memory_order_relaxed), pthread_self());
 }
 
 // Called with the lock held, just before it is given back.  Stores only what
@@ -136,6 +145,7 @@ void CDebug::Impl::CleanupHandlerForTraceMutex(void* arg)
     impl->Publish();
     impl->owned.store(false, std::memory_order_relaxed);
     impl->owner.store(pthread_t{}, std::memory_order_relaxed);
+    --t_traceLocksHeld;
     pthread_mutex_unlock(&impl->mutex);
 }
 

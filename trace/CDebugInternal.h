@@ -224,7 +224,10 @@ struct CDebug::Impl {
     // published whenever the lock is given back (the settings change only
     // under it).  A stale view costs nothing: the entry is checked against
     // the settings again under the lock, and formatted anew when they moved.
-    std::atomic<bool> unlockedRing{false};
+    // On a cache line of their own: every entry reads them, while the lock's
+    // fields above are written by every entry, and sharing a line would make
+    // each tracing thread wait for the line the other one just wrote.
+    alignas(64) std::atomic<bool> unlockedRing{false};
     std::atomic<uint64_t> unlockedLevel{0};
     std::atomic<bool> unlockedMemory{false};
     // Which program name the unlocked path formats with: a number unique in
@@ -233,6 +236,7 @@ struct CDebug::Impl {
     // lock once per number, so it never reads the string while Init changes
     // it, and an entry formatted with an old name is formatted anew.
     std::atomic<uint64_t> nameGeneration;
+    alignas(64) char endOfReadMostly = 0;  // what follows is written while tracing
 
     int pid = 0;
     int argc = 0;
