@@ -134,6 +134,16 @@ int CStrMap::SetInArena(const char* name, Entry value, const char* text)
     return SetLocked(name, value, nullptr, true);
 }
 
+int CStrMap::SetBytesInArena(const char* name, Entry value, const void* bytes, size_t length)
+{
+    CCriticalSectionLock lock(m_Lock);
+    value.payload.ptr = ArenaCopy(static_cast<const char*>(bytes), length);
+    if (value.payload.ptr == nullptr)
+        return -1;
+    value.flags = kPayloadInArena;
+    return SetLocked(name, value, nullptr, true);
+}
+
 int CStrMap::SetLocked(const char* name, Entry value, bool* replaced, bool nameInArena)
 {
     bool found = false;

@@ -86,6 +86,9 @@ public:
     /// Arena memory comes back when the map is destroyed, so this is for
     /// entries that are mostly kept.  Returns the index, or -1.
     int SetInArena(const char* name, Entry payloadAndType, const char* text = nullptr);
+    /// As SetInArena with a text, for `length` raw bytes (which may hold
+    /// NUL bytes) as the payload.
+    int SetBytesInArena(const char* name, Entry payloadAndType, const void* bytes, size_t length);
 
     /// Removes the entry of `name` (name and payload freed).  False when absent.
     bool Remove(const char* name);

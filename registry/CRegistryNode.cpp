@@ -17,6 +17,21 @@ namespace {
 
 /// Lines of the registry file are read in pieces of this size (with NUL).
 constexpr size_t kLineSize = 1024;
+/// Up to `limit` + 1 digits of `base` from `p`, read one character at a
+/// time (a line ends at its NUL, so nothing past it is read).  Returns how
+/// many digits stood there (more than `limit` means: too long to be sure).
+int ReadPlainDigits(const char* p, int limit, unsigned base, uint64_t& value, const char*& end)
+{
+    int count = 0;
+    uint64_t v = 0;
+    for (int d; count <= limit && (d = tarvd::HexDigitValue(p[count])) >= 0 && static_cast<unsigned>(d) < base;
+         ++count)
+        v = v * base + static_cast<unsigned>(d);
+    value = v;
+    end = p + count;
+    return count;
+}
+
 /// One hexadecimal number as strtol(p, &end, 16) reads it, for the plain
 /// form the writer produces (blanks, then at most 15 hex digits without a
 /// sign or "0x" prefix).  False for anything else, which the caller leaves
@@ -25,19 +40,17 @@ bool PlainHex(const char* p, long& value, const char*& end)
 {
     // At most 15 digits: a long cannot overflow, so strtol's clamping never
     // comes into play on this path.
-    constexpr ptrdiff_t kMaxPlainDigits = 15;
-    if (tarvd::HexDigitValue(*p) < 0) {
-        while (isspace(static_cast<unsigned char>(*p)))
-            ++p;
-    }
+    constexpr int kMaxPlainDigits = 15;
+    // The writer's blank is a space; the locale's blank test only for others.
+    while (*p == ' ' || (tarvd::HexDigitValue(*p) < 0 && isspace(static_cast<unsigned char>(*p))))
+        ++p;
     if (*p == '0' && (p[1] == 'x' || p[1] == 'X'))
         return false;
-    const char* q = p;
     uint64_t v = 0;
-    if (!tarvd::ParseDigits(q, p + strnlen(p, kMaxPlainDigits + 1), v, 16) || q - p > kMaxPlainDigits)
+    const int n = ReadPlainDigits(p, kMaxPlainDigits, 16, v, end);
+    if (n == 0 || n > kMaxPlainDigits)
         return false;  // no digits (or a sign), or too long to be sure of no overflow
     value = static_cast<long>(v);
-    end = q;
     return true;
 }
 
@@ -46,29 +59,27 @@ bool PlainHex(const char* p, long& value, const char*& end)
 /// a number cannot overflow a long.  Anything else goes to strtol itself.
 long ParseDecimal(const char* p, char*& end)
 {
-    constexpr ptrdiff_t kMaxPlainDigits = 18;
+    constexpr int kMaxPlainDigits = 18;
     const bool negative = *p == '-';
-    const char* digits = p + (negative ? 1 : 0);
-    const char* q = digits;
     uint64_t v = 0;
-    if (tarvd::ParseDigits(q, digits + strnlen(digits, kMaxPlainDigits + 1), v) && q - digits <= kMaxPlainDigits &&
-        !(*q >= '0' && *q <= '9')) {
-        end = const_cast<char*>(q);
-        return negative ? -static_cast<long>(v) : static_cast<long>(v);
-    }
-    return strtol(p, &end, 10);
+    const char* after = nullptr;
+    const int n = ReadPlainDigits(p + (negative ? 1 : 0), kMaxPlainDigits, 10, v, after);
+    if (n == 0 || n > kMaxPlainDigits)
+        return strtol(p, &end, 10);
+    end = const_cast<char*>(after);
+    return negative ? -static_cast<long>(v) : static_cast<long>(v);
 }
 
-/// Parses the hexadecimal byte list of a binary value.  The payload holds
-/// (length / 3) + 2 bytes after its count: enough for the writer's
-/// "xx " groups; denser text is cut at that capacity.
-void* ParseBinary(const char* text)
+/// Parses the hexadecimal byte list of a binary value into `payload` (its
+/// count, then the bytes).  The payload holds (length / 3) + 2 bytes after
+/// its count: enough for the writer's "xx " groups; denser text is cut at
+/// that capacity.  A line is at most kLineSize characters, so `payload`
+/// (of kLineSize / 3 + 2 + 4 bytes) always has that room.  Returns the
+/// payload's length.
+size_t ParseBinary(const char* text, unsigned char* payload, size_t room)
 {
     size_t len = strlen(text);
-    size_t capacity = len / 3 + 2;
-    auto* payload = static_cast<unsigned char*>(calloc(1, capacity + 4));
-    if (payload == nullptr)
-        return nullptr;
+    size_t capacity = std::min(len / 3 + 2, room - 4);
     uint32_t count = 0;
     const char* p = text;
     while (count < capacity) {
@@ -85,20 +96,17 @@ void* ParseBinary(const char* text)
         p = end;
     }
     memcpy(payload, &count, sizeof count);
-    return payload;
+    return 4 + count;
 }
 
-/// Stores a freshly allocated payload under `name`; frees it when the map
-/// could not take it.
-void StorePointer(CRegistryNode& node, const char* name, void* payload, uint32_t type)
+/// Stores a binary value's payload in the key's arena.
+void StoreBinary(CRegistryNode& node, const char* name, const char* text)
 {
-    if (payload == nullptr)
-        return;
+    unsigned char payload[kLineSize / 3 + 2 + 4];
+    const size_t length = ParseBinary(text, payload, sizeof payload);
     CStrMap::Entry e{};
-    e.payload.ptr = payload;
-    e.type = type;
-    if (node.SetInArena(name, e) < 0)
-        free(payload);
+    e.type = RegBinary;
+    node.SetBytesInArena(name, e, payload, length);
 }
 
 /// Stores a text value, its copy and the name's in the key's arena (a file
@@ -140,7 +148,7 @@ bool RestoreValue(CRegistryNode& node, char* line)
         return true;
     }
     if (strncmp(tag, "b=", 2) == 0) {
-        StorePointer(node, name, ParseBinary(tag + 2), RegBinary);
+        StoreBinary(node, name, tag + 2);
         return true;
     }
     return false;

@@ -212,7 +212,9 @@ struct CDebug::Impl {
     tracedetail::CDebugSettings settings;
     time_t lastCheck = 0;
 
-    pthread_mutex_t mutex;
+    // The lock and its owner on one cache line: a thread taking the lock
+    // from another fetches a single line.
+    alignas(64) pthread_mutex_t mutex;
     // Read without the mutex by every thread that enters (to detect its own
     // re-entry), hence atomic.  Only the owning thread ever stores its own
     // id, so a thread sees itself as owner exactly when it holds the mutex.
