@@ -80,8 +80,9 @@ struct ThreadEntry {
     uint64_t nameGeneration = 0;
     // The header standing at the start of `text`: an entry with the same
     // name, millisecond and memory figure reuses it (threads trace in
-    // bursts, and the header costs as much as a short message).
-    bool headerValid = false;
+    // bursts, and the header costs as much as a short message).  Generation
+    // 0 is none: a thread has copied a name (generation 1 or later) before
+    // it formats its first header.
     int headerLength = 0;
     uint64_t headerGeneration = 0;
     time_t headerSecond = 0;
@@ -92,13 +93,12 @@ struct ThreadEntry {
 
     bool HeaderMatches(const HeaderStamp& stamp, bool memory) const
     {
-        return headerValid && headerGeneration == nameGeneration && headerSecond == stamp.tv.tv_sec &&
+        return headerGeneration == nameGeneration && headerSecond == stamp.tv.tv_sec &&
                headerMillisecond == stamp.tv.tv_usec / 1000 && headerMemory == memory &&
                (!memory || headerKilobytes == stamp.kilobytes);
     }
     void KeepHeader(const HeaderStamp& stamp, bool memory, int length)
     {
-        headerValid = true;
         headerLength = length;
         headerGeneration = nameGeneration;
         headerSecond = stamp.tv.tv_sec;

@@ -3,14 +3,15 @@
 
 #include <chrono>
 #include <cstdio>
-#include <sstream>
+#include <string_view>
 #include <sys/statvfs.h>
 
 #include "common/FileIO.h"
+#include "modules/common/LinkFigures.h"
 #include "modules/common/RegistryNames.h"
 #include "modules/inventory/InventoryModel.h"
-#include "netif/network_interface_manager.h"
 #include "perfmon/HostFigures.h"
+#include "perfmon/ProcParse.h"
 #include "registry/CRegistry.h"
 #include "trace/CDebug.h"
 
@@ -23,14 +24,15 @@ constexpr size_t kStatLimit = 4 << 20;
 constexpr uint64_t kMegabyte = 1024 * 1024;
 constexpr uint32_t kNoSlot = inventory::kNoSlot;
 
-void CollectInterfaces(Snapshot& s)
+/// Every interface's counters, as the performance module reads them.
+void CollectInterfaces(Snapshot& s, const std::string& procRoot)
 {
-    std::vector<libnetif::interface_record> links;
-    if (!libnetif::list_interfaces(links))
+    std::vector<perfmon::InterfaceFigures> links;
+    if (!tarvdmod::ReadLinkFigures(procRoot, perfmon::kDefaultSysRoot, links))
         return;
     for (const auto& l : links)
-        s.interfaces.push_back({l.name, l.stats.rx_bytes, l.stats.tx_bytes, l.stats.rx_packets, l.stats.tx_packets,
-                                l.stats.rx_errors, l.stats.tx_errors});
+        s.interfaces.push_back({l.name, l.receivedBytes, l.sentBytes, l.receivedPackets, l.sentPackets,
+                                l.receivedErrors, l.sentErrors});
 }
 
 void CollectHealth(Snapshot& s, ModuleCountsFunction moduleCounts)
@@ -148,26 +150,28 @@ void ReadIdentity(Snapshot& s)
 std::map<std::string, CpuTimes> ParseCpuTimes(const std::string& stat)
 {
     std::map<std::string, CpuTimes> cpus;
-    std::istringstream in(stat);
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("cpu", 0) != 0)
+    std::string_view rest(stat);
+    while (!rest.empty()) {
+        const size_t eol = rest.find('\n');
+        const std::string_view line = rest.substr(0, eol);
+        rest = eol == std::string_view::npos ? std::string_view() : rest.substr(eol + 1);
+        const size_t blank = line.find(' ');
+        if (line.compare(0, 3, "cpu") != 0 || blank == std::string_view::npos)
             continue;
-        std::istringstream fields(line);
-        std::string name;
-        fields >> name;
         // user nice system idle iowait irq softirq steal (guest time is
         // already part of user and nice).
         uint64_t v[8] = {};
-        int n = 0;
-        while (n < 8 && fields >> v[n])
-            ++n;
+        const int n = perfmon::ParseU64List(line.substr(blank), v, 8);
         if (n < 4)
             continue;
         CpuTimes t;
         for (int i = 0; i < n; ++i)
             t.total += v[i];
-        t.busy = t.total - v[3] - (n > 4 ? v[4] : 0);
-        cpus[name.substr(3)] = t;
+        // Idle and waiting are part of the total unless the figures are
+        // nonsense (a wrapped sum): then nothing counts as busy.
+        const uint64_t waiting = v[3] + v[4];
+        t.busy = waiting <= t.total ? t.total - waiting : 0;
+        cpus[std::string(line.substr(3, blank - 3))] = t;
     }
     return cpus;
 }
@@ -215,7 +219,7 @@ Snapshot Collector::Collect()
     perfmon::MemoryFigures m;
     if (perfmon::ReadMemoryFigures(m_ProcRoot, m))
         s.memory = Memory{m.totalBytes, m.availableBytes, m.freeBytes, m.usedBytes, m.swapTotalBytes, m.swapFreeBytes};
-    CollectInterfaces(s);
+    CollectInterfaces(s, m_ProcRoot);
     CollectInventory(s);
     CollectHealth(s, m_ModuleCounts);
     s.scrapeSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
