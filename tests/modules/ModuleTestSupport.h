@@ -10,8 +10,10 @@
 
 #include "common/UniqueHandle.h"
 #include "framework/tarvd_module.h"
+#include "modules/inventory/InventoryModel.h"
 #include "registry/CRegistry.h"
 #include "support/Firmware.h"
+#include "support/RegistryFixture.h"
 #include "support/TestSupport.h"
 #include "support/Wait.h"
 
@@ -103,6 +105,19 @@ inline void MakeProc(const std::string& proc)
     WriteFile(proc + "/sys/kernel/pid_max", "32768\n");
     WriteFile(proc + "/sys/class/net/eth0/speed", "1000\n");
     WriteFile(proc + "/sys/class/net/enp3s0/speed", "-1\n");
+}
+
+/// The inventory's recorded changes, oldest first: "Kind Object", with " Detail" when `detail`.
+inline std::vector<std::string> RecordedChanges(bool detail = false)
+{
+    const std::string changes = std::string(inventory::kInventoryKey) + "\\" + inventory::kChangesKey;
+    std::vector<std::string> out;
+    for (const std::string& c : testsupport::SubKeys(changes)) {
+        const std::string key = changes + "\\" + c;
+        out.push_back(testsupport::TextOr(key, "Kind") + " " + testsupport::TextOr(key, "Object") +
+                      (detail ? " " + testsupport::TextOr(key, "Detail") : ""));
+    }
+    return out;
 }
 
 } // namespace modtest

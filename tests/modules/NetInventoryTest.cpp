@@ -6,9 +6,7 @@
 
 #include "ModuleTestSupport.h"
 #include "modules/common/RegistryNames.h"
-#include "modules/inventory/InventoryModel.h"
 #include "support/NetNamespace.h"
-#include "support/RegistryFixture.h"
 
 using namespace modtest;
 using testsupport::NumberOr;
@@ -18,22 +16,11 @@ using testsupport::TextOr;
 namespace {
 
 const std::string kInv = inventory::kInventoryKey;
-const std::string kChanges = kInv + "\\Changes";
 const std::string kD0 = kInv + "\\" + tarvdmod::net::kInterfacesKey + "\\d0";
-
-std::vector<std::string> Recorded()  // "Kind Object Detail", oldest first
-{
-    std::vector<std::string> out;
-    for (const std::string& c : SubKeys(kChanges)) {
-        const std::string key = kChanges + "\\" + c;
-        out.push_back(TextOr(key, "Kind") + " " + TextOr(key, "Object") + " " + TextOr(key, "Detail"));
-    }
-    return out;
-}
 
 long Has(const std::string& prefix)
 {
-    auto all = Recorded();
+    auto all = RecordedChanges(true);
     return std::count_if(all.begin(), all.end(), [&](const std::string& c) { return c.rfind(prefix, 0) == 0; });
 }
 
@@ -113,7 +100,7 @@ TEST_F(NetInventoryTest, EachChangeReachesTheKeyAndIsRecordedOnce)
     for (const Step& s : steps)
         EXPECT_TRUE(!s.change || has(s.change) == 1) << s.change;
     EXPECT_TRUE(SubKeys(kD0).empty());
-    EXPECT_EQ(NumberOr(kInv, "LastChange", 0), Recorded().size());
+    EXPECT_EQ(NumberOr(kInv, "LastChange", 0), RecordedChanges(true).size());
 
     // Stopped, d9 goes and d8 comes: the next start records both once.
     Stop();
@@ -121,7 +108,7 @@ TEST_F(NetInventoryTest, EachChangeReachesTheKeyAndIsRecordedOnce)
     Ip("link add d8 type veth peer name d8p");
     Start();
     EXPECT_TRUE(WaitFor([&] { return has("InterfaceRemoved d9 ") == 1 && has("InterfaceAdded d8 ") == 1; }))
-        << testing::PrintToString(Recorded()) << testing::PrintToString(SubKeys(kInv + "\\NetworkInterfaces"));
+        << testing::PrintToString(RecordedChanges(true)) << testing::PrintToString(SubKeys(kInv + "\\NetworkInterfaces"));
     Stop();
 }
 

@@ -22,7 +22,6 @@ protected:
 
     std::string Root() const { return m_Dir.Sub("root"); }
     std::string In(const std::string& absolute) const { return Root() + absolute; }
-    std::string ExampleDir() const { return In(TEST_INSTALL_DOCDIR) + "/examples/module"; }
     std::string PkgConfigEnv() const
     {
         return "PKG_CONFIG_PATH=" + Quote(In(TEST_INSTALL_LIBDIR) + "/pkgconfig") +
@@ -104,19 +103,6 @@ TEST_F(InstallTest, FilesInTheirPlacesNamingInstalledPathsAndNoSearchPathOfTheir
     }
 }
 
-// (The installed daemon at its own paths: DebPackage.InstallsAndPurgesWithDpkg.)
-TEST_F(InstallTest, ExampleBuildsWithPkgConfig)
-{
-    std::string out = ShellOk(PkgConfigEnv() + "pkg-config --cflags --libs tarvd");
-    EXPECT_TRUE(Contains(out, "-I" + Root() + TEST_INSTALL_INCLUDEDIR "/tarvd")) << out;
-    EXPECT_TRUE(Contains(out, "-ltarvd")) << out;
-    EXPECT_EQ(ShellOk(PkgConfigEnv() + "pkg-config --modversion tarvd"), TEST_PROJECT_VERSION "\n");
-    EXPECT_TRUE(Contains(ShellOk(PkgConfigEnv() + "pkg-config --variable=moduleconfdir tarvd"), TEST_MODULE_CONF_DIR));
-    const std::string src = m_Dir.Sub("make-src"), module = src + "/libtarvd_my_example.so";
-    ShellOk("cp -r " + Quote(ExampleDir()) + " " + Quote(src) + " && " + PkgConfigEnv() + "make -C " + Quote(src));
-    EXPECT_TRUE(Contains(ShellOk("nm -D --defined-only " + Quote(module)), " T tarvd_module_v1"));
-}
-
 namespace {
 
 /// The first fenced block of the guide that opens with "```" + `kind` and holds `containing`.
@@ -172,6 +158,11 @@ TEST_F(InstallTest, DeveloperGuideCommandsBuildInstallAndLoadModules)
     const std::string env = "set -e\nexport HOME=" + Quote(home) + "\n";
     ShellOk(env + Replaced(staged, "<root>", Quote(Root())));
     ShellOk(env + "cd " + Quote(mine) + "\n" + Replaced(staged.substr(staged.find('\n') + 1), "<root>", Quote(Root())));
+    // The pkg-config file the guide's Makefile reads names the staged headers and the installed paths.
+    const std::string flags = ShellOk(PkgConfigEnv() + "pkg-config --cflags --libs tarvd");
+    EXPECT_TRUE(Contains(flags, "-I" + Root() + TEST_INSTALL_INCLUDEDIR "/tarvd") && Contains(flags, "-ltarvd")) << flags;
+    EXPECT_EQ(ShellOk(PkgConfigEnv() + "pkg-config --modversion tarvd"), TEST_PROJECT_VERSION "\n");
+    EXPECT_TRUE(Contains(ShellOk(PkgConfigEnv() + "pkg-config --variable=moduleconfdir tarvd"), TEST_MODULE_CONF_DIR));
     const std::string modules = In(TEST_INSTALL_LIBDIR "/tarvd/modules/");
     for (const std::string& so : {modules + "libtarvd_my_example.so", modules + "libmy_module.so", mine + "/libmy_module.so"})
         EXPECT_EQ(ShellOk("nm -D --defined-only " + Quote(so) + " | grep -c ' T '"), "1\n") << so;  // the entry point alone
