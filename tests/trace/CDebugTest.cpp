@@ -8,7 +8,6 @@
 
 #include <regex>
 #include <sys/time.h>
-#include <thread>
 #include <tuple>
 
 using testsupport::ReadFile;
@@ -392,22 +391,4 @@ TEST_F(CDebugTest, BuildAppVarNameStaysInTheBuffer)
         CDebug::BuildAppVarName(buf, size, app);
         EXPECT_STREQ(buf, expected);
     }
-}
-
-TEST_F(CDebugTest, ReentrantLockAllowsNestedEntryFromSameThread)
-{
-    auto d = MakeTracing();
-    // WriteLogHeader takes the lock and the wrap path takes it again; another thread gets through.
-    std::thread other([&] {
-        for (int i = 0; i < 200; ++i)
-            d->Print(1, "other %d", i);
-    });
-    for (int i = 0; i < 20; ++i)
-        d->WriteLogHeader(2);
-    other.join();
-    Msgs entries;
-    EXPECT_TRUE(CTraceReader::ReadRingBuffer(d->GetInitialRingPath(), entries));
-    EXPECT_TRUE(Contains(Messages(entries), "other 199"));
-    for (auto& e : entries)
-        EXPECT_TRUE(CTraceReader::IsEntryLine(e.data(), e.size())) << e;
 }
