@@ -99,8 +99,7 @@ TEST_F(CRegistryFaultTest, FailureAtEveryFileOperationKeepsTheTreeDirtyAndTheFil
     const std::string current = "\"" + Current() + "\"";
     const std::string logged[kKinds][2] = {
         {"CRegistry: ERROR: Cannot open \"" + New() + "\" for writing"},
-        {fresh + "No space left on device", fresh + "No space left on device"},
-        {fresh + "Input/output error"},
+        {fresh + "No space left on device", fresh + "No space left on device"}, {fresh + "Input/output error"},
         {"CRegistry: ERROR: Cannot rename " + current + " to \"" + Backup() + "\": Invalid cross-device link",
          "CRegistry: ERROR: Cannot rename \"" + New() + "\" to " + current + ": Invalid cross-device link"}};
     testsupport::TakeSysLogLines();

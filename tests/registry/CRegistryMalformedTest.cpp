@@ -72,13 +72,11 @@ TEST_F(CRegistryMalformedTest, EachLineReadsAsExpected)
         {"number with trailing text", "x=d=12abc", "x=d=12\n"},
         {"number without digits", "x=d=abc", ""},
         {"number with leading blanks and sign", "x=d=  +7", "x=d=7\n"},
-        {"unknown tag", "x=q=1", ""},
-        {"no equals sign", "x", ""},
+        {"unknown tag", "x=q=1", ""}, {"no equals sign", "x", ""},
         {"string keeps a carriage return", "x=s=abc\r", "x=s=abc\r\n"},
         {"string keeps blanks", "x=s= a b ", "x=s= a b \n"},
         {"expandable string kept unexpanded", "x=es=%HOME%", "x=es=%HOME%\n"},
-        {"name with blanks", " x =s=1", " x =s=1\n"},
-        {"empty name", "=s=v", "=s=v\n"},
+        {"name with blanks", " x =s=1", " x =s=1\n"}, {"empty name", "=s=v", "=s=v\n"},
         {"NUL inside the value", "x=s=ab\0cd"s, "x=s=ab\n"},
         {"NUL inside the name", "x\0=s=v"s, ""},
         {"string line over 1023 characters is cut", "x=s=" + a1019 + "aaaa", "x=s=" + a1019 + "\n"},
@@ -100,9 +98,7 @@ TEST_F(CRegistryMalformedTest, BrokenFilesFallBackOrFail)
         std::string content;
         std::string dump;
     } const cases[] = {
-        {"empty file", "", "<none>"},
-        {"only empty lines", "\n\n\n", "<none>"},
-        {"only a NUL", "\0"s, "<none>"},
+        {"empty file", "", "<none>"}, {"only empty lines", "\n\n\n", "<none>"}, {"only a NUL", "\0"s, "<none>"},
         {"sections without values", "[A]\n[B]\n\n\n", "<none>"},
         {"unterminated section and no final line feed", "[A]\nx=d=1", "[A]\nx=d=1\n\n\n"},
         {"sections after the root block's end", "x=d=1\n\n[After]\nz=d=1\n", "x=d=1\n\n"},

@@ -20,15 +20,11 @@ TEST_F(RegistryTest, PathsAreSplitAtBackslashThenSlash)
     CRegistryNode* x = reg.GetKey();
     ASSERT_EQ(reg.SetValue("val", 1u), 0u);
     struct { const char* path; CRegistryNode* parent; CRegistryNode* key; } const cases[] = {
-        {"Y", x, y},
-        {"HKEY_LOCAL_MACHINE/SOFTWARE/X/", nullptr, x},
-        {"", x, x},
+        {"Y", x, y}, {"HKEY_LOCAL_MACHINE/SOFTWARE/X/", nullptr, x}, {"", x, x},
         // With a backslash further on, a slash is part of the component name.
         {"HKEY_LOCAL_MACHINE/SOFTWARE\\X", nullptr, nullptr},
-        {"HKEY_LOCAL_MACHINE//SOFTWARE", nullptr, nullptr},
-        {"hkey_local_machine/SOFTWARE", nullptr, nullptr},
-        {nullptr, nullptr, nullptr},
-        {"HKEY_LOCAL_MACHINE/SOFTWARE/X/val", nullptr, nullptr},  // a value is not a key
+        {"HKEY_LOCAL_MACHINE//SOFTWARE", nullptr, nullptr}, {"hkey_local_machine/SOFTWARE", nullptr, nullptr},
+        {nullptr, nullptr, nullptr}, {"HKEY_LOCAL_MACHINE/SOFTWARE/X/val", nullptr, nullptr},  // a value is no key
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path ? c.path : "<null>");

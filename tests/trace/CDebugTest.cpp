@@ -201,8 +201,7 @@ TEST_F(CDebugTest, CommandLineCallerNamesAndForcedSilence)
     d->Print(4, "back");
     auto msg = RingMessages(d->GetInitialRingPath());
     EXPECT_EQ(Msgs(msg.begin() + 1, msg.begin() + 4), cmd);
-    EXPECT_EQ(Msgs(msg.end() - 3, msg.end()),
-              (Msgs{"from module", "level zero still goes out", "back"}));
+    EXPECT_EQ(Msgs(msg.end() - 3, msg.end()), (Msgs{"from module", "level zero still goes out", "back"}));
     d->WriteLogHeader(1);  // a header written now includes the command line
     EXPECT_TRUE(Contains(Messages(Lines(LogPath())), "Process PID                : " + std::to_string(getpid())));
 }
@@ -246,8 +245,7 @@ TEST_F(CDebugTest, ConfigurationCascade)
         {"file without EndOfFile ignored, first complete file wins",
          {"a.ini", "[testprog]\nFileDebugLevel=4\n", "b.ini", "[testprog]\nFileDebugLevel=5\n[EndOfFile]\n[x]\n",
           "c.ini", "[testprog]\nFileDebugLevel=6\n[EndOfFile]\nFileDebugLevel=9\n",
-          "d.ini", "[testprog]\nFileDebugLevel=7\n[EndOfFile]\n"},
-         {}, {.iniLevel = 6}},
+          "d.ini", "[testprog]\nFileDebugLevel=7\n[EndOfFile]\n"}, {}, {.iniLevel = 6}},
         {"global file", {"global_trace.ini", global}, {}, {.dynamic = 30}},
         {"environment over global file", {"global_trace.ini", global}, {{"TR_LOG_DYNAMIC_UPDATE", "7"}}, {.dynamic = 7}},
     };
