@@ -22,8 +22,7 @@ namespace {
 struct Gate {
     explicit Gate(bool open = false) : go(open, true) {}
     CEvent go;
-    std::atomic<bool> started{false};
-    std::atomic<bool> finished{false};
+    std::atomic<bool> started{false}, finished{false};
 };
 
 void* WaitAtGate(void* arg)
