@@ -174,8 +174,7 @@ TEST_F(RegistryTest, KilledSavesLeaveAWholeTree)
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
-            // Goes on from the tree just loaded, telling the parent of each
-            // completed save, until killed.
+            // Goes on from the tree just loaded, telling the parent of each completed save, until killed.
             for (unsigned gen = static_cast<unsigned>(lastGen) + 1;; ++gen) {
                 WriteGeneration(gen);
                 if (write(writeEnd.Get(), "s", 1) != 1)

@@ -34,8 +34,7 @@ std::string Repeat(const std::string& piece, int count)
 
 class CRegistryMalformedTest : public RegistryTest {
 protected:
-    // The tree ReadTree builds from `content`, dumped; "<none>" when it
-    // reports that nothing was read.
+    // The tree ReadTree builds from `content`, dumped; "<none>" when it reports that nothing was read.
     std::string Read(const std::string& content)
     {
         EXPECT_TRUE(testsupport::WriteFile(Current(), content));

@@ -60,8 +60,7 @@ TEST_F(RegistryTest, ValuesByTypeReplaceSubkeysOfTheSameName)
     EXPECT_EQ(reg.SetValue("bad", static_cast<const char*>(nullptr)), CRegistry::kInvalid);
     EXPECT_TRUE(reg.SetValue(nullptr, Bytes("1234"), 4, RegNumber));
     EXPECT_EQ(reg.GetValueSize("bad") + reg.GetValueSize(nullptr), 0u);
-    // Copies of the values: numbers as 4 bytes, binary without its count,
-    // expandable strings expanded.
+    // Copies of the values: numbers as 4 bytes, binary without its count, expandable strings expanded.
     auto got = [&reg](const char* name) {
         const unsigned char* v = reg.GetValue(name);
         return v ? std::string(reinterpret_cast<const char*>(v), reg.GetLastSize()) : "<null>";

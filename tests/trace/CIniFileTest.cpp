@@ -190,12 +190,10 @@ TEST_F(IniTest, ClassReadsTypedValuesAndGrowsBuffers)
     for (int i = 0; i < 300; ++i)
         content += "[Section_number_" + std::to_string(i) + "]\n";
     WriteFile(m_Path, content + "[Mid]\nv=" + std::string(1000, 'm') + "\n");
-    const struct {
-        const char* key;
-        unsigned expected;
-    } numbers[] = {{"hex", 31}, {"oct", 8}, {"empty", 7}, {"missing", 7}, {nullptr, 7}, {"neg", 0xFFFFFFFFu}};
-    for (const auto& c : numbers)
-        EXPECT_EQ(ini.GetNumber("N", c.key, 7), c.expected) << (c.key ? c.key : "null");
+    const std::pair<const char*, unsigned> numbers[] = {
+        {"hex", 31}, {"oct", 8}, {"empty", 7}, {"missing", 7}, {nullptr, 7}, {"neg", 0xFFFFFFFFu}};
+    for (const auto& [key, expected] : numbers)
+        EXPECT_EQ(ini.GetNumber("N", key, 7), expected) << (key ? key : "null");
     // A long value that fits a line grows the buffer.
     EXPECT_EQ(std::string(ini.GetString("Mid", "v", "d")), std::string(1000, 'm'));
     std::string s;
@@ -230,9 +228,7 @@ TEST_F(IniTest, ClassWritesNumbersAndCopiesSections)
     ASSERT_TRUE(ini.Open(m_Path.c_str()));
     EXPECT_TRUE(ini.SetNumber("S", "u", 4000000000u) && ini.SetNumber("S", "i", -5) && ini.SetString("S", "s", "t"));
     EXPECT_FALSE(ini.SetNumber("S", nullptr, 1) || ini.SetString(nullptr, "k", "v"));
-    EXPECT_TRUE(ini.CopySection("S", "T"));
-    EXPECT_TRUE(ini.DeleteKey("T", "s"));
-    EXPECT_TRUE(ini.DeleteSection("S"));
+    EXPECT_TRUE(ini.CopySection("S", "T") && ini.DeleteKey("T", "s") && ini.DeleteSection("S"));
     ini.Flush();
     EXPECT_EQ(ReadFile(m_Path), "\n[T]\n\nu=4000000000\ni=-5\n");
     ini.Close();

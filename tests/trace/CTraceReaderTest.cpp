@@ -29,8 +29,7 @@ const std::string kWrap = "------ WRAP ----- Cycle=2, CntInitEnd=10, CurrentByte
 
 } // namespace
 
-// Behind the marker of a wrapped ring: the rest of an overwritten entry
-// (dropped), old entries, the dot fill.
+// Behind the marker of a wrapped ring: the rest of an overwritten entry (dropped), old entries, the dot fill.
 TEST(CTraceReader, RingsAndLogFilesInTimeOrder)
 {
     const struct {

@@ -57,9 +57,8 @@ TEST_F(SysLogTracesTest, FormatMessageOfNullFormatAndIntoSmallBuffers)
     EXPECT_STREQ(tiny, "abc");
 }
 
-// A reported failure: an error entry of the trace, and the text without
-// its leading and trailing newlines, '%' doubled (the system log takes it
-// as a format), in the system log with the priority given.
+// A reported failure: an error entry of the trace, and the text without its leading and trailing newlines,
+// '%' doubled (the system log takes it as a format), in the system log with the priority given.
 TEST(ReportFailure, WritesTheTraceEntryAndTheSystemLogLine)
 {
     testsupport::GlobalTrace trace("1");
