@@ -24,10 +24,10 @@ const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 
 class CDebugTest : public testsupport::TraceEnv {
 protected:
-    static std::string Header(CDebug& d, const char* name = nullptr)
+    static std::string Header(CDebug& d)
     {
         char buf[128];
-        const int n = d.SetEntryHeader(buf, sizeof(buf), name);
+        const int n = d.SetEntryHeader(buf, sizeof(buf), nullptr);
         EXPECT_EQ(n, static_cast<int>(strlen(buf)));
         return buf;
     }
