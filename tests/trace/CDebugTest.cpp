@@ -334,11 +334,11 @@ TEST_F(CDebugTest, DynamicUpdateRereadsChangedFileAtTheFirstEntry)
     };
     rewrite("[testprog]\nFileDebugLevel=5\nTraceFlags=3\nMemoryTracesFlag=0\n[EndOfFile]\n", 100);
     d->Print(1, "first");
-    // The ring's size is not reread.
+    // The ring's size is not reread; the entries lose their memory column.
     EXPECT_EQ((std::vector<uint64_t>{d->GetLevel(), d->GetSavedLevel(), d->GetTraceFlags(),
                                      uint64_t(d->GetMemoryTracesFlag()), d->GetRingBufferSize()}),
               (std::vector<uint64_t>{5, 5, 3, 0, 4 * 256 * kPage}));
-    EXPECT_TRUE(std::regex_match(Header(*d), std::regex(kTime + " " + kThread + " " + kName)));  // no memory column
+    EXPECT_TRUE(std::regex_match(Header(*d), std::regex(kTime + " " + kThread + " " + kName)));
     rewrite("[testprog]\nFileDebugLevel=4\n[EndOfFile]\n", 200);
     d->Print(1, "second");  // within the hour: not looked at
     EXPECT_EQ(d->GetLevel(), 5u);
