@@ -183,6 +183,7 @@ TEST_F(IniTest, ClassReadsTypedValuesAndGrowsBuffers)
 {
     CIniFile ini;
     EXPECT_FALSE(ini.Open(false));
+    EXPECT_STREQ(ini.GetFileName(), "");
     EXPECT_STREQ(ini.GetString("S", "k", "d"), "d");
     EXPECT_FALSE(ini.Open(m_Path.c_str(), true));  // missing file
     EXPECT_TRUE(ini.Open(m_Path.c_str(), false));
