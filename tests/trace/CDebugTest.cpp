@@ -234,8 +234,6 @@ TEST_F(CDebugTest, ConfigurationCascade)
          {.enabled = 1, .level = 7, .iniLevel = 7, .flags = 16, .factor = 2, .weight = 8, .noHeader = 0,
           .ring = static_cast<long>(4 * 2 * 8 * 256 * kPage)},
          {"RingBufferSizeFactor       : 5", "Ring Buffer Factor         : 2", "No Header to LogFile       : 0"}},
-        {"hexadecimal level", {"a.ini", "[testprog]\nFileDebugLevel=0x10\n[EndOfFile]\n"}, {}, {.iniLevel = 16}},
-        {"octal level", {"a.ini", "[testprog]\nFileDebugLevel=010\n[EndOfFile]\n"}, {}, {.iniLevel = 8}},
         {"file over default", {"a.ini", level2}, {}, {.level = 2}},
         {"environment over file", {"a.ini", level2},
          {{kLevel, "6"}, {"TR_LOG_FILE_MAX_SIZE", "9999"}, {"TR_LOG_NOHDR_TOSDTERR", "0"}, {"TR_LOG_DYNAMIC_UPDATE", "0"}},

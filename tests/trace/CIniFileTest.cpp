@@ -58,7 +58,6 @@ TEST_F(IniTest, EachFileReadsAsExpected)
     } cases[] = {
         {"missing file", "", "S", "k", "<d>"},
         {"comments and white space", "; c\n[Main]\n  a = abc ; comment\n", "Main", "a", "abc"},
-        {"value cut at ';'", "[S]\nk=a;b\n", "S", "k", "a"},
         {"white space inside a value", "[S]\nc\t=\t  spaced value  \n", "S", "c", "spaced value"},
         {"indented comment", "[S]\n   ; c=1\n", "S", "   ; c", "<d>"},
         {"key without value", "[S]\nnovalue\n", "S", "novalue", "<d>"},
