@@ -99,8 +99,7 @@ TEST_F(CRegistryFaultTest, FailureAtEveryFileOperationKeepsTheTreeDirtyAndTheFil
     const std::string current = "\"" + Current() + "\"";
     const std::string logged[kKinds][2] = {
         {"CRegistry: ERROR: Cannot open \"" + New() + "\" for writing"},
-        {fresh + "No space left on device", fresh + "No space left on device"},
-        {fresh + "Input/output error"},
+        {fresh + "No space left on device", fresh + "No space left on device"}, {fresh + "Input/output error"},
         {"CRegistry: ERROR: Cannot rename " + current + " to \"" + Backup() + "\": Invalid cross-device link",
          "CRegistry: ERROR: Cannot rename \"" + New() + "\" to " + current + ": Invalid cross-device link"}};
     testsupport::TakeSysLogLines();
@@ -175,8 +174,7 @@ TEST_F(RegistryTest, KilledSavesLeaveAWholeTree)
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
-            // Goes on from the tree just loaded, telling the parent of each
-            // completed save, until killed.
+            // Goes on from the tree just loaded, telling the parent of each completed save, until killed.
             for (unsigned gen = static_cast<unsigned>(lastGen) + 1;; ++gen) {
                 WriteGeneration(gen);
                 if (write(writeEnd.Get(), "s", 1) != 1)

@@ -94,9 +94,8 @@ TEST_F(RegistryTest, LoadFallsBackToBackupThenDefault)
 
 TEST_F(RegistryTest, SaveOfAnUnloadedTreeIsNotReloadedUnderOpenHandles)
 {
-    // No file at start: the tree is built in memory and not set up.  Once a
-    // save has written it, later handles must not load that file over the
-    // live tree, which would replace the keys open handles point at.
+    // No file at start: the tree is built in memory and not set up.  Once a save has written it, later
+    // handles must not load that file over the live tree, which would replace the keys open handles point at.
     CRegistry holder(CRegistry::HKEY_LOCAL_MACHINE);
     ASSERT_FALSE(CRegistry::IsSetUp());
     ASSERT_EQ(holder.CreateKey(nullptr, "Kept"), 0);

@@ -20,15 +20,11 @@ TEST_F(RegistryTest, PathsAreSplitAtBackslashThenSlash)
     CRegistryNode* x = reg.GetKey();
     ASSERT_EQ(reg.SetValue("val", 1u), 0u);
     struct { const char* path; CRegistryNode* parent; CRegistryNode* key; } const cases[] = {
-        {"Y", x, y},
-        {"HKEY_LOCAL_MACHINE/SOFTWARE/X/", nullptr, x},
-        {"", x, x},
+        {"Y", x, y}, {"HKEY_LOCAL_MACHINE/SOFTWARE/X/", nullptr, x}, {"", x, x},
         // With a backslash further on, a slash is part of the component name.
         {"HKEY_LOCAL_MACHINE/SOFTWARE\\X", nullptr, nullptr},
-        {"HKEY_LOCAL_MACHINE//SOFTWARE", nullptr, nullptr},
-        {"hkey_local_machine/SOFTWARE", nullptr, nullptr},
-        {nullptr, nullptr, nullptr},
-        {"HKEY_LOCAL_MACHINE/SOFTWARE/X/val", nullptr, nullptr},  // a value is not a key
+        {"HKEY_LOCAL_MACHINE//SOFTWARE", nullptr, nullptr}, {"hkey_local_machine/SOFTWARE", nullptr, nullptr},
+        {nullptr, nullptr, nullptr}, {"HKEY_LOCAL_MACHINE/SOFTWARE/X/val", nullptr, nullptr},  // a value is no key
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path ? c.path : "<null>");
@@ -64,8 +60,7 @@ TEST_F(RegistryTest, ValuesByTypeReplaceSubkeysOfTheSameName)
     EXPECT_EQ(reg.SetValue("bad", static_cast<const char*>(nullptr)), CRegistry::kInvalid);
     EXPECT_TRUE(reg.SetValue(nullptr, Bytes("1234"), 4, RegNumber));
     EXPECT_EQ(reg.GetValueSize("bad") + reg.GetValueSize(nullptr), 0u);
-    // Copies of the values: numbers as 4 bytes, binary without its count,
-    // expandable strings expanded.
+    // Copies of the values: numbers as 4 bytes, binary without its count, expandable strings expanded.
     auto got = [&reg](const char* name) {
         const unsigned char* v = reg.GetValue(name);
         return v ? std::string(reinterpret_cast<const char*>(v), reg.GetLastSize()) : "<null>";

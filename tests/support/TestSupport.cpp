@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sched.h>
-#include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -45,10 +45,7 @@ bool WriteFile(const std::string& path, const std::string& content)
 std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    if (in)
-        ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool FileExists(const std::string& path)

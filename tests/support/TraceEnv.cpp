@@ -2,7 +2,6 @@
 
 #include "trace/CTraceReader.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
@@ -26,11 +25,6 @@ TraceVariables::~TraceVariables()
 {
     while (!m_Env.empty())
         m_Env.pop_back();
-}
-
-void TraceVariables::Set(const char* name, const char* value)
-{
-    m_Env.push_back(std::make_unique<ScopedEnv>(name, value));
 }
 
 void TraceVariables::SetTracing(const char* level)
@@ -73,11 +67,6 @@ std::unique_ptr<CDebug> TraceEnv::MakeTracing(const char* level)
     return Make();
 }
 
-void TraceEnv::WriteConfig(const std::string& file, const std::string& text)
-{
-    ASSERT_TRUE(WriteFile(m_ConfigDir + "/" + file, text));
-}
-
 void TraceEnv::ClientPrint(CDebug& d, const char* name, const char* format, ...)
 {
     va_list args;
@@ -85,8 +74,6 @@ void TraceEnv::ClientPrint(CDebug& d, const char* name, const char* format, ...)
     d.ClientPrintV(format, args, name);
     va_end(args);
 }
-
-std::vector<std::string> TraceEnv::Lines(const std::string& path) { return SplitLines(ReadFile(path)); }
 
 std::vector<std::string> TraceEnv::Messages(const std::vector<std::string>& lines)
 {
@@ -101,11 +88,6 @@ std::vector<std::string> TraceEnv::RingMessages(const std::string& path, bool* w
     std::vector<std::string> entries;
     CTraceReader::ReadRingBuffer(path, entries, wrapped);
     return Messages(entries);
-}
-
-bool TraceEnv::Contains(const std::vector<std::string>& v, const std::string& s)
-{
-    return std::find(v.begin(), v.end(), s) != v.end();
 }
 
 int TraceEnv::InChild(const std::function<int()>& body)

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,7 +23,7 @@ public:
     /// Restores the variables newest first: a variable set twice gets its value from before back.
     ~TraceVariables();
     /// Sets (null: unsets) a variable until the end of the object.
-    void Set(const char* name, const char* value);
+    void Set(const char* name, const char* value) { m_Env.push_back(std::make_unique<ScopedEnv>(name, value)); }
     /// Unsets the machine's trace variables; the trace directory is `dir`.
     void Clear(const std::string& program, const std::string& dir);
     /// Tracing on at `level` with the smallest ring (1 MiB, 4 MiB at start-up).
@@ -49,12 +50,15 @@ private:
 class TraceEnv : public ::testing::Test, public TraceVariables {
 public:
     /// The lines of a file.
-    static std::vector<std::string> Lines(const std::string& path);
+    static std::vector<std::string> Lines(const std::string& path) { return SplitLines(ReadFile(path)); }
     /// The messages of entry lines (CTraceReader::MessageOf).
     static std::vector<std::string> Messages(const std::vector<std::string>& lines);
     /// The messages of a ring's entries in time order (empty when unreadable).
     static std::vector<std::string> RingMessages(const std::string& path, bool* wrapped = nullptr);
-    static bool Contains(const std::vector<std::string>& v, const std::string& s);
+    static bool Contains(const std::vector<std::string>& v, const std::string& s)
+    {
+        return std::find(v.begin(), v.end(), s) != v.end();
+    }
     /// A module's entry: `format` through CDebug::ClientPrintV under the caller name `name`.
     static void ClientPrint(CDebug& d, const char* name, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
@@ -74,7 +78,10 @@ protected:
     /// A CDebug as Make, tracing at `level` (SetTracing).
     std::unique_ptr<CDebug> MakeTracing(const char* level = "3");
     /// Writes a configuration file into m_ConfigDir.
-    void WriteConfig(const std::string& file, const std::string& text);
+    void WriteConfig(const std::string& file, const std::string& text)
+    {
+        ASSERT_TRUE(WriteFile(m_ConfigDir + "/" + file, text));
+    }
     std::string LogPath() const { return m_Dir.Sub("log." + m_Program); }
 
     std::string m_Program;

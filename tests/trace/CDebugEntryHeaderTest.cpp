@@ -162,4 +162,5 @@ TEST(CDebugEntryHeader, MemoryColumnFromStatusWithoutStatmAndTimeBetweenClockRea
         ASSERT_LE(text, ReferenceTime(after));
         ASSERT_EQ(header[23], ' ');
     }
+    EXPECT_EQ(std::string(header).substr(strlen(header) - 15), "!              ");  // no program name: blank
 }

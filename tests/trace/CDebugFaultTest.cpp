@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <fcntl.h>
 #include <map>
 #include <thread>
 #include <unistd.h>
@@ -101,16 +100,12 @@ TEST_F(CDebugFaultTest, RenamingWhileThreadsTraceGivesWholeNames)
     d->Print(3, "\nrenamethread last");
     size_t checked = 0;
     for (const std::string& line : Lines(d->GetInitialRingPath())) {
-        // "time [thread] name " or, with the memory column, "... KB !name ".
-        size_t at = line.find("] ");
-        if (line.find("renamethread") == std::string::npos || at == std::string::npos)
+        const CTraceReader::EntryColumns e = CTraceReader::ParseEntry(line);
+        if (e.text.rfind("renamethread", 0) != 0)
             continue;
-        at = line.find(" !", at) != std::string::npos ? line.find(" !", at) + 2 : at + 2;
-        const std::string name = line.substr(at, line.find(' ', at) - at);
+        const std::string name = e.name.value_or("<none>");
         ASSERT_TRUE(name == names[0] || name == names[1]) << line;
-        if (line.find("renamethread last") != std::string::npos) {
-            EXPECT_EQ(name, names[1]);
-        }
+        EXPECT_TRUE(e.text != "renamethread last" || name == names[1]) << line;
         ++checked;
     }
     EXPECT_GT(checked, 0u);
@@ -119,17 +114,16 @@ TEST_F(CDebugFaultTest, RenamingWhileThreadsTraceGivesWholeNames)
 TEST_F(CDebugFaultTest, SymlinksPlantedAtTheTraceFilesAreNotFollowed)
 {
     testsupport::TempDir elsewhere;
-    const std::string victimLog = elsewhere.Sub("victim-log");
-    const std::string victimRing = elsewhere.Sub("victim-ring");
-    ASSERT_TRUE(testsupport::WriteFile(victimLog, "keep me\n"));
-    ASSERT_TRUE(testsupport::WriteFile(victimRing, "keep me too\n"));
-    ASSERT_EQ(0, symlink(victimLog.c_str(), m_Dir.Sub("log.faultprog").c_str()));
-    ASSERT_EQ(0, symlink(victimRing.c_str(), m_Dir.Sub("log.faultprog_i").c_str()));
+    const std::pair<const char*, const char*> planted[] = {{"log.faultprog", "log"}, {"log.faultprog_i", "ring"}};
+    for (auto [file, victim] : planted) {
+        ASSERT_TRUE(testsupport::WriteFile(elsewhere.Sub(victim), "keep me\n"));
+        ASSERT_EQ(0, symlink(elsewhere.Sub(victim).c_str(), m_Dir.Sub(file).c_str()));
+    }
     auto d = MakeTracing();
     d->Print(1, "\nFaultTest          : something");
     d.reset();
-    EXPECT_EQ("keep me\n", testsupport::ReadFile(victimLog));
-    EXPECT_EQ("keep me too\n", testsupport::ReadFile(victimRing));
+    for (auto [file, victim] : planted)
+        EXPECT_EQ("keep me\n", testsupport::ReadFile(elsewhere.Sub(victim))) << file;
 }
 
 TEST_F(CDebugFaultTest, ChildrenInheritNoTraceDescriptors)
@@ -137,23 +131,12 @@ TEST_F(CDebugFaultTest, ChildrenInheritNoTraceDescriptors)
     auto d = MakeTracing();
     ASSERT_EQ(CDebug::TARGET_RINGBUFFER, d->GetTarget());
     d->Print(1, "\nFaultTest          : open");
-    // The child writes its listing of /proc/self/fd to our standard output,
-    // which points at a file meanwhile.
-    const std::string listing = m_Dir.Sub("fd-listing");
-    fflush(stdout);
-    int saved = dup(STDOUT_FILENO);
-    ASSERT_GE(saved, 0);
-    int out = open(listing.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    ASSERT_GE(out, 0);
-    dup2(out, STDOUT_FILENO);
-    close(out);
+    // keepDescriptors: only close-on-exec protects the trace's descriptors.  The listing's own file
+    // stands at descriptor 1, so that an empty listing cannot pass.
+    const std::string listing = m_Dir.Sub("fd-listing"), script = m_Dir.Sub("list.sh");
+    ASSERT_TRUE(testsupport::WriteFile(script, "exec ls -l /proc/self/fd > " + listing + "\n"));
     uint32_t exitCode = 0, pid = 0;
-    // keepDescriptors: only close-on-exec protects the trace's descriptors.
-    bool ok = CProcess::ExecuteCmd("ls -l /proc/self/fd", exitCode, pid, nullptr, false, true);
-    fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    ASSERT_TRUE(ok);
+    ASSERT_TRUE(CProcess::ExecuteCmd(("sh " + script).c_str(), exitCode, pid, nullptr, false, true));
     const std::string text = testsupport::ReadFile(listing);
     EXPECT_NE(std::string::npos, text.find("fd-listing")) << text;
     EXPECT_EQ(std::string::npos, text.find("log.faultprog")) << text;

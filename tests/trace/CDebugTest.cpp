@@ -8,7 +8,6 @@
 
 #include <regex>
 #include <sys/time.h>
-#include <thread>
 #include <tuple>
 
 using testsupport::ReadFile;
@@ -25,28 +24,16 @@ const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 
 class CDebugTest : public testsupport::TraceEnv {
 protected:
-    static std::string Header(CDebug& d, const char* name = nullptr)
+    static std::string Header(CDebug& d)
     {
         char buf[128];
-        const int n = d.SetEntryHeader(buf, sizeof(buf), name);
+        const int n = d.SetEntryHeader(buf, sizeof(buf), nullptr);
         EXPECT_EQ(n, static_cast<int>(strlen(buf)));
         return buf;
     }
 };
 
 } // namespace
-
-TEST_F(CDebugTest, EntryHeaderWithAndWithoutMemoryColumn)
-{
-    auto d = Make();
-    ASSERT_EQ(d->GetMemoryTracesFlag(), -1);  // not configured counts as on
-    EXPECT_TRUE(std::regex_match(Header(*d), std::regex(kTime + " " + kThread + kMemory + kName)));
-    WriteConfig("a.ini", "[testprog]\nMemoryTracesFlag=0\n[EndOfFile]\n");
-    EXPECT_TRUE(std::regex_match(Header(*Make()), std::regex(kTime + " " + kThread + " " + kName)));
-    CDebug unnamed;
-    std::string anon = Header(unnamed);  // without a program name the column is blank
-    EXPECT_EQ(anon.substr(anon.size() - 15), "!              ");
-}
 
 TEST_F(CDebugTest, NewlineRulesAndCutAt1024InLogFile)
 {
@@ -214,8 +201,7 @@ TEST_F(CDebugTest, CommandLineCallerNamesAndForcedSilence)
     d->Print(4, "back");
     auto msg = RingMessages(d->GetInitialRingPath());
     EXPECT_EQ(Msgs(msg.begin() + 1, msg.begin() + 4), cmd);
-    EXPECT_EQ(Msgs(msg.end() - 3, msg.end()),
-              (Msgs{"from module", "level zero still goes out", "back"}));
+    EXPECT_EQ(Msgs(msg.end() - 3, msg.end()), (Msgs{"from module", "level zero still goes out", "back"}));
     d->WriteLogHeader(1);  // a header written now includes the command line
     EXPECT_TRUE(Contains(Messages(Lines(LogPath())), "Process PID                : " + std::to_string(getpid())));
 }
@@ -248,8 +234,6 @@ TEST_F(CDebugTest, ConfigurationCascade)
          {.enabled = 1, .level = 7, .iniLevel = 7, .flags = 16, .factor = 2, .weight = 8, .noHeader = 0,
           .ring = static_cast<long>(4 * 2 * 8 * 256 * kPage)},
          {"RingBufferSizeFactor       : 5", "Ring Buffer Factor         : 2", "No Header to LogFile       : 0"}},
-        {"hexadecimal level", {"a.ini", "[testprog]\nFileDebugLevel=0x10\n[EndOfFile]\n"}, {}, {.iniLevel = 16}},
-        {"octal level", {"a.ini", "[testprog]\nFileDebugLevel=010\n[EndOfFile]\n"}, {}, {.iniLevel = 8}},
         {"file over default", {"a.ini", level2}, {}, {.level = 2}},
         {"environment over file", {"a.ini", level2},
          {{kLevel, "6"}, {"TR_LOG_FILE_MAX_SIZE", "9999"}, {"TR_LOG_NOHDR_TOSDTERR", "0"}, {"TR_LOG_DYNAMIC_UPDATE", "0"}},
@@ -259,8 +243,7 @@ TEST_F(CDebugTest, ConfigurationCascade)
         {"file without EndOfFile ignored, first complete file wins",
          {"a.ini", "[testprog]\nFileDebugLevel=4\n", "b.ini", "[testprog]\nFileDebugLevel=5\n[EndOfFile]\n[x]\n",
           "c.ini", "[testprog]\nFileDebugLevel=6\n[EndOfFile]\nFileDebugLevel=9\n",
-          "d.ini", "[testprog]\nFileDebugLevel=7\n[EndOfFile]\n"},
-         {}, {.iniLevel = 6}},
+          "d.ini", "[testprog]\nFileDebugLevel=7\n[EndOfFile]\n"}, {}, {.iniLevel = 6}},
         {"global file", {"global_trace.ini", global}, {}, {.dynamic = 30}},
         {"environment over global file", {"global_trace.ini", global}, {{"TR_LOG_DYNAMIC_UPDATE", "7"}}, {.dynamic = 7}},
     };
@@ -349,10 +332,11 @@ TEST_F(CDebugTest, DynamicUpdateRereadsChangedFileAtTheFirstEntry)
     };
     rewrite("[testprog]\nFileDebugLevel=5\nTraceFlags=3\nMemoryTracesFlag=0\n[EndOfFile]\n", 100);
     d->Print(1, "first");
-    // The ring's size is not reread.
+    // The ring's size is not reread; the entries lose their memory column.
     EXPECT_EQ((std::vector<uint64_t>{d->GetLevel(), d->GetSavedLevel(), d->GetTraceFlags(),
                                      uint64_t(d->GetMemoryTracesFlag()), d->GetRingBufferSize()}),
               (std::vector<uint64_t>{5, 5, 3, 0, 4 * 256 * kPage}));
+    EXPECT_TRUE(std::regex_match(Header(*d), std::regex(kTime + " " + kThread + " " + kName)));
     rewrite("[testprog]\nFileDebugLevel=4\n[EndOfFile]\n", 200);
     d->Print(1, "second");  // within the hour: not looked at
     EXPECT_EQ(d->GetLevel(), 5u);
@@ -392,22 +376,4 @@ TEST_F(CDebugTest, BuildAppVarNameStaysInTheBuffer)
         CDebug::BuildAppVarName(buf, size, app);
         EXPECT_STREQ(buf, expected);
     }
-}
-
-TEST_F(CDebugTest, ReentrantLockAllowsNestedEntryFromSameThread)
-{
-    auto d = MakeTracing();
-    // WriteLogHeader takes the lock and the wrap path takes it again; another thread gets through.
-    std::thread other([&] {
-        for (int i = 0; i < 200; ++i)
-            d->Print(1, "other %d", i);
-    });
-    for (int i = 0; i < 20; ++i)
-        d->WriteLogHeader(2);
-    other.join();
-    Msgs entries;
-    EXPECT_TRUE(CTraceReader::ReadRingBuffer(d->GetInitialRingPath(), entries));
-    EXPECT_TRUE(Contains(Messages(entries), "other 199"));
-    for (auto& e : entries)
-        EXPECT_TRUE(CTraceReader::IsEntryLine(e.data(), e.size())) << e;
 }

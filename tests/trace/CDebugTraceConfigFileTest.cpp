@@ -24,10 +24,7 @@ TEST(TraceConfigMalformed, EachFileReadsAsExpected)
         std::string expected;
     } cases[] = {
         {"empty file", "", false, "DebugLevel", none},
-        {"no EndOfFile", "[kopd]\nDebugLevel=3\n", false, "DebugLevel", none},
         {"EndOfFile unterminated", "[kopd]\nDebugLevel=3\n[EndOfFile", false, "DebugLevel", none},
-        {"EndOfFile in lower case", "[kopd]\nDebugLevel=3\n[endoffile]\n", true, "DebugLevel", "3"},
-        {"EndOfFile not the last section", "[EndOfFile]\n[kopd]\nDebugLevel=3\n", false, "DebugLevel", none},
         {"section missing", "[other]\nDebugLevel=3\n[EndOfFile]\n", false, "DebugLevel", none},
         {"value over 64 characters", "[kopd]\nDebugLevel=" + v300 + "\n[EndOfFile]\n", true, "DebugLevel",
          std::string(64, 'v')},

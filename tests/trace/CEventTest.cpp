@@ -22,8 +22,7 @@ public:
             m_Threads.emplace_back([this, &ev, timeout] { ++(ev.Wait(timeout) == TR_WAIT_OBJECT_0 ? m_Released : m_Failed); });
     }
     void Join() { m_Threads.clear(); }
-    std::atomic<int> m_Released{0};
-    std::atomic<int> m_Failed{0};
+    std::atomic<int> m_Released{0}, m_Failed{0};
 
 private:
     std::vector<std::jthread> m_Threads;  // joined when destroyed, before the counters

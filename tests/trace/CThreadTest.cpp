@@ -22,8 +22,7 @@ namespace {
 struct Gate {
     explicit Gate(bool open = false) : go(open, true) {}
     CEvent go;
-    std::atomic<bool> started{false};
-    std::atomic<bool> finished{false};
+    std::atomic<bool> started{false}, finished{false};
 };
 
 void* WaitAtGate(void* arg)
@@ -123,18 +122,22 @@ TEST(CThread, DetachedThreadsAreCancelledNotWaitedFor)
     EXPECT_TRUE(WaitFor([&] { return b.finished.load(); }));
 }
 
-TEST(CThread, KillJoinsAJoinableThreadAndStartAgainReplacesIt)
+// Kill of a routine told to stop only joins it; a second Start holds the new thread, which the
+// destructor waits for.
+TEST(CThread, KillJoinsAJoinableThreadStartAgainReplacesItAndTheDestructorJoins)
 {
     Gate g(true), second;
-    CThread t;
-    ASSERT_TRUE(t.Start(WaitAtGate, &g));
-    EXPECT_TRUE(t.Kill() && g.finished && t.GetId() == 0);  // told to stop already: Kill only joins
-    ASSERT_TRUE(t.Start(WaitAtGate, &g));
-    ASSERT_TRUE(t.Start(WaitAtGate, &second));
-    ASSERT_TRUE(WaitFor([&] { return second.started.load(); }));
-    EXPECT_TRUE(t.IsAlive());
-    second.go.Set();
-    EXPECT_TRUE(t.WaitForTermination() && second.finished);
+    {
+        CThread t;
+        ASSERT_TRUE(t.Start(WaitAtGate, &g));
+        EXPECT_TRUE(t.Kill() && g.finished && t.GetId() == 0);
+        ASSERT_TRUE(t.Start(WaitAtGate, &g));
+        ASSERT_TRUE(t.Start(WaitAtGate, &second));
+        ASSERT_TRUE(WaitFor([&] { return second.started.load(); }));
+        EXPECT_TRUE(t.IsAlive());
+        second.go.Set();
+    }
+    EXPECT_TRUE(second.finished);
 }
 
 TEST(CThread, NameAndScheduling)
@@ -177,15 +180,4 @@ TEST(CThread, ForbiddenPriorityFailsTheStart)
         GTEST_SKIP() << "the priority is not forbidden here";
     EXPECT_EQ(WEXITSTATUS(status), kFailed);
     EXPECT_TRUE(trace.Has("pthread_create failed: " + std::to_string(EPERM)));
-}
-
-TEST(CThread, DestructorJoins)
-{
-    Gate g;
-    {
-        CThread t;
-        ASSERT_TRUE(t.Start(WaitAtGate, &g));
-        g.go.Set();
-    }
-    EXPECT_TRUE(g.finished);
 }

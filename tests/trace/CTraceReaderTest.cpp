@@ -29,8 +29,7 @@ const std::string kWrap = "------ WRAP ----- Cycle=2, CntInitEnd=10, CurrentByte
 
 } // namespace
 
-// Behind the marker of a wrapped ring: the rest of an overwritten entry
-// (dropped), old entries, the dot fill.
+// Behind the marker of a wrapped ring: the rest of an overwritten entry (dropped), old entries, the dot fill.
 TEST(CTraceReader, RingsAndLogFilesInTimeOrder)
 {
     const struct {
@@ -59,8 +58,7 @@ TEST(CTraceReader, RingsAndLogFilesInTimeOrder)
          true, true, {"kept", "old1", "old2", kWrap, "newest1", "newest2"}},
         {"log file: old text found by its time", false,
          Entry(kWrap, "2024-01-01 00:00:09.000") + Entry("new", "2024-01-01 00:00:09.000") +
-             Entry("old", "2024-01-01 00:00:01.000"),
-         true, true, {"old", kWrap, "new"}},
+             Entry("old", "2024-01-01 00:00:01.000"), true, true, {"old", kWrap, "new"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -90,19 +88,18 @@ TEST(CTraceReader, ParseEntrySplitsColumnsAndLeavesOutDamagedOnes)
     struct Case {
         std::string line;
         bool isEntry;
-        const char* thread;  // printed as %08X, or null
-        long memoryKb;       // -1: none
-        const char* name;    // null: none
-        const char* text;    // MessageOf as well
+        long thread, memoryKb;  // -1: none
+        const char* name;       // null: none
+        const char* text;       // MessageOf as well
     } cases[] = {
-        {t + "[0000ABCD]     1234 KB !kopd          hello", true, "0000ABCD", 1234, "kopd", "hello"},
-        {t + "[DEADBEEF] averylongname1234 text", true, "DEADBEEF", -1, "averylongname1234", "text"},
-        {t + "[DEADBEEF] kopd          plain", true, "DEADBEEF", -1, "kopd", "plain"},
-        {t + "[DEADBEEF] kopd           leading blank", true, "DEADBEEF", -1, "kopd", " leading blank"},
-        {t + "[0000ABCD] kop", true, "0000ABCD", -1, "ko", ""},
-        {t + "[XYZ00000]     12x4 KB !kopd          bad", true, nullptr, -1, "kopd", "bad"},
-        {t + "[0000000", true, nullptr, -1, nullptr, "2024-01-02 03:04:05.678 [0000000"},
-        {"continuation line", false, nullptr, -1, nullptr, "continuation line"},
+        {t + "[0000ABCD]     1234 KB !kopd          hello", true, 0xABCD, 1234, "kopd", "hello"},
+        {t + "[DEADBEEF] averylongname1234 text", true, 0xDEADBEEF, -1, "averylongname1234", "text"},
+        {t + "[DEADBEEF] kopd          plain", true, 0xDEADBEEF, -1, "kopd", "plain"},
+        {t + "[DEADBEEF] kopd           leading blank", true, 0xDEADBEEF, -1, "kopd", " leading blank"},
+        {t + "[0000ABCD] kop", true, 0xABCD, -1, "ko", ""},
+        {t + "[XYZ00000]     12x4 KB !kopd          bad", true, -1, -1, "kopd", "bad"},
+        {t + "[0000000", true, -1, -1, nullptr, "2024-01-02 03:04:05.678 [0000000"},
+        {"continuation line", false, -1, -1, nullptr, "continuation line"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);
@@ -111,10 +108,7 @@ TEST(CTraceReader, ParseEntrySplitsColumnsAndLeavesOutDamagedOnes)
         EXPECT_EQ(e.text, c.text);
         EXPECT_EQ(CTraceReader::MessageOf(c.line), c.text);
         EXPECT_EQ(e.time.has_value(), c.isEntry);
-        char hex[16] = "";
-        if (e.thread)
-            snprintf(hex, sizeof hex, "%08X", *e.thread);
-        EXPECT_EQ(std::string(hex), c.thread ? c.thread : "");
+        EXPECT_EQ(e.thread ? static_cast<long>(*e.thread) : -1L, c.thread);
         EXPECT_EQ(e.memoryKb ? static_cast<long>(*e.memoryKb) : -1L, c.memoryKb);
         EXPECT_EQ(e.name.value_or("<none>"), c.name ? c.name : "<none>");
     }

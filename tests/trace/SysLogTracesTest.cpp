@@ -11,18 +11,10 @@
 namespace {
 
 using Logged = std::vector<std::pair<int, std::string>>;
-Logged g_Logged;
-
-void Record(int priority, const char* text) { g_Logged.push_back({priority, text}); }
 
 class SysLogTracesTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        g_Logged.clear();
-        SysLogTraces::SetSink(Record);
-    }
-    void TearDown() override { testsupport::RestoreSysLogCapture(); }
+    void SetUp() override { testsupport::TakeSysLogLines(); }
     static void Log(const char* fmt, ...) __attribute__((format(printf, 1, 2)))
     {
         va_list ap;
@@ -49,8 +41,9 @@ TEST_F(SysLogTracesTest, LeadingNewlinesSkippedLongTextCutNullIgnored)
     Log("%s", std::string(2000, 'm').c_str());
     SysLogTraces::getConnection().logMessage(nullptr, SysLogTraces::SL_ERR);
     SysLogTraces::getConnection().logMessage("100%", SysLogTraces::SL_ERR);  // passed as is
-    EXPECT_EQ(g_Logged, (Logged{{SysLogTraces::SL_INFO, "CClass : value 5"}, {SysLogTraces::SL_INFO, "\n\n"},
-                                {SysLogTraces::SL_INFO, std::string(1023, 'm')}, {SysLogTraces::SL_ERR, "100%"}}));
+    EXPECT_EQ(testsupport::TakeSysLogLines(),
+              (Logged{{SysLogTraces::SL_INFO, "CClass : value 5"}, {SysLogTraces::SL_INFO, "\n\n"},
+                      {SysLogTraces::SL_INFO, std::string(1023, 'm')}, {SysLogTraces::SL_ERR, "100%"}}));
     EXPECT_STREQ(SysLogTraces::getConnection().getProcName(), program_invocation_short_name);
 }
 
@@ -64,9 +57,8 @@ TEST_F(SysLogTracesTest, FormatMessageOfNullFormatAndIntoSmallBuffers)
     EXPECT_STREQ(tiny, "abc");
 }
 
-// A reported failure: an error entry of the trace, and the text without
-// its leading and trailing newlines, '%' doubled (the system log takes it
-// as a format), in the system log with the priority given.
+// A reported failure: an error entry of the trace, and the text without its leading and trailing newlines,
+// '%' doubled (the system log takes it as a format), in the system log with the priority given.
 TEST(ReportFailure, WritesTheTraceEntryAndTheSystemLogLine)
 {
     testsupport::GlobalTrace trace("1");
