@@ -1,6 +1,7 @@
 // The rtnetlink parser on datagrams captured from a real kernel and on
 // hand-made ones that lie about their lengths; the state comparison that
-// turns notifications into events; the sysfs side of the link details.
+// turns notifications into events; the sysfs side of the link details and
+// the words shown for a link's state and duplex.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -10,6 +11,7 @@
 
 #include "netif/link_details.h"
 #include "netif/netif_state.h"
+#include "netif/netif_types.h"
 #include "support/TestSupport.h"
 
 using namespace libnetif;
@@ -222,4 +224,16 @@ TEST(LinkDetails, SysfsGivesSpeedDriverAndPciAddressAndNoNameLeavesItsFolder)
         EXPECT_EQ(c.driver, r.driver) << c.name;
         EXPECT_EQ(c.pci, r.pci_address ? r.pci_address->ToString() : "") << c.name;
     }
+}
+
+// Those of `ip link` and ethtool, and "unknown" for what the kernel does not define.
+TEST(NetifNames, OperationalStatesAndDuplexReadAsTheKernelsTools)
+{
+    const std::pair<uint8_t, const char*> states[] = {
+        {0, "unknown"}, {1, "notpresent"}, {2, "down"}, {3, "lowerlayerdown"},
+        {4, "testing"}, {5, "dormant"},    {6, "up"},   {7, "unknown"}, {255, "unknown"}};
+    for (const auto& [state, name] : states)
+        EXPECT_STREQ(operstate_name(state), name) << int(state);
+    EXPECT_STREQ(duplex_name(link_duplex::full), "full");
+    EXPECT_STREQ(duplex_name(link_duplex::half), "half");
 }
