@@ -83,11 +83,8 @@ protected:
             SetRunLevel("6\n");  // a stop without the three-second wait for the file
     }
 
-    Starter StartForeground(int gate = -1)
-    {
-        pid_t pid = Start({"-n"}, {}, "", 0, gate);
-        return Starter{pid, OutputFile()};
-    }
+    // (A braced list is evaluated in order: the output file is the new launch's.)
+    Starter StartForeground(int gate = -1) { return Starter{Start({"-n"}, {}, "", 0, gate), OutputFile()}; }
 
     /// True when `pid` runs alone with its modules started: pid and lock files name it.
     bool RunsAlone(pid_t pid, int loads)

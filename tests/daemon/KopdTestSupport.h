@@ -59,14 +59,13 @@ protected:
         ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
     }
     /// Expects each of `pieces` in the trace (switched on by the variables) of
-    /// the last launch, or in `dir`, then runs `more` on it.
-    template <typename F = void (*)(const std::string&)>
-    void ExpectTraced(const Lines& pieces, F more = [](const std::string&) {}, const std::string& dir = "")
+    /// the last launch, or in `dir`: the trace, for more checks.
+    std::string ExpectTraced(const Lines& pieces, const std::string& dir = "")
     {
         std::string trace = ReadDaemonTrace(dir.empty() ? TraceDir() : dir);
         for (const std::string& piece : pieces)
             EXPECT_TRUE(Contains(trace, piece)) << piece;
-        more(trace);
+        return trace;
     }
 };
 
