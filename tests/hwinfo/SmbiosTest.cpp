@@ -104,32 +104,7 @@ std::string T(const SmbiosText& t) { return t.value_or(""); }
 
 } // namespace
 
-TEST(SmbiosFixtures, EachDumpParsesThroughSysfs)
-{
-    for (const Dump& c : kDumps) {
-        SCOPED_TRACE(c.name);
-        FakeRoot root;
-        root.SetSysfsSmbios(SmbiosFixture(std::string(c.name) + ".ep"), SmbiosFixture(std::string(c.name) + ".dmi"));
-        CSMBios smbios;
-        ASSERT_TRUE(smbios.Connect()) << smbios.GetLastErrorText();
-        // Revision, structures indexed and announced, slots, onboard devices.
-        EXPECT_EQ((std::vector<size_t>{size_t(c.major * 256 + c.minor), c.structures, c.structures, c.type9, c.type41}),
-                  (std::vector<size_t>{size_t(smbios.GetMajor() * 256 + smbios.GetMinor()), smbios.GetIndexedCount(),
-                                       smbios.GetExpectedStructureCount(), smbios.GetStructures(9).size(),
-                                       smbios.GetStructures(41).size()}));
-        std::string got;
-        for (const PciSlotData& s : CPciSlotMap::GetSlotMappingFromSMBIOS()) {
-            char item[32];
-            snprintf(item, sizeof item, got.empty() ? "%x.%x.%x.%x" : " %x.%x.%x.%x", s.bus, s.device, s.slot, s.type);
-            got += item;
-        }
-        EXPECT_EQ(c.slots, got);
-        smbios.Disconnect();
-        EXPECT_TRUE(smbios.GetData().IsEmpty() && smbios.GetStructures(9).empty() && smbios.GetMajor() == 0);
-    }
-}
-
-TEST(SmbiosFixtures, TruncatedTablesNeverReadOutside)
+TEST(SmbiosFixtures, TruncatedTablesAndStructuresNeverReadOutside)
 {
     // Every prefix length class of a real table: the walk stays inside its
     // buffer (the sanitizer build checks) and fails or succeeds cleanly.
@@ -139,6 +114,23 @@ TEST(SmbiosFixtures, TruncatedTablesNeverReadOutside)
         CSMBios s = Walk(Bytes(dmi.begin(), dmi.begin() + static_cast<long>(len)));
         for (const CByteReader& r : s.GetStructures(9))
             EXPECT_LE(r.Data() + r.Size(), s.GetData().Reader().Data() + len);
+    }
+    // Structures cut anywhere, with any length byte: the decoders read nothing outside the view.
+    const CSMBios walked = Walk(dmi);
+    for (uint8_t type : {0, 1, 2, 3, 4, 16, 17}) {
+        const uint8_t* first = walked.GetStructures(type).at(0).Data();
+        const size_t pos = static_cast<size_t>(first - walked.GetData().Reader().Data());
+        for (size_t cut = 0; pos + cut <= dmi.size() && cut <= 0x60; ++cut) {
+            Bytes part(dmi.begin() + pos, dmi.begin() + pos + cut);  // its own allocation: ASan sees any overrun
+            for (uint8_t len : {uint8_t(0), uint8_t(0xFF)}) {
+                if (part.size() > 1)
+                    part[1] = len == 0 ? part[1] : len;
+                CByteReader r(part.data(), part.size());
+                (void)DecodeSmbiosBios(r), (void)DecodeSmbiosSystem(r, 3, 2), (void)DecodeSmbiosBaseboard(r);
+                (void)DecodeSmbiosChassis(r), (void)DecodeSmbiosProcessor(r), (void)DecodeSmbiosMemoryArray(r);
+                (void)DecodeSmbiosMemoryDevice(r);
+            }
+        }
     }
 }
 
@@ -351,16 +343,31 @@ TEST(SmbiosMalformed, StructureWalkTable)
     }
 }
 
+// Each real dump read through sysfs: its figures (revision, structures indexed and announced,
+// slots, onboard devices), its slot records, and the identity decoded from it against figures
+// read from its raw bytes.
 TEST(SmbiosIdentity, EachDumpMatchesItsRawBytes)
 {
     for (const Dump& dump : kDumps) {
         const std::string name = dump.name;
         SCOPED_TRACE(name);
         Bytes ep = SmbiosFixture(name + ".ep"), dmi = SmbiosFixture(name + ".dmi");
+        FakeRoot root;
+        root.SetSysfsSmbios(ep, dmi);
         CSMBios bios;
-        bios.SetTables(CDataStream(ep.data(), ep.size()), CDataStream(dmi.data(), dmi.size()));
-        bios.setSmbiosRevisionFromHeader();
-        bios.buildStructureList();
+        ASSERT_TRUE(bios.Connect()) << bios.GetLastErrorText();
+        EXPECT_EQ((std::vector<size_t>{size_t(dump.major * 256 + dump.minor), dump.structures, dump.structures,
+                                       dump.type9, dump.type41}),
+                  (std::vector<size_t>{size_t(bios.GetMajor() * 256 + bios.GetMinor()), bios.GetIndexedCount(),
+                                       bios.GetExpectedStructureCount(), bios.GetStructures(9).size(),
+                                       bios.GetStructures(41).size()}));
+        std::string got;
+        for (const PciSlotData& s : CPciSlotMap::GetSlotMappingFromSMBIOS()) {
+            char item[32];
+            snprintf(item, sizeof item, got.empty() ? "%x.%x.%x.%x" : " %x.%x.%x.%x", s.bus, s.device, s.slot, s.type);
+            got += item;
+        }
+        EXPECT_EQ(dump.slots, got);
         SmbiosIdentity id = DecodeSmbiosIdentity(bios);
         auto raw = RawWalk(dmi);
         unsigned major = ep[0] == '_' && ep[3] == '3' ? ep[7] : ep[6];
@@ -420,6 +427,8 @@ TEST(SmbiosIdentity, EachDumpMatchesItsRawBytes)
             }
         }
         EXPECT_EQ(raw.count(16), id.memoryArrays.size());
+        bios.Disconnect();
+        EXPECT_TRUE(bios.GetData().IsEmpty() && bios.GetStructures(9).empty() && bios.GetMajor() == 0);
     }
 }
 
@@ -486,26 +495,4 @@ TEST(SmbiosIdentity, ShortDamagedAndExtendedStructures)
     PutLe(arr, 0x0F - 4, 1ull << 42, 8);
     Bytes a = Structure(16, 4, arr);
     EXPECT_EQ(DecodeSmbiosMemoryArray(CByteReader(a.data(), a.size())).maxCapacityBytes.value_or(0), 1ull << 42);
-}
-
-// Structures cut anywhere, with any length byte: nothing outside the view is read.
-TEST(SmbiosIdentity, TruncatedStructuresReadNothingOutside)
-{
-    Bytes dmi = SmbiosFixture("dell-poweredge-r777sd.dmi");
-    const CSMBios walked = Walk(dmi);
-    for (uint8_t type : {0, 1, 2, 3, 4, 16, 17}) {
-        const uint8_t* first = walked.GetStructures(type).at(0).Data();
-        const size_t pos = static_cast<size_t>(first - walked.GetData().Reader().Data());
-        for (size_t cut = 0; pos + cut <= dmi.size() && cut <= 0x60; ++cut) {
-            Bytes part(dmi.begin() + pos, dmi.begin() + pos + cut);  // its own allocation: ASan sees any overrun
-            for (uint8_t len : {uint8_t(0), uint8_t(0xFF)}) {
-                if (part.size() > 1)
-                    part[1] = len == 0 ? part[1] : len;
-                CByteReader r(part.data(), part.size());
-                (void)DecodeSmbiosBios(r), (void)DecodeSmbiosSystem(r, 3, 2), (void)DecodeSmbiosBaseboard(r);
-                (void)DecodeSmbiosChassis(r), (void)DecodeSmbiosProcessor(r), (void)DecodeSmbiosMemoryArray(r);
-                (void)DecodeSmbiosMemoryDevice(r);
-            }
-        }
-    }
 }
