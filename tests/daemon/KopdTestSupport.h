@@ -11,11 +11,22 @@ namespace kopdtest {
 using namespace testsupport;
 using Lines = std::vector<std::string>;
 
+inline const std::string kRefused =
+    TEST_KOPD_PATH ": KOPD-MAIN: Error! Another process instance is already running!\n";
+
 class KopdTest : public KopdFixture {
 protected:
-    KopdTest() : KopdFixture(TEST_KOPD_PATH, TEST_RECORDING_SWITCH_DIR)
+    /// `runLevel`: when set, written to the run-level file before each case.
+    explicit KopdTest(std::string runLevel = "")
+        : KopdFixture(TEST_KOPD_PATH, TEST_RECORDING_SWITCH_DIR), m_RunLevel(std::move(runLevel))
     {
         m_Env = {"TEST_SWITCH_RECORD=" + RecordPath(), "SHIM_RECORD=" + ShimRecordPath()};
+    }
+    void SetUp() override
+    {
+        KopdFixture::SetUp();
+        if (!IsSkipped() && !m_RunLevel.empty())
+            SetRunLevel(m_RunLevel);
     }
     std::string RecordPath() const { return m_Dir.Sub("record.txt"); }
     std::string ShimRecordPath() const { return m_Dir.Sub("shim.txt"); }
@@ -67,6 +78,8 @@ protected:
             EXPECT_TRUE(Contains(trace, piece)) << piece;
         return trace;
     }
+
+    const std::string m_RunLevel;
 };
 
 } // namespace kopdtest

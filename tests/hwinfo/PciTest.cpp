@@ -131,7 +131,6 @@ TEST(PciConfigScan, SlotsAndBridgeInheritance)
 }
 
 namespace {
-PciSlotData Slot(uint8_t bus, uint8_t dev, uint8_t slot, uint8_t type) { return {bus, dev, slot, type}; }
 std::string Text(const std::vector<PciSlotData>& list)
 {
     std::string out;
@@ -145,14 +144,14 @@ constexpr uint64_t kPirAddress = 0xF4A60;
 TEST(PciSlotData, SerialRangesTextAndMatching)
 {
     for (int t : {0x14, 0x17, 0x18, 0x1E, 0x1F, 0x20, 0x21, 0x23, 0xA5, 0xB6})
-        EXPECT_TRUE(Slot(0, 0, 0, static_cast<uint8_t>(t)).IsSerialBus()) << t;
+        EXPECT_TRUE((PciSlotData{0, 0, 0, static_cast<uint8_t>(t)}.IsSerialBus())) << t;
     for (int t : {0x00, 0x02, 0x06, 0x13, 0x24, 0xA4, 0xB7, 0xFF})
-        EXPECT_FALSE(Slot(0, 0, 0, static_cast<uint8_t>(t)).IsSerialBus()) << t;
+        EXPECT_FALSE((PciSlotData{0, 0, 0, static_cast<uint8_t>(t)}.IsSerialBus())) << t;
     EXPECT_EQ("PciSlotData 1a:0.** --> Slot 2 (Serial bus);PciSlotData ff:3.** --> Slot 200 (Unknown bus type);"
               "PciSlotData 3:2.** --> Slot 7 (Parallel bus);",
-              Text({Slot(0x1A, 0, 2, 0xA5), Slot(0xFF, 3, 200, 0), Slot(3, 2, 7, 0x06)}));
+              Text({{0x1A, 0, 2, 0xA5}, {0xFF, 3, 200, 0}, {3, 2, 7, 0x06}}));
     // A serial slot holds every device on its bus, a parallel one only its own.
-    PciSlotData pcie = Slot(3, 0, 1, 0xA5), pci = Slot(3, 2, 1, 0x06);
+    PciSlotData pcie{3, 0, 1, 0xA5}, pci{3, 2, 1, 0x06};
     EXPECT_TRUE(pcie.Matches(3, 0) && pcie.Matches(3, 17) && !pcie.Matches(4, 0));
     EXPECT_TRUE(pci.Matches(3, 2) && !pci.Matches(3, 0) && !pci.Matches(2, 2));
 }
@@ -189,10 +188,10 @@ class PciSlotMapIrq : public testsupport::TraceEnv {};
 TEST_F(PciSlotMapIrq, RoutingTableChecks)
 {
     Bytes zero = Pir({{0, 8, 1}}), large = zero, odd = zero, bad = zero;
-    PutLe16(zero, 6, 0);
-    PutLe16(large, 6, static_cast<uint16_t>(0xFFE0 - (kPirAddress - 0xF0000) + 16));
+    PutLe(zero, 6, 0, 2);
+    PutLe(large, 6, 0xFFE0 - (kPirAddress - 0xF0000) + 16, 2);
     odd.push_back(0);
-    PutLe16(odd, 6, 0x21);
+    PutLe(odd, 6, 0x21, 2);
     FixChecksum(zero, 31), FixChecksum(odd, 31);
     bad[40] ^= 0x10;
     std::tuple<const char*, Bytes, uint64_t, std::string, const char*> cases[] = {

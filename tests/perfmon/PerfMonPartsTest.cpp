@@ -20,6 +20,7 @@
 #include "perfmon/PerfMonPaths.h"
 #include "perfmon/ProcParse.h"
 #include "support/FakeProc.h"
+#include "support/TraceEnv.h"
 
 using namespace perfmon;
 using testsupport::FakeProc;
@@ -237,12 +238,9 @@ TEST(CKeptProcFile, SeesEveryChangeAndAForkedChildItsOwnSelf)
     // A forked child reads its own "self", not its parent's.
     CKeptProcFile self;
     ASSERT_TRUE(self.Read("/proc/self/stat"));
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(self.Read("/proc/self/stat") && atoi(std::string(self.Text()).c_str()) == getpid() ? 0 : 1);
-    ASSERT_GT(child, 0);
-    int st = 0;
-    EXPECT_TRUE(waitpid(child, &st, 0) == child && WIFEXITED(st) && WEXITSTATUS(st) == 0);
+    testsupport::TraceEnv::ExpectExit(testsupport::TraceEnv::InChild([&] {
+        return self.Read("/proc/self/stat") && atoi(std::string(self.Text()).c_str()) == getpid() ? 0 : 1;
+    }), 0);
 }
 
 // A kept descriptor that no longer reads (its thread or process has ended) is given up: the path is
@@ -283,17 +281,17 @@ TEST(HostFigures, MemoryUsedIsTotalLessAvailable)
          true, 600, 400},
         {"available above total: used held at 0", "MemTotal: 100 kB\nMemAvailable: 150 kB\n", true, 0, 150},
         {"no MemTotal", "MemFree: 100 kB\nMemAvailable: 150 kB\n", false, 0, 0},
+        {"no file", nullptr, false, 0, 0},
     };
     for (const Case& c : cases) {
         FakeProc proc;
-        proc.Write("meminfo", c.meminfo);
+        if (c.meminfo)
+            proc.Write("meminfo", c.meminfo);
         MemoryFigures m;
         ASSERT_EQ(ReadMemoryFigures(proc.Root(), m), c.ok) << c.what;
         EXPECT_EQ(m.usedBytes, c.usedKb * 1024) << c.what;
         EXPECT_EQ(m.availableBytes, c.availableKb * 1024) << c.what;
     }
-    MemoryFigures m;
-    EXPECT_FALSE(ReadMemoryFigures("/nonexistent-proc-root", m));
 }
 
 TEST(HostFigures, EveryInterfaceWithItsCountersAndAKnownSpeedOnly)

@@ -53,7 +53,7 @@ public:
 
 private:
     pid_t m_Holder = -1;
-    int m_Control = -1;
+    UniqueFd m_Control;
     std::string m_Error;
 };
 
