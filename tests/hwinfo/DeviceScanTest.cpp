@@ -151,24 +151,23 @@ TEST_F(DeviceScan, TerminateDuringAScanSkipsTheRestAndLaterScans)
     EXPECT_EQ(3, scan.GetVolumeCount());
 }
 
-TEST_F(DeviceScan, WatcherRefreshesVolumesAndStops)
+// The watcher scans on its own and stops when asked; at the default 60-second period only the
+// exit event wakes it: Terminate and the destructor end it.
+TEST_F(DeviceScan, WatcherRefreshesVolumesAndStopsAndTerminateAndDestructorEndIt)
 {
-    scan.SetWatcherPeriod(10);
-    ASSERT_EQ(0, scan.ScanHardware(CSystemDeviceScan::SCAN_WATCHER, true, 1000));
-    EXPECT_TRUE(scan.IsUpdateThreadAlive() && scan.GetAdapterCount() == 0);
-    EXPECT_TRUE(WaitFor([&] { return scan.GetVolumeCount() == 3; }));  // the watcher scans on its own
+    CSystemDeviceScan fast;
+    fast.SetWatcherPeriod(10);
+    ASSERT_EQ(0, fast.ScanHardware(CSystemDeviceScan::SCAN_WATCHER, true, 1000));
+    EXPECT_TRUE(fast.IsUpdateThreadAlive() && fast.GetAdapterCount() == 0);
+    EXPECT_TRUE(WaitFor([&] { return fast.GetVolumeCount() == 3; }));
     root.Write("/proc/self/mounts", std::string("/dev/sda1 / ext4 rw 0 0\n"));
-    EXPECT_TRUE(WaitFor([&] { return scan.GetVolumeCount() == 1; }));
-    ASSERT_EQ(0, scan.RescanHardware(1000));  // a rescan keeps it running because it ran
-    EXPECT_TRUE(scan.IsUpdateThreadAlive());
-    EXPECT_TRUE(scan.StopUpdateThread(5000) == 1 && !scan.IsUpdateThreadAlive());
-    EXPECT_EQ(1, scan.StopUpdateThread(5000));  // not running: success
-    EXPECT_TRUE(scan.RescanHardware(1000) == 0 && !scan.IsUpdateThreadAlive());
-}
+    EXPECT_TRUE(WaitFor([&] { return fast.GetVolumeCount() == 1; }));
+    ASSERT_EQ(0, fast.RescanHardware(1000));  // a rescan keeps it running because it ran
+    EXPECT_TRUE(fast.IsUpdateThreadAlive());
+    EXPECT_TRUE(fast.StopUpdateThread(5000) == 1 && !fast.IsUpdateThreadAlive());
+    EXPECT_EQ(1, fast.StopUpdateThread(5000));  // not running: success
+    EXPECT_TRUE(fast.RescanHardware(1000) == 0 && !fast.IsUpdateThreadAlive());
 
-TEST_F(DeviceScan, TerminateAndDestructorStopTheWatcherAtTheDefaultPeriod)
-{
-    // The default 60-second period: only the exit event wakes the watcher.
     ASSERT_TRUE(scan.ScanHardware(CSystemDeviceScan::SCAN_WATCHER, true, 1000) == 0 && scan.IsUpdateThreadAlive());
     EXPECT_TRUE(scan.Terminate(5000) == 0 && !scan.IsUpdateThreadAlive());
     auto owned = std::make_unique<CSystemDeviceScan>();

@@ -388,8 +388,7 @@ TEST(CPerfMonThread, ReadersDuringStartsAndStops)
     Rig r;
     r.proc.MemInfo(1000, 500, 1000, 500);
     r.proc.Stat(10, 0, 10, 80);
-    std::atomic<bool> stop{false};
-    std::atomic<bool> outOfRange{false};
+    std::atomic<bool> stop{false}, outOfRange{false};
     std::thread reader([&] {
         for (int v = 0; !stop; v = (v + 1) % 21) {
             unsigned char p = 0;

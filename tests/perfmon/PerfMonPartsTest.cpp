@@ -189,8 +189,7 @@ TEST(PerfPercent, CurrentAndAverageByHand)
 TEST(CDataHistoryBuffer, LockGuardsWritersAndTheOldestIsDroppedAtTheMaximum)
 {
     CDataHistoryBuffer<int> h(50, 1);
-    std::atomic<bool> stop{false};
-    std::atomic<bool> bad{false};
+    std::atomic<bool> stop{false}, bad{false};
     std::thread writer([&] {
         for (int i = 0; i < 20000; ++i)
             h.Add(0, i);
