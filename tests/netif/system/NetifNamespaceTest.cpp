@@ -1,12 +1,10 @@
 // The manager against the real kernel, in a private network namespace of the test's own process.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <future>
 #include <map>
 #include <mutex>
-#include <unistd.h>
 
 #include "netif/network_interface_manager.h"
 #include "support/NetNamespace.h"
