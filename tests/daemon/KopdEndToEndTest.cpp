@@ -126,8 +126,7 @@ TEST_F(KopdTest, DaemonModeRunModesAndRescan)
 TEST_F(KopdTest, MissingRunLevelFileMeansSimpleStop)
 {
     ASSERT_NO_FATAL_FAILURE(StartAndStop({"-n", "-agentless"}, {"TR_NICKNAME=RHEL7"}));  // after three tries
-    auto lines = RecordLines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), kShutdown), 1);
+    EXPECT_EQ(CountOf(Record(), kShutdown + "\n"), 1u);
     EXPECT_FALSE(Contains(Record(), "event=0x30000"));
     const std::string t = ExpectTraced(
         {"KOPD-MAIN: cannot open /etc/tarvd/RunLevel (try 0)", "KOPD-MAIN: cannot open /etc/tarvd/RunLevel (try 1)",
