@@ -46,20 +46,6 @@ std::map<int, std::string> Descriptors()
     return fds;
 }
 
-/// A child that takes the lock and keeps it until killed; its pid once the file names it.
-pid_t StartHolder(const std::string& name)
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        CFileLock lock;
-        lock.Lock(name.c_str(), "kopd", 0);
-        alarm(120);  // ends even if the test failed before killing it
-        pause();
-        _exit(0);
-    }
-    return WaitFor([&] { return ReadFile(name + ".lock") == "kopd#" + std::to_string(pid); }) ? pid : -1;
-}
-
 /// Another instance that removes the lock file right after we opened it, `times` times.
 struct RacingLock : CFileLock {
     explicit RacingLock(int times) : m_Times(times) {}
@@ -111,9 +97,16 @@ TEST(CFileLock, LiveHolderRefusesAtOnceDeadOneIsTakenOver)
 {
     TempDir dir;
     const std::string name = dir.Sub("kopd"), file = name + ".lock";
-    pid_t holder = StartHolder(name);
-    ASSERT_GT(holder, 0);
+    pid_t holder = fork();
+    if (holder == 0) {  // takes the lock and keeps it until killed
+        CFileLock lock;
+        lock.Lock(name.c_str(), "kopd", 0);
+        alarm(120);  // ends even if the test failed before killing it
+        pause();
+        _exit(0);
+    }
     const std::string expected = "kopd#" + std::to_string(holder);
+    ASSERT_TRUE(holder > 0 && WaitFor([&] { return ReadFile(file) == expected; }));
     // Only the sharing-violation code is retried: a held flock fails at once
     // whatever the wait time.
     for (int waitMs : {0, 250}) {

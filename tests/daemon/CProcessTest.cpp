@@ -23,9 +23,12 @@ namespace {
 constexpr uint32_t kNoStatus = 0xFFFFFFFFu;
 constexpr uint32_t kAnyCode = 0xA11;  // the shell's own failure status
 
-// Restores the /proc root after a test that points it at a fake tree.
-struct ProcRootGuard {
-    ~ProcRootGuard() { CProcess::SetProcRoot(nullptr); }
+// The /proc root pointed at a fake tree while a case runs.
+class CProcessProc : public ::testing::Test {
+protected:
+    CProcessProc() { CProcess::SetProcRoot(root.Path().c_str()); }
+    ~CProcessProc() override { CProcess::SetProcRoot(nullptr); }
+    TempDir root;
 };
 
 std::string Cwd()
@@ -213,7 +216,7 @@ TEST(CProcessDir, GetAndSetCurrentDir)
     EXPECT_TRUE(CProcess::GetProcessHandleCount(1, count) == 0 && count == 1u);
 }
 
-TEST(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
+TEST_F(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
 {
     using namespace std::string_literals;
     constexpr uint64_t kUntouched = 0x1234;
@@ -252,9 +255,6 @@ TEST(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
         {"last line without newline", "Pid:\t1\nVmRSS:\t9 kB", "VmRSS:", 0, 9 * 1024},
         {"first of two lines wins", "VmRSS:\t1 kB\nVmRSS:\t2 kB\n", "VmRSS:", 0, 1024},
     };
-    ProcRootGuard guard;
-    TempDir root;
-    CProcess::SetProcRoot(root.Path().c_str());
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         ASSERT_TRUE(WriteFile(root.Sub("42/status"), c.content));
@@ -274,17 +274,14 @@ TEST(CProcessProc, StatusFieldOfEachInputGivesItsExactFigureAndMemoryInfo)
               std::vector<uint64_t>({3072u * 1024, 4096u * 1024, 1024u * 1024, 0, 2048u * 1024}));
 }
 
-TEST(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
+TEST_F(CProcessProc, FindProcessAndNamesInFakeAndRealProc)
 {
-    ProcRootGuard guard;
-    TempDir root;
     // 30: the kernel cuts names at 15; 31: a kernel thread, its command line empty.
     for (auto [file, text] : {std::pair<const char*, std::string>{"12/comm", "kopd\n"}, {"30/comm", "a-very-long-nam\n"},
                               {"0/comm", "zero\n"}, {"self/comm", "selfname\n"}, {"31/comm", "kthread\n"},
                               {"99999999999/comm", "huge\n"}, {"12/cmdline", std::string("/usr/sbin/kopd\0-n\0", 18)},
                               {"31/cmdline", ""}})
         ASSERT_TRUE(WriteFile(root.Sub(file), text));
-    CProcess::SetProcRoot(root.Path().c_str());
     EXPECT_EQ(CProcess::GetProcRoot(), root.Path());
     const std::pair<const char*, uint32_t> finds[] = {{"kopd", 12}, {"a-very-long-nam", 30}, {"a-very-long-name", kNoStatus},
                  {"zero", kNoStatus} /* id 0 is no process */, {"selfname", kNoStatus} /* not a number */,

@@ -15,21 +15,17 @@ TEST(CSwitchApi, UnusableLibrariesAndModuleFailuresAreContained)
     ScopedEnv record("TEST_SWITCH_RECORD", dir.Sub("record").c_str());
     _ExtensionModuleLoaderConfig config{1, 0};
     CSwitchApi missing(dir.Sub("libswitch.so").c_str());
-    EXPECT_FALSE(missing.LoadSwitch());
-    EXPECT_EQ(missing.Handle(), nullptr);
+    EXPECT_TRUE(!missing.LoadSwitch() && !missing.Handle());
     EXPECT_EQ(missing.LoadModules(config) + missing.UnloadModules(0), 0);
 
     CSwitchApi noQuery(TEST_NOQUERY_SWITCH_DIR "/libswitch.so");
-    EXPECT_FALSE(noQuery.LoadSwitch());
-    EXPECT_NE(noQuery.Handle(), nullptr);  // loaded, but no interface
-    EXPECT_EQ(noQuery.Interface(), nullptr);
+    EXPECT_TRUE(!noQuery.LoadSwitch() && noQuery.Handle() && !noQuery.Interface());  // loaded, but no interface
     noQuery.CloseLibrary();  // the fatal path: SW_Release is not called
     EXPECT_TRUE(!noQuery.Handle() && !noQuery.ReleaseEntry());
     {
         ScopedEnv refuse("TEST_SWITCH_QUERY", "refuse");
         CSwitchApi refused(kRecording.c_str());
-        EXPECT_FALSE(refused.LoadSwitch());
-        EXPECT_EQ(refused.Interface(), nullptr);
+        EXPECT_TRUE(!refused.LoadSwitch() && !refused.Interface());
     }
     // A failure's result comes back whole (only its low byte counts); an
     // exception gives 0, and the object stays usable and releases normally.

@@ -15,8 +15,6 @@ using namespace kopdtest;
 
 namespace {
 
-const std::string kRefused = TEST_KOPD_PATH ": KOPD-MAIN: Error! Another process instance is already running!\n";
-
 /// The number of framework loads ("query id=0" up to "release"), -1 when two overlap.
 int CountSerialLoads(const Lines& lines)
 {
@@ -76,18 +74,10 @@ protected:
         int exit = -2;  // not yet collected
     };
 
-    void SetUp() override
-    {
-        KopdTest::SetUp();
-        if (!IsSkipped())
-            SetRunLevel("6\n");  // a stop without the three-second wait for the file
-    }
+    KopdStressTest() : KopdTest("6\n") {}  // a stop without the three-second wait for the file
 
-    Starter StartForeground(int gate = -1)
-    {
-        pid_t pid = Start({"-n"}, {}, "", 0, gate);
-        return Starter{pid, OutputFile()};
-    }
+    // (A braced list is evaluated in order: the output file is the new launch's.)
+    Starter StartForeground(int gate = -1) { return Starter{Start({"-n"}, {}, "", 0, gate), OutputFile()}; }
 
     /// True when `pid` runs alone with its modules started: pid and lock files name it.
     bool RunsAlone(pid_t pid, int loads)

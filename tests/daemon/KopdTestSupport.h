@@ -11,11 +11,22 @@ namespace kopdtest {
 using namespace testsupport;
 using Lines = std::vector<std::string>;
 
+inline const std::string kRefused =
+    TEST_KOPD_PATH ": KOPD-MAIN: Error! Another process instance is already running!\n";
+
 class KopdTest : public KopdFixture {
 protected:
-    KopdTest() : KopdFixture(TEST_KOPD_PATH, TEST_RECORDING_SWITCH_DIR)
+    /// `runLevel`: when set, written to the run-level file before each case.
+    explicit KopdTest(std::string runLevel = "")
+        : KopdFixture(TEST_KOPD_PATH, TEST_RECORDING_SWITCH_DIR), m_RunLevel(std::move(runLevel))
     {
         m_Env = {"TEST_SWITCH_RECORD=" + RecordPath(), "SHIM_RECORD=" + ShimRecordPath()};
+    }
+    void SetUp() override
+    {
+        KopdFixture::SetUp();
+        if (!IsSkipped() && !m_RunLevel.empty())
+            SetRunLevel(m_RunLevel);
     }
     std::string RecordPath() const { return m_Dir.Sub("record.txt"); }
     std::string ShimRecordPath() const { return m_Dir.Sub("shim.txt"); }
@@ -59,15 +70,16 @@ protected:
         ASSERT_NO_FATAL_FAILURE(Stop(pid, SIGTERM));
     }
     /// Expects each of `pieces` in the trace (switched on by the variables) of
-    /// the last launch, or in `dir`, then runs `more` on it.
-    template <typename F = void (*)(const std::string&)>
-    void ExpectTraced(const Lines& pieces, F more = [](const std::string&) {}, const std::string& dir = "")
+    /// the last launch, or in `dir`: the trace, for more checks.
+    std::string ExpectTraced(const Lines& pieces, const std::string& dir = "")
     {
         std::string trace = ReadDaemonTrace(dir.empty() ? TraceDir() : dir);
         for (const std::string& piece : pieces)
             EXPECT_TRUE(Contains(trace, piece)) << piece;
-        more(trace);
+        return trace;
     }
+
+    const std::string m_RunLevel;
 };
 
 } // namespace kopdtest

@@ -15,12 +15,7 @@ static const std::string kTraceConfigDir = tracedetail::kDefaultConfigDirectory;
 
 class ModulesEndToEndTest : public KopdTest {
 protected:
-    void SetUp() override
-    {
-        KopdTest::SetUp();
-        if (!IsSkipped())
-            SetRunLevel("3\n");  // a simple stop, without waiting for the run level
-    }
+    ModulesEndToEndTest() : KopdTest("3\n") {}  // a simple stop, without waiting for the run level
     std::string Registry() const { return ReadFile(NsPath("/etc/tarvd/registry")); }
     /// Starts kopd with the real framework, `env` and nothing else (no trace variables).
     pid_t StartUntraced(const std::string& modulesDir, Lines env = {})

@@ -16,29 +16,34 @@ constexpr int kNoWatcher = CSystemDeviceScan::SCAN_ALL & ~CSystemDeviceScan::SCA
 
 /// Two storage adapters, three disks (two behind the first adapter), a loop
 /// device, a device-mapper disk without device link, and a mount table.
-void MakeMachine(const FakeRoot& root)
-{
-    root.Write("/proc/bus/pci/00/1f.2", PciConfig(0x8086, 0x1d02, 1, 6));
-    root.Write("/proc/bus/pci/3b/00.0", PciConfig(0x8086, 0x0097, 1, 8));
-    const std::string r = root.Path("");
-    WriteDisk(r, "sda", "/sys/devices/pci0000:00/0000:00:1f.2/ata1/host0/target0:0:0/0:0:0:0", "Disk A", "ATA", 2048);
-    WriteDisk(r, "sdb", "/sys/devices/pci0000:00/0000:00:1f.2/ata2/host1/target1:0:0/1:0:0:0", "Disk B", "ATA", 4096);
-    WriteDisk(r, "nvme0n1", "/sys/devices/pci0000:3a/0000:3a:00.0/0000:3b:00.0/nvme/nvme0", "NVMe C", "ATA", 100);
-    WriteDisk(r, "loop0", "/sys/devices/virtual/loop0", "loop", "ATA", 8);
-    root.Write("/sys/block/dm-0/size", std::string("16\n"));
-    testsupport::MakeDirs(root.Path("/mnt/data dir"));
-    testsupport::MakeDirs(root.Path("/boot"));
-    root.Write("/proc/self/mounts", std::string("/dev/sda1 / ext4 rw 0 0\nproc /proc proc rw 0 0\ntmpfs /run tmpfs rw 0 0\n"
-                                                "/dev/sda2 /boot xfs rw 0 0\nsystemd-1 /home autofs rw 0 0\n"
-                                                "/dev/sdb1 /mnt/data\\040dir ext4 rw 0 0\nbroken-line\n"));
-}
+class DeviceScan : public ::testing::Test {
+protected:
+    DeviceScan()
+    {
+        root.Write("/proc/bus/pci/00/1f.2", PciConfig(0x8086, 0x1d02, 1, 6));
+        root.Write("/proc/bus/pci/3b/00.0", PciConfig(0x8086, 0x0097, 1, 8));
+        const std::string r = root.Path(""), ata = "/sys/devices/pci0000:00/0000:00:1f.2/";
+        WriteDisk(r, "sda", ata + "ata1/host0/target0:0:0/0:0:0:0", "Disk A", "ATA", 2048);
+        WriteDisk(r, "sdb", ata + "ata2/host1/target1:0:0/1:0:0:0", "Disk B", "ATA", 4096);
+        WriteDisk(r, "nvme0n1", "/sys/devices/pci0000:3a/0000:3a:00.0/0000:3b:00.0/nvme/nvme0", "NVMe C", "ATA", 100);
+        WriteDisk(r, "loop0", "/sys/devices/virtual/loop0", "loop", "ATA", 8);
+        root.Write("/sys/block/dm-0/size", std::string("16\n"));
+        testsupport::MakeDirs(root.Path("/mnt/data dir"));
+        testsupport::MakeDirs(root.Path("/boot"));
+        root.Write(hwinfo::kMountTable, std::string("/dev/sda1 / ext4 rw 0 0\nproc /proc proc rw 0 0\n"
+                                                    "tmpfs /run tmpfs rw 0 0\n/dev/sda2 /boot xfs rw 0 0\n"
+                                                    "systemd-1 /home autofs rw 0 0\n"
+                                                    "/dev/sdb1 /mnt/data\\040dir ext4 rw 0 0\nbroken-line\n"));
+    }
+    FakeRoot root;
+    CSystemDeviceScan scan;
+};
+using DriveAndVolumeScan = DeviceScan;
 
 } // namespace
 
-TEST(DriveAndVolumeScan, FakeMachine)
+TEST_F(DriveAndVolumeScan, FakeMachineAndAHugeMountTable)
 {
-    FakeRoot root;
-    MakeMachine(root);
     CSystemDriveList drives;
     ASSERT_TRUE(CSystemDrive::ScanSystemDrives(drives));
     ASSERT_EQ(3u, drives.size());  // loop0 and dm-0 skipped
@@ -55,16 +60,22 @@ TEST(DriveAndVolumeScan, FakeMachine)
     ASSERT_EQ(3u, volumes.size());
     EXPECT_EQ("/dev/sda1 xfs /mnt/data dir", volumes[0].device + " " + volumes[1].fsType + " " + volumes[2].mountPoint);
     EXPECT_GT(volumes[0].totalBytes, 0u);  // statvfs on the temporary root
+    // A mount table longer than any real machine's is read line by line and
+    // cut at the volume limit: bounded memory and time, the first volumes kept.
+    std::string table = "proc /proc proc rw 0 0\n";
+    for (size_t i = 0; i < CSystemVolume::kMaxVolumes + 5; ++i)
+        table += "/dev/sd" + std::to_string(i) + " /srv/v" + std::to_string(i) + " ext4 rw 0 0\n";
+    ASSERT_TRUE(root.Write(hwinfo::kMountTable, table) && CSystemVolume::ScanSystemVolumes(volumes));
+    ASSERT_EQ(volumes.size(), CSystemVolume::kMaxVolumes);
+    EXPECT_EQ(volumes.front().mountPoint, "/srv/v0");
+    EXPECT_EQ(volumes.back().mountPoint, "/srv/v" + std::to_string(CSystemVolume::kMaxVolumes - 1));
     FakeRoot empty;
     EXPECT_FALSE(CSystemVolume::ScanSystemVolumes(volumes) || CSystemDrive::ScanSystemDrives(drives));
-    EXPECT_EQ(3u, volumes.size());  // unchanged on failure
+    EXPECT_EQ(CSystemVolume::kMaxVolumes, volumes.size());  // unchanged on failure
 }
 
-TEST(DeviceScan, FullScanAndQueries)
+TEST_F(DeviceScan, FullScanAndQueries)
 {
-    FakeRoot root;
-    MakeMachine(root);
-    CSystemDeviceScan scan;
     std::vector<int> seen;
     scan.SetSubScanHook([&](int kind) { seen.push_back(kind); });
     ASSERT_EQ(0, scan.ScanHardware(0, true, 1000));
@@ -96,11 +107,8 @@ TEST(DeviceScan, FullScanAndQueries)
     EXPECT_EQ(std::pair(2, 3), std::pair(copy.GetAdapterCount(), copy.GetVolumeCount()));
 }
 
-TEST(DeviceScan, SecondScanTimesOutWhileTheFirstHoldsTheLock)
+TEST_F(DeviceScan, SecondScanTimesOutWhileTheFirstHoldsTheLock)
 {
-    FakeRoot root;
-    MakeMachine(root);
-    CSystemDeviceScan scan;
     std::promise<void> entered, release;
     std::shared_future<void> released = release.get_future().share();
     scan.SetSubScanHook([&](int) {
@@ -116,11 +124,8 @@ TEST(DeviceScan, SecondScanTimesOutWhileTheFirstHoldsTheLock)
     EXPECT_EQ(0, scan.ScanHardware(CSystemDeviceScan::SCAN_VOLUMES, false, 1000));  // the lock is free again
 }
 
-TEST(DeviceScan, TerminateDuringAScanSkipsTheRestAndLaterScans)
+TEST_F(DeviceScan, TerminateDuringAScanSkipsTheRestAndLaterScans)
 {
-    FakeRoot root;
-    MakeMachine(root);
-    CSystemDeviceScan scan;
     ASSERT_EQ(0, scan.ScanHardware(CSystemDeviceScan::SCAN_VOLUMES | CSystemDeviceScan::SCAN_ADAPTERS, false, 1000));
     std::vector<int> seen;
     std::promise<void> entered;
@@ -146,29 +151,23 @@ TEST(DeviceScan, TerminateDuringAScanSkipsTheRestAndLaterScans)
     EXPECT_EQ(3, scan.GetVolumeCount());
 }
 
-TEST(DeviceScan, WatcherRefreshesVolumesAndStops)
+// The watcher scans on its own and stops when asked; at the default 60-second period only the
+// exit event wakes it: Terminate and the destructor end it.
+TEST_F(DeviceScan, WatcherRefreshesVolumesAndStopsAndTerminateAndDestructorEndIt)
 {
-    FakeRoot root;
-    MakeMachine(root);
-    CSystemDeviceScan scan;
-    scan.SetWatcherPeriod(10);
-    ASSERT_EQ(0, scan.ScanHardware(CSystemDeviceScan::SCAN_WATCHER, true, 1000));
-    EXPECT_TRUE(scan.IsUpdateThreadAlive() && scan.GetAdapterCount() == 0);
-    EXPECT_TRUE(WaitFor([&] { return scan.GetVolumeCount() == 3; }));  // the watcher scans on its own
+    CSystemDeviceScan fast;
+    fast.SetWatcherPeriod(10);
+    ASSERT_EQ(0, fast.ScanHardware(CSystemDeviceScan::SCAN_WATCHER, true, 1000));
+    EXPECT_TRUE(fast.IsUpdateThreadAlive() && fast.GetAdapterCount() == 0);
+    EXPECT_TRUE(WaitFor([&] { return fast.GetVolumeCount() == 3; }));
     root.Write("/proc/self/mounts", std::string("/dev/sda1 / ext4 rw 0 0\n"));
-    EXPECT_TRUE(WaitFor([&] { return scan.GetVolumeCount() == 1; }));
-    ASSERT_EQ(0, scan.RescanHardware(1000));  // a rescan keeps it running because it ran
-    EXPECT_TRUE(scan.IsUpdateThreadAlive());
-    EXPECT_TRUE(scan.StopUpdateThread(5000) == 1 && !scan.IsUpdateThreadAlive());
-    EXPECT_EQ(1, scan.StopUpdateThread(5000));  // not running: success
-    EXPECT_TRUE(scan.RescanHardware(1000) == 0 && !scan.IsUpdateThreadAlive());
-}
+    EXPECT_TRUE(WaitFor([&] { return fast.GetVolumeCount() == 1; }));
+    ASSERT_EQ(0, fast.RescanHardware(1000));  // a rescan keeps it running because it ran
+    EXPECT_TRUE(fast.IsUpdateThreadAlive());
+    EXPECT_TRUE(fast.StopUpdateThread(5000) == 1 && !fast.IsUpdateThreadAlive());
+    EXPECT_EQ(1, fast.StopUpdateThread(5000));  // not running: success
+    EXPECT_TRUE(fast.RescanHardware(1000) == 0 && !fast.IsUpdateThreadAlive());
 
-TEST(DeviceScan, TerminateAndDestructorStopTheWatcherAtTheDefaultPeriod)
-{
-    FakeRoot root;
-    MakeMachine(root);
-    CSystemDeviceScan scan;  // 60-second period: only the exit event wakes it
     ASSERT_TRUE(scan.ScanHardware(CSystemDeviceScan::SCAN_WATCHER, true, 1000) == 0 && scan.IsUpdateThreadAlive());
     EXPECT_TRUE(scan.Terminate(5000) == 0 && !scan.IsUpdateThreadAlive());
     auto owned = std::make_unique<CSystemDeviceScan>();

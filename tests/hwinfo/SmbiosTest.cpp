@@ -1,9 +1,14 @@
-// SMBIOS acquisition sources, revision and the structure walk.
+// SMBIOS: the acquisition sources, the revision, the structure walk, and the machine identity
+// decoded from it (every real dump against figures read from its raw bytes by a small walker of
+// the test's own, then hand-made structures that are short, damaged or use the extended fields).
 #include <gtest/gtest.h>
+
+#include <map>
 
 #include "hwinfo/CPciSlotMap.h"
 #include "hwinfo/CSMBios.h"
 #include "hwinfo/CSMBiosInternal.h"
+#include "hwinfo/SmbiosIdentity.h"
 #include "support/Firmware.h"
 
 using namespace hwtest;
@@ -19,75 +24,21 @@ CSMBios Walk(const Bytes& table, uint16_t expected = 0, bool* ok = nullptr)
     return (ok ? *ok = r : r), s;
 }
 
-} // namespace
+/// The real dumps with the figures of tests/fixtures/README.md; the slot records are
+/// "bus.device.slot.type" in hex.
+struct Dump { const char* name; int major, minor; size_t structures, type9, type41; const char* slots; };
+const Dump kDumps[] = {
+    {"supermicro-x10dal-i", 3, 0, 102, 5, 2, "1.0.1.b6 2.0.3.b6 3.0.5.b6 5.0.0.2 6.0.0.2"},
+    {"dell-poweredge-r777sd", 3, 2, 77, 4, 6, "af.0.4.b1 18.0.0.2 18.0.0.2 19.0.0.2 19.0.0.2 3b.0.0.2 3.0.0.2"},
+    {"dell-precision-3620", 3, 0, 99, 5, 5, "1.0.1.b1 5.0.4.b0 2.0.5.17 0.2.0.2 0.13.0.2 0.1b.0.2 0.1f.0.2 0.1f.0.2"},
+    {"lenovo-thinkpad-2347a49", 2, 7, 69, 2, 0, "0.0.1.a5 0.0.2.1"},
+    {"beelink-eq12", 3, 5, 72, 5, 15,
+     "0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.0.2 0.2.0.2 0.14.0.2 0.14.0.2 0.14.0.2 0.15.0.2 0.15.0.2 "
+     "0.16.0.2 0.17.0.2 0.1e.0.2 0.1e.0.2 0.1f.0.2 0.1f.0.2 0.1f.0.2 0.1f.0.2"},
+    {"toshiba-satellite-pro-l70a", 2, 7, 69, 8, 1,
+     "0.1.1.aa 0.1c.2.a6 0.1c.3.a6 0.1c.4.a6 0.1c.5.a6 0.1c.6.a6 0.1c.7.a6 0.1c.8.aa 0.0.0.2"},
+};
 
-// The real dumps with the figures of tests/fixtures/README.md; the slot
-// records are "bus.device.slot.type" in hex.
-TEST(SmbiosFixtures, EachDumpParsesThroughSysfs)
-{
-    struct Case { const char* name; int major, minor; size_t structures, type9, type41; const char* slots; } cases[] = {
-        {"supermicro-x10dal-i", 3, 0, 102, 5, 2, "1.0.1.b6 2.0.3.b6 3.0.5.b6 5.0.0.2 6.0.0.2"},
-        {"dell-poweredge-r777sd", 3, 2, 77, 4, 6, "af.0.4.b1 18.0.0.2 18.0.0.2 19.0.0.2 19.0.0.2 3b.0.0.2 3.0.0.2"},
-        {"dell-precision-3620", 3, 0, 99, 5, 5, "1.0.1.b1 5.0.4.b0 2.0.5.17 0.2.0.2 0.13.0.2 0.1b.0.2 0.1f.0.2 0.1f.0.2"},
-        {"lenovo-thinkpad-2347a49", 2, 7, 69, 2, 0, "0.0.1.a5 0.0.2.1"},
-        {"beelink-eq12", 3, 5, 72, 5, 15,
-         "0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.1.a6 0.0.0.2 0.2.0.2 0.14.0.2 0.14.0.2 0.14.0.2 0.15.0.2 0.15.0.2 "
-         "0.16.0.2 0.17.0.2 0.1e.0.2 0.1e.0.2 0.1f.0.2 0.1f.0.2 0.1f.0.2 0.1f.0.2"},
-        {"toshiba-satellite-pro-l70a", 2, 7, 69, 8, 1,
-         "0.1.1.aa 0.1c.2.a6 0.1c.3.a6 0.1c.4.a6 0.1c.5.a6 0.1c.6.a6 0.1c.7.a6 0.1c.8.aa 0.0.0.2"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        FakeRoot root;
-        root.SetSysfsSmbios(SmbiosFixture(std::string(c.name) + ".ep"), SmbiosFixture(std::string(c.name) + ".dmi"));
-        CSMBios smbios;
-        ASSERT_TRUE(smbios.Connect()) << smbios.GetLastErrorText();
-        // Revision, structures indexed and announced, slots, onboard devices.
-        EXPECT_EQ((std::vector<size_t>{size_t(c.major * 256 + c.minor), c.structures, c.structures, c.type9, c.type41}),
-                  (std::vector<size_t>{size_t(smbios.GetMajor() * 256 + smbios.GetMinor()), smbios.GetIndexedCount(),
-                                       smbios.GetExpectedStructureCount(), smbios.GetStructures(9).size(),
-                                       smbios.GetStructures(41).size()}));
-        std::string got;
-        for (const PciSlotData& s : CPciSlotMap::GetSlotMappingFromSMBIOS()) {
-            char item[32];
-            snprintf(item, sizeof item, got.empty() ? "%x.%x.%x.%x" : " %x.%x.%x.%x", s.bus, s.device, s.slot, s.type);
-            got += item;
-        }
-        EXPECT_EQ(c.slots, got);
-        smbios.Disconnect();
-        EXPECT_TRUE(smbios.GetData().IsEmpty() && smbios.GetStructures(9).empty() && smbios.GetMajor() == 0);
-    }
-}
-
-TEST(SmbiosFixtures, TruncatedTablesNeverReadOutside)
-{
-    // Every prefix length class of a real table: the walk stays inside its
-    // buffer (the sanitizer build checks) and fails or succeeds cleanly.
-    Bytes dmi = SmbiosFixture("dell-poweredge-r777sd.dmi");
-    ASSERT_GT(dmi.size(), 100u);
-    for (size_t len = 1; len < dmi.size(); len += (len < 64 ? 1 : 37)) {
-        CSMBios s = Walk(Bytes(dmi.begin(), dmi.begin() + static_cast<long>(len)));
-        for (const CByteReader& r : s.GetStructures(9))
-            EXPECT_LE(r.Data() + r.Size(), s.GetData().Reader().Data() + len);
-    }
-}
-
-TEST(SmbiosRevision, FromEachAnchor)
-{
-    std::pair<Bytes, int> cases[] = {
-        {EntryPoint21(0, 0, 0, 2, 8), 0x0208}, {EntryPoint30(0, 0, 3, 4), 0x0304},
-        {{'U', 'E', 'F', 'I', 0x07, 0x02, 0, 0}, 0x0207},  // the bytes at 4 and 5 in swapped order
-        {{'_', 'X', 'X', '_', 1, 2, 3, 4, 5}, 0}, {{'_', 'S', 'M', '_'}, 0}, {{'_', 'S', 'M', '3', '_'}, 0}, {{}, 0},
-    };
-    for (const auto& [header, revision] : cases) {
-        CSMBios s;
-        s.SetTables(CDataStream(header.data(), header.size()), CDataStream());
-        s.setSmbiosRevisionFromHeader();
-        EXPECT_EQ(revision, s.GetMajor() * 256 + s.GetMinor()) << Str(header);
-    }
-}
-
-namespace {
 constexpr uint64_t kEp3Addr = 0x30010;
 constexpr uint32_t kTable3Addr = 0x40123;
 constexpr uint32_t kShadowTable = 0x90000;
@@ -108,7 +59,95 @@ Bytes ShadowEp(uint32_t table = kShadowTable)
 {
     return EntryPoint21(static_cast<uint16_t>(kShadowTableBytes.size()), table, 5);
 }
+
+/// One raw structure as the test's walker sees it: formatted bytes and strings.
+struct Raw {
+    Bytes f;
+    std::vector<std::string> strings;
+    unsigned At(size_t off) const { return off < f.size() ? f[off] : 0xFFFF'FFFFu; }
+    unsigned Word(size_t off) const { return off + 1 < f.size() ? f[off] | f[off + 1] << 8 : 0xFFFF'FFFFu; }
+    /// Expected text of the string field at `off` ("" when none).
+    std::string Str(size_t off) const
+    {
+        if (off >= f.size() || f[off] == 0)
+            return "";
+        return f[off] <= strings.size() ? strings[f[off] - 1] : kSmbiosBadStringIndex;
+    }
+};
+
+std::multimap<unsigned, Raw> RawWalk(const Bytes& t)
+{
+    std::multimap<unsigned, Raw> out;
+    size_t pos = 0;
+    while (pos + 4 <= t.size() && t[pos + 1] >= 4 && pos + t[pos + 1] <= t.size()) {
+        Raw r;
+        r.f.assign(t.begin() + pos, t.begin() + pos + t[pos + 1]);
+        size_t p = pos + t[pos + 1];
+        // Strings, each NUL-ended, until an empty one; none: a double NUL.
+        while (p < t.size() && t[p] != 0) {
+            size_t e = p;
+            while (e < t.size() && t[e] != 0)
+                ++e;
+            r.strings.emplace_back(t.begin() + p, t.begin() + e);
+            p = e + 1;
+        }
+        pos = r.strings.empty() ? p + 2 : p + 1;
+        unsigned type = r.f[0];
+        out.emplace(type, std::move(r));
+        if (type == 127)
+            break;
+    }
+    return out;
+}
+
+std::string T(const SmbiosText& t) { return t.value_or(""); }
+
 } // namespace
+
+TEST(SmbiosFixtures, TruncatedTablesAndStructuresNeverReadOutside)
+{
+    // Every prefix length class of a real table: the walk stays inside its
+    // buffer (the sanitizer build checks) and fails or succeeds cleanly.
+    Bytes dmi = SmbiosFixture("dell-poweredge-r777sd.dmi");
+    ASSERT_GT(dmi.size(), 100u);
+    for (size_t len = 1; len < dmi.size(); len += (len < 64 ? 1 : 37)) {
+        CSMBios s = Walk(Bytes(dmi.begin(), dmi.begin() + static_cast<long>(len)));
+        for (const CByteReader& r : s.GetStructures(9))
+            EXPECT_LE(r.Data() + r.Size(), s.GetData().Reader().Data() + len);
+    }
+    // Structures cut anywhere, with any length byte: the decoders read nothing outside the view.
+    const CSMBios walked = Walk(dmi);
+    for (uint8_t type : {0, 1, 2, 3, 4, 16, 17}) {
+        const uint8_t* first = walked.GetStructures(type).at(0).Data();
+        const size_t pos = static_cast<size_t>(first - walked.GetData().Reader().Data());
+        for (size_t cut = 0; pos + cut <= dmi.size() && cut <= 0x60; ++cut) {
+            Bytes part(dmi.begin() + pos, dmi.begin() + pos + cut);  // its own allocation: ASan sees any overrun
+            for (uint8_t len : {uint8_t(0), uint8_t(0xFF)}) {
+                if (part.size() > 1)
+                    part[1] = len == 0 ? part[1] : len;
+                CByteReader r(part.data(), part.size());
+                (void)DecodeSmbiosBios(r), (void)DecodeSmbiosSystem(r, 3, 2), (void)DecodeSmbiosBaseboard(r);
+                (void)DecodeSmbiosChassis(r), (void)DecodeSmbiosProcessor(r), (void)DecodeSmbiosMemoryArray(r);
+                (void)DecodeSmbiosMemoryDevice(r);
+            }
+        }
+    }
+}
+
+TEST(SmbiosRevision, FromEachAnchor)
+{
+    std::pair<Bytes, int> cases[] = {
+        {EntryPoint21(0, 0, 0, 2, 8), 0x0208}, {EntryPoint30(0, 0, 3, 4), 0x0304},
+        {{'U', 'E', 'F', 'I', 0x07, 0x02, 0, 0}, 0x0207},  // the bytes at 4 and 5 in swapped order
+        {{'_', 'X', 'X', '_', 1, 2, 3, 4, 5}, 0}, {{'_', 'S', 'M', '_'}, 0}, {{'_', 'S', 'M', '3', '_'}, 0}, {{}, 0},
+    };
+    for (const auto& [header, revision] : cases) {
+        CSMBios s;
+        s.SetTables(CDataStream(header.data(), header.size()), CDataStream());
+        s.setSmbiosRevisionFromHeader();
+        EXPECT_EQ(revision, s.GetMajor() * 256 + s.GetMinor()) << Str(header);
+    }
+}
 
 // Failing sysfs reads leave the outputs alone; an unknown anchor is taken
 // as the kernel gives it: revision 0.0, list built.
@@ -302,4 +341,156 @@ TEST(SmbiosMalformed, StructureWalkTable)
         }
         EXPECT_EQ(c.count, s.GetExpectedStructureCount());
     }
+}
+
+// Each real dump read through sysfs: its figures (revision, structures indexed and announced,
+// slots, onboard devices), its slot records, and the identity decoded from it against figures
+// read from its raw bytes.
+TEST(SmbiosIdentity, EachDumpMatchesItsRawBytes)
+{
+    for (const Dump& dump : kDumps) {
+        const std::string name = dump.name;
+        SCOPED_TRACE(name);
+        Bytes ep = SmbiosFixture(name + ".ep"), dmi = SmbiosFixture(name + ".dmi");
+        FakeRoot root;
+        root.SetSysfsSmbios(ep, dmi);
+        CSMBios bios;
+        ASSERT_TRUE(bios.Connect()) << bios.GetLastErrorText();
+        EXPECT_EQ((std::vector<size_t>{size_t(dump.major * 256 + dump.minor), dump.structures, dump.structures,
+                                       dump.type9, dump.type41}),
+                  (std::vector<size_t>{size_t(bios.GetMajor() * 256 + bios.GetMinor()), bios.GetIndexedCount(),
+                                       bios.GetExpectedStructureCount(), bios.GetStructures(9).size(),
+                                       bios.GetStructures(41).size()}));
+        std::string got;
+        for (const PciSlotData& s : CPciSlotMap::GetSlotMappingFromSMBIOS()) {
+            char item[32];
+            snprintf(item, sizeof item, got.empty() ? "%x.%x.%x.%x" : " %x.%x.%x.%x", s.bus, s.device, s.slot, s.type);
+            got += item;
+        }
+        EXPECT_EQ(dump.slots, got);
+        SmbiosIdentity id = DecodeSmbiosIdentity(bios);
+        auto raw = RawWalk(dmi);
+        unsigned major = ep[0] == '_' && ep[3] == '3' ? ep[7] : ep[6];
+        unsigned minor = ep[0] == '_' && ep[3] == '3' ? ep[8] : ep[7];
+
+        const Raw& b = raw.find(0)->second;
+        ASSERT_TRUE(id.bios);
+        EXPECT_EQ(b.Str(4) + "|" + b.Str(5) + "|" + b.Str(8), T(id.bios->vendor) + "|" + T(id.bios->version) + "|" + T(id.bios->releaseDate));
+        if (b.At(9) != 0xFF) {
+            EXPECT_EQ((b.At(9) + 1) * 65536ull, id.bios->romSizeBytes.value_or(0));
+        }
+
+        const Raw& s = raw.find(1)->second;
+        ASSERT_TRUE(id.system);
+        EXPECT_EQ(s.Str(4) + "|" + s.Str(5) + "|" + s.Str(7), T(id.system->manufacturer) + "|" + T(id.system->productName) + "|" + T(id.system->serialNumber));
+        char uuid[40];
+        const uint8_t* u = s.f.data() + 8;
+        bool swap = major * 256 + minor >= 0x206;
+        unsigned d1 = swap ? u[0] | u[1] << 8 | u[2] << 16 | unsigned(u[3]) << 24 : unsigned(u[0]) << 24 | u[1] << 16 | u[2] << 8 | u[3];
+        unsigned d2 = swap ? u[4] | u[5] << 8 : u[4] << 8 | u[5], d3 = swap ? u[6] | u[7] << 8 : u[6] << 8 | u[7];
+        snprintf(uuid, sizeof uuid, "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", d1, d2, d3, u[8], u[9], u[10],
+                 u[11], u[12], u[13], u[14], u[15]);
+        bool special = std::all_of(u, u + 16, [](uint8_t x) { return x == 0; }) || std::all_of(u, u + 16, [](uint8_t x) { return x == 0xFF; });
+        if (!special) {
+            EXPECT_EQ(uuid, T(id.system->uuid));
+        }
+
+        if (raw.count(2)) {
+            const Raw& bb = raw.find(2)->second;
+            EXPECT_EQ(bb.Str(4) + "|" + bb.Str(5), T(id.baseboard->manufacturer) + "|" + T(id.baseboard->productName));
+        }
+        const Raw& c = raw.find(3)->second;
+        EXPECT_EQ(c.Str(4) + "|" + std::to_string(c.At(5) & 0x7F),
+                  T(id.chassis->manufacturer) + "|" + std::to_string(id.chassis->type.value_or(0)));
+
+        ASSERT_EQ(raw.count(4), id.processors.size());
+        auto p = id.processors.begin();
+        for (auto [it, end] = raw.equal_range(4); it != end; ++it, ++p) {
+            const Raw& r = it->second;
+            EXPECT_EQ(r.Str(4) + "|" + r.Str(0x10), T(p->socket) + "|" + T(p->version));
+            EXPECT_EQ(r.Word(0x14), p->maxSpeedMHz.value_or(0));
+            if (r.f.size() > 0x23 && r.At(0x23) != 0xFF) {
+                EXPECT_EQ(r.At(0x23), p->coreCount.value_or(0));
+            }
+        }
+        ASSERT_EQ(raw.count(17), id.memoryDevices.size());
+        auto m = id.memoryDevices.begin();
+        for (auto [it, end] = raw.equal_range(17); it != end; ++it, ++m) {
+            const Raw& r = it->second;
+            EXPECT_EQ(r.Str(0x10) + "|" + r.Str(0x11) + "|" + r.Str(0x1A), T(m->locator) + "|" + T(m->bankLocator) + "|" + T(m->partNumber));
+            unsigned size = r.Word(0x0C);
+            uint64_t want = size == 0x7FFF ? (uint64_t(r.Word(0x1C)) | uint64_t(r.Word(0x1E) & 0x7FFF) << 16) << 20
+                          : (size & 0x8000) ? uint64_t(size & 0x7FFF) << 10 : uint64_t(size) << 20;
+            EXPECT_EQ(size != 0, m->installed);
+            if (size != 0 && size != 0xFFFF) {
+                EXPECT_EQ(want, m->sizeBytes.value_or(0));
+            }
+        }
+        EXPECT_EQ(raw.count(16), id.memoryArrays.size());
+        bios.Disconnect();
+        EXPECT_TRUE(bios.GetData().IsEmpty() && bios.GetStructures(9).empty() && bios.GetMajor() == 0);
+    }
+}
+
+// Hand-made structures: each case a structure and what its fields read.
+TEST(SmbiosIdentity, ShortDamagedAndExtendedStructures)
+{
+    Bytes uuid = {0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66, 0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
+    // Manufacturer, product, version, no serial; UUID; wake-up, SKU string 9 (bad), family string 1.
+    Bytes sys = Concat({{1, 2, 3, 0}, uuid, {6, 9, 1}});
+    Bytes full = Structure(1, 1, sys, {"Maker", "Box", "v1"});
+    SmbiosSystemInfo s = DecodeSmbiosSystem(CByteReader(full.data(), full.size()), 2, 6);
+    EXPECT_EQ(T(s.manufacturer) + "|" + T(s.productName) + "|" + T(s.version), "Maker|Box|v1");
+    EXPECT_FALSE(s.serialNumber);
+    EXPECT_EQ(T(s.uuid), "00112233-4455-6677-8899-AABBCCDDEEFF");
+    EXPECT_EQ(T(s.skuNumber), kSmbiosBadStringIndex);
+    EXPECT_EQ(T(s.family), "Maker");
+    EXPECT_EQ(T(DecodeSmbiosSystem(CByteReader(full.data(), full.size()), 2, 5).uuid), "33221100-5544-7766-8899-AABBCCDDEEFF");
+    // A 2.0 structure (length 8): no UUID, SKU, family.
+    Bytes old = Structure(1, 1, Bytes(sys.begin(), sys.begin() + 4), {"Maker"});
+    s = DecodeSmbiosSystem(CByteReader(old.data(), old.size()), 3, 0);
+    EXPECT_TRUE(!s.uuid && !s.skuNumber && !s.family && T(s.manufacturer) == "Maker");
+    EXPECT_EQ(T(s.productName), kSmbiosBadStringIndex);
+
+    // BIOS: ROM size 0xFF with the extended size 16 GiB; revision 0xFF/0xFF absent.
+    Bytes bios(0x1A - 4, 0);
+    bios[0x09 - 4] = 0xFF;
+    bios[0x14 - 4] = bios[0x15 - 4] = 0xFF;
+    bios[0x18 - 4] = 0x10;
+    bios[0x19 - 4] = 0x40;
+    Bytes b = Structure(0, 1, bios);
+    SmbiosBiosInfo bi = DecodeSmbiosBios(CByteReader(b.data(), b.size()));
+    EXPECT_EQ(bi.romSizeBytes.value_or(0), 16ull << 30);
+    EXPECT_TRUE(!bi.biosMajor && !bi.vendor);
+
+    // Memory devices: {size word, extended size, bytes (0: not installed)}.
+    struct Dimm { uint16_t size; uint32_t ext; uint64_t bytes; } dimms[] = {
+        {0, 0, 0}, {0x8000 | 512, 0, 512ull << 10}, {4096, 0, 4ull << 30}, {0x7FFF, 0x10000, 64ull << 30}};
+    for (const Dimm& d : dimms) {
+        Bytes f(0x22 - 4, 0);
+        PutLe(f, 0x0C - 4, d.size, 2);
+        PutLe(f, 0x1C - 4, d.ext, 4);
+        Bytes m = Structure(17, 2, f);
+        SmbiosMemoryDeviceInfo info = DecodeSmbiosMemoryDevice(CByteReader(m.data(), m.size()));
+        EXPECT_EQ(info.installed, d.size != 0);
+        EXPECT_EQ(info.sizeBytes.value_or(0), d.bytes) << d.size;
+    }
+    // Processor: core/thread bytes 0xFF point to the 3.0 words; family 0xFE to family 2.
+    Bytes cpu(0x30 - 4, 0);
+    cpu[0x06 - 4] = 0xFE;
+    PutLe(cpu, 0x28 - 4, 0x101, 2);
+    cpu[0x23 - 4] = cpu[0x25 - 4] = 0xFF;
+    cpu[0x24 - 4] = 8;
+    PutLe(cpu, 0x2A - 4, 256, 2);
+    PutLe(cpu, 0x2E - 4, 512, 2);
+    Bytes c = Structure(4, 3, cpu);
+    SmbiosProcessorInfo pi = DecodeSmbiosProcessor(CByteReader(c.data(), c.size()));
+    EXPECT_EQ(pi.family.value_or(0), 0x101u);
+    EXPECT_EQ(pi.coreCount.value_or(0) * 10000 + pi.coresEnabled.value_or(0) * 1000 + pi.threadCount.value_or(0), 2560000u + 8000 + 512);
+    // Memory array with the extended capacity.
+    Bytes arr(0x17 - 4, 0);
+    PutLe(arr, 0x07 - 4, 0x80000000u, 4);
+    PutLe(arr, 0x0F - 4, 1ull << 42, 8);
+    Bytes a = Structure(16, 4, arr);
+    EXPECT_EQ(DecodeSmbiosMemoryArray(CByteReader(a.data(), a.size())).maxCapacityBytes.value_or(0), 1ull << 42);
 }

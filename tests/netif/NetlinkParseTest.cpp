@@ -1,6 +1,7 @@
 // The rtnetlink parser on datagrams captured from a real kernel and on
 // hand-made ones that lie about their lengths; the state comparison that
-// turns notifications into events; the sysfs side of the link details.
+// turns notifications into events; the sysfs side of the link details and
+// the words shown for a link's state and duplex.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -10,6 +11,7 @@
 
 #include "netif/link_details.h"
 #include "netif/netif_state.h"
+#include "netif/netif_types.h"
 #include "support/TestSupport.h"
 
 using namespace libnetif;
@@ -73,9 +75,9 @@ std::string Route4(uint16_t type, const std::string& dst, uint8_t prefix, int oi
     return Msg(type, fixed + Attr(RTA_DST, dst) + Attr(RTA_OIF, Le(oif, 4)));
 }
 
-netif_state Apply(const std::string& bytes, netif_state state = {})
+netif_state Apply(const std::string& bytes, netif_state state = {}, bool whole = true)
 {
-    for (const message& m : Split(bytes))
+    for (const message& m : Split(bytes, whole))
         apply_message(m, state, nullptr);
     return state;
 }
@@ -153,9 +155,7 @@ TEST(NetlinkParse, LyingLengthsAndForeignRecordsAreRefused)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        netif_state s;
-        for (const message& m : Split(c.bytes, c.split))
-            apply_message(m, s, nullptr);
+        const netif_state s = Apply(c.bytes, {}, c.split);
         EXPECT_EQ(c.interfaces, s.interfaces.size());
         EXPECT_EQ(c.addresses, s.addresses.size());
         EXPECT_EQ(c.routes, s.routes.size());
@@ -200,16 +200,14 @@ TEST(LinkDetails, SysfsGivesSpeedDriverAndPciAddressAndNoNameLeavesItsFolder)
     testsupport::TempDir root;
     namespace fs = std::filesystem;
     const std::string net = root.Sub("class/net/");
-    fs::create_directories(root.Sub("devices/pci0000:00/0000:00:1f.6"));
-    fs::create_directories(root.Sub("bus/pci/drivers/e1000e"));
-    fs::create_directories(net + "eno1");
-    fs::create_directories(net + "veth0");
-    fs::create_symlink("../../../devices/pci0000:00/0000:00:1f.6", net + "eno1/device");
-    fs::create_symlink("../../../../bus/pci/drivers/e1000e", root.Sub("devices/pci0000:00/0000:00:1f.6/driver"));
     testsupport::WriteFile(net + "eno1/speed", "1000\n");
     testsupport::WriteFile(net + "eno1/duplex", "full\n");
     testsupport::WriteFile(net + "veth0/speed", "-1\n");  // no carrier: unknown
     testsupport::WriteFile(root.Sub("class/speed"), "10\n");
+    fs::create_directories(root.Sub("devices/pci0000:00/0000:00:1f.6"));
+    fs::create_directories(root.Sub("bus/pci/drivers/e1000e"));
+    fs::create_symlink("../../../devices/pci0000:00/0000:00:1f.6", net + "eno1/device");
+    fs::create_symlink("../../../../bus/pci/drivers/e1000e", root.Sub("devices/pci0000:00/0000:00:1f.6/driver"));
     struct Case { const char* name; std::optional<uint32_t> speed; const char* driver; const char* pci; };
     const Case cases[] = {
         {"eno1", 1000, "e1000e", "0000:00:1f.6"}, {"veth0", std::nullopt, "", ""}, {"..", std::nullopt, "", ""}};
@@ -222,4 +220,16 @@ TEST(LinkDetails, SysfsGivesSpeedDriverAndPciAddressAndNoNameLeavesItsFolder)
         EXPECT_EQ(c.driver, r.driver) << c.name;
         EXPECT_EQ(c.pci, r.pci_address ? r.pci_address->ToString() : "") << c.name;
     }
+}
+
+// Those of `ip link` and ethtool, and "unknown" for what the kernel does not define.
+TEST(NetifNames, OperationalStatesAndDuplexReadAsTheKernelsTools)
+{
+    const std::pair<uint8_t, const char*> states[] = {
+        {0, "unknown"}, {1, "notpresent"}, {2, "down"}, {3, "lowerlayerdown"},
+        {4, "testing"}, {5, "dormant"},    {6, "up"},   {7, "unknown"}, {255, "unknown"}};
+    for (const auto& [state, name] : states)
+        EXPECT_STREQ(operstate_name(state), name) << int(state);
+    EXPECT_STREQ(duplex_name(link_duplex::full), "full");
+    EXPECT_STREQ(duplex_name(link_duplex::half), "half");
 }

@@ -1,27 +1,37 @@
-// The performance monitor's parts: bounded parsing of the proc files, the network interface table,
-// the percentage arithmetic, the history buffer and the value/group table.
+// The performance monitor's parts: bounded parsing of the proc files (read fresh or through a kept
+// descriptor), the network interface table, the percentage arithmetic, the history buffer, the
+// value/group table, and the figures beside the percentages.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <string>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "perfmon/CDataHistoryBuffer.h"
 #include "perfmon/CNetworkInterfaceTable.h"
 #include "perfmon/CPerfMon.h"
+#include "perfmon/HostFigures.h"
 #include "perfmon/PerfMonPaths.h"
 #include "perfmon/ProcParse.h"
 #include "support/FakeProc.h"
+#include "support/TraceEnv.h"
 
 using namespace perfmon;
+using testsupport::FakeProc;
 
 namespace {
 
-std::vector<std::string> Lines(const std::string& path)
+/// The lines of `path`, read fresh or through `kept`.
+std::vector<std::string> Lines(const std::string& path, CKeptProcFile* kept = nullptr)
 {
     CProcLineReader reader;
-    EXPECT_TRUE(reader.Open(path));
+    EXPECT_TRUE(kept ? reader.Open(*kept, path) : reader.Open(path)) << path;
     std::vector<std::string> lines;
     for (std::string line; reader.Next(line);)
         lines.push_back(line);
@@ -29,6 +39,15 @@ std::vector<std::string> Lines(const std::string& path)
 }
 
 std::string NetLine(const std::string& name) { return "  " + name + ": 1 0 0 0 0 0 0 0 2 0 0 0 0 0 0 0\n"; }
+
+// The "Threads:" line of the own status file, read through `kept`.
+std::string ThreadsLine(CKeptProcFile& kept)
+{
+    EXPECT_TRUE(kept.Read("/proc/self/status"));
+    const std::string text(kept.Text());
+    const size_t at = text.find("Threads:");
+    return at == std::string::npos ? "" : text.substr(at, text.find('\n', at) - at);
+}
 
 } // namespace
 
@@ -67,25 +86,33 @@ TEST(ProcParse, NumberListsAndKeyedNumbers)
         EXPECT_FALSE(ParseKeyedU64(bad, "MemTotal:", v)) << bad;
 }
 
+// A fresh read and one through a kept descriptor (the file rewritten between reads) give the same lines.
 TEST(ProcParse, LongLinesAreNeverSplitALongFileEndsAtAWholeLineAndAMissingOneIsNotRead)
 {
-    testsupport::FakeProc dir;
+    FakeProc dir;
     // A line whose continuation would look like an interface line, then one
     // longer than the longest kept line.
-    std::string longLine = std::string(255, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
-    const std::string longest = "eth8: " + std::string(3 * kMaxLineLength, '7');
-    dir.Write("f", longLine + "\n" + longest + "\n\nlast line without newline");
-    EXPECT_TRUE(Lines(dir.Path("f")) == (std::vector<std::string>{longLine, longest.substr(0, kMaxLineLength), "",
-                                                                   "last line without newline"}));
-    const std::string line(99, 'a');
-    std::string text;
-    while (text.size() <= kMaxTextFile)
-        text += line + "\n";
-    dir.Write("big", text);
-    std::vector<std::string> lines = Lines(dir.Path("big"));
-    EXPECT_EQ(lines.size(), kMaxTextFile / 100);
-    EXPECT_EQ(lines.back(), line);
-    CProcLineReader reader;  // a missing file: nothing read, nothing changed
+    const std::string cont = std::string(255, 'a') + "eth9: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16";
+    const std::string longest = "eth8: " + std::string(3 * kMaxLineLength, '7'), line(99, 'a');
+    const std::string cut = longest.substr(0, kMaxLineLength);
+    std::string big;
+    while (big.size() <= kMaxTextFile)
+        big += line + "\n";
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        {cont + "\n" + longest + "\n\nlast line without newline", {cont, cut, "", "last line without newline"}},
+        {longest + "\n" + std::string(40000, 'b'), {cut, std::string(kMaxLineLength, 'b')}},  // past a first buffer
+        {big, std::vector<std::string>(kMaxTextFile / 100, line)},
+    };
+    CKeptProcFile kept;
+    for (const auto& [text, lines] : cases) {
+        dir.Write("f", text);
+        EXPECT_TRUE(Lines(dir.Path("f")) == lines) << text.size();
+        EXPECT_TRUE(Lines(dir.Path("f"), &kept) == lines) << text.size();
+    }
+    // A missing file: nothing read, nothing changed; the kept text is dropped.
+    EXPECT_FALSE(kept.Read(dir.Path("absent")));
+    EXPECT_TRUE(errno == ENOENT && kept.Text().empty());
+    CProcLineReader reader;
     EXPECT_TRUE(!reader.Open(dir.Path("absent")) && errno == ENOENT);
     std::string next = "x", out = "keep";
     EXPECT_FALSE(reader.Next(next) || ReadSmallFile(dir.Path("absent"), out));
@@ -112,7 +139,7 @@ TEST(ProcParse, InterfaceNamesByPrefix)
 
 TEST(CNetworkInterfaceTable, CountsOnlyMonitoredInterfacesInFileOrder)
 {
-    testsupport::FakeProc proc;
+    FakeProc proc;
     CNetworkInterfaceTable table(proc.Root());
     EXPECT_EQ(table.GetNumberInterfaces(), kNoInterfaces);  // unreadable
     proc.NetDev({{"lo", 1, 2}, {"ifb0", 1, 2}, {"eth0", 1, 2}, {"docker0", 1, 2}, {"bond0", 1, 2}, {"xenbr0", 1, 2}});
@@ -162,8 +189,7 @@ TEST(PerfPercent, CurrentAndAverageByHand)
 TEST(CDataHistoryBuffer, LockGuardsWritersAndTheOldestIsDroppedAtTheMaximum)
 {
     CDataHistoryBuffer<int> h(50, 1);
-    std::atomic<bool> stop{false};
-    std::atomic<bool> bad{false};
+    std::atomic<bool> stop{false}, bad{false};
     std::thread writer([&] {
         for (int i = 0; i < 20000; ++i)
             h.Add(0, i);
@@ -197,4 +223,107 @@ TEST(CPerfMonValues, IsMonitorValueGroups)
                                      {0, 1, 0}, {3, 1, 0}, {0x800, 1, 0}, {-1, 1, 0}})
         for (int v = -1; v <= 21; ++v)
             EXPECT_EQ(CPerfMon::IsMonitorValue(v, type), v >= first && v <= last) << type << " " << v;
+}
+
+TEST(CKeptProcFile, SeesEveryChangeAndAForkedChildItsOwnSelf)
+{
+    // A kept proc file shows the figures of the moment it is read.
+    CKeptProcFile status;
+    const std::string before = ThreadsLine(status);
+    std::string during;
+    std::thread([&] { during = ThreadsLine(status); }).join();
+    EXPECT_TRUE(!before.empty() && during != before) << before;
+
+    // A forked child reads its own "self", not its parent's.
+    CKeptProcFile self;
+    ASSERT_TRUE(self.Read("/proc/self/stat"));
+    testsupport::TraceEnv::ExpectExit(testsupport::TraceEnv::InChild([&] {
+        return self.Read("/proc/self/stat") && atoi(std::string(self.Text()).c_str()) == getpid() ? 0 : 1;
+    }), 0);
+}
+
+// A kept descriptor that no longer reads (its thread or process has ended) is given up: the path is
+// opened anew, here the reading thread's own file; a process gone and a directory fail.
+TEST(CKeptProcFile, DescriptorOfAnEndedTaskIsReopenedOrFails)
+{
+    CKeptProcFile kept;
+    std::string other;
+    std::thread([&] { other = kept.Read("/proc/thread-self/stat") ? std::string(kept.Text()) : ""; }).join();
+    ASSERT_TRUE(kept.Read("/proc/thread-self/stat"));
+    EXPECT_NE(atoi(other.c_str()), getpid());
+    EXPECT_EQ(atoi(std::string(kept.Text()).c_str()), getpid());  // the main thread's id is the process's
+    const pid_t child = fork();
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    const std::string stat = "/proc/" + std::to_string(child) + "/stat";
+    EXPECT_TRUE(kept.Read(stat));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(kept.Read(stat));
+    testsupport::TempDir dir;
+    EXPECT_FALSE(kept.Read(dir.Path()));
+}
+
+// Memory used without the page cache; every interface whatever its name, its speed absent when unknown.
+TEST(HostFigures, MemoryUsedIsTotalLessAvailable)
+{
+    struct Case { const char* what; const char* meminfo; bool ok; uint64_t usedKb, availableKb; };
+    const Case cases[] = {
+        // A 24 GiB machine right after reading a 6 GB file: the page cache is available, not used.
+        {"with MemAvailable", "MemTotal: 24683520 kB\nMemFree: 1000000 kB\nMemAvailable: 23757824 kB\n"
+                              "Cached: 6000000 kB\nSwapTotal: 2097148 kB\nSwapFree: 2000000 kB\n",
+         true, 24683520 - 23757824, 23757824},
+        {"older kernel: free + buffers + cached", "MemTotal: 1000 kB\nMemFree: 100 kB\nBuffers: 50 kB\nCached: 250 kB\n",
+         true, 600, 400},
+        {"available above total: used held at 0", "MemTotal: 100 kB\nMemAvailable: 150 kB\n", true, 0, 150},
+        {"no MemTotal", "MemFree: 100 kB\nMemAvailable: 150 kB\n", false, 0, 0},
+        {"no file", nullptr, false, 0, 0},
+    };
+    for (const Case& c : cases) {
+        FakeProc proc;
+        if (c.meminfo)
+            proc.Write("meminfo", c.meminfo);
+        MemoryFigures m;
+        ASSERT_EQ(ReadMemoryFigures(proc.Root(), m), c.ok) << c.what;
+        EXPECT_EQ(m.usedBytes, c.usedKb * 1024) << c.what;
+        EXPECT_EQ(m.availableBytes, c.availableKb * 1024) << c.what;
+    }
+}
+
+TEST(HostFigures, EveryInterfaceWithItsCountersAndAKnownSpeedOnly)
+{
+    FakeProc proc;
+    std::vector<InterfaceFigures> links;
+    EXPECT_FALSE(ReadInterfaceFigures(proc.Root(), proc.Path("sys"), links));
+    proc.NetDev({{"lo", 6534, 6534}, {"enp3s0", 123456789012ULL, 42}, {"ens5", 7, 8}, {"wlp2s0", 1, 2}});
+    // Too few counters, no colon and a name that would leave the tree.
+    proc.Write("net/dev", testsupport::ReadFile(proc.Path("net/dev")) + "  eth0: 1 2 3\nnocolon 1 2 3 4 5 6 7 8 9\n"
+                          " ../../etc: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n");
+    // Speeds: known, unknown (-1 without a carrier), garbage, missing (lo), outside the tree.
+    proc.Write("sys/class/net/enp3s0/speed", "1000\n");
+    proc.Write("sys/class/net/ens5/speed", "-1\n");
+    proc.Write("sys/class/net/wlp2s0/speed", "fast\n");
+    proc.Write("etc/speed", "100\n");
+    ASSERT_TRUE(ReadInterfaceFigures(proc.Root(), proc.Path("sys"), links));
+    std::string seen;
+    for (const InterfaceFigures& f : links)
+        seen += f.name + " " + std::to_string(f.receivedBytes) + " " + std::to_string(f.sentBytes) + " " +
+                (f.speedMbps ? std::to_string(*f.speedMbps) : "-") + ";";
+    EXPECT_EQ(seen, "lo 6534 6534 -;enp3s0 123456789012 42 1000;ens5 7 8 -;wlp2s0 1 2 -;../../etc 1 9 -;");
+}
+
+TEST(HostFigures, RatesPerSecond)
+{
+    struct Case { uint64_t before, after, elapsedMs; std::optional<uint64_t> rate; };
+    const Case cases[] = {
+        {1000, 3000, 1000, 2000}, {0, 1500, 500, 3000}, {5, 5, 1000, 0},
+        {3000, 1000, 1000, std::nullopt},  // counter went down: interface re-created
+        {0, 100, 0, std::nullopt},
+        {0, UINT64_MAX, 1, UINT64_MAX},  // held, not wrapped
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(RatePerSecond(c.before, c.after, c.elapsedMs), c.rate) << c.before << " " << c.after;
 }

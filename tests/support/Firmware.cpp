@@ -37,7 +37,7 @@ void FixChecksum(Bytes& b, size_t at)
 Bytes Structure(uint8_t type, uint16_t handle, const Bytes& formatted, const std::vector<std::string>& strings)
 {
     Bytes b = {type, static_cast<uint8_t>(4 + formatted.size()), 0, 0};
-    PutLe16(b, 2, handle);
+    PutLe(b, 2, handle, 2);
     b.insert(b.end(), formatted.begin(), formatted.end());
     for (const std::string& s : strings)
         b.insert(b.end(), s.c_str(), s.c_str() + s.size() + 1);
@@ -84,8 +84,8 @@ Bytes Pir(const std::vector<std::array<uint8_t, 3>>& entries, uint16_t version)
 {
     Bytes t(32 + 16 * entries.size(), 0);
     std::copy_n("$PIR", 4, t.begin());
-    PutLe16(t, 4, version);
-    PutLe16(t, 6, static_cast<uint16_t>(t.size()));
+    PutLe(t, 4, version, 2);
+    PutLe(t, 6, static_cast<uint16_t>(t.size()), 2);
     for (size_t i = 0; i < entries.size(); ++i)
         t[32 + 16 * i] = entries[i][0], t[33 + 16 * i] = entries[i][1], t[46 + 16 * i] = entries[i][2];
     FixChecksum(t, 31);
@@ -96,8 +96,8 @@ Bytes PciConfig(uint16_t vendor, uint16_t device, uint8_t base, uint8_t sub, uin
                 size_t size)
 {
     Bytes b(64, 0);
-    PutLe16(b, 0, vendor);
-    PutLe16(b, 2, device);
+    PutLe(b, 0, vendor, 2);
+    PutLe(b, 2, device, 2);
     b[10] = sub, b[11] = base, b[14] = headerType;
     if ((headerType & 0x7F) == 0)
         PutLe(b, 0x2C, 0x22221111, 4);

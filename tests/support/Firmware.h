@@ -18,7 +18,6 @@ using Bytes = std::vector<uint8_t>;
 
 inline std::string Str(const Bytes& b) { return std::string(b.begin(), b.end()); }
 void PutLe(Bytes& b, size_t off, uint64_t v, size_t n);
-inline void PutLe16(Bytes& b, size_t off, uint16_t v) { PutLe(b, off, v, 2); }
 Bytes Concat(const std::vector<Bytes>& parts);
 /// Sets byte `at` so that the 8-bit sum of `b` is 0.
 void FixChecksum(Bytes& b, size_t at);

@@ -96,7 +96,7 @@ Sandbox::Sandbox(const std::string& stage, const SandboxOptions& options)
     }
     close(ready[1]);
     close(control[0]);
-    m_Control = control[1];
+    m_Control.Reset(control[1]);
     char buffer[512] = {};
     ssize_t n = m_Holder > 0 ? read(ready[0], buffer, sizeof buffer - 1) : -1;
     close(ready[0]);
@@ -108,8 +108,7 @@ Sandbox::Sandbox(const std::string& stage, const SandboxOptions& options)
 
 Sandbox::~Sandbox()
 {
-    if (m_Control >= 0)
-        close(m_Control);
+    m_Control.Reset();  // ends the holder
     if (m_Holder > 0)
         waitpid(m_Holder, nullptr, 0);
 }

@@ -53,7 +53,7 @@ public:
 
 private:
     pid_t m_Holder = -1;
-    int m_Control = -1;
+    UniqueFd m_Control;
     std::string m_Error;
 };
 
@@ -136,8 +136,7 @@ protected:
     {
         ASSERT_TRUE(SignalAndWaitTaken(pid, sig));
         EXPECT_EQ(WaitExit(pid), 0) << Output();
-        EXPECT_FALSE(FileExists(PidFile()));
-        EXPECT_FALSE(FileExists(LockFile()));
+        EXPECT_FALSE(FileExists(PidFile()) || FileExists(LockFile()));
     }
 
     std::string m_Program, m_SwitchDir;

@@ -1,6 +1,7 @@
 // A stand-in for the framework library that records every call it receives (to
 // $TEST_SWITCH_RECORD). $TEST_SWITCH_LOAD = "fail" or "throw" changes what slot 2 does;
-// $TEST_SWITCH_QUERY = "refuse" makes SW_QueryInterface return false.
+// $TEST_SWITCH_QUERY = "refuse" makes SW_QueryInterface return false. Built a second time
+// with TEST_SWITCH_WITHOUT_QUERY: a framework library without SW_QueryInterface.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -64,6 +65,7 @@ RecordingSwitch g_Switch;
 
 extern "C" {
 
+#ifndef TEST_SWITCH_WITHOUT_QUERY
 __attribute__((visibility("default"))) bool SW_QueryInterface(uint32_t id, SwitchInterface** out)
 {
     TestRecord("TEST_SWITCH_RECORD", "query id=%u", id);
@@ -72,6 +74,7 @@ __attribute__((visibility("default"))) bool SW_QueryInterface(uint32_t id, Switc
     *out = &g_Switch;
     return true;
 }
+#endif
 
 __attribute__((visibility("default"))) uint32_t SW_AddRef()
 {

@@ -9,8 +9,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-inline void TestRecord(const char* variable, const char* format, ...) __attribute__((format(printf, 2, 3)));
-inline void TestRecord(const char* variable, const char* format, ...)
+__attribute__((format(printf, 2, 3))) inline void TestRecord(const char* variable, const char* format, ...)
 {
     char line[1024];
     va_list args;

@@ -1,12 +1,10 @@
 // The manager against the real kernel, in a private network namespace of the test's own process.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
-#include <condition_variable>
+#include <future>
 #include <map>
 #include <mutex>
-#include <unistd.h>
 
 #include "netif/network_interface_manager.h"
 #include "support/NetNamespace.h"
@@ -68,8 +66,7 @@ TEST_F(NetifNamespace, EveryChangeIsReportedOnce)
     network_interface_manager manager;
     Recorder record;
     manager.add_listener([&](const netif_event& e) { record(e); });
-    int calls = 0;
-    int self = 0;
+    int calls = 0, self = 0;
     self = manager.add_listener([&](const netif_event&) {
         ++calls;
         manager.remove_listener(self);
@@ -116,35 +113,26 @@ TEST_F(NetifNamespace, OverflowOfTheNotificationSocketIsSurvivedByAResync)
     options.receive_buffer = 1;  // the kernel's minimum: a few notifications fill it
     network_interface_manager manager(options);
     Recorder record;
-    std::mutex lock;
-    std::condition_variable released;
-    bool blocked = false, release = false;
+    // Declared after the manager: gone first, so a failed case never leaves the listener waiting.
+    std::promise<void> blocked, release;
+    std::shared_future<void> released = release.get_future().share();
     manager.add_listener([&](const netif_event& e) {
         record(e);
-        std::unique_lock<std::mutex> guard(lock);
         if (e.iface.name == "hold" && e.kind == event_kind::interface_added) {
-            blocked = true;
-            released.notify_all();
-            released.wait(guard, [&] { return release; });
+            blocked.set_value();
+            released.wait();
         }
     });
     ASSERT_TRUE(manager.start());
     Ip("link add hold type veth peer name hold1");
-    {
-        std::unique_lock<std::mutex> guard(lock);
-        ASSERT_TRUE(released.wait_for(guard, kEventWait, [&] { return blocked; }));
-    }
+    ASSERT_EQ(std::future_status::ready, blocked.get_future().wait_for(kEventWait));
     std::string batch;
     for (int i = 0; i < kPairs; ++i)
         batch += "link add b" + std::to_string(i) + " type veth peer name c" + std::to_string(i) + "\n";
     testsupport::TempDir dir;
     ASSERT_TRUE(testsupport::WriteFile(dir.Sub("batch"), batch));
     Ip("-batch " + dir.Sub("batch"));
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        release = true;
-    }
-    released.notify_all();
+    release.set_value();
     ASSERT_TRUE(testsupport::WaitFor([&] { return manager.resync_count() > 0; }, kEventWait));
     Ip("link add sentinel type veth peer name sentinel1");
     ASSERT_TRUE(record.WaitFor("interface_added sentinel"));

@@ -1,15 +1,77 @@
-// Samples of every group from a made-up proc root against hand-computed
-// figures, and bad input.  A zero period: the test takes every snapshot.
+// Samples of every group from a made-up proc root against hand-computed figures, and bad input
+// (a zero period: the test takes every snapshot); then the monitoring thread's life cycle,
+// concurrent readers, and a run against the machine's own /proc.  Nothing here depends on the
+// machine's speed.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
 #include <unistd.h>
 
 #include "PerfMonRig.h"
 #include "perfmon/PerfMonPaths.h"
+#include "support/Wait.h"
 
 using namespace perfmontest;
 using testsupport::FakeProc;
 using Answer = std::pair<int, int>;
+
+namespace {
+
+// Network monitoring of the given interfaces at 1 Mbit/s (131072 bytes a second).
+void StartNetwork(Rig& r, const std::vector<NetIf>& interfaces)
+{
+    for (const NetIf& n : interfaces)
+        r.speed->speeds[n.name] = 1;
+    r.proc.NetDev(interfaces);
+    ASSERT_NE(r.mon.StartMonitoring(kNet, 0), 0u);
+}
+
+void NextReading(Rig& r, const std::vector<NetIf>& interfaces, uint64_t atMs)
+{
+    r.proc.NetDev(interfaces);
+    r.clock->now = atMs;
+    r.mon.SnapshotData(kNet);
+}
+
+bool WaitForMemorySamples(CPerfMon& mon, unsigned count)
+{
+    return testsupport::WaitFor([&] { return mon.GetHistoryCount(kMem, 0) >= count; });
+}
+
+const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+
+void WriteLimit(Rig& r, int openFiles)
+{
+    r.proc.Write("self/limits", "Limit                     Soft Limit           Hard Limit           Units\n"
+                                "Max processes             96365                96365                processes\n"
+                                "Max open files            " + std::to_string(openFiles) + "        4096      files\n");
+}
+
+// 1000 kB of memory and as much swap, 2 processors, 5 of 50 descriptors, 1 runnable of 4
+// tasks, pid_max 40, 64 own threads, 200 kB resident (in whole pages), 500 kB virtual.
+void WriteProcesses(Rig& r, uint64_t systemTicks, uint64_t ownTicks, const char* loadavg = "0.52 0.58 0.59 1/4 42\n")
+{
+    r.proc.MemInfo(1000, 500, 1000, 1000);
+    const uint64_t quarter = systemTicks / 4;
+    r.proc.Stat(quarter, 0, quarter, systemTicks - 2 * quarter, 2);
+    r.proc.Write("self/stat", FakeProc::ProcessStat(4242, "kopd", 'S', ownTicks, 0, 64, 512000, 204800 / kPage));
+    WriteLimit(r, 50);
+    for (int fd = 0; fd < 5; ++fd)
+        r.proc.Write("self/fd/" + std::to_string(fd), "");
+    r.proc.Write("sys/kernel/pid_max", "40\n");
+    if (loadavg)
+        r.proc.Write("loadavg", loadavg);
+    else
+        unlink(r.proc.Path("loadavg").c_str());
+    r.proc.Write("1/stat", FakeProc::ProcessStat(1, "init", 'S', 1, 1, 1, 100, 1));
+    r.proc.Write("2/stat", FakeProc::ProcessStat(2, "busy) (R", 'R', 1, 1, 1, 100, 1));
+    r.proc.Write("4242/stat", FakeProc::ProcessStat(4242, "kopd", 'S', 1, 1, 64, 100, 1));
+}
+
+std::vector<int> Figures(Rig& r) { return r.Answers(CPerfMon::PERF_PROCESS_CPU, CPerfMon::PERF_PROCESS_DESCRIPTORS); }
+
+} // namespace
 
 TEST(CPerfMonMemory, UsedAndSwapFromMalformedAndOverflowingFiles)
 {
@@ -121,26 +183,6 @@ TEST(CPerfMonSystem, MalformedAndOverflowingSummaryLines)
                       std::vector(8, 0));
 }
 
-namespace {
-
-// Network monitoring of the given interfaces at 1 Mbit/s (131072 bytes a second).
-void StartNetwork(Rig& r, const std::vector<NetIf>& interfaces)
-{
-    for (const NetIf& n : interfaces)
-        r.speed->speeds[n.name] = 1;
-    r.proc.NetDev(interfaces);
-    ASSERT_NE(r.mon.StartMonitoring(kNet, 0), 0u);
-}
-
-void NextReading(Rig& r, const std::vector<NetIf>& interfaces, uint64_t atMs)
-{
-    r.proc.NetDev(interfaces);
-    r.clock->now = atMs;
-    r.mon.SnapshotData(kNet);
-}
-
-} // namespace
-
 TEST(CPerfMonNetwork, RatesAgainstTheIntervalBudget)
 {
     struct Case { const char* what; NetIf start, next; uint64_t atMs; int received, sent, usage; };
@@ -228,42 +270,6 @@ TEST(CPerfMonNetwork, MalformedCounterLinesUnknownSpeedsAndNoInterfaces)
     EXPECT_EQ(std::pair(none.mon.GetNumberInstances(kNet), none.mon.GetNumberInstances(kMem)), std::pair(0u, 1u));
 }
 
-namespace {
-
-const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-
-void WriteLimit(Rig& r, int openFiles)
-{
-    r.proc.Write("self/limits", "Limit                     Soft Limit           Hard Limit           Units\n"
-                                "Max processes             96365                96365                processes\n"
-                                "Max open files            " + std::to_string(openFiles) + "        4096      files\n");
-}
-
-// 1000 kB of memory and as much swap, 2 processors, 5 of 50 descriptors, 1 runnable of 4
-// tasks, pid_max 40, 64 own threads, 200 kB resident (in whole pages), 500 kB virtual.
-void WriteProcesses(Rig& r, uint64_t systemTicks, uint64_t ownTicks, const char* loadavg = "0.52 0.58 0.59 1/4 42\n")
-{
-    r.proc.MemInfo(1000, 500, 1000, 1000);
-    const uint64_t quarter = systemTicks / 4;
-    r.proc.Stat(quarter, 0, quarter, systemTicks - 2 * quarter, 2);
-    r.proc.Write("self/stat", FakeProc::ProcessStat(4242, "kopd", 'S', ownTicks, 0, 64, 512000, 204800 / kPage));
-    WriteLimit(r, 50);
-    for (int fd = 0; fd < 5; ++fd)
-        r.proc.Write("self/fd/" + std::to_string(fd), "");
-    r.proc.Write("sys/kernel/pid_max", "40\n");
-    if (loadavg)
-        r.proc.Write("loadavg", loadavg);
-    else
-        unlink(r.proc.Path("loadavg").c_str());
-    r.proc.Write("1/stat", FakeProc::ProcessStat(1, "init", 'S', 1, 1, 1, 100, 1));
-    r.proc.Write("2/stat", FakeProc::ProcessStat(2, "busy) (R", 'R', 1, 1, 1, 100, 1));
-    r.proc.Write("4242/stat", FakeProc::ProcessStat(4242, "kopd", 'S', 1, 1, 64, 100, 1));
-}
-
-std::vector<int> Figures(Rig& r) { return r.Answers(CPerfMon::PERF_PROCESS_CPU, CPerfMon::PERF_PROCESS_DESCRIPTORS); }
-
-} // namespace
-
 TEST(CPerfMonProcesses, FiguresAloneWithSharedReadingsAndWithUnknownWholes)
 {
     if (204800 % kPage != 0)
@@ -350,4 +356,71 @@ TEST(CPerfMonProcesses, ProcessListIsReadWhenAsked)
     r.mon.StopMonitoring();  // the last list stays as it was
     testsupport::RemoveTree(r.proc.Path("77"));
     EXPECT_EQ(r.mon.GetProcesses().size(), 3u);
+}
+
+TEST(CPerfMonThread, SecondStartOnlyChangesThePeriodAndARestartHasAFreshHistory)
+{
+    Rig r;
+    r.proc.MemInfo(1000, 500, 0, 0);
+    r.proc.Stat(1, 1, 1, 1);
+    // The start's two snapshots and the thread's first, then an hour's wait.
+    unsigned long id = r.mon.StartMonitoring(kMem, 3600000);
+    ASSERT_NE(id, 0u);
+    ASSERT_TRUE(WaitForMemorySamples(r.mon, 3));
+    // Another selection: same thread, no new history, no snapshot.
+    EXPECT_EQ(r.mon.StartMonitoring(kMem | kSys, 3600000), id);
+    EXPECT_TRUE(r.mon.GetNumberInstances(kSys) == 0 && r.mon.GetHistoryCount(kMem, 0) == 3);
+    r.mon.StopMonitoring();  // ends the hour's wait
+    r.mon.StopMonitoring();  // a second stop is harmless
+    EXPECT_FALSE(r.mon.IsStarted() || r.mon.GetNumberInstances(kMem));
+    EXPECT_EQ(r.Answer(CPerfMon::PERF_MEMORY_USAGE), std::make_pair(0, 0));
+    r.proc.MemInfo(1000, 100, 0, 0);
+    ASSERT_NE(r.mon.StartMonitoring(kMem, 20), 0u);
+    ASSERT_TRUE(WaitForMemorySamples(r.mon, 3));
+    EXPECT_EQ(r.Average(CPerfMon::PERF_MEMORY_USAGE), 90);
+    // An hour's period again, left running: a destructor that waited it out would hang the test.
+    r.mon.StopMonitoring();
+    ASSERT_NE(r.mon.StartMonitoring(kMem, 3600000), 0u);
+}
+
+TEST(CPerfMonThread, ReadersDuringStartsAndStops)
+{
+    Rig r;
+    r.proc.MemInfo(1000, 500, 1000, 500);
+    r.proc.Stat(10, 0, 10, 80);
+    std::atomic<bool> stop{false}, outOfRange{false};
+    std::thread reader([&] {
+        for (int v = 0; !stop; v = (v + 1) % 21) {
+            unsigned char p = 0;
+            r.mon.GetUsagePercent(p, static_cast<PMV>(v), v % 2, -1);
+            outOfRange = outOfRange || p > 100;
+        }
+    });
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_NE(r.mon.StartMonitoring(kMem | kSys, 5), 0u);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        r.mon.StopMonitoring();
+    }
+    stop = true;
+    reader.join();
+    EXPECT_FALSE(outOfRange);
+}
+
+TEST(CPerfMonLive, RealProcGivesSaneFigures)
+{
+    CPerfMon mon(50);
+    ASSERT_NE(mon.StartMonitoring(CPerfMon::PERF_MONITOR_ALL, 100), 0u);
+    unsigned initial = mon.GetHistoryCount(kMem, 0);
+    EXPECT_GE(initial, 2u);  // the start's two, perhaps the thread's first
+    ASSERT_TRUE(WaitForMemorySamples(mon, initial + 3)) << "the thread adds samples";
+    for (int v = 0; v <= 20; ++v)
+        for (int mode : {0, 1}) {
+            unsigned char p = 222;
+            int result = mon.GetUsagePercent(p, static_cast<PMV>(v), mode, -1);
+            EXPECT_TRUE(p <= 100 && (result == 0 || !CPerfMon::IsMonitorValue(v, CPerfMon::PERF_MONITOR_CPU))) << v;
+        }
+    unsigned char p = 0;
+    EXPECT_TRUE(mon.GetCurrentPercent(CPerfMon::PERF_MEMORY_USAGE, p, 0) == 1 && p > 0) << "a machine uses memory";
+    EXPECT_EQ(mon.GetCurrentPercent(CPerfMon::PERF_PROCESS_THREADS, p, 0), 1);
+    EXPECT_GT(mon.GetProcesses().size(), 0u);
 }
