@@ -23,11 +23,15 @@ const char* const kSettings[] = {"ProtectSystem=strict", "PrivateTmp=yes", "Prot
                                  "CapabilityBoundingSet=CAP_SYS_RAWIO"};
 
 /// Shell that applies ProtectSystem=strict with the unit's ReadWritePaths= ("-" marking a path that
-/// may be missing) and the other settings, then starts `command` in that namespace.
+/// may be missing) and the other settings, then starts `command` in that namespace.  A checkout under
+/// /tmp or a home folder, which the unit hides, is bound aside first and put back in its place after.
 std::string SandboxScript(const std::string& command)
 {
     return "set -e\nfor p in /etc/tarvd /var/log/tarvd /run -/run/lock"
            "; do p=${p#-}; if [ -d \"$p\" ]; then mount --bind \"$p\" \"$p\"; keep=\"$keep $p\"; fi; done\n"
+           // Aside under /run, after its own bind (which would cover them).
+           "set -- " + Quote(TARVD_SOURCE_DIR) + " " + Quote(TARVD_BINARY_DIR) + "\n"
+           "n=0; for t in \"$@\"; do n=$((n+1)); mkdir -p /run/tree$n; mount --bind \"$t\" /run/tree$n; done\n"
            // Every other mount read-only; the API file systems (/dev, /proc,
            // /sys) stay as they are, but for the kernel's tunables and cgroups.
            "mount --bind /proc/sys /proc/sys\n"
@@ -40,7 +44,10 @@ std::string SandboxScript(const std::string& command)
            "done\n"
            // PrivateTmp=yes, ProtectHome=yes, NoNewPrivileges=yes (checked by the test).
            "mount -t tmpfs tmpfs /tmp\nmount -t tmpfs tmpfs /var/tmp\n"
-           "for h in /home /root /run/user; do [ ! -d $h ] || mount -t tmpfs -o ro,mode=0755 tmpfs $h; done\n"
+           "for h in /home /root /run/user; do [ ! -d $h ] || mount -t tmpfs -o mode=0755 tmpfs $h; done\n"
+           "n=0; for t in \"$@\"; do n=$((n+1))\n"
+           "  [ -e \"$t\" ] || { mkdir -p \"$t\"; mount --bind /run/tree$n \"$t\"; }\ndone\n"
+           "for h in /home /root /run/user; do [ ! -d $h ] || mount -o remount,ro $h; done\n"
            "umask 0027\nexec setpriv --no-new-privs --bounding-set -all,+sys_rawio --inh-caps -all " + command + "\n";
 }
 
