@@ -152,32 +152,31 @@ void ParseColumns(Entry& e)
 
 /// Reads one file's lines in time order.  False (with a message) when the
 /// file is missing or damaged; `lines` then holds what could be recovered.
-bool ReadTraceFile(const TraceFile& f, std::vector<std::string>& lines, bool quiet = false)
+bool ReadTraceFile(const TraceFile& f, std::vector<std::string>& lines)
 {
     lines.clear();
-    if (!CheckInput(f.path, f.kind, quiet))
+    if (!CheckInput(f.path, f.kind, false))
         return false;
     bool ok = false;
     switch (f.kind) {
     case FileKind::Log:
         ok = CTraceReader::ReadLogFile(f.path, lines);
-        if (!ok && !quiet)
+        if (!ok)
             tools::Fail("%s: cannot read the log file completely (%zu lines recovered)", f.path.c_str(), lines.size());
         break;
     case FileKind::Ring:
         ok = CTraceReader::ReadRingBuffer(f.path, lines);
-        if (!ok && !quiet)
+        if (!ok)
             tools::Fail("%s: truncated or damaged ring buffer (%zu entries recovered)", f.path.c_str(), lines.size());
         break;
     case FileKind::GzipRing: {
         std::string content;
         if (!CTraceReader::ReadGzipFile(f.path, content)) {
-            if (!quiet)
-                tools::Fail("%s: cannot decompress the file", f.path.c_str());
+            tools::Fail("%s: cannot decompress the file", f.path.c_str());
             return false;
         }
         ok = CTraceReader::ParseRingBuffer(content.data(), content.size(), lines);
-        if (!ok && !quiet)
+        if (!ok)
             tools::Fail("%s: truncated or damaged ring buffer (%zu entries recovered)", f.path.c_str(), lines.size());
         break;
     }
@@ -185,10 +184,13 @@ bool ReadTraceFile(const TraceFile& f, std::vector<std::string>& lines, bool qui
     return ok;
 }
 
-void AppendEntries(const std::string& file, const std::vector<std::string>& lines, std::vector<Entry>& out)
+/// Parses `lines` from `from` on into entries; a continuation line takes the time of its entry,
+/// `key` being that of the line before `from`.
+void AppendEntries(const std::string& file, const std::vector<std::string>& lines, std::vector<Entry>& out,
+                   size_t from = 0, std::string key = {})
 {
-    std::string key;
-    for (const std::string& l : lines) {
+    for (size_t i = from; i < lines.size(); ++i) {
+        const std::string& l = lines[i];
         Entry e;
         e.file = file;
         e.line = l;
@@ -309,24 +311,33 @@ void Follow(const TraceFile& file, FollowState state, const Filter& filter, Prin
 
     bool lastAccepted = true;
     std::vector<std::string> lines;
+    std::string content, previous;
     while (!g_Stop) {
         SleepMs(kFollowPollMs);
         if (g_Stop)
             break;
-        // A read that races with the writer may see no end marker: try again
-        // at the next poll.
-        if (!ReadTraceFile(file, lines, true) || lines.empty())
+        // Bytes the same as at the last poll hold nothing new: a program that traces little leaves
+        // its ring (megabytes) unparsed between its entries.  A read that races with the writer may
+        // see no end marker: the next poll tries again.
+        if (!CheckInput(file.path, file.kind, true) || !CTraceReader::ReadWholeFile(file.path, content) ||
+            content == previous)
             continue;
-        std::vector<Entry> all;
-        AppendEntries(file.path, lines, all);
+        previous.swap(content);
+        const bool whole = file.kind == FileKind::Log
+                               ? CTraceReader::ParseLogFile(previous.data(), previous.size(), lines)
+                               : CTraceReader::ParseRingBuffer(previous.data(), previous.size(), lines);
+        if (!whole || lines.empty())
+            continue;
         std::vector<Entry> fresh;
         auto it = state.lastLine.empty() ? lines.rend() : std::find(lines.rbegin(), lines.rend(), state.lastLine);
         if (it != lines.rend()) {
-            size_t from = static_cast<size_t>(lines.rend() - it);
-            fresh.assign(all.begin() + static_cast<long>(from), all.end());
+            // Only the lines after the last printed one are parsed.
+            AppendEntries(file.path, lines, fresh, static_cast<size_t>(lines.rend() - it), state.lastKey);
         } else {
             // Nothing printed yet, or the last printed entry was overwritten
             // by a wrap: everything newer than what was printed.
+            std::vector<Entry> all;
+            AppendEntries(file.path, lines, all);
             for (Entry& e : all)
                 if (e.key > state.lastKey || (e.key == state.lastKey && !state.atLastKey.count(e.line)))
                     fresh.push_back(std::move(e));
