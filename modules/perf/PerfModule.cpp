@@ -409,7 +409,7 @@ const TarvdModuleV1 kModule = {TARVD_MODULE_ABI_VERSION, "perf", Load, Start, St
 
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) const TarvdModuleV1* tarvd_module_v1()
+extern "C" TARVD_MODULE_EXPORT const TarvdModuleV1* tarvd_module_v1()
 {
     return &kModule;
 }
